@@ -1,0 +1,144 @@
+// Kiln: the cooperative task scheduler of the agent's one event loop, its clock, and the
+// attribute-log congestion flag the state machines back off on.
+//
+// Guarantees (tests/platform/KilnTest.cpp):
+//  - `scheduleTask` is idempotent: a task scheduled twice before it runs runs once;
+//  - ready tasks run in priority order (lower value first), first-scheduled first within a
+//  priority;
+//  - `scheduleTaskLowestDelay(d)` never postpones an earlier request: the task fires at the
+//  earliest
+//    time any pending request asked for; an immediate `scheduleTask` cancels the timer;
+//  - on a virtual clock nothing sleeps: `advance` moves time to each due timer in order, runs what
+//    became ready there, and ends at the requested time; `runUntilIdle` never moves time;
+//  - `taskShouldYield` answers from the running task's slice: a work-unit budget on a virtual
+//    clock (deterministic), a time slice on the real one; `yieldEveryIs(n)` forces a budget.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Mox.h"
+
+namespace Kiln {
+
+class Task;
+
+class TaskScheduler : public Mox::Entity {
+ public:
+   enum class ClockMode { real, virtualTime };
+
+   explicit TaskScheduler(ClockMode mode = ClockMode::virtualTime);
+   ~TaskScheduler() override;
+
+   ClockMode clockMode() const noexcept { return mode_; }
+   // Seconds since the scheduler was made (virtual time starts at 0).
+   double now() const noexcept;
+
+   // Runs ready tasks until none is ready; timers fire only if due (real clock). Returns the number
+   // of task runs.
+   size_t runUntilIdle();
+   // Virtual clock only: moves time forward by `seconds`, firing every timer due on the way.
+   void advance(double seconds);
+
+   size_t readyTaskCount() const noexcept;
+   size_t timerCount() const noexcept;
+   // Delay from now to the earliest pending timer, if any.
+   std::optional<double> nextTimerDelay() const noexcept;
+
+   // Slice control. 0 restores the default (budget on a virtual clock, time slice on the real one).
+   void yieldEveryIs(uint32_t calls) noexcept { yieldEvery_ = calls; }
+   uint32_t yieldEvery() const noexcept { return yieldEvery_; }
+   static constexpr uint32_t defaultVirtualBudget = 1000;
+   static constexpr double realSliceSeconds = 0.01;
+
+ private:
+   friend class Task;
+   void ready(Task* t);
+   void unready(Task* t);
+   void timerIs(Task* t, double at);
+   void timerDel(Task* t);
+   bool shouldYield() noexcept;
+   void fireDueTimers(double upTo);
+   void forget(Task* t);
+
+   ClockMode mode_;
+   std::chrono::steady_clock::time_point start_;
+   double virtualNow_ = 0;
+   uint64_t seq_ = 0;
+   std::vector<Task*> ready_;  // small: a handful of tasks per agent
+   std::vector<Task*> timers_; // tasks with a pending timer
+   Task* running_ = nullptr;
+   uint32_t sliceCalls_ = 0;
+   std::chrono::steady_clock::time_point sliceStart_;
+   uint32_t yieldEvery_ = 0;
+};
+
+// A cooperative task: reactors bound to it get onTaskRun() when the scheduler runs it. The same
+// task can be scheduled at once or after a delay (timer task).
+class Task : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<Task> {
+    public:
+      virtual void onTaskRun() {}
+   };
+
+   Task(TaskScheduler& scheduler, int priority, std::string name);
+   ~Task() override;
+
+   const std::string& name() const noexcept { return name_; }
+   int priority() const noexcept { return priority_; }
+   TaskScheduler& scheduler() const noexcept { return *scheduler_; }
+
+   void scheduleTask();
+   void unscheduleTask();
+   void scheduleTaskLowestDelay(double seconds);
+   bool isScheduled() const noexcept { return isReady_ || hasTimer_; }
+   bool isReady() const noexcept { return isReady_; }
+   std::optional<double> expirationTime() const noexcept;
+
+   bool taskShouldYield() noexcept { return scheduler_->shouldYield(); }
+   void taskWorkCountInc(uint64_t n) noexcept { workCount_ += n; }
+   uint64_t workCount() const noexcept { return workCount_; }
+   uint64_t runCount() const noexcept { return runCount_; }
+
+   // "taskName: ..., taskPriority: ..." line of state dumps.
+   std::string stringValue() const;
+
+ private:
+   friend class TaskScheduler;
+   void run();
+
+   TaskScheduler* scheduler_;
+   int priority_;
+   std::string name_;
+   bool isReady_ = false;
+   bool hasTimer_ = false;
+   uint64_t readySeq_ = 0;
+   uint64_t timerSeq_ = 0;
+   double timerAt_ = 0;
+   uint64_t workCount_ = 0;
+   uint64_t runCount_ = 0;
+};
+using TimerTask = Task;
+
+// The attribute-log writer towards other processes. The state machines only ask whether its
+// output is congested; the host sets the flag.
+class AttrLogSm : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<AttrLogSm> {
+    public:
+      virtual void onAttrLogOutClogged() {}
+   };
+   bool isAttrLogOutClogged() const noexcept { return clogged_; }
+   void attrLogOutCloggedIs(bool clogged) {
+      attrIs(clogged_, clogged, &Notifiee::onAttrLogOutClogged);
+   }
+
+ private:
+   bool clogged_ = false;
+};
+
+} // namespace Kiln

@@ -1,0 +1,96 @@
+#include "platform/Mox.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace Mox {
+
+NotifieeBase::~NotifieeBase() { bind(nullptr); }
+
+void NotifieeBase::bind(Entity* entity) {
+   if (entity == notifier_) return;
+   if (notifier_) notifier_->detach(this);
+   notifier_ = entity;
+   if (notifier_) notifier_->attach(this);
+}
+
+Entity::~Entity() {
+   if (!reactors_) return;
+   for (NotifieeBase* r : reactors_->items) {
+      if (!r) continue;
+      r->notifier_ = nullptr;
+   }
+   // Tell them after all are unbound, so a reactor that rebinds elsewhere does not touch us.
+   auto items = std::move(reactors_->items);
+   reactors_.reset();
+   for (NotifieeBase* r : items) {
+      if (r) r->onNotifierDeleted();
+   }
+}
+
+size_t Entity::notifieeCount() const noexcept {
+   if (!reactors_) return 0;
+   return std::count_if(reactors_->items.begin(), reactors_->items.end(),
+                        [](NotifieeBase* r) { return r != nullptr; });
+}
+
+void Entity::attach(NotifieeBase* n) {
+   if (!reactors_) reactors_ = std::make_unique<Reactors>();
+   reactors_->items.push_back(n);
+}
+
+void Entity::detach(NotifieeBase* n) {
+   auto& items = reactors_->items;
+   auto it = std::find(items.begin(), items.end(), n);
+   if (it == items.end()) return;
+   if (reactors_->dispatchDepth > 0) {
+      *it = nullptr; // compacted when the outermost dispatch ends
+      reactors_->hasHoles = true;
+   } else {
+      items.erase(it);
+   }
+}
+
+Entity::DispatchScope::DispatchScope(Entity& e) : entity(e), guarded(e.refCount() > 0) {
+   if (guarded) entity.ref();
+   ++entity.reactors_->dispatchDepth;
+}
+
+Entity::DispatchScope::~DispatchScope() {
+   Reactors& r = *entity.reactors_;
+   if (--r.dispatchDepth == 0 && r.hasHoles) {
+      std::erase(r.items, nullptr);
+      r.hasHoles = false;
+   }
+   if (guarded) entity.unref();
+}
+
+std::string vformat(const char* fmt, va_list args) {
+   char buf[512];
+   va_list copy;
+   va_copy(copy, args);
+   int n = std::vsnprintf(buf, sizeof buf, fmt, copy);
+   va_end(copy);
+   if (n < 0) return {};
+   if (static_cast<size_t>(n) < sizeof buf) return std::string(buf, n);
+   std::string out(n, '\0');
+   std::vsnprintf(out.data(), n + 1, fmt, args);
+   return out;
+}
+
+std::string format(const char* fmt, ...) {
+   va_list args;
+   va_start(args, fmt);
+   std::string s = vformat(fmt, args);
+   va_end(args);
+   return s;
+}
+
+void appendf(std::string& out, const char* fmt, ...) {
+   va_list args;
+   va_start(args, fmt);
+   out += vformat(fmt, args);
+   va_end(args);
+}
+
+} // namespace Mox

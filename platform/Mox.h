@@ -1,0 +1,368 @@
+// Mox: the entity framework every part of the policy core is built on.
+//
+// It owns three ideas and nothing more:
+//  - intrusive reference counting (RefCounted, Ptr) with an observable count, so that a dedup table
+//    can tell the moment only its own references remain;
+//  - entities (Entity) whose attribute setters and keyed-collection mutators notify bound reactors
+//    (Notifiee) synchronously, once per changed attribute or key, in the order of the changes;
+//  - small text helpers shared by dumps (indentation, printf-style formatting, True/False).
+//
+// Guarantees, each checked by tests/platform/MoxTest.cpp:
+//  - a setter given the value it already holds notifies nobody;
+//  - `...DelAll` notifies once per removed key, after that key is gone;
+//  - a reactor removed (unbound or destroyed) during a dispatch is not called afterwards in that
+//    dispatch; a reactor bound during a dispatch is first called by the next notification;
+//  - a reactor whose notifications are inactive is not called;
+//  - when an entity dies, the reactors bound to it are unbound (their notifier becomes null);
+//  - an entity that loses its last reference inside one of its own dispatches lives until the
+//    dispatch ends.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <type_traits>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+namespace Mox {
+
+// Raised by bounded values; the message names the type and its bounds.
+class RangeError : public std::out_of_range {
+ public:
+   using std::out_of_range::out_of_range;
+};
+
+using String = std::string;
+using Name = std::string;
+
+// ---------------------------------------------------------------------------------------------
+// Reference counting
+
+class RefCounted {
+ public:
+   RefCounted(const RefCounted&) = delete;
+   RefCounted& operator=(const RefCounted&) = delete;
+
+   uint32_t refCount() const noexcept { return refs_; }
+   void ref() const noexcept { ++refs_; }
+   void unref() const noexcept {
+      --refs_;
+      if (refs_ == watchAt_) [[unlikely]] {
+         if (refs_ == 0) {
+            delete this;
+         } else {
+            const_cast<RefCounted*>(this)->onRefCountWatched();
+         }
+      }
+   }
+
+ protected:
+   RefCounted() = default;
+   virtual ~RefCounted() = default;
+   // When the count falls to `count` (non-zero), onRefCountWatched() runs. A dedup table sets it to
+   // the number of references its own bookkeeping holds.
+   void refCountWatchIs(uint32_t count) noexcept { watchAt_ = count; }
+   virtual void onRefCountWatched() {}
+
+ private:
+   mutable uint32_t refs_ = 0;
+   uint32_t watchAt_ = 0;
+};
+
+template <class T>
+class Ptr {
+ public:
+   Ptr() noexcept = default;
+   Ptr(std::nullptr_t) noexcept {}
+   Ptr(T* p) noexcept : p_(p) {
+      if (p_) p_->ref();
+   }
+   Ptr(const Ptr& o) noexcept : Ptr(o.p_) {}
+   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
+   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+   Ptr(const Ptr<U>& o) noexcept : Ptr(o.get()) {}
+   ~Ptr() {
+      if (p_) p_->unref();
+   }
+   Ptr& operator=(Ptr o) noexcept {
+      std::swap(p_, o.p_);
+      return *this;
+   }
+   T* get() const noexcept { return p_; }
+   T* operator->() const noexcept { return p_; }
+   T& operator*() const noexcept { return *p_; }
+   explicit operator bool() const noexcept { return p_ != nullptr; }
+   bool operator!() const noexcept { return p_ == nullptr; }
+   friend bool operator==(const Ptr& a, const Ptr& b) noexcept { return a.p_ == b.p_; }
+   friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.p_ == nullptr; }
+   void reset() noexcept { Ptr().swap(*this); }
+   void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
+
+ private:
+   T* p_ = nullptr;
+};
+
+template <class T, class... A>
+Ptr<T> make(A&&... args) {
+   return Ptr<T>(new T(std::forward<A>(args)...));
+}
+
+template <class T, class U>
+Ptr<T> ptrCast(const Ptr<U>& p) {
+   return Ptr<T>(static_cast<T*>(p.get()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Hashing for keyed collections: a key offers `uint32_t hash() const`, or std::hash applies.
+
+template <class K>
+concept HasHashMember = requires(const K& k) {
+   k.hash();
+};
+
+template <class K>
+struct Hash {
+   size_t operator()(const K& k) const noexcept {
+      if constexpr (HasHashMember<K>) {
+         return k.hash();
+      } else {
+         return std::hash<K>{}(k);
+      }
+   }
+};
+
+template <class K>
+struct Hash<Ptr<K>> {
+   size_t operator()(const Ptr<K>& k) const noexcept { return std::hash<const void*>{}(k.get()); }
+};
+
+// Murmur3's finaliser: a good 32-bit mix for combining field hashes.
+inline uint32_t mix32(uint32_t h) noexcept {
+   h ^= h >> 16;
+   h *= 0x85ebca6bu;
+   h ^= h >> 13;
+   h *= 0xc2b2ae35u;
+   h ^= h >> 16;
+   return h;
+}
+inline uint32_t hashCombine(uint32_t seed, uint32_t v) noexcept {
+   return mix32(seed ^ (v + 0x9e3779b9u + (seed << 6) + (seed >> 2)));
+}
+
+// Hash-ordered (iteration order unspecified) and key-ordered collections.
+template <class K, class V>
+using HashMap2018 = std::unordered_map<K, V, Hash<K>>;
+template <class K>
+using HashSet = std::unordered_set<K, Hash<K>>;
+template <class K, class V>
+using RbTreeMap = std::map<K, V>;
+
+// ---------------------------------------------------------------------------------------------
+// Entities and reactors
+
+class Entity;
+
+// The key of a set member or of a map member.
+template <class T>
+const T& keyOf(const T& k) {
+   return k;
+}
+template <class K, class V>
+const K& keyOf(const std::pair<const K, V>& kv) {
+   return kv.first;
+}
+template <class K, class V>
+const K& keyOf(const std::pair<K, V>& kv) {
+   return kv.first;
+}
+
+// Base of every reactor. Handlers are virtual members of the entity's own Notifiee class.
+class NotifieeBase {
+ public:
+   NotifieeBase(const NotifieeBase&) = delete;
+   NotifieeBase& operator=(const NotifieeBase&) = delete;
+   virtual ~NotifieeBase();
+
+   bool isNotificationActive() const noexcept { return active_; }
+   void isNotificationActiveIs(bool active) noexcept { active_ = active; }
+
+ protected:
+   NotifieeBase() = default;
+   void bind(Entity* entity);
+   Entity* notifierBase() const noexcept { return notifier_; }
+   // Called when the entity this reactor is bound to is destroyed (after unbinding).
+   virtual void onNotifierDeleted() {}
+
+ private:
+   friend class Entity;
+   Entity* notifier_ = nullptr;
+   bool active_ = true;
+};
+
+template <class E>
+class NotifieeOf : public NotifieeBase {
+ public:
+   E* notifier() const noexcept { return static_cast<E*>(notifierBase()); }
+   void notifierIs(E* entity) { bind(entity); }
+   void notifierIs(const Ptr<E>& entity) { bind(entity.get()); }
+   void notifierIs(std::nullptr_t) { bind(nullptr); }
+};
+
+class Entity : public RefCounted {
+ public:
+   // Number of reactors currently bound (for tests and dumps).
+   size_t notifieeCount() const noexcept;
+
+ protected:
+   Entity() = default;
+   ~Entity() override;
+
+   // Calls `handler(args...)` on every bound, active reactor of type N.
+   template <class N, class... P, class... A>
+   void notify(void (N::*handler)(P...), const A&... args) {
+      if (!reactors_) return;
+      DispatchScope scope(*this);
+      auto& items = reactors_->items;
+      for (size_t i = 0, n = items.size(); i < n; ++i) {
+         NotifieeBase* r = items[i];
+         if (r && r->active_) (static_cast<N*>(r)->*handler)(args...);
+      }
+   }
+
+   // Attribute setter body: stores and notifies only on change.
+   template <class T, class V, class N>
+   void attrIs(T& field, V&& value, void (N::*handler)()) {
+      if (field == value) return;
+      field = std::forward<V>(value);
+      notify(handler);
+   }
+
+   // Keyed collection bodies. `collIs` inserts or replaces (notifies when the value changed),
+   // `collDel` removes one key, `collDelAll` removes every key one at a time.
+   template <class M, class K, class V, class N>
+   bool collIs(M& map, const K& key, V&& value, void (N::*handler)(const K&)) {
+      auto [it, inserted] = map.try_emplace(key, std::forward<V>(value));
+      if (!inserted) {
+         if (it->second == value) return false;
+         it->second = std::forward<V>(value);
+      }
+      notify(handler, key);
+      return true;
+   }
+   template <class S, class K, class N>
+   bool setIs(S& set, const K& key, void (N::*handler)(const K&)) {
+      if (!set.insert(key).second) return false;
+      notify(handler, key);
+      return true;
+   }
+   template <class M, class K, class N>
+   bool collDel(M& map, const K& key, void (N::*handler)(const K&)) {
+      auto it = map.find(key);
+      if (it == map.end()) return false;
+      // The member may own the last reference to something the reactors look at: keep it alive
+      // until they have seen the removal.
+      auto keep = std::move(*it);
+      map.erase(it);
+      notify(handler, key);
+      return true;
+   }
+   template <class M, class K, class N>
+   void collDelAll(M& map, void (N::*handler)(const K&)) {
+      while (!map.empty()) {
+         auto keep = std::move(*map.begin());
+         map.erase(map.begin());
+         notify(handler, keyOf(keep));
+      }
+   }
+
+ private:
+   friend class NotifieeBase;
+   struct Reactors {
+      std::vector<NotifieeBase*> items;
+      uint32_t dispatchDepth = 0;
+      bool hasHoles = false;
+   };
+   struct DispatchScope {
+      explicit DispatchScope(Entity& e);
+      ~DispatchScope();
+      Entity& entity;
+      bool guarded;
+   };
+   void attach(NotifieeBase* n);
+   void detach(NotifieeBase* n);
+
+   std::unique_ptr<Reactors> reactors_;
+};
+
+// Iterates a collection's keys while the body may insert or remove members: the keys are taken
+// first, and a key removed before its turn is skipped.
+template <class M, class F>
+void forEachKeySafe(M& map, F&& body) {
+   std::vector<typename M::key_type> keys;
+   keys.reserve(map.size());
+   for (const auto& kv : map) keys.push_back(keyOf(kv));
+   for (const auto& k : keys) {
+      if (map.find(k) != map.end()) body(k);
+   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Bounded integers: a one-field value whose setter rejects values outside [Min, Max] with the
+// type's own message (Derived::rangeMessage).
+//
+//   struct Weight : Mox::Bounded<Weight, uint32_t, 1, 4294967295u, 1> {
+//      using Bounded::Bounded;
+//      static constexpr const char* rangeMessage = "Weight::value < ...";
+//   };
+template <class Derived, class T, T Min, T Max, T Default>
+struct Bounded {
+   using ValueType = T;
+   static constexpr T min = Min;
+   static constexpr T max = Max;
+   T value = Default;
+
+   constexpr Bounded() noexcept = default;
+   explicit Bounded(T v) { valueIs(v); }
+   void valueIs(T v) {
+      if (v < Min || v > Max) throw RangeError(Derived::rangeMessage);
+      value = v;
+   }
+   // Range-checked conversion from a wider number (text and attribute-log readers).
+   static Derived fromWide(uint64_t v) {
+      if (v > static_cast<uint64_t>(Max) || v < static_cast<uint64_t>(Min))
+         throw RangeError(Derived::rangeMessage);
+      return Derived(static_cast<T>(v));
+   }
+   friend bool operator==(const Bounded& a, const Bounded& b) noexcept {
+      return a.value == b.value;
+   }
+   friend auto operator<=>(const Bounded& a, const Bounded& b) noexcept {
+      return a.value <=> b.value;
+   }
+   uint32_t hash() const noexcept {
+      if constexpr (sizeof(T) > 4) {
+         return mix32(static_cast<uint32_t>(value) ^ mix32(static_cast<uint32_t>(value >> 32)));
+      } else {
+         return mix32(static_cast<uint32_t>(value));
+      }
+   }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Text helpers
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string vformat(const char* fmt, va_list args);
+// Appends printf-style text; dumps pass the indentation as the "%*c" prefix: (depth, ' ').
+void appendf(std::string& out, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+inline const char* trueFalse(bool b) { return b ? "True" : "False"; }
+
+} // namespace Mox

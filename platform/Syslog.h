@@ -1,0 +1,62 @@
+// The system log: messages with a tag, a printf-style format, an explanation and a recommended
+// action. Each message definition is a constant table row; `Syslog::log` formats it once and hands
+// the record to every registered sink (standard error, an in-memory capture for the host and
+// tests).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Syslog {
+
+enum class Severity { emergency, alert, critical, error, warning, notice, info, debug };
+const char* severityName(Severity s);
+
+struct MessageDef {
+   const char* tag;
+   Severity severity;
+   const char* format;
+   const char* explanation;
+   const char* recommendedAction;
+};
+
+struct Record {
+   std::string tag;
+   Severity severity;
+   std::string text;
+};
+
+class Sink {
+ public:
+   virtual ~Sink();
+   virtual void onRecord(const MessageDef& def, const Record& record) = 0;
+};
+
+// Keeps every record (the host's `show syslog`, tests).
+class Capture : public Sink {
+ public:
+   void onRecord(const MessageDef& def, const Record& record) override;
+   const std::vector<Record>& records() const { return records_; }
+   void clear() { records_.clear(); }
+
+ private:
+   std::vector<Record> records_;
+};
+
+// Writes "%TAG: text" lines to standard error.
+class StderrSink : public Sink {
+ public:
+   void onRecord(const MessageDef& def, const Record& record) override;
+};
+
+void sinkIs(Sink* sink);
+void sinkDel(Sink* sink);
+
+// Formats `def.format` with the arguments (printf conventions) and hands the record to the sinks.
+void logf(const MessageDef* def, ...);
+template <class... A>
+void log(const MessageDef& def, A... args) {
+   logf(&def, args...);
+}
+
+} // namespace Syslog

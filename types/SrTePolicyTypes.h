@@ -1,0 +1,184 @@
+// The small value types every stage passes around: policy keys and ids, the bounded integers of a
+// candidate path, originators, segment-list ids and weighted segment lists. Plain values: copied,
+// compared field by field, hashed, printed, and written to the attribute log.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "platform/Ipkit.h"
+#include "platform/Mox.h"
+#include "platform/Tunnel.h"
+
+namespace SrTePolicy {
+
+constexpr uint32_t maxU32() { return 4294967295u; }
+constexpr uint64_t maxU64() { return 18446744073709551615ull; }
+
+struct Color : Mox::Bounded<Color, uint32_t, 0, maxU32(), 0> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "Color::value < Color::min or > Color::max not allowed";
+};
+struct Discriminator : Mox::Bounded<Discriminator, uint32_t, 0, maxU32(), 0> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "Discriminator::value < Discriminator::min or > Discriminator::max not allowed";
+};
+struct Preference : Mox::Bounded<Preference, uint32_t, 0, maxU32(), 100> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "Preference::value < Preference::min or > Preference::max not allowed";
+};
+struct Weight : Mox::Bounded<Weight, uint32_t, 1, maxU32(), 1> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "Weight::value < Weight::min or > Weight::max not allowed";
+};
+struct Index : Mox::Bounded<Index, uint64_t, 0, maxU64(), 0> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "Index::value < Index::min or > Index::max not allowed";
+};
+struct SegmentListIndex : Mox::Bounded<SegmentListIndex, uint32_t, 0, 15, 0> {
+   using Bounded::Bounded;
+   static constexpr const char* rangeMessage =
+       "SegmentListIndex::value < SegmentListIndex::min or > SegmentListIndex::max not allowed";
+   // Plain addition: the result is not range checked.
+   SegmentListIndex& operator+=(const SegmentListIndex& o) {
+      value += o.value;
+      return *this;
+   }
+   friend SegmentListIndex operator+(SegmentListIndex a, const SegmentListIndex& b) {
+      return a += b;
+   }
+};
+
+std::ostream& operator<<(std::ostream& os, const Color& v);
+std::ostream& operator<<(std::ostream& os, const Discriminator& v);
+std::ostream& operator<<(std::ostream& os, const Preference& v);
+std::ostream& operator<<(std::ostream& os, const Weight& v);
+std::ostream& operator<<(std::ostream& os, const Index& v);
+std::ostream& operator<<(std::ostream& os, const SegmentListIndex& v);
+
+// The source of a candidate path. Stored as 32 bits; names convert both ways.
+enum class Protocol : uint32_t {
+   unknown = 0,
+   pcep = 10,
+   bgp = 20,
+   staticConfig = 30,
+};
+std::string protocolEnumToString(Protocol p);
+// Accepts a name or a decimal number; nullopt when it is neither.
+std::optional<Protocol> sequenceToValue(std::string_view text);
+std::ostream& operator<<(std::ostream& os, Protocol p);
+
+using EndPoint = Ipkit::IpGenAddr;
+
+struct PolicyKey {
+   EndPoint endpoint;
+   Color color;
+
+   PolicyKey() = default;
+   PolicyKey(const EndPoint& e, Color c) : endpoint(e), color(c) {}
+   uint32_t hash() const noexcept;
+   std::string stringValue() const; // "10.0.0.1|100"
+   friend bool operator==(const PolicyKey&, const PolicyKey&) = default;
+   friend auto operator<=>(const PolicyKey&, const PolicyKey&) = default;
+};
+static_assert(sizeof(PolicyKey) == 24);
+
+struct PolicyId {
+   PolicyKey key;
+   Protocol protocol = Protocol::unknown;
+   Discriminator discriminator;
+
+   PolicyId() = default;
+   PolicyId(const PolicyKey& k, Protocol p, Discriminator d)
+       : key(k), protocol(p), discriminator(d) {}
+   uint32_t hash() const noexcept;
+   std::string stringValue() const; // "10.0.0.1|100|bgp|7"
+   friend bool operator==(const PolicyId&, const PolicyId&) = default;
+   friend auto operator<=>(const PolicyId&, const PolicyId&) = default;
+};
+static_assert(sizeof(PolicyId) == 32);
+
+// Identity of a candidate path within its policy key.
+struct CandidateId {
+   Protocol protocol = Protocol::unknown;
+   Discriminator discriminator;
+
+   CandidateId() = default;
+   CandidateId(Protocol p, Discriminator d) : protocol(p), discriminator(d) {}
+   explicit CandidateId(const PolicyId& id)
+       : protocol(id.protocol), discriminator(id.discriminator) {}
+   uint32_t hash() const noexcept;
+   std::string stringValue() const; // "bgp:7"
+   friend bool operator==(const CandidateId&, const CandidateId&) = default;
+   friend auto operator<=>(const CandidateId&, const CandidateId&) = default;
+};
+
+struct Originator {
+   uint32_t asn = 0;
+   Ipkit::IpGenAddr address;
+
+   Originator() = default;
+   Originator(uint32_t as, const Ipkit::IpGenAddr& a) : asn(as), address(a) {}
+   uint32_t hash() const noexcept;
+   std::string stringValue() const; // "10.0.0.9(AS65000)"
+   friend bool operator==(const Originator&, const Originator&) = default;
+   friend auto operator<=>(const Originator&, const Originator&) = default;
+};
+static_assert(sizeof(Originator) == 24);
+
+// Identifier of one deduplicated segment list; also names its tunnel.
+struct SegmentListId {
+   uint32_t value = 0;
+
+   SegmentListId() = default;
+   explicit SegmentListId(uint32_t v) : value(v) {}
+   Tunnel::TunnelTable::TunnelId getTunnelId() const;
+   uint32_t hash() const noexcept { return Mox::mix32(value); }
+   std::string stringValue() const { return std::to_string(value); }
+   friend bool operator==(const SegmentListId&, const SegmentListId&) = default;
+   friend auto operator<=>(const SegmentListId&, const SegmentListId&) = default;
+};
+
+struct WeightedSegList {
+   Weight weight;
+   Ipkit::MplsLabelOperation segList;
+
+   WeightedSegList() = default;
+   WeightedSegList(Weight w, const Ipkit::MplsLabelOperation& s) : weight(w), segList(s) {}
+   uint32_t hash() const noexcept;
+   // "weight: %u, segments: [%s]"
+   std::string stringValue() const;
+   friend bool operator==(const WeightedSegList&, const WeightedSegList&) = default;
+   friend bool operator<(const WeightedSegList& a, const WeightedSegList& b) {
+      if (a.weight != b.weight) return a.weight < b.weight;
+      return a.segList < b.segList;
+   }
+};
+static_assert(sizeof(WeightedSegList) == 44);
+
+// Why a candidate path cannot be used.
+enum class PolicyInvalidReason : uint32_t {
+   usable = 0,
+   bsidOutOfRange = 1,
+   bsidMissing = 2,
+   bsidInUseOtherApplication = 3,
+   noSegmentLists = 4,
+};
+const char* policyInvalidReasonName(PolicyInvalidReason r);
+
+std::ostream& operator<<(std::ostream& os, const PolicyKey& v);
+std::ostream& operator<<(std::ostream& os, const PolicyId& v);
+std::ostream& operator<<(std::ostream& os, const CandidateId& v);
+std::ostream& operator<<(std::ostream& os, const Originator& v);
+std::ostream& operator<<(std::ostream& os, const SegmentListId& v);
+std::ostream& operator<<(std::ostream& os, const WeightedSegList& v);
+
+} // namespace SrTePolicy
