@@ -1,0 +1,104 @@
+// The words of one scenario line and the checks that turn them into values.
+//
+// A verb's parser reads its words through an Args cursor. Every read either yields a valid value
+// or throws ScriptError with a message fit for the user ("missing value for 'color'", "weight 0:
+// Weight::value < Weight::min or > Weight::max not allowed"); range errors carry the value type's
+// own message. Parsers never change anything: they return the change as a closure, which runs
+// only when the whole line has been read without error.
+#pragma once
+
+#include <initializer_list>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Ipkit.h"
+#include "platform/Mox.h"
+#include "types/SrTePolicyTypes.h"
+
+namespace Agent {
+
+class ScriptError : public std::runtime_error {
+ public:
+   using std::runtime_error::runtime_error;
+};
+
+// Splits a line at blanks; `#` starts a comment that runs to the end of the line.
+std::vector<std::string> tokenize(std::string_view line);
+
+// The candidate closest to `word` by edit distance, or empty when none is close enough to be a
+// plausible typo.
+std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
+
+class Args {
+ public:
+   Args(std::vector<std::string> tokens, size_t first, std::string usage);
+
+   bool done() const noexcept { return pos_ >= tokens_.size(); }
+   // The next word, or empty at the end of the line.
+   std::string_view peek() const noexcept;
+   // Consumes the next word when it equals `word`.
+   bool accept(std::string_view word);
+   std::string word(std::string_view what);
+   void expect(std::string_view keyword);
+   // Reads one keyword of a keyword-value list. A keyword outside `once` and `repeatable` is an
+   // error that names the allowed ones; a keyword of `once` given twice is an error.
+   std::string keyword(std::initializer_list<std::string_view> once,
+                       std::initializer_list<std::string_view> repeatable = {});
+   // Decimal number up to `max`.
+   uint64_t number(std::string_view what, uint64_t max = ~uint64_t{0});
+   // A bounded value type (Weight, Preference, ...): the type's range error becomes the message.
+   template <class B>
+   B bounded(std::string_view what) {
+      std::string text = word(what);
+      uint64_t v = 0;
+      const Decimal d = parseDecimal(text, v);
+      if (d == Decimal::notANumber) failNotANumber(what, text);
+      try {
+         if (d == Decimal::tooLarge) throw Mox::RangeError(B::rangeMessage);
+         return B::fromWide(v);
+      } catch (const Mox::RangeError& e) {
+         fail(std::string(what) + " " + text + ": " + e.what());
+      }
+   }
+   // 0..1048575, or `none` for the null label.
+   Ipkit::MplsLabel label(std::string_view what);
+   // The run of labels after `labels`, top of stack first; ends at the first word that is not a
+   // label. An empty run is allowed (a segment list without labels is an input like any other).
+   Ipkit::MplsLabelOperation labelStack();
+   Ipkit::IpGenAddr address(std::string_view what);
+   Ipkit::IntfId interface(std::string_view what);
+   bool onOff(std::string_view what);
+   SrTePolicy::Protocol protocol();
+   SrTePolicy::Originator originator();
+   // Fails unless every word has been read.
+   void end() const;
+
+   [[noreturn]] void fail(const std::string& message) const;
+   // Like fail, with the verb's usage appended: for missing or misplaced words.
+   [[noreturn]] void failUsage(const std::string& message) const;
+   const std::string& usage() const noexcept { return usage_; }
+
+   enum class Decimal { ok, notANumber, tooLarge };
+   static Decimal parseDecimal(std::string_view text, uint64_t& out) noexcept;
+
+ private:
+   [[noreturn]] void failNotANumber(std::string_view what, const std::string& text) const;
+
+   std::vector<std::string> tokens_;
+   size_t pos_;
+   std::string usage_;
+   std::set<std::string> seenKeywords_;
+};
+
+// Required keyword values: `need(color, "color")` fails when the keyword was not given.
+template <class T>
+const T& need(const Args& a, const std::optional<T>& v, std::string_view keyword) {
+   if (!v) a.failUsage("missing '" + std::string(keyword) + "'");
+   return *v;
+}
+
+} // namespace Agent

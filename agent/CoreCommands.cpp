@@ -1,0 +1,201 @@
+// The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
+// congestion flag, `show`, `help` and `quit`; and the tables `scheduler` and `syslog`.
+#include <cstdlib>
+#include <ostream>
+
+#include "agent/Host.h"
+#include "agent/Modules.h"
+#include "agent/TextTable.h"
+#include "platform/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+double parseSeconds(Args& a) {
+   std::string text = a.word("seconds");
+   // Decimal digits with an optional fraction: "2", "0.1".
+   bool digits = false, dot = false, ok = !text.empty();
+   for (char c : text) {
+      if (c >= '0' && c <= '9') {
+         digits = true;
+      } else if (c == '.' && !dot) {
+         dot = true;
+      } else {
+         ok = false;
+      }
+   }
+   if (!ok || !digits)
+      a.fail("expected seconds (a decimal number such as 2 or 0.5), got '" + text + "'");
+   const double s = std::strtod(text.c_str(), nullptr);
+   if (s > 1e9) a.fail("seconds " + text + " is out of range (at most 1000000000)");
+   return s;
+}
+
+void showOne(Host& host, const Host::Show& s, bool json) {
+   if (json) {
+      Json::Value top = Json::Value::object();
+      top.set(Json::lowerCamel(s.table), s.json());
+      host.out() << top.render();
+   } else {
+      std::string text;
+      s.readable(text);
+      host.out() << text;
+   }
+}
+
+void showAll(Host& host, bool json) {
+   if (json) {
+      Json::Value top = Json::Value::object();
+      for (const auto& s : host.shows()) top.set(Json::lowerCamel(s.table), s.json());
+      host.out() << top.render();
+      return;
+   }
+   bool first = true;
+   for (const auto& s : host.shows()) {
+      if (!first) host.out() << "\n";
+      first = false;
+      std::string text;
+      s.readable(text);
+      host.out() << text;
+   }
+}
+
+} // namespace
+
+void registerCore(Host& host) {
+   host.verbIs(
+       "run", "run", "process all ready work; virtual time does not move",
+       [&host](Args&) -> Host::Apply { return [&host] { host.scheduler().runUntilIdle(); }; });
+
+   host.verbIs("advance", "advance <seconds>",
+               "move virtual time forward, firing every timer due on the way in order",
+               [&host](Args& a) -> Host::Apply {
+                  const double s = parseSeconds(a);
+                  return [&host, s] { host.scheduler().advance(s); };
+               });
+
+   host.verbIs("restart", "restart",
+               "drop every state machine and all in-process state, keep shared tables, start again",
+               [&host](Args&) -> Host::Apply { return [&host] { host.restart(); }; });
+
+   host.verbIs("trace", "trace <level>|off",
+               "write the text trace up to that level (0 to 9) to standard error",
+               [](Args& a) -> Host::Apply {
+                  int level = -1;
+                  if (!a.accept("off")) level = static_cast<int>(a.number("trace level", 9));
+                  return [level] { Trace::textLevelIs(level); };
+               });
+
+   host.verbIs("attrlog congested", "attrlog congested on|off",
+               "mark the attribute-log output to other processes congested (tasks back off)",
+               [&host](Args& a) -> Host::Apply {
+                  const bool on = a.onOff("attrlog congested");
+                  return [&host, on] { host.attrLog().attrLogOutCloggedIs(on); };
+               });
+
+   host.verbIs("show", "show <table>|all [json]", "print a table, readable or as JSON",
+               [&host](Args& a) -> Host::Apply {
+                  std::string table = a.word("table name; 'help show' lists the tables");
+                  const bool json = a.accept("json");
+                  if (table == "all") return [&host, json] { showAll(host, json); };
+                  const Host::Show* s = host.show(table);
+                  if (!s) {
+                     std::vector<std::string> names{"all"};
+                     for (const auto& t : host.shows()) names.push_back(t.table);
+                     std::string msg = "unknown table '" + table + "'";
+                     std::string guess = nearest(table, names);
+                     if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
+                     msg += "; tables:";
+                     for (const auto& n : names) msg += " " + n;
+                     a.fail(msg);
+                  }
+                  return [&host, s, json] { showOne(host, *s, json); };
+               });
+
+   host.verbIs(
+       "help", "help [<word>]", "list the commands (those starting with <word>) and tables",
+       [&host](Args& a) -> Host::Apply {
+          std::string word;
+          if (!a.done()) word = a.word("word");
+          return [&host, word] {
+             Show::TextTable verbs({"Command", "Does"});
+             for (const auto& v : host.verbs()) {
+                if (word.empty() || v.name.compare(0, word.size(), word) == 0 ||
+                    (v.name.rfind("no ", 0) == 0 && v.name.compare(3, word.size(), word) == 0)) {
+                   verbs.rowIs({v.usage, v.summary});
+                }
+             }
+             std::string text;
+             if (verbs.rows()) verbs.render(text);
+             if (word.empty() || word == "show") {
+                if (!text.empty()) text += "\n";
+                Show::TextTable tables({"Table", "Holds"});
+                for (const auto& s : host.shows()) tables.rowIs({s.table, s.summary});
+                tables.rowIs({"all", "every table above"});
+                tables.render(text);
+             }
+             if (text.empty()) text = "no command starts with '" + word + "'\n";
+             host.out() << text;
+          };
+       });
+
+   host.verbIs("quit", "quit", "stop reading commands",
+               [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
+}
+
+void registerCoreTables(Host& host) {
+   host.showIs(
+       "scheduler", "virtual time, ready tasks, timers, attribute-log congestion",
+       [&host](std::string& out) {
+          auto& s = host.scheduler();
+          Mox::appendf(out, "Virtual time: %s s\n", Json::Value::number(s.now()).text().c_str());
+          Mox::appendf(out, "Ready tasks: %zu\n", s.readyTaskCount());
+          Mox::appendf(out, "Timers: %zu", s.timerCount());
+          if (auto d = s.nextTimerDelay()) {
+             Mox::appendf(out, " (next in %s s)", Json::Value::number(*d).text().c_str());
+          }
+          Mox::appendf(out, "\nAttribute log congested: %s\n",
+                       Mox::trueFalse(host.attrLog().isAttrLogOutClogged()));
+          Mox::appendf(out, "Restarts: %u\n", host.restartCount());
+       },
+       [&host] {
+          auto& s = host.scheduler();
+          auto next = s.nextTimerDelay();
+          return Json::Value::row()
+              .set("now", Json::Value::number(s.now()))
+              .set("readyTasks", uint64_t{s.readyTaskCount()})
+              .set("timers", uint64_t{s.timerCount()})
+              .set("nextTimerDelay", next ? Json::Value::number(*next) : Json::Value::null())
+              .set("attrLogOutClogged", host.attrLog().isAttrLogOutClogged())
+              .set("restarts", host.restartCount());
+       });
+
+   host.showIs(
+       "syslog", "every system-log message so far: tag and formatted text",
+       [&host](std::string& out) {
+          const auto& records = host.syslog().records();
+          Mox::appendf(out, "System log: %zu messages\n", records.size());
+          Show::TextTable t({"Seq", "Severity", "Tag", "Message"});
+          size_t seq = 0;
+          for (const auto& r : records) {
+             t.rowIs({std::to_string(++seq), Syslog::severityName(r.severity), r.tag, r.text});
+          }
+          t.render(out);
+       },
+       [&host] {
+          Json::Value rows = Json::Value::array();
+          uint64_t seq = 0;
+          for (const auto& r : host.syslog().records()) {
+             rows.push(Json::Value::row()
+                           .set("seq", ++seq)
+                           .set("severity", static_cast<uint32_t>(r.severity))
+                           .set("severityName", Syslog::severityName(r.severity))
+                           .set("tag", r.tag)
+                           .set("text", r.text));
+          }
+          return rows;
+       });
+}
+
+} // namespace Agent

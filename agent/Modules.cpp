@@ -1,0 +1,14 @@
+#include "agent/Modules.h"
+
+#include "agent/Host.h"
+
+namespace Agent {
+
+void registerModules(Host& host) {
+   registerCore(host);
+   // Subsystems go here, in construction order.
+   registerCoreTables(host);
+   host.start();
+}
+
+} // namespace Agent

@@ -1,0 +1,16 @@
+// The list of subsystems the host is made of. Each one registers its verbs, tables and stages
+// (see agent/Host.h); agent/Modules.cpp calls them in order, and that order is the order of
+// `help` and `show all`.
+#pragma once
+
+namespace Agent {
+
+class Host;
+
+void registerCore(Host& host);
+void registerCoreTables(Host& host);
+
+// Registers every subsystem, then starts the host (builds the stages).
+void registerModules(Host& host);
+
+} // namespace Agent

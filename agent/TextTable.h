@@ -1,0 +1,38 @@
+// Readable `show` output: aligned columns under a header and a rule, one row per entry.
+//
+// The caller adds rows in key order (it knows the key's own order, which text sorting would get
+// wrong for numbers and addresses). Columns are as wide as their widest cell; the last column is
+// not padded, so lines carry no trailing blanks. An empty cell prints as "-".
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace Show {
+
+class TextTable {
+ public:
+   explicit TextTable(std::vector<std::string> headers);
+
+   void rowIs(std::vector<std::string> cells);
+   size_t rows() const noexcept { return rows_.size(); }
+   // Appends the header, the rule and the rows to `out`, each line indented by `indent` blanks.
+   void render(std::string& out, int indent = 0) const;
+
+ private:
+   std::vector<std::string> headers_;
+   std::vector<std::vector<std::string>> rows_;
+};
+
+// Joins numbers or words with single blanks ("16001 16002").
+template <class C, class F>
+std::string joined(const C& items, F&& text) {
+   std::string out;
+   for (const auto& i : items) {
+      if (!out.empty()) out += ' ';
+      out += text(i);
+   }
+   return out;
+}
+
+} // namespace Show
