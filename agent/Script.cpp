@@ -14,7 +14,11 @@ int runScript(Host& host, std::istream& in, std::ostream& err, const ScriptOptio
       if (options.interactive) {
          host.out() << options.prompt << std::flush;
       }
-      if (!std::getline(in, line)) break;
+      if (!std::getline(in, line)) {
+         // End the prompt's line so the caller's shell starts on a fresh one.
+         if (options.interactive) host.out() << "\n";
+         break;
+      }
       ++lineNo;
       try {
          host.execute(line);
@@ -30,7 +34,6 @@ int runScript(Host& host, std::istream& in, std::ostream& err, const ScriptOptio
       host.out().flush();
       if (host.quitRequested()) break;
    }
-   if (options.interactive) host.out() << "\n";
    return 0;
 }
 

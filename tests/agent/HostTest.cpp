@@ -1,0 +1,183 @@
+// The host's extension mechanism, its lifecycle and its script runner, driven through a small
+// subsystem registered the way real ones are.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "agent/Host.h"
+#include "agent/Modules.h"
+#include "agent/Script.h"
+
+namespace {
+
+using Agent::Args;
+using Agent::Host;
+
+// A stand-in subsystem: a shared counter that survives restarts, and a per-process object that
+// records its construction and destruction.
+struct CounterTable {
+   uint64_t value = 0;
+};
+struct Journal {
+   std::string events;
+};
+struct Machine {
+   Journal* journal;
+   char name;
+   Machine(Journal* j, char n) : journal(j), name(n) { journal->events += std::string("+") + n; }
+   ~Machine() { journal->events += std::string("-") + name; }
+};
+struct FirstProcess {
+   std::unique_ptr<Machine> m;
+};
+struct SecondProcess {
+   std::unique_ptr<Machine> m;
+};
+
+void registerToy(Host& host) {
+   host.verbIs("counter add", "counter add <n>", "adds to the counter", [&host](Args& a) {
+      const uint64_t n = a.number("amount", 1000);
+      return Host::Apply([&host, n] { host.shared<CounterTable>().value += n; });
+   });
+   host.showIs(
+       "toy-counter", "the counter",
+       [&host](std::string& out) {
+          out += std::to_string(host.shared<CounterTable>().value) + "\n";
+       },
+       [&host] { return Json::Value::row().set("value", host.shared<CounterTable>().value); });
+   Journal* journal = &host.shared<Journal>();
+   // Registered out of order: the order number decides.
+   host.stageIs(
+       20, "second",
+       [&host, journal] {
+          host.process<SecondProcess>().m = std::make_unique<Machine>(journal, 'b');
+       },
+       [journal] { journal->events += "d2"; });
+   host.stageIs(
+       10, "first",
+       [&host, journal] {
+          host.process<FirstProcess>().m = std::make_unique<Machine>(journal, 'a');
+       },
+       [journal] { journal->events += "d1"; });
+}
+
+struct ToyHost {
+   std::ostringstream out;
+   Host host{out};
+   ToyHost() {
+      Agent::registerCore(host);
+      registerToy(host);
+      Agent::registerCoreTables(host);
+      host.start();
+   }
+   int run(const std::string& script, std::ostringstream& err, bool interactive = false) {
+      std::istringstream in(script);
+      Agent::ScriptOptions o;
+      o.name = "toy.srte";
+      o.interactive = interactive;
+      return Agent::runScript(host, in, err, o);
+   }
+};
+
+TEST(Host, RestartRebuildsStagesInOrderAndKeepsSharedTables) {
+   ToyHost t;
+   Journal& journal = t.host.shared<Journal>();
+   EXPECT_EQ(journal.events, "+a+b");
+   t.host.execute("counter add 5");
+   journal.events.clear();
+   t.host.execute("restart");
+   // Drops run in reverse stage order, process objects die in reverse creation order, then the
+   // stages are built again in ascending order.
+   EXPECT_EQ(journal.events, "d2d1-b-a+a+b");
+   EXPECT_EQ(t.host.shared<CounterTable>().value, 5u);
+   EXPECT_EQ(t.host.restartCount(), 1u);
+}
+
+TEST(Host, ShowPrintsReadableAndJsonAndAllHoldsEveryTable) {
+   ToyHost t;
+   t.host.execute("counter add 7");
+   t.host.execute("show toy-counter");
+   t.host.execute("show toy-counter json");
+   EXPECT_EQ(t.out.str(), "7\n{\n  \"toyCounter\": {\"value\": 7}\n}\n");
+   t.out.str("");
+   t.host.execute("show all json");
+   const std::string all = t.out.str();
+   for (const char* key : {"\"toyCounter\"", "\"scheduler\"", "\"syslog\""}) {
+      EXPECT_NE(all.find(key), std::string::npos) << key;
+   }
+}
+
+TEST(Host, LineWithAnErrorChangesNothingAndNamesTheProblem) {
+   ToyHost t;
+   struct Case {
+      const char* line;
+      const char* message;
+   } cases[] = {
+       {"counter add 5 6", "unexpected '6'; usage: counter add <n>"},
+       {"counter add", "missing amount; usage: counter add <n>"},
+       {"counter add five", "expected a number for amount, got 'five'"},
+       {"counter add 1001", "amount 1001 is out of range (0 to 1000)"},
+       {"counter ad 5", "unknown command 'counter ad' (did you mean 'counter add'?); 'counter' "
+                        "takes one of: add"},
+       {"counetr add 5", "unknown command 'counetr' (did you mean 'counter'?); 'help' lists the "
+                         "commands"},
+       {"show toy-countr", "unknown table 'toy-countr' (did you mean 'toy-counter'?); tables: all "
+                           "toy-counter scheduler syslog"},
+       {"advance -1", "expected seconds (a decimal number such as 2 or 0.5), got '-1'"},
+   };
+   for (const auto& c : cases) {
+      try {
+         t.host.execute(c.line);
+         ADD_FAILURE() << "no error for: " << c.line;
+      } catch (const Agent::ScriptError& e) {
+         EXPECT_EQ(std::string(e.what()), c.message);
+      }
+      EXPECT_EQ(t.host.shared<CounterTable>().value, 0u) << c.line;
+   }
+   EXPECT_EQ(t.out.str(), "");
+}
+
+TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
+   const std::string script = "counter add 1\n"
+                              "# a comment, then a blank line\n"
+                              "\n"
+                              "counter add x   # wrong\n"
+                              "counter add 2\n";
+   {
+      ToyHost t;
+      std::ostringstream err;
+      EXPECT_EQ(t.run(script, err), 1);
+      EXPECT_EQ(err.str(), "toy.srte:4: error: expected a number for amount, got 'x'\n");
+      EXPECT_EQ(t.host.shared<CounterTable>().value, 1u);
+   }
+   {
+      ToyHost t;
+      std::ostringstream err;
+      EXPECT_EQ(t.run(script + "quit\ncounter add 4\n", err, true), 0);
+      EXPECT_EQ(err.str(), "toy.srte:4: error: expected a number for amount, got 'x'\n");
+      EXPECT_EQ(t.host.shared<CounterTable>().value, 3u);
+      EXPECT_EQ(t.out.str().rfind("srte> ", 0), 0u);
+   }
+}
+
+TEST(Host, AdvanceMovesVirtualTimeAndFiresTimersOnlyThen) {
+   ToyHost t;
+   auto task = Mox::make<Kiln::Task>(t.host.scheduler(), 0, "toy");
+   struct Runs : Kiln::Task::Notifiee {
+      std::string marks;
+      Kiln::TaskScheduler* s = nullptr;
+      void onTaskRun() override { marks += std::to_string(static_cast<int>(s->now() * 10)) + " "; }
+   } runs;
+   runs.s = &t.host.scheduler();
+   runs.notifierIs(task);
+   task->scheduleTaskLowestDelay(0.5);
+   t.host.execute("run");
+   EXPECT_EQ(runs.marks, "");
+   t.host.execute("advance 0.4");
+   EXPECT_EQ(runs.marks, "");
+   t.host.execute("advance 0.2");
+   EXPECT_EQ(runs.marks, "5 ");
+   EXPECT_DOUBLE_EQ(t.host.now(), 0.6);
+}
+
+} // namespace
