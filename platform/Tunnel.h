@@ -6,6 +6,7 @@
 #include <ostream>
 #include <string>
 
+#include "platform/Ipkit.h"
 #include "platform/Mox.h"
 
 namespace Tunnel::TunnelTable {
@@ -23,5 +24,22 @@ struct TunnelId : Mox::Bounded<TunnelId, uint64_t, 0, 0xffffffffffffffffull, 0> 
    std::string stringValue() const { return std::to_string(value); }
 };
 inline std::ostream& operator<<(std::ostream& os, TunnelId t) { return os << t.value; }
+
+// One egress of a tunnel: next hop, interface and the label operation applied towards it.
+struct MplsVia {
+   Ipkit::IpGenAddr nexthop;
+   Ipkit::IntfId intfId;
+   Ipkit::MplsLabelOperation labelOp;
+
+   uint32_t hash() const noexcept {
+      return Mox::hashCombine(Mox::hashCombine(nexthop.hash(), intfId.value()), labelOp.hash());
+   }
+   std::string stringValue() const {
+      return nexthop.stringValue() + " " + intfId.stringValue() + " [" + labelOp.stringValue() +
+             "]";
+   }
+   friend bool operator==(const MplsVia&, const MplsVia&) = default;
+   friend auto operator<=>(const MplsVia&, const MplsVia&) = default;
+};
 
 } // namespace Tunnel::TunnelTable

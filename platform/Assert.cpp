@@ -1,0 +1,14 @@
+#include "platform/Assert.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Mox {
+
+void assertionFailed(const char* text, const char* file, int line) {
+   std::fprintf(stderr, "assertion failed: %s (%s:%d)\n", text, file, line);
+   std::fflush(stderr);
+   std::abort();
+}
+
+} // namespace Mox

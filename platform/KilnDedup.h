@@ -1,0 +1,84 @@
+// Kiln's dedup facility: a content-keyed table that interns values. Inserting a candidate returns
+// the canonical instance of that content (the candidate itself when the content is new); the
+// table's lifetime notifiee hears of every entry that enters (handleInsert, before insert returns)
+// and leaves (handleRemove). An entry leaves at the moment only the references held by the table's
+// own bookkeeping remain (the table's, plus whatever the notifiee took in handleInsert), that is,
+// synchronously inside the release of its last user reference. A removed entry never re-enters:
+// the same content inserted later gets a fresh canonical instance.
+#pragma once
+
+#include <cstdint>
+#include <unordered_set>
+
+#include "platform/Mox.h"
+
+namespace Kiln {
+
+class DedupHashTable;
+
+// Base of every deduplicated object: its content decides equality and hash.
+class DedupHandle : public Mox::Entity {
+ public:
+   virtual bool compare(const DedupHandle& other) const = 0;
+   virtual uint32_t hash() const = 0;
+   bool isInDedupTable() const noexcept { return table_ != nullptr; }
+
+ protected:
+   void onRefCountWatched() override;
+
+ private:
+   friend class DedupHashTable;
+   DedupHashTable* table_ = nullptr;
+   uint32_t cachedHash_ = 0;
+};
+
+class DedupHashTableLifeTimeNotifiee {
+ public:
+   virtual ~DedupHashTableLifeTimeNotifiee() = default;
+   virtual void handleInsert(const Mox::Ptr<DedupHandle>& handle) = 0;
+   virtual void handleRemove(DedupHandle* rawHandle) = 0;
+   virtual void handleNotificationStop(DedupHashTable& table) = 0;
+};
+
+class DedupHashTable : public Mox::RefCounted {
+ public:
+   DedupHashTable() = default;
+   ~DedupHashTable() override;
+
+   // The canonical entry equal to `candidate`; inserts the candidate when none is.
+   Mox::Ptr<DedupHandle> insert(const Mox::Ptr<DedupHandle>& candidate);
+   // The canonical entry equal to `probe`, or null; never inserts. The probe may live on the stack.
+   Mox::Ptr<DedupHandle> lookup(const DedupHandle& probe) const;
+
+   void lifeTimeNotifieeIs(DedupHashTableLifeTimeNotifiee* n) noexcept { notifiee_ = n; }
+   DedupHashTableLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return notifiee_; }
+   // Tells the notifiee that no more notifications follow (it withdraws what it still tracks),
+   // then lets go of every entry: users keep theirs, but nothing is canonical any more.
+   void notificationStop();
+
+   size_t size() const noexcept { return entries_.size(); }
+   template <class F>
+   void forEach(F&& f) const {
+      for (DedupHandle* h : entries_) f(*h);
+   }
+
+ private:
+   friend class DedupHandle;
+   void remove(DedupHandle* h);
+   void detachAll();
+
+   struct HashOf {
+      size_t operator()(const DedupHandle* h) const noexcept { return h->cachedHash_; }
+   };
+   struct SameContent {
+      bool operator()(const DedupHandle* a, const DedupHandle* b) const {
+         return a == b || a->compare(*b);
+      }
+   };
+   // The table holds one reference on each entry (taken by hand: the set keys are raw pointers
+   // so that a stack probe can be looked up).
+   std::unordered_set<DedupHandle*, HashOf, SameContent> entries_;
+   DedupHashTableLifeTimeNotifiee* notifiee_ = nullptr;
+};
+
+} // namespace Kiln

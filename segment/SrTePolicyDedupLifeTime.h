@@ -1,0 +1,80 @@
+// The lifetime bookkeeping shared by the segment and the segment-list dedup tables: when a
+// canonical item enters its table it gets the next identifier of its notifying collection and a
+// lifetime notifier, which is inserted into the collection (reactors see a new item); when it
+// leaves, the notifier is removed again (reactors see it go) and the item forgets it.
+//
+// Traits supplies the two sides' own names:
+//   Item, Notifier, Collection, Id;
+//   static Item* item(Kiln::DedupHandle*);
+//   static Notifier* notifierOf(const Item&);  static void notifierIs(Item&, Mox::Ptr<Notifier>);
+//   static void idIs(Item&, Id);
+//   static const char* insertAssert, *removeAssert;
+#pragma once
+
+#include <vector>
+
+#include "platform/Assert.h"
+#include "platform/KilnDedup.h"
+#include "platform/Trace.h"
+
+namespace SrTePolicy {
+
+template <class Traits>
+class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
+ public:
+   using Item = typename Traits::Item;
+   using Notifier = typename Traits::Notifier;
+   using Collection = typename Traits::Collection;
+
+   explicit DedupLifeTimeNotifiee(Mox::Ptr<Collection> collection)
+       : collection_(std::move(collection)) {}
+
+   Collection* collection() const noexcept { return collection_.get(); }
+
+   void handleInsert(const Mox::Ptr<Kiln::DedupHandle>& handle) override {
+      SRTE_TRACE(8, "handleInsert");
+      Item* item = Traits::item(handle.get());
+      SRTE_ASSERT(nullptr == Traits::notifierOf(*item), Traits::insertAssert);
+      Traits::idIs(*item, collection_->uniqueIdInc(1));
+      auto notifier = Mox::make<Notifier>(handle);
+      Traits::notifierIs(*item, notifier);
+      Traits::collectionNotifierIs(*collection_, notifier);
+   }
+
+   void handleRemove(Kiln::DedupHandle* rawHandle) override {
+      SRTE_TRACE(8, "handleRemove");
+      Item* item = Traits::item(rawHandle);
+      Mox::Ptr<Notifier> notifier(Traits::notifierOf(*item));
+      SRTE_ASSERT(nullptr != notifier, Traits::removeAssert);
+      Traits::collectionNotifierDel(*collection_, notifier);
+      Traits::notifierIs(*item, nullptr);
+   }
+
+   void handleNotificationStop(Kiln::DedupHashTable&) override {
+      std::vector<Mox::Ptr<Notifier>> left;
+      for (const auto& n : Traits::collectionNotifiers(*collection_)) left.push_back(n);
+      for (const auto& n : left) {
+         if (Traits::collectionNotifiers(*collection_).count(n)) handleRemove(n->handle().get());
+      }
+   }
+
+ private:
+   Mox::Ptr<Collection> collection_;
+};
+
+// A lifetime notifier: the reference that ties a canonical item to its notifying collection.
+template <class Item>
+class DedupLifeTimeNotifier : public Mox::RefCounted {
+ public:
+   explicit DedupLifeTimeNotifier(Mox::Ptr<Kiln::DedupHandle> handle)
+       : handle_(std::move(handle)) {}
+   const Mox::Ptr<Kiln::DedupHandle>& handle() const noexcept { return handle_; }
+
+ protected:
+   Item* rawPtr() const noexcept { return static_cast<Item*>(handle_.get()); }
+
+ private:
+   const Mox::Ptr<Kiln::DedupHandle> handle_;
+};
+
+} // namespace SrTePolicy

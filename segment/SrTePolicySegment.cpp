@@ -1,0 +1,89 @@
+#include "segment/SrTePolicySegment.h"
+
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+const char* segmentTypeName(SegmentType t) {
+   switch (t) {
+   case SegmentType::invalid:
+      return "invalid";
+   case SegmentType::mplsLabel:
+      return "mplsLabel";
+   }
+   return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& os, const SegmentId& id) { return os << id.value; }
+
+bool SegmentBase::compare(const Kiln::DedupHandle& other) const {
+   return segmentCompare(*fromDedupHandle(&other));
+}
+
+bool SegmentBase::segmentCompare(const SegmentBase&) const {
+   SRTE_ASSERT(0, "0");
+   return false;
+}
+
+std::string SegmentBase::stringValue() const {
+   return std::string(segmentTypeName(type_)) + " segmentId: " + segmentId_.stringValue();
+}
+
+bool SegmentMplsLabel::segmentCompare(const SegmentBase& other) const {
+   if (other.type() != type()) return false;
+   return static_cast<const SegmentMplsLabel&>(other).label_ == label_;
+}
+
+uint32_t SegmentMplsLabel::hash() const {
+   uint32_t h = 0;
+   auto mixIn = [&h](uint32_t word) {
+      for (int i = 0; i < 4; ++i) {
+         h += (word >> (8 * i)) & 0xff;
+         h += h << 10;
+         h ^= h >> 6;
+      }
+   };
+   mixIn(static_cast<uint32_t>(type()));
+   mixIn(label_.value());
+   h += h << 3;
+   h ^= h >> 11;
+   h += h << 15;
+   return h;
+}
+
+std::string SegmentMplsLabel::stringValue() const {
+   return "label " + label_.stringValue() + " segmentId: " + segmentId().stringValue();
+}
+
+Mox::Ptr<SegmentMplsLabel> SegmentMplsLabel::dedup(SegmentDedupTable& table) {
+   auto canonical = table.dedupTable().insert(Mox::Ptr<Kiln::DedupHandle>(this));
+   return Mox::Ptr<SegmentMplsLabel>(static_cast<SegmentMplsLabel*>(canonical.get()));
+}
+
+void NotifyingSegmentCollection::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cNotifyingSegmentCollection: uniqueIds:%d\n", depth, ' ',
+                static_cast<int>(uniqueId_.value));
+}
+
+SegmentDedupTable::SegmentDedupTable(SegmentLifeTimeNotifiee* lifeTimeNotifiee,
+                                     Mox::Ptr<Kiln::DedupHashTable> dedupTable)
+    : lifeTimeNotifiee_(lifeTimeNotifiee), dedupTable_(std::move(dedupTable)) {
+   dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
+}
+
+SegmentDedupTable::~SegmentDedupTable() {
+   dedupTable_->notificationStop();
+   dedupTable_->lifeTimeNotifieeIs(nullptr);
+}
+
+Mox::Ptr<SegmentMplsLabel> SegmentDedupTable::lookupByLabel(Ipkit::MplsLabel label) const {
+   SegmentMplsLabel probe(SegmentType::mplsLabel, label);
+   auto found = dedupTable_->lookup(probe);
+   return Mox::Ptr<SegmentMplsLabel>(static_cast<SegmentMplsLabel*>(found.get()));
+}
+
+void SegmentDedupTable::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cSegmentDedupTable: entries #%zu\n", depth, ' ', dedupTable_->size());
+}
+
+} // namespace SrTePolicy

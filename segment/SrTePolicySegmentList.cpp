@@ -1,0 +1,153 @@
+#include "segment/SrTePolicySegmentList.h"
+
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+void SegmentList::segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const SegmentBase> segment) {
+   segment_[index.value] = std::move(segment);
+   if (index.value >= size_) size_ = static_cast<uint8_t>(index.value + 1);
+   notify(&Notifiee::onSegment, index.value);
+}
+
+void SegmentList::segmentDel(Ipkit::MplsStackEntryIndex index) {
+   if (index.value >= size_) return;
+   segment_[index.value].reset();
+   while (size_ > 0 && !segment_[size_ - 1]) --size_;
+   notify(&Notifiee::onSegment, index.value);
+}
+
+void SegmentList::segmentDelAll() {
+   while (size_ > 0) segmentDel(Ipkit::MplsStackEntryIndex(size_ - 1u));
+}
+
+Ipkit::MplsLabel SegmentList::segmentLabel(uint32_t index) const {
+   Ipkit::MplsStackEntryIndex i(index);
+   const SegmentBase* s = segment_[i.value].get();
+   if (!s || s->type() != SegmentType::mplsLabel) return Ipkit::MplsLabel();
+   return static_cast<const SegmentMplsLabel*>(s)->label();
+}
+
+SegmentId SegmentList::getSegmentId(uint32_t index) const {
+   Ipkit::MplsStackEntryIndex i(index);
+   const SegmentBase* s = segment_[i.value].get();
+   return s ? s->segmentId() : SegmentId();
+}
+
+Ipkit::MplsLabelOperation SegmentList::labelStack() const {
+   Ipkit::MplsLabelOperation op;
+   for (uint32_t i = 0; i < size_; ++i) op.labelIs(Ipkit::MplsStackEntryIndex(i), segmentLabel(i));
+   return op;
+}
+
+bool SegmentList::segmentListCompare(const SegmentList& other) const noexcept {
+   if (size_ != other.size_) return false;
+   for (uint32_t i = 0; i < size_; ++i) {
+      if (segment_[i].get() != other.segment_[i].get()) return false;
+   }
+   return true;
+}
+
+bool SegmentList::compare(const Kiln::DedupHandle& other) const {
+   return segmentListCompare(static_cast<const SegmentList&>(other));
+}
+
+uint32_t SegmentList::hash() const {
+   // Segments are canonical, so their content (type and label) stands for their identity.
+   uint32_t h = Mox::mix32(size_);
+   for (uint32_t i = 0; i < size_; ++i) {
+      const SegmentBase* s = segment_[i].get();
+      h = Mox::hashCombine(h, s ? s->hash() : 0);
+   }
+   return h;
+}
+
+Mox::Ptr<SegmentList> SegmentList::dedup(SegmentListDedupTable& table) {
+   auto canonical = table.dedupTable().insert(Mox::Ptr<Kiln::DedupHandle>(this));
+   return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(canonical.get()));
+}
+
+std::string SegmentList::stringValue() const {
+   return Mox::format("segmentListId: %u size: %u \n", segmentListId_.value,
+                      static_cast<unsigned>(size_));
+}
+
+void SegmentList::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*csegments #%u [", depth, ' ', static_cast<unsigned>(size_));
+   for (uint32_t i = 0; i < size_; ++i) Mox::appendf(out, " %u", segmentLabel(i).value());
+   Mox::appendf(out, "\n%*c]\n", depth, ' ');
+}
+
+void NotifyingSegmentListCollection::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cNotifyingSegmentListCollection: uniqueIds:%d\n", depth, ' ',
+                static_cast<int>(uniqueId_.value));
+}
+
+SegmentListDedupTable::SegmentListDedupTable(SegmentListLifeTimeNotifiee* lifeTimeNotifiee,
+                                             Mox::Ptr<Kiln::DedupHashTable> dedupTable)
+    : lifeTimeNotifiee_(lifeTimeNotifiee), dedupTable_(std::move(dedupTable)) {
+   dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
+}
+
+SegmentListDedupTable::~SegmentListDedupTable() {
+   dedupTable_->notificationStop();
+   dedupTable_->lifeTimeNotifieeIs(nullptr);
+}
+
+Mox::Ptr<SegmentList> SegmentListDedupTable::lookup(const SegmentList& probe) const {
+   auto found = dedupTable_->lookup(probe);
+   return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(found.get()));
+}
+
+void SegmentListDedupTable::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cSegmentListDedupTable: entries #%zu\n", depth, ' ', dedupTable_->size());
+}
+
+SegmentListCollection* SegmentIdToSegmentList::segmentList(SegmentId id) const {
+   auto it = segmentList_.find(id);
+   return it == segmentList_.end() ? nullptr : it->second.get();
+}
+
+void SegmentIdToSegmentList::dump(std::string& out, int depth) const {
+   for (const auto& [id, lists] : segmentList_) {
+      Mox::appendf(out, "%*csegmentId: %u\n", depth, ' ', id.value);
+      Mox::appendf(out, "%*csegmentList \n", depth, ' ');
+      for (const auto& l : lists->segmentListPtr())
+         out += std::string(depth + 2, ' ') + l->stringValue();
+   }
+}
+
+void SegmentListUser::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cPolicyIds #%zu \n", depth, ' ', policyId_.size());
+   for (const auto& p : policyId_)
+      Mox::appendf(out, "%*c%s\n", depth + 2, ' ', p.stringValue().c_str());
+}
+
+SegmentListUser* SegmentListIdToPolicyMap::segmentListUser(SegmentListId id) const {
+   auto it = segmentListUser_.find(id);
+   return it == segmentListUser_.end() ? nullptr : it->second.get();
+}
+
+SegmentListUser*
+SegmentListIdToPolicyMap::segmentListUserIs(SegmentListId id,
+                                            Mox::Ptr<const SegmentList> segmentList) {
+   if (auto* existing = segmentListUser(id)) return existing;
+   auto user = Mox::make<SegmentListUser>(id, std::move(segmentList));
+   collIs(segmentListUser_, id, user, &Notifiee::onSegmentListUser);
+   return user.get();
+}
+
+void SegmentListIdToPolicyMap::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*csegmentListUsers #%zu \n", depth, ' ', segmentListUser_.size());
+   for (const auto& [id, user] : segmentListUser_) {
+      Mox::appendf(out, "%*csegmentListId: %u\n", depth + 2, ' ', id.value);
+      user->dump(out, depth + 4);
+   }
+}
+
+MplsViaSet MplsViaSet::fromString(const std::string&) {
+   SRTE_ASSERT(false, noStringConstructor);
+   return {};
+}
+
+} // namespace SrTePolicy

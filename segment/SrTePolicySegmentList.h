@@ -1,0 +1,288 @@
+// Segment lists and the containers around them.
+//
+// A SegmentList is an ordered stack of canonical segments (entry 0 is the top, the label resolved
+// against the LFIB). Like a segment it is deduplicated: equal stacks share one canonical list with
+// one SegmentListId, withdrawn when its last user lets go. Because segments are canonical, two
+// lists are equal exactly when they hold the same segment objects in the same order.
+//
+// The reverse maps tell which lists use a segment (SegmentIdToSegmentList) and which candidate
+// paths use a list (SegmentListIdToPolicyMap); the input stage keeps both.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <set>
+#include <string>
+
+#include "platform/Ipkit.h"
+#include "platform/KilnDedup.h"
+#include "platform/Mox.h"
+#include "platform/Tunnel.h"
+#include "segment/SrTePolicyDedupLifeTime.h"
+#include "segment/SrTePolicySegment.h"
+#include "types/SrTePolicyTypes.h"
+
+namespace SrTePolicy {
+
+class SegmentListLifeTimeNotifier;
+class SegmentListDedupTable;
+
+class SegmentList : public Kiln::DedupHandle {
+ public:
+   static constexpr uint32_t maxSegments = Ipkit::MplsLabelOperation::capacity;
+
+   class Notifiee : public Mox::NotifieeOf<SegmentList> {
+    public:
+      virtual void onSegment(const uint32_t& /*index*/) {}
+   };
+
+   SegmentList() = default;
+
+   uint8_t size() const noexcept { return size_; }
+   const SegmentBase* segment(Ipkit::MplsStackEntryIndex index) const noexcept {
+      return segment_[index.value].get();
+   }
+   // Stores a canonical segment at an index; the size grows to cover it.
+   void segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const SegmentBase> segment);
+   void segmentDel(Ipkit::MplsStackEntryIndex index);
+   void segmentDelAll();
+
+   // The label of the segment at `index`; an index outside the stack-entry range is a range error.
+   Ipkit::MplsLabel segmentLabel(uint32_t index) const;
+   SegmentId getSegmentId(uint32_t index) const;
+   // The labels as a label stack, entry 0 the top.
+   Ipkit::MplsLabelOperation labelStack() const;
+
+   SegmentListId segmentListId() const noexcept { return segmentListId_; }
+   SegmentListLifeTimeNotifier* segmentListLifeTimeNotifier() const noexcept {
+      return segmentListLifeTimeNotifier_.get();
+   }
+
+   bool segmentListCompare(const SegmentList& other) const noexcept;
+   bool compare(const Kiln::DedupHandle& other) const override;
+   uint32_t hash() const override;
+   Mox::Ptr<SegmentList> dedup(SegmentListDedupTable& table);
+
+   static SegmentList* fromDedupHandleNonConst(Kiln::DedupHandle* h) {
+      return static_cast<SegmentList*>(h);
+   }
+
+   // "segmentListId: %u size: %u \n"
+   std::string stringValue() const;
+   void dump(std::string& out, int depth) const;
+
+ private:
+   friend struct SegmentListDedupTraits;
+   std::array<Mox::Ptr<const SegmentBase>, maxSegments> segment_;
+   uint8_t size_ = 0;
+   SegmentListId segmentListId_;
+   Mox::Ptr<SegmentListLifeTimeNotifier> segmentListLifeTimeNotifier_;
+};
+
+class SegmentListLifeTimeNotifier : public DedupLifeTimeNotifier<SegmentList> {
+ public:
+   using DedupLifeTimeNotifier::DedupLifeTimeNotifier;
+   SegmentList* segmentListRawPtr() const noexcept { return rawPtr(); }
+   std::string stringValue() const { return segmentListRawPtr()->stringValue(); }
+};
+
+class NotifyingSegmentListCollection : public Mox::Entity {
+ public:
+   using NotifierSet = Mox::HashSet<Mox::Ptr<SegmentListLifeTimeNotifier>>;
+   class Notifiee : public Mox::NotifieeOf<NotifyingSegmentListCollection> {
+    public:
+      virtual void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>&) {}
+      virtual void onUniqueId() {}
+   };
+
+   const NotifierSet& segmentListNotifier() const noexcept { return segmentListNotifier_; }
+   bool segmentListNotifierHas(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) const {
+      return segmentListNotifier_.count(n) != 0;
+   }
+   void segmentListNotifierIs(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) {
+      setIs(segmentListNotifier_, n, &Notifiee::onSegmentListNotifier);
+   }
+   void segmentListNotifierDel(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) {
+      collDel(segmentListNotifier_, n, &Notifiee::onSegmentListNotifier);
+   }
+   void segmentListNotifierDelAll() {
+      collDelAll(segmentListNotifier_, &Notifiee::onSegmentListNotifier);
+   }
+
+   SegmentListId uniqueId() const noexcept { return uniqueId_; }
+   SegmentListId uniqueIdInc(uint32_t by) {
+      attrIs(uniqueId_, SegmentListId(uniqueId_.value + by), &Notifiee::onUniqueId);
+      return uniqueId_;
+   }
+   void uniqueIdIs(SegmentListId id) { attrIs(uniqueId_, id, &Notifiee::onUniqueId); }
+
+   void dump(std::string& out, int depth) const;
+
+ private:
+   NotifierSet segmentListNotifier_;
+   SegmentListId uniqueId_;
+};
+
+struct SegmentListDedupTraits {
+   using Item = SegmentList;
+   using Notifier = SegmentListLifeTimeNotifier;
+   using Collection = NotifyingSegmentListCollection;
+   static Item* item(Kiln::DedupHandle* h) { return SegmentList::fromDedupHandleNonConst(h); }
+   static Notifier* notifierOf(const Item& s) { return s.segmentListLifeTimeNotifier_.get(); }
+   static void notifierIs(Item& s, Mox::Ptr<Notifier> n) { s.segmentListLifeTimeNotifier_ = n; }
+   static void idIs(Item& s, SegmentListId id) { s.segmentListId_ = id; }
+   static void collectionNotifierIs(Collection& c, const Mox::Ptr<Notifier>& n) {
+      c.segmentListNotifierIs(n);
+   }
+   static void collectionNotifierDel(Collection& c, const Mox::Ptr<Notifier>& n) {
+      c.segmentListNotifierDel(n);
+   }
+   static const Collection::NotifierSet& collectionNotifiers(const Collection& c) {
+      return c.segmentListNotifier();
+   }
+   static constexpr const char* insertAssert =
+       "__null == segmentList->segmentListLifeTimeNotifier()";
+   static constexpr const char* removeAssert = "__null != lifeTimeNotifier";
+};
+
+class SegmentListLifeTimeNotifiee : public DedupLifeTimeNotifiee<SegmentListDedupTraits> {
+ public:
+   using DedupLifeTimeNotifiee::DedupLifeTimeNotifiee;
+   NotifyingSegmentListCollection* notifyingSegmentListCollection() const noexcept {
+      return collection();
+   }
+};
+
+class SegmentListDedupTable : public Mox::RefCounted {
+ public:
+   SegmentListDedupTable(SegmentListLifeTimeNotifiee* lifeTimeNotifiee,
+                         Mox::Ptr<Kiln::DedupHashTable> dedupTable);
+   ~SegmentListDedupTable() override;
+
+   SegmentListLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return lifeTimeNotifiee_; }
+   Kiln::DedupHashTable& dedupTable() const noexcept { return *dedupTable_; }
+   // The canonical list equal to `probe`, or null; never inserts.
+   Mox::Ptr<SegmentList> lookup(const SegmentList& probe) const;
+   void dump(std::string& out, int depth) const;
+
+ private:
+   SegmentListLifeTimeNotifiee* lifeTimeNotifiee_;
+   Mox::Ptr<Kiln::DedupHashTable> dedupTable_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Reverse maps
+
+// The lists that contain one segment.
+class SegmentListCollection : public Mox::Entity {
+ public:
+   using Set = Mox::HashSet<Mox::Ptr<const SegmentList>>;
+   class Notifiee : public Mox::NotifieeOf<SegmentListCollection> {
+    public:
+      virtual void onSegmentListPtr(const Mox::Ptr<const SegmentList>&) {}
+   };
+   const Set& segmentListPtr() const noexcept { return segmentListPtr_; }
+   void segmentListPtrIs(const Mox::Ptr<const SegmentList>& l) {
+      setIs(segmentListPtr_, l, &Notifiee::onSegmentListPtr);
+   }
+   void segmentListPtrDel(const Mox::Ptr<const SegmentList>& l) {
+      collDel(segmentListPtr_, l, &Notifiee::onSegmentListPtr);
+   }
+   void segmentListPtrDelAll() { collDelAll(segmentListPtr_, &Notifiee::onSegmentListPtr); }
+
+ private:
+   Set segmentListPtr_;
+};
+
+class SegmentIdToSegmentList : public Mox::Entity {
+ public:
+   using Map = Mox::HashMap2018<SegmentId, Mox::Ptr<SegmentListCollection>>;
+   class Notifiee : public Mox::NotifieeOf<SegmentIdToSegmentList> {
+    public:
+      virtual void onSegmentList(const SegmentId&) {}
+   };
+   const Map& segmentList() const noexcept { return segmentList_; }
+   SegmentListCollection* segmentList(SegmentId id) const;
+   void segmentListIs(SegmentId id, Mox::Ptr<SegmentListCollection> c) {
+      collIs(segmentList_, id, std::move(c), &Notifiee::onSegmentList);
+   }
+   void segmentListDel(SegmentId id) { collDel(segmentList_, id, &Notifiee::onSegmentList); }
+   void segmentListDelAll() { collDelAll(segmentList_, &Notifiee::onSegmentList); }
+   void dump(std::string& out, int depth) const;
+
+ private:
+   Map segmentList_;
+};
+
+// The candidate paths that use one segment list.
+class SegmentListUser : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<SegmentListUser> {
+    public:
+      virtual void onPolicyId(const PolicyId&) {}
+   };
+   SegmentListUser(SegmentListId id, Mox::Ptr<const SegmentList> segmentList)
+       : id_(id), segmentList_(std::move(segmentList)) {}
+
+   SegmentListId id() const noexcept { return id_; }
+   const SegmentList* segmentList() const noexcept { return segmentList_.get(); }
+   const Mox::HashSet<PolicyId>& policyId() const noexcept { return policyId_; }
+   bool policyIdHas(const PolicyId& p) const { return policyId_.count(p) != 0; }
+   void policyIdIs(const PolicyId& p) { setIs(policyId_, p, &Notifiee::onPolicyId); }
+   void policyIdDel(const PolicyId& p) { collDel(policyId_, p, &Notifiee::onPolicyId); }
+   void policyIdDelAll() { collDelAll(policyId_, &Notifiee::onPolicyId); }
+   void dump(std::string& out, int depth) const;
+
+ private:
+   SegmentListId id_;
+   Mox::Ptr<const SegmentList> segmentList_;
+   Mox::HashSet<PolicyId> policyId_;
+};
+
+class SegmentListIdToPolicyMap : public Mox::Entity {
+ public:
+   using Map = Mox::HashMap2018<SegmentListId, Mox::Ptr<SegmentListUser>>;
+   class Notifiee : public Mox::NotifieeOf<SegmentListIdToPolicyMap> {
+    public:
+      virtual void onSegmentListUser(const SegmentListId&) {}
+   };
+   const Map& segmentListUser() const noexcept { return segmentListUser_; }
+   SegmentListUser* segmentListUser(SegmentListId id) const;
+   // Creates the user entry of a list, or returns the existing one.
+   SegmentListUser* segmentListUserIs(SegmentListId id, Mox::Ptr<const SegmentList> segmentList);
+   void segmentListUserDel(SegmentListId id) {
+      collDel(segmentListUser_, id, &Notifiee::onSegmentListUser);
+   }
+   void segmentListUserDelAll() { collDelAll(segmentListUser_, &Notifiee::onSegmentListUser); }
+   void dump(std::string& out, int depth) const;
+
+ private:
+   Map segmentListUser_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// The vias a resolved segment list produces.
+class MplsViaSet {
+ public:
+   using Via = Tunnel::TunnelTable::MplsVia;
+   static constexpr const char* noStringConstructor =
+       "!\"No String constructor for MplsViaSet - has collection\"";
+
+   MplsViaSet() = default;
+   // There is no text form to parse a set from: asking for one is a programming error.
+   static MplsViaSet fromString(const std::string& text);
+
+   const std::set<Via>& via() const noexcept { return via_; }
+   void viaIs(const Via& v) { via_.insert(v); }
+   void viaDel(const Via& v) { via_.erase(v); }
+   bool viaHas(const Via& v) const { return via_.count(v) != 0; }
+   void viaDelAll() { via_.clear(); }
+   size_t size() const noexcept { return via_.size(); }
+   bool operator!() const noexcept { return via_.empty(); }
+   friend bool operator==(const MplsViaSet&, const MplsViaSet&) = default;
+
+ private:
+   std::set<Via> via_;
+};
+
+} // namespace SrTePolicy
