@@ -158,6 +158,14 @@ TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
       EXPECT_EQ(t.host.shared<CounterTable>().value, 3u);
       EXPECT_EQ(t.out.str().rfind("srte> ", 0), 0u);
    }
+   {
+      // A continued command counts as one, and its errors name its first line.
+      ToyHost t;
+      std::ostringstream err;
+      EXPECT_EQ(t.run("counter \\\n  add 2  # continued\ncounter add \\\n 2 \\\n 3\n", err), 1);
+      EXPECT_EQ(err.str(), "toy.srte:3: error: unexpected '3'; usage: counter add <n>\n");
+      EXPECT_EQ(t.host.shared<CounterTable>().value, 2u);
+   }
 }
 
 TEST(Host, AdvanceMovesVirtualTimeAndFiresTimersOnlyThen) {
