@@ -9,7 +9,10 @@ namespace Agent {
 Host::Host(std::ostream& out)
     : out_(&out),
       scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      attrLog_(Mox::make<Kiln::AttrLogSm>()) {
+      attrLog_(Mox::make<Kiln::AttrLogSm>()), config_(SrTePolicy::configFactory("config")),
+      status_(SrTePolicy::statusFactory("status")),
+      colorDscpMap_(SrTePolicy::colorDscpMapFactory("colorDscpMap")),
+      policyInputSource_(SrTePolicy::policyInputSourceFactory("policyInputSource")) {
    Syslog::sinkIs(&syslog_);
 }
 

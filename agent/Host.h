@@ -44,6 +44,8 @@
 #include "agent/Json.h"
 #include "platform/Kiln.h"
 #include "platform/Syslog.h"
+#include "types/SrTeColorDscpMap.h"
+#include "types/SrTePolicy.h"
 
 namespace Agent {
 
@@ -112,6 +114,13 @@ class Host {
    Kiln::TaskScheduler& scheduler() { return *scheduler_; }
    Kiln::AttrLogSm& attrLog() { return *attrLog_; }
    const Syslog::Capture& syslog() const { return syslog_; }
+   // The router's state that the policy core is given (other processes own it; restarts keep it).
+   const Mox::Ptr<SrTePolicy::Config>& config() const { return config_; }
+   const Mox::Ptr<SrTePolicy::Status>& status() const { return status_; }
+   const Mox::Ptr<SrTePolicy::ColorDscpMap>& colorDscpMap() const { return colorDscpMap_; }
+   const Mox::Ptr<SrTePolicy::PolicyInputSource>& policyInputSource() const {
+      return policyInputSource_;
+   }
    double now() const { return scheduler_->now(); }
    const std::vector<Verb>& verbs() const { return verbs_; }
    const std::vector<Show>& shows() const { return shows_; }
@@ -155,6 +164,10 @@ class Host {
    Mox::Ptr<Kiln::TaskScheduler> scheduler_;
    Mox::Ptr<Kiln::AttrLogSm> attrLog_;
    Syslog::Capture syslog_;
+   Mox::Ptr<SrTePolicy::Config> config_;
+   Mox::Ptr<SrTePolicy::Status> status_;
+   Mox::Ptr<SrTePolicy::ColorDscpMap> colorDscpMap_;
+   Mox::Ptr<SrTePolicy::PolicyInputSource> policyInputSource_;
    std::vector<Verb> verbs_;
    std::vector<Show> shows_;
    std::vector<Stage> stages_;

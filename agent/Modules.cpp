@@ -6,6 +6,8 @@ namespace Agent {
 
 void registerModules(Host& host) {
    registerCore(host);
+   registerConfig(host);
+   registerInput(host);
    // Subsystems go here, in construction order.
    registerCoreTables(host);
    host.start();

@@ -9,6 +9,8 @@ class Host;
 
 void registerCore(Host& host);
 void registerCoreTables(Host& host);
+void registerConfig(Host& host);
+void registerInput(Host& host);
 
 // Registers every subsystem, then starts the host (builds the stages).
 void registerModules(Host& host);

@@ -14,6 +14,11 @@ void TextTable::rowIs(std::vector<std::string> cells) {
    rows_.push_back(std::move(cells));
 }
 
+void TextTable::continuationIs(std::vector<std::string> cells) {
+   cells.resize(headers_.size());
+   rows_.push_back(std::move(cells));
+}
+
 void TextTable::render(std::string& out, int indent) const {
    const size_t n = headers_.size();
    std::vector<size_t> width(n);
@@ -32,7 +37,14 @@ void TextTable::render(std::string& out, int indent) const {
    };
    line([&](size_t i) { return headers_[i]; });
    line([&](size_t i) { return std::string(width[i], '-'); });
-   for (const auto& r : rows_) line([&](size_t i) { return r[i]; });
+   for (const auto& r : rows_) {
+      // No trailing blanks when the last cells of a continuation line are empty.
+      const size_t before = out.size();
+      line([&](size_t i) { return r[i]; });
+      size_t end = out.size() - 1;
+      while (end > before && out[end - 1] == ' ') --end;
+      out.erase(end, out.size() - 1 - end);
+   }
 }
 
 } // namespace Show

@@ -2,7 +2,8 @@
 //
 // The caller adds rows in key order (it knows the key's own order, which text sorting would get
 // wrong for numbers and addresses). Columns are as wide as their widest cell; the last column is
-// not padded, so lines carry no trailing blanks. An empty cell prints as "-".
+// not padded, so lines carry no trailing blanks. An empty cell prints as "-", except in the
+// continuation lines of an entry that spans several lines.
 #pragma once
 
 #include <string>
@@ -15,6 +16,8 @@ class TextTable {
    explicit TextTable(std::vector<std::string> headers);
 
    void rowIs(std::vector<std::string> cells);
+   // A further line of the previous entry (its second segment list, ...): empty cells stay blank.
+   void continuationIs(std::vector<std::string> cells);
    size_t rows() const noexcept { return rows_.size(); }
    // Appends the header, the rule and the rows to `out`, each line indented by `indent` blanks.
    void render(std::string& out, int indent = 0) const;

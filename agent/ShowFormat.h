@@ -1,0 +1,40 @@
+// Text and JSON forms shared by the host's tables, so that a label, a label stack or an
+// originator reads the same in every table.
+#pragma once
+
+#include <string>
+
+#include "agent/Json.h"
+#include "platform/Ipkit.h"
+#include "types/SrTePolicyTypes.h"
+
+namespace Show {
+
+// A label's number, or "none" for the null label.
+inline std::string labelText(Ipkit::MplsLabel l) { return l.isNull() ? "none" : l.stringValue(); }
+inline const char* onOff(bool b) { return b ? "on" : "off"; }
+
+// The used labels, top of stack first.
+inline Json::Value labelStackJson(const Ipkit::MplsLabelOperation& op) {
+   Json::Value a = Json::Value::inlineArray();
+   for (uint32_t i = 0; i < op.stackSize(); ++i) {
+      a.push(Json::Value::label(op.label(Ipkit::MplsStackEntryIndex(i))));
+   }
+   return a;
+}
+inline std::string labelStackText(const Ipkit::MplsLabelOperation& op) {
+   return op.stackSize() ? op.stringValue() : "(no labels)";
+}
+
+inline Json::Value originatorJson(const SrTePolicy::Originator& o) {
+   return Json::Value::row().set("asn", o.asn).set("address", Json::Value::address(o.address));
+}
+
+// An enumeration: its number under `key` and its name under `key` + "Name".
+template <class E>
+void enumIs(Json::Value& row, const std::string& key, E value, const std::string& name) {
+   row.set(key, static_cast<uint32_t>(value));
+   row.set(key + "Name", name);
+}
+
+} // namespace Show
