@@ -269,7 +269,7 @@ class Entity : public RefCounted {
       if (it == map.end()) return false;
       // The member may own the last reference to something the reactors look at: keep it alive
       // until they have seen the removal.
-      auto keep = std::move(*it);
+      [[maybe_unused]] auto keep = std::move(*it);
       map.erase(it);
       notify(handler, key);
       return true;
