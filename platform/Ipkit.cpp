@@ -4,6 +4,9 @@
 
 #include <cstring>
 
+#include "platform/AttrLog.h"
+#include "platform/Strep.h"
+
 namespace Ipkit {
 
 // ---- IpGenAddr
@@ -81,9 +84,57 @@ std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcep
 
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) { return os << a.stringValue(); }
 
+std::string IpGenAddr::valueToStrep() const {
+   return Strep::valueText(strepName, {{"address", Strep::quote(stringValue())}});
+}
+
+IpGenAddr IpGenAddr::fromStrep(const Strep::Node& node) {
+   const Strep::Node& text = node.expectValue(strepName, {"address"}).field("address");
+   auto a = parse(text.stringValue());
+   if (!a) text.fail("'" + text.stringValue() + "' is not an IP address");
+   return *a;
+}
+
+IpGenAddr IpGenAddr::fromStrep(std::string_view text) {
+   return fromStrep(Strep::Node::parse(text));
+}
+
+void IpGenAddr::attrLogWrite(AttrLog::Writer& w) const {
+   w.u32(af_);
+   w.bytes(bytes_, sizeof bytes_);
+}
+
+IpGenAddr IpGenAddr::attrLogRead(AttrLog::Reader& r) {
+   uint32_t af = r.u32();
+   if (af > ipv6) throw Mox::RangeError(familyRangeMessage);
+   IpGenAddr a;
+   a.af_ = af;
+   r.bytes(a.bytes_, sizeof a.bytes_);
+   // An IPv4 address uses the first four bytes only; keep the rest canonical for equality.
+   if (af == ipv4) std::memset(a.bytes_ + 4, 0, sizeof a.bytes_ - 4);
+   return a;
+}
+
 // ---- MplsLabel
 
 std::ostream& operator<<(std::ostream& os, MplsLabel l) { return os << l.value(); }
+
+std::string MplsLabel::valueToStrep() const {
+   return Strep::valueText(strepName, {{"value", std::to_string(value_)}});
+}
+
+MplsLabel MplsLabel::fromStrep(const Strep::Node& node) {
+   return MplsLabel(
+       node.expectValue(strepName, {"value"}).field("value").unsignedValue(rangeMessage));
+}
+
+MplsLabel MplsLabel::fromStrep(std::string_view text) {
+   return fromStrep(Strep::Node::parse(text));
+}
+
+void MplsLabel::attrLogWrite(AttrLog::Writer& w) const { w.u32(value_); }
+
+MplsLabel MplsLabel::attrLogRead(AttrLog::Reader& r) { return MplsLabel(r.u32()); }
 
 // ---- MplsLabelAction
 
@@ -166,6 +217,54 @@ std::ostream& operator<<(std::ostream& os, const MplsLabelOperation& op) {
    return os << op.stringValue();
 }
 
+std::string MplsLabelOperation::valueToStrep() const {
+   std::vector<std::string> labels;
+   for (uint32_t i = 0; i < size_ && i < capacity; ++i) labels.push_back(std::to_string(stack_[i]));
+   return Strep::valueText(
+       strepName, {{"action", std::to_string(action_)}, {"stack", Strep::listText(labels)}});
+}
+
+MplsLabelOperation MplsLabelOperation::fromStrep(const Strep::Node& node) {
+   node.expectValue(strepName, {"action", "stack"});
+   MplsLabelOperation op;
+   const Strep::Node& action = node.field("action");
+   if (action.kind() == Strep::Node::Kind::string) {
+      auto a = mplsLabelActionFromName(action.stringValue());
+      if (!a) action.fail("unknown label action '" + action.stringValue() + "'");
+      op.actionIs(*a);
+   } else {
+      uint64_t a = action.unsignedValue("MplsLabelAction out of range");
+      if (a > UINT32_MAX) throw Mox::RangeError("MplsLabelAction out of range");
+      op.action_ = static_cast<uint32_t>(a);
+   }
+   const auto& labels = node.field("stack").items();
+   if (labels.size() > capacity) throw Mox::RangeError(MplsStackEntryIndex::rangeMessage);
+   for (const Strep::Node& l : labels) {
+      op.stack_[op.size_++] = MplsLabel(l.unsignedValue(MplsLabel::rangeMessage)).value();
+   }
+   return op;
+}
+
+MplsLabelOperation MplsLabelOperation::fromStrep(std::string_view text) {
+   return fromStrep(Strep::Node::parse(text));
+}
+
+void MplsLabelOperation::attrLogWrite(AttrLog::Writer& w) const {
+   w.u32(action_);
+   w.u32(size_);
+   for (uint32_t i = 0; i < size_ && i < capacity; ++i) w.u32(stack_[i]);
+}
+
+MplsLabelOperation MplsLabelOperation::attrLogRead(AttrLog::Reader& r) {
+   MplsLabelOperation op;
+   op.action_ = r.u32();
+   uint32_t size = r.u32();
+   if (size > capacity) throw Mox::RangeError(MplsStackEntryIndex::rangeMessage);
+   for (uint32_t i = 0; i < size; ++i) op.stack_[i] = MplsLabel(r.u32()).value();
+   op.size_ = size;
+   return op;
+}
+
 // ---- DscpValue
 
 namespace {
@@ -194,6 +293,23 @@ std::optional<DscpValue> DscpValue::fromName(std::string_view name) {
    }
    return std::nullopt;
 }
+
+std::string DscpValue::valueToStrep() const {
+   return Strep::valueText(strepName, {{"value", std::to_string(value)}});
+}
+
+DscpValue DscpValue::fromStrep(const Strep::Node& node) {
+   return fromWide(
+       node.expectValue(strepName, {"value"}).field("value").unsignedValue(rangeMessage));
+}
+
+DscpValue DscpValue::fromStrep(std::string_view text) {
+   return fromStrep(Strep::Node::parse(text));
+}
+
+void DscpValue::attrLogWrite(AttrLog::Writer& w) const { w.u8(value); }
+
+DscpValue DscpValue::attrLogRead(AttrLog::Reader& r) { return fromWide(r.u8()); }
 
 // ---- IntfId
 

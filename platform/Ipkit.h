@@ -13,6 +13,17 @@
 
 #include "platform/Mox.h"
 
+namespace AttrLog {
+class Writer;
+class Reader;
+} // namespace AttrLog
+namespace Strep {
+class Node;
+}
+
+// Every value type below also has a structured text form (valueToStrep / fromStrep, see
+// platform/Strep.h) and an attribute-log form (attrLogWrite / attrLogRead, network byte order);
+// reading either back applies the type's range checks.
 namespace Ipkit {
 
 // ---------------------------------------------------------------------------------------------
@@ -33,6 +44,17 @@ class IpGenAddr {
    bool isUnspecified() const noexcept;
    std::string stringValue() const;
    uint32_t hash() const noexcept;
+
+   // Value('Ipkit::IpGenAddr', ** {'address': '10.0.0.1'})
+   static constexpr const char* strepName = "Ipkit::IpGenAddr";
+   std::string valueToStrep() const;
+   static IpGenAddr fromStrep(const Strep::Node& node);
+   static IpGenAddr fromStrep(std::string_view text);
+   // The family as a 32-bit word, then the 16 address bytes.
+   void attrLogWrite(AttrLog::Writer& w) const;
+   static IpGenAddr attrLogRead(AttrLog::Reader& r);
+   static constexpr const char* familyRangeMessage =
+       "IpGenAddr::af < IpGenAddr::ipv4 or > IpGenAddr::ipv6 not allowed";
 
    friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) noexcept;
    friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept;
@@ -66,6 +88,15 @@ class MplsLabel {
    bool isNull() const noexcept { return value_ == null; }
    std::string stringValue() const { return std::to_string(value_); }
    uint32_t hash() const noexcept { return Mox::mix32(value_); }
+
+   // Value('Ipkit::MplsLabel', ** {'value': 16001})
+   static constexpr const char* strepName = "Ipkit::MplsLabel";
+   std::string valueToStrep() const;
+   static MplsLabel fromStrep(const Strep::Node& node);
+   static MplsLabel fromStrep(std::string_view text);
+   void attrLogWrite(AttrLog::Writer& w) const;
+   static MplsLabel attrLogRead(AttrLog::Reader& r);
+
    friend bool operator==(MplsLabel a, MplsLabel b) noexcept { return a.value_ == b.value_; }
    friend auto operator<=>(MplsLabel a, MplsLabel b) noexcept { return a.value_ <=> b.value_; }
 
@@ -113,6 +144,17 @@ class MplsLabelOperation {
    // "16001 16002 16003": the used entries from index 0.
    std::string stringValue() const;
    uint32_t hash() const noexcept;
+
+   // Value('Ipkit::MplsLabelOperation', ** {'action': 3, 'stack': [16001, 16002]}); the action
+   // may also be given by name when parsing.
+   static constexpr const char* strepName = "Ipkit::MplsLabelOperation";
+   std::string valueToStrep() const;
+   static MplsLabelOperation fromStrep(const Strep::Node& node);
+   static MplsLabelOperation fromStrep(std::string_view text);
+   // Action and size as 32-bit words, then the used labels; labels and size are range checked on
+   // read-back.
+   void attrLogWrite(AttrLog::Writer& w) const;
+   static MplsLabelOperation attrLogRead(AttrLog::Reader& r);
    friend bool operator==(const MplsLabelOperation& a, const MplsLabelOperation& b) noexcept;
    friend std::strong_ordering operator<=>(const MplsLabelOperation& a,
                                            const MplsLabelOperation& b) noexcept;
@@ -135,6 +177,14 @@ struct DscpValue : Mox::Bounded<DscpValue, uint8_t, 0, 63, 0> {
    std::string symbolicName() const;
    static std::optional<DscpValue> fromName(std::string_view name);
    std::string stringValue() const { return std::to_string(value); }
+
+   // Value('Ipkit::DscpValue', ** {'value': 46}); one byte in the attribute log.
+   static constexpr const char* strepName = "Ipkit::DscpValue";
+   std::string valueToStrep() const;
+   static DscpValue fromStrep(const Strep::Node& node);
+   static DscpValue fromStrep(std::string_view text);
+   void attrLogWrite(AttrLog::Writer& w) const;
+   static DscpValue attrLogRead(AttrLog::Reader& r);
 };
 
 // ---------------------------------------------------------------------------------------------

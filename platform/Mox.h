@@ -212,6 +212,8 @@ class NotifieeOf : public NotifieeBase {
  public:
    E* notifier() const noexcept { return static_cast<E*>(notifierBase()); }
    void notifierIs(E* entity) { bind(entity); }
+   // Watching does not change what an entity holds: read-only inputs are watched too.
+   void notifierIs(const E* entity) { bind(const_cast<E*>(entity)); }
    void notifierIs(const Ptr<E>& entity) { bind(entity.get()); }
    void notifierIs(std::nullptr_t) { bind(nullptr); }
 };
