@@ -72,12 +72,16 @@ std::string_view Args::peek() const noexcept {
 
 bool Args::accept(std::string_view word) {
    if (done() || tokens_[pos_] != word) return false;
-   ++pos_;
+   lastKeyword_ = tokens_[pos_++];
    return true;
 }
 
 std::string Args::word(std::string_view what) {
-   if (done()) failUsage("missing " + std::string(what));
+   if (done()) {
+      if (!lastKeyword_.empty()) failUsage("missing value after '" + lastKeyword_ + "'");
+      failUsage("missing " + std::string(what));
+   }
+   lastKeyword_.clear();
    return tokens_[pos_++];
 }
 
@@ -86,7 +90,7 @@ void Args::expect(std::string_view keyword) {
    if (tokens_[pos_] != keyword) {
       failUsage("expected '" + std::string(keyword) + "', got '" + tokens_[pos_] + "'");
    }
-   ++pos_;
+   lastKeyword_ = tokens_[pos_++];
 }
 
 std::string Args::keyword(std::initializer_list<std::string_view> once,
@@ -103,6 +107,7 @@ std::string Args::keyword(std::initializer_list<std::string_view> once,
       failUsage(msg);
    }
    if (isOnce && !seenKeywords_.insert(w).second) fail("'" + w + "' given twice");
+   lastKeyword_ = w;
    return w;
 }
 

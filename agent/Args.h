@@ -92,6 +92,7 @@ class Args {
    size_t pos_;
    std::string usage_;
    std::set<std::string> seenKeywords_;
+   std::string lastKeyword_; // the keyword whose value comes next, for "missing value" messages
 };
 
 // Required keyword values: `need(color, "color")` fails when the keyword was not given.

@@ -86,8 +86,7 @@ Mox::Ptr<CandidatePath> existingPath(Host& host, const Args& a, const PolicyKey&
    return c;
 }
 
-void registerFlag(Host& host, const char* word, const char* summary,
-                  void (Config::*setter)(bool)) {
+void registerFlag(Host& host, const char* word, const char* summary, void (Config::*setter)(bool)) {
    const std::string name = std::string("config ") + word;
    host.verbIs(name, name + " on|off", summary, [&host, name, setter](Args& a) -> Host::Apply {
       const bool on = a.onOff(name);
@@ -104,7 +103,8 @@ Ipkit::DscpValue readDscp(Args& a) {
    }
    uint64_t ignored = 0;
    if (Args::parseDecimal(text, ignored) == Args::Decimal::notANumber) {
-      a.fail("expected a DSCP value (0 to 63, or a name such as ef, af41, cs3), got '" + text + "'");
+      a.fail("expected a DSCP value (0 to 63, or a name such as ef, af41, cs3), got '" + text +
+             "'");
    }
    return a.bounded<Ipkit::DscpValue>("dscp");
 }
@@ -121,7 +121,8 @@ std::vector<Ipkit::DscpValue> readDscpList(Args& a) {
 std::vector<Mox::Ptr<StaticPolicy>> policiesByKey(const Config& config) {
    std::vector<Mox::Ptr<StaticPolicy>> out;
    for (const auto& [key, p] : config.policy()) out.push_back(p);
-   std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a->key() < b->key(); });
+   std::sort(out.begin(), out.end(),
+             [](const auto& a, const auto& b) { return a->key() < b->key(); });
    return out;
 }
 
@@ -200,7 +201,8 @@ Json::Value configJson(Host& host) {
 std::vector<Mox::Ptr<DscpList>> colorsInOrder(const ColorDscpMap& m) {
    std::vector<Mox::Ptr<DscpList>> out;
    for (const auto& [color, list] : m.colorToDscp()) out.push_back(list);
-   std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a->color() < b->color(); });
+   std::sort(out.begin(), out.end(),
+             [](const auto& a, const auto& b) { return a->color() < b->color(); });
    return out;
 }
 
@@ -281,7 +283,8 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "preference"});
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
-                  return [&host, key, pref] { host.config()->policyIs(key)->candidatePathIs(pref); };
+                  return
+                      [&host, key, pref] { host.config()->policyIs(key)->candidatePathIs(pref); };
                });
    host.verbIs(
        "static segment-list",
@@ -328,23 +331,22 @@ void registerConfig(Host& host) {
                   existingPath(host, a, key, pref);
                   return [&host, key, pref] { host.config()->policy(key)->candidatePathDel(pref); };
                });
-   host.verbIs(
-       "no static segment-list",
-       "no static segment-list <endpoint> color <c> preference <p> labels <l>...",
-       "remove a segment list of a static candidate path", [&host](Args& a) -> Host::Apply {
-          StaticWords w = readStatic(a, {"color", "preference", "labels"});
-          const PolicyKey key = keyOf(a, w);
-          const Preference pref = need(a, w.preference, "preference");
-          const Ipkit::MplsLabelOperation labels = need(a, w.labels, "labels");
-          if (!existingPath(host, a, key, pref)->staticSegmentList(labels)) {
-             a.fail("static policy " + key.stringValue() + " preference " +
-                    std::to_string(pref.value) + " has no segment list [" + labels.stringValue() +
-                    "]");
-          }
-          return [&host, key, pref, labels] {
-             host.config()->policy(key)->candidatePath(pref)->staticSegmentListDel(labels);
-          };
-       });
+   host.verbIs("no static segment-list",
+               "no static segment-list <endpoint> color <c> preference <p> labels <l>...",
+               "remove a segment list of a static candidate path", [&host](Args& a) -> Host::Apply {
+                  StaticWords w = readStatic(a, {"color", "preference", "labels"});
+                  const PolicyKey key = keyOf(a, w);
+                  const Preference pref = need(a, w.preference, "preference");
+                  const Ipkit::MplsLabelOperation labels = need(a, w.labels, "labels");
+                  if (!existingPath(host, a, key, pref)->staticSegmentList(labels)) {
+                     a.fail("static policy " + key.stringValue() + " preference " +
+                            std::to_string(pref.value) + " has no segment list [" +
+                            labels.stringValue() + "]");
+                  }
+                  return [&host, key, pref, labels] {
+                     host.config()->policy(key)->candidatePath(pref)->staticSegmentListDel(labels);
+                  };
+               });
 
    host.verbIs("color-dscp", "color-dscp <color> dscp <value>... [symbolic]",
                "map DSCP values (0 to 63, or names: ef, af41, cs3, ...) to a color; symbolic: "
@@ -362,30 +364,29 @@ void registerConfig(Host& host) {
                      }
                   };
                });
-   host.verbIs("no color-dscp", "no color-dscp <color> [dscp <value>...]",
-               "remove DSCP values from a color, or the whole color",
-               [&host](Args& a) -> Host::Apply {
-                  const Color color = a.bounded<Color>("color");
-                  auto list = host.colorDscpMap()->colorToDscp(color);
-                  if (!list) a.fail("color " + std::to_string(color.value) + " has no DSCP map");
-                  if (a.done()) {
-                     return [&host, color] { host.colorDscpMap()->colorToDscpDel(color); };
-                  }
-                  a.expect("dscp");
-                  const auto values = readDscpList(a);
-                  for (const auto& v : values) {
-                     if (!list->dscp(v)) {
-                        a.fail("color " + std::to_string(color.value) + " has no DSCP " +
-                               v.stringValue());
-                     }
-                  }
-                  return [list, values] {
-                     for (const auto& v : values) {
-                        list->dscpDel(v);
-                        list->cliSaveUseSymbolic_Del(v);
-                     }
-                  };
-               });
+   host.verbIs(
+       "no color-dscp", "no color-dscp <color> [dscp <value>...]",
+       "remove DSCP values from a color, or the whole color", [&host](Args& a) -> Host::Apply {
+          const Color color = a.bounded<Color>("color");
+          auto list = host.colorDscpMap()->colorToDscp(color);
+          if (!list) a.fail("color " + std::to_string(color.value) + " has no DSCP map");
+          if (a.done()) {
+             return [&host, color] { host.colorDscpMap()->colorToDscpDel(color); };
+          }
+          a.expect("dscp");
+          const auto values = readDscpList(a);
+          for (const auto& v : values) {
+             if (!list->dscp(v)) {
+                a.fail("color " + std::to_string(color.value) + " has no DSCP " + v.stringValue());
+             }
+          }
+          return [list, values] {
+             for (const auto& v : values) {
+                list->dscpDel(v);
+                list->cliSaveUseSymbolic_Del(v);
+             }
+          };
+       });
 
    host.showIs(
        "config", "Config flags and static policies",

@@ -15,7 +15,9 @@ using namespace SrTePolicy;
 namespace {
 
 std::string protocolText(Protocol p) {
-   return protocolEnumToString(p) + " (" + std::to_string(static_cast<uint32_t>(p)) + ")";
+   const std::string number = std::to_string(static_cast<uint32_t>(p));
+   const std::string name = protocolEnumToString(p);
+   return name == number ? number : name + " (" + number + ")";
 }
 
 Mox::Ptr<PolicyInput> existingTable(Host& host, const Args& a, Protocol p) {
@@ -81,12 +83,10 @@ void inputText(Host& host, std::string& out) {
       Show::TextTable t({"Endpoint", "Color", "Discriminator", "Originator", "Preference", "BSID",
                          "Weight", "Labels"});
       for (const PolicyInputEntry* e : recordsInOrder(table)) {
-         std::vector<std::string> cells{e->key().key.endpoint.stringValue(),
-                                        std::to_string(e->key().key.color.value),
-                                        std::to_string(e->key().discriminator.value),
-                                        e->originator().stringValue(),
-                                        std::to_string(e->preference().value),
-                                        Show::labelText(e->bindingSid())};
+         std::vector<std::string> cells{
+             e->key().key.endpoint.stringValue(),          std::to_string(e->key().key.color.value),
+             std::to_string(e->key().discriminator.value), e->originator().stringValue(),
+             std::to_string(e->preference().value),        Show::labelText(e->bindingSid())};
          if (e->segmentListCount() == 0) {
             cells.push_back("");
             cells.push_back("(no segment lists)");
@@ -202,16 +202,19 @@ void registerInput(Host& host) {
                     bool weight = false, labels = false;
                     for (;;) {
                        if (a.accept("weight")) {
-                          if (std::exchange(weight, true)) a.fail("'weight' given twice in segment-list " + std::to_string(n));
+                          if (std::exchange(weight, true))
+                             a.fail("'weight' given twice in segment-list " + std::to_string(n));
                           l.weight = a.bounded<Weight>("weight");
                        } else if (a.accept("labels")) {
-                          if (std::exchange(labels, true)) a.fail("'labels' given twice in segment-list " + std::to_string(n));
+                          if (std::exchange(labels, true))
+                             a.fail("'labels' given twice in segment-list " + std::to_string(n));
                           l.segList = a.labelStack();
                        } else {
                           break;
                        }
                     }
-                    if (!labels) a.failUsage("segment-list " + std::to_string(n) + " has no 'labels'");
+                    if (!labels)
+                       a.failUsage("segment-list " + std::to_string(n) + " has no 'labels'");
                     lists.push_back(l);
                  }
               });
@@ -220,18 +223,20 @@ void registerInput(Host& host) {
           if (originator) e.originatorIs(*originator);
           if (preference) e.preferenceIs(*preference);
           if (bsid) e.bindingSidIs(*bsid);
-          for (uint32_t i = 0; i < lists.size(); ++i) e.segmentListIs(SegmentListIndex(i), lists[i]);
+          for (uint32_t i = 0; i < lists.size(); ++i)
+             e.segmentListIs(SegmentListIndex(i), lists[i]);
           return [table, e] { table->policyInputEntryIs(e); };
        });
-   host.verbIs("no input", "no input <protocol> <endpoint> color <c> discriminator <d>",
-               "delete a candidate-path record", [&host](Args& a) -> Host::Apply {
-                  const PolicyId id = readId(a, {"color", "discriminator"}, {}, [](const std::string&) {});
-                  Mox::Ptr<PolicyInput> table = existingTable(host, a, id.protocol);
-                  if (!table->policyInputEntryFind(id)) {
-                     a.fail("no input record " + id.stringValue());
-                  }
-                  return [table, id] { table->policyInputEntryDel(id); };
-               });
+   host.verbIs(
+       "no input", "no input <protocol> <endpoint> color <c> discriminator <d>",
+       "delete a candidate-path record", [&host](Args& a) -> Host::Apply {
+          const PolicyId id = readId(a, {"color", "discriminator"}, {}, [](const std::string&) {});
+          Mox::Ptr<PolicyInput> table = existingTable(host, a, id.protocol);
+          if (!table->policyInputEntryFind(id)) {
+             a.fail("no input record " + id.stringValue());
+          }
+          return [table, id] { table->policyInputEntryDel(id); };
+       });
 
    host.showIs(
        "input", "every input table's records", [&host](std::string& out) { inputText(host, out); },

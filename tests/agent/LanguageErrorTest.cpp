@@ -1,0 +1,167 @@
+// What a new user typing at the shell meets: every malformed line is refused with a message that
+// says what is wrong, and changes nothing (the whole state, as `show all json` prints it, is the
+// same before and after).
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "agent/Host.h"
+#include "agent/Modules.h"
+
+namespace {
+
+struct Shell {
+   std::ostringstream out;
+   Agent::Host host{out};
+   Shell() { Agent::registerModules(host); }
+   std::string state() {
+      out.str("");
+      host.execute("show all json");
+      return out.str();
+   }
+   // Runs a line that must fail; returns its message.
+   std::string refuse(const std::string& line) {
+      const std::string before = state();
+      std::string message = "(accepted)";
+      try {
+         host.execute(line);
+      } catch (const Agent::ScriptError& e) {
+         message = e.what();
+      }
+      EXPECT_EQ(state(), before) << "changed by: " << line;
+      return message;
+   }
+};
+
+struct Case {
+   const char* line;
+   const char* message;
+};
+
+void expectRefused(Shell& s, std::initializer_list<Case> cases) {
+   for (const auto& c : cases) EXPECT_EQ(s.refuse(c.line), c.message) << c.line;
+}
+
+// A state with something of every kind, so that "nothing changed" means something.
+void populate(Shell& s) {
+   for (const char* line : {
+            "config enabled on",
+            "input-table bgp",
+            "input-table static",
+            "static policy 10.0.0.2 color 100 bsid 900100",
+            "static segment-list 10.0.0.2 color 100 preference 200 labels 16002 16005 weight 2",
+            "input bgp 10.0.0.3 color 7 discriminator 1 segment-list labels 16003",
+            "color-dscp 100 dscp ef",
+        }) {
+      s.host.execute(line);
+   }
+}
+
+TEST(LanguageError, TyposAndMisplacedWordsSuggestTheIntendedOne) {
+   Shell s;
+   populate(s);
+   expectRefused(
+       s, {
+              {"cofnig enabled on",
+               "unknown command 'cofnig' (did you mean 'config'?); 'help' lists the commands"},
+              {"config enable on", "unknown command 'config enable' (did you mean 'config "
+                                   "enabled'?); 'config' takes one of: discriminator-tie-break "
+                                   "enabled segment-list-sharing specified-bsid-only"},
+              {"config enabled yes", "expected on or off for config enabled, got 'yes'"},
+              {"static policy 10.0.0.2 colour 100",
+               "unexpected 'colour' (did you mean 'color'?); usage: static policy <endpoint> "
+               "color <c> [bsid <label>]"},
+              {"no stati policy 10.0.0.2 color 100",
+               "unknown command 'no stati' (did you mean 'no static'?); 'no' takes one of: "
+               "color-dscp input input-table static"},
+              {"show confg", "unknown table 'confg' (did you mean 'config'?); tables: all config "
+                             "color-dscp input scheduler syslog"},
+              {"input bgpp 10.0.0.3 color 7 discriminator 1",
+               "unknown protocol 'bgpp' (did you mean 'bgp'?); a protocol is a number or one of: "
+               "unknown pcep bgp static"},
+              {"static policy 10.0.0.300 color 1",
+               "expected an IPv4 or IPv6 address for endpoint, got '10.0.0.300'"},
+          });
+}
+
+TEST(LanguageError, MissingAndRepeatedValues) {
+   Shell s;
+   populate(s);
+   expectRefused(
+       s, {
+              {"static policy 10.0.0.2",
+               "missing 'color'; usage: static policy <endpoint> color <c> [bsid <label>]"},
+              {"static policy 10.0.0.2 color",
+               "missing value after 'color'; usage: static policy <endpoint> color <c> [bsid "
+               "<label>]"},
+              {"static policy 10.0.0.2 color 100 color 5", "'color' given twice"},
+              {"static policy 10.0.0.2 color blue", "expected a number for color, got 'blue'"},
+              {"static path 10.0.0.2 color 100 preference 1 extra",
+               "unexpected 'extra'; usage: static path <endpoint> color <c> preference <p>"},
+              {"input bgp 10.0.0.3 color 7 discriminator 1 segment-list weight 1",
+               "segment-list 1 has no 'labels'; usage: input <protocol> <endpoint> color <c> "
+               "discriminator <d> [originator <asn> <address>] [preference <p>] [bsid <label>] "
+               "[segment-list [weight <w>] labels <l>...]..."},
+              {"color-dscp 5 dscp", "missing DSCP value; usage: color-dscp <color> dscp "
+                                    "<value>... [symbolic]"},
+          });
+}
+
+TEST(LanguageError, OutOfRangeValuesCarryTheTypesOwnMessage) {
+   Shell s;
+   populate(s);
+   std::string seventeen = "input bgp 10.0.0.3 color 7 discriminator 1";
+   for (int i = 1; i <= 17; ++i) seventeen += " segment-list labels " + std::to_string(16000 + i);
+   std::string sixteen = "static segment-list 10.0.0.2 color 100 preference 200 labels ";
+   for (int i = 1; i < 16; ++i) {
+      s.host.execute(sixteen + std::to_string(17000 + i)); // 15 more: 16 in all
+   }
+   expectRefused(
+       s, {
+              {"static policy 10.0.0.2 color 100 bsid 1048577",
+               "bsid 1048577 is out of range: a label is 0 to 1048575, or none for no label"},
+              {"static segment-list 10.0.0.2 color 100 preference 200 labels 1 weight 0",
+               "weight 0: Weight::value < Weight::min or > Weight::max not allowed"},
+              {"static path 10.0.0.2 color 100 preference 4294967296",
+               "preference 4294967296: Preference::value < Preference::min or > "
+               "Preference::max not allowed"},
+              {"static policy 10.0.0.2 color 99999999999999999999",
+               "color 99999999999999999999: Color::value < Color::min or > Color::max not "
+               "allowed"},
+              {"static segment-list 10.0.0.2 color 100 preference 2 labels 1 2 3 4 5 6 7 8 9",
+               "label 9 of the stack: MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+               "MplsStackEntryIndex::max not allowed (a stack holds at most 8 labels)"},
+              {seventeen.c_str(),
+               "segment-list 17: SegmentListIndex::value < SegmentListIndex::min or > "
+               "SegmentListIndex::max not allowed (a record holds at most 16)"},
+              {(sixteen + "18000").c_str(),
+               "segment list 17 of a candidate path: SegmentListIndex::value < "
+               "SegmentListIndex::min or > SegmentListIndex::max not allowed"},
+              {"color-dscp 5 dscp 64",
+               "dscp 64: DscpValue::value < DscpValue::min or > DscpValue::max not allowed"},
+              {"trace 10", "trace level 10 is out of range (0 to 9)"},
+          });
+}
+
+TEST(LanguageError, RemovingOrCreatingWhatIsNotThereOrAlreadyIs) {
+   Shell s;
+   populate(s);
+   expectRefused(
+       s, {
+              {"no static policy 10.0.0.9 color 100", "no static policy 10.0.0.9|100"},
+              {"no static path 10.0.0.2 color 100 preference 7",
+               "static policy 10.0.0.2|100 has no path of preference 7"},
+              {"no static segment-list 10.0.0.2 color 100 preference 200 labels 16002",
+               "static policy 10.0.0.2|100 preference 200 has no segment list [16002]"},
+              {"no input bgp 10.0.0.3 color 7 discriminator 2", "no input record 10.0.0.3|7|bgp|2"},
+              {"input 40 10.0.0.3 color 7 discriminator 1",
+               "no input table for protocol 40; 'input-table 40' creates it"},
+              {"input-table bgp", "the input table for protocol bgp (20) exists"},
+              {"no input-table pcep",
+               "no input table for protocol pcep (10); 'input-table pcep' creates it"},
+              {"no color-dscp 5", "color 5 has no DSCP map"},
+              {"no color-dscp 100 dscp af41", "color 100 has no DSCP 34"},
+          });
+}
+
+} // namespace
