@@ -234,7 +234,7 @@ class Entity : public RefCounted {
    void notify(void (N::*handler)(P...), const A&... args) {
       if (!reactors_) return;
       DispatchScope scope(*this);
-      auto& items = reactors_->items;
+      auto& items = scope.reactors.items;
       for (size_t i = 0, n = items.size(); i < n; ++i) {
          NotifieeBase* r = items[i];
          if (r && r->active_) (static_cast<N*>(r)->*handler)(args...);
@@ -295,14 +295,27 @@ class Entity : public RefCounted {
       uint32_t dispatchDepth = 0;
       bool hasHoles = false;
    };
+   // Inline: every notification pays for it. The reactor list cannot go away during a dispatch
+   // (the entity is held), so it is read once.
    struct DispatchScope {
-      explicit DispatchScope(Entity& e);
-      ~DispatchScope();
+      explicit DispatchScope(Entity& e) noexcept
+          : entity(e), reactors(*e.reactors_), guarded(e.refCount() > 0) {
+         if (guarded) entity.ref();
+         ++reactors.dispatchDepth;
+      }
+      ~DispatchScope() {
+         if (--reactors.dispatchDepth == 0 && reactors.hasHoles) [[unlikely]] {
+            entity.compactReactors();
+         }
+         if (guarded) entity.unref();
+      }
       Entity& entity;
+      Reactors& reactors;
       bool guarded;
    };
    void attach(NotifieeBase* n);
    void detach(NotifieeBase* n);
+   void compactReactors();
 
    std::unique_ptr<Reactors> reactors_;
 };
