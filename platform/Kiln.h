@@ -127,6 +127,9 @@ class Task : public Mox::Entity {
    uint64_t runCount_ = 0;
 };
 using TimerTask = Task;
+// Timers are the scheduler's own (`scheduleTaskLowestDelay`); what is handed around as the timer
+// wheel is the scheduler.
+using TimerWheel = TaskScheduler;
 
 // The attribute-log writer towards other processes. The state machines only ask whether its
 // output is congested; the host sets the flag.

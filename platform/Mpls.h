@@ -16,6 +16,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <optional>
 #include <ostream>

@@ -198,18 +198,4 @@ TEST(Kiln, TaskGoingAwayOrOutlivingItsScheduler) {
    EXPECT_FALSE(survivor->taskShouldYield());
 }
 
-TEST(Kiln, AttrLogCongestionNotifiesOnChangeOnly) {
-   Kiln::AttrLogSm log;
-   struct Watch : Kiln::AttrLogSm::Notifiee {
-      int calls = 0;
-      void onAttrLogOutClogged() override { ++calls; }
-   } watch;
-   watch.notifierIs(&log);
-   log.attrLogOutCloggedIs(false);
-   log.attrLogOutCloggedIs(true);
-   log.attrLogOutCloggedIs(true);
-   EXPECT_TRUE(log.isAttrLogOutClogged());
-   EXPECT_EQ(watch.calls, 1);
-}
-
 } // namespace
