@@ -10,8 +10,11 @@ TaskScheduler::TaskScheduler(ClockMode mode)
     : mode_(mode), start_(std::chrono::steady_clock::now()) {}
 
 TaskScheduler::~TaskScheduler() {
-   for (Task* t : ready_) t->isReady_ = false;
-   for (Task* t : timers_) t->hasTimer_ = false;
+   for (Task* t : tasks_) {
+      t->isReady_ = false;
+      t->hasTimer_ = false;
+      t->scheduler_ = nullptr;
+   }
 }
 
 double TaskScheduler::now() const noexcept {
@@ -57,9 +60,12 @@ void TaskScheduler::timerDel(Task* t) {
    std::erase(timers_, t);
 }
 
+void TaskScheduler::taskIs(Task* t) { tasks_.push_back(t); }
+
 void TaskScheduler::forget(Task* t) {
    unready(t);
    timerDel(t);
+   std::erase(tasks_, t);
    if (running_ == t) running_ = nullptr;
 }
 
@@ -103,7 +109,8 @@ size_t TaskScheduler::runUntilIdle() {
       t->isReady_ = false;
       running_ = t;
       sliceCalls_ = 0;
-      sliceStart_ = std::chrono::steady_clock::now();
+      // Only a real-clock slice is measured in time; a virtual one costs no clock read.
+      if (mode_ == ClockMode::real) sliceStart_ = std::chrono::steady_clock::now();
       t->run();
       running_ = nullptr;
       ++runs;
@@ -128,22 +135,28 @@ void TaskScheduler::advance(double seconds) {
 }
 
 Task::Task(TaskScheduler& scheduler, int priority, std::string name)
-    : scheduler_(&scheduler), priority_(priority), name_(std::move(name)) {}
+    : scheduler_(&scheduler), priority_(priority), name_(std::move(name)) {
+   scheduler_->taskIs(this);
+}
 
-Task::~Task() { scheduler_->forget(this); }
+Task::~Task() {
+   if (scheduler_) scheduler_->forget(this);
+}
 
 void Task::scheduleTask() {
+   if (!scheduler_) return;
    scheduler_->timerDel(this);
    scheduler_->ready(this);
 }
 
 void Task::unscheduleTask() {
+   if (!scheduler_) return;
    scheduler_->unready(this);
    scheduler_->timerDel(this);
 }
 
 void Task::scheduleTaskLowestDelay(double seconds) {
-   if (isReady_) return; // already due now: nothing is earlier
+   if (!scheduler_ || isReady_) return; // already due now: nothing is earlier
    double at = scheduler_->now() + std::max(0.0, seconds);
    if (hasTimer_ && timerAt_ <= at) return;
    scheduler_->timerIs(this, at);
@@ -155,7 +168,8 @@ std::optional<double> Task::expirationTime() const noexcept {
 }
 
 std::string Task::stringValue() const {
-   return "taskName: " + name_ + ", taskPriority: " + std::to_string(priority_);
+   return Mox::format("taskName: %s, taskPriority: %d, currentExpirationTime: %f", name_.c_str(),
+                      priority_, hasTimer_ ? timerAt_ : 0.0);
 }
 
 void Task::run() {

@@ -3,15 +3,15 @@
 //
 // Guarantees (tests/platform/KilnTest.cpp):
 //  - `scheduleTask` is idempotent: a task scheduled twice before it runs runs once;
-//  - ready tasks run in priority order (lower value first), first-scheduled first within a
-//  priority;
+//  - ready tasks run in priority order (lower value first), first-scheduled first within one
+//    priority; a task that schedules itself while running runs again after what was ready;
 //  - `scheduleTaskLowestDelay(d)` never postpones an earlier request: the task fires at the
-//  earliest
-//    time any pending request asked for; an immediate `scheduleTask` cancels the timer;
+//    earliest time any pending request asked for; an immediate `scheduleTask` cancels the timer;
 //  - on a virtual clock nothing sleeps: `advance` moves time to each due timer in order, runs what
 //    became ready there, and ends at the requested time; `runUntilIdle` never moves time;
 //  - `taskShouldYield` answers from the running task's slice: a work-unit budget on a virtual
-//    clock (deterministic), a time slice on the real one; `yieldEveryIs(n)` forces a budget.
+//    clock (deterministic), a time slice on the real one; `yieldEveryIs(n)` forces a budget;
+//  - a task may outlive its scheduler: it is then detached and its scheduling calls do nothing.
 #pragma once
 
 #include <chrono>
@@ -63,6 +63,7 @@ class TaskScheduler : public Mox::Entity {
    bool shouldYield() noexcept;
    void fireDueTimers(double upTo);
    void forget(Task* t);
+   void taskIs(Task* t);
 
    ClockMode mode_;
    std::chrono::steady_clock::time_point start_;
@@ -70,6 +71,7 @@ class TaskScheduler : public Mox::Entity {
    uint64_t seq_ = 0;
    std::vector<Task*> ready_;  // small: a handful of tasks per agent
    std::vector<Task*> timers_; // tasks with a pending timer
+   std::vector<Task*> tasks_;  // every task made on this scheduler
    Task* running_ = nullptr;
    uint32_t sliceCalls_ = 0;
    std::chrono::steady_clock::time_point sliceStart_;
@@ -90,7 +92,8 @@ class Task : public Mox::Entity {
 
    const std::string& name() const noexcept { return name_; }
    int priority() const noexcept { return priority_; }
-   TaskScheduler& scheduler() const noexcept { return *scheduler_; }
+   // Null once the scheduler is gone.
+   TaskScheduler* scheduler() const noexcept { return scheduler_; }
 
    void scheduleTask();
    void unscheduleTask();
@@ -99,12 +102,13 @@ class Task : public Mox::Entity {
    bool isReady() const noexcept { return isReady_; }
    std::optional<double> expirationTime() const noexcept;
 
-   bool taskShouldYield() noexcept { return scheduler_->shouldYield(); }
+   bool taskShouldYield() noexcept { return scheduler_ && scheduler_->shouldYield(); }
    void taskWorkCountInc(uint64_t n) noexcept { workCount_ += n; }
    uint64_t workCount() const noexcept { return workCount_; }
    uint64_t runCount() const noexcept { return runCount_; }
 
-   // "taskName: ..., taskPriority: ..." line of state dumps.
+   // "taskName: ..., taskPriority: ..., currentExpirationTime: ..." line of state dumps; the
+   // expiration time is the pending timer's (0.000000 without one).
    std::string stringValue() const;
 
  private:
@@ -123,6 +127,9 @@ class Task : public Mox::Entity {
    uint64_t runCount_ = 0;
 };
 using TimerTask = Task;
+// Timers are the scheduler's own (`scheduleTaskLowestDelay`); what is handed around as the timer
+// wheel is the scheduler.
+using TimerWheel = TaskScheduler;
 
 // The attribute-log writer towards other processes. The state machines only ask whether its
 // output is congested; the host sets the flag.

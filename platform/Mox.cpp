@@ -51,18 +51,9 @@ void Entity::detach(NotifieeBase* n) {
    }
 }
 
-Entity::DispatchScope::DispatchScope(Entity& e) : entity(e), guarded(e.refCount() > 0) {
-   if (guarded) entity.ref();
-   ++entity.reactors_->dispatchDepth;
-}
-
-Entity::DispatchScope::~DispatchScope() {
-   Reactors& r = *entity.reactors_;
-   if (--r.dispatchDepth == 0 && r.hasHoles) {
-      std::erase(r.items, nullptr);
-      r.hasHoles = false;
-   }
-   if (guarded) entity.unref();
+void Entity::compactReactors() {
+   std::erase(reactors_->items, nullptr);
+   reactors_->hasHoles = false;
 }
 
 std::string vformat(const char* fmt, va_list args) {

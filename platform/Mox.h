@@ -15,7 +15,10 @@
 //  - a reactor whose notifications are inactive is not called;
 //  - when an entity dies, the reactors bound to it are unbound (their notifier becomes null);
 //  - an entity that loses its last reference inside one of its own dispatches lives until the
-//    dispatch ends.
+//    dispatch ends;
+//  - a removal may name its key by a reference into the collection itself: reactors get a copy;
+//  - a watched reference count calls onRefCountWatched() when it falls to the mark, and the
+//    object is still deleted when the count reaches zero.
 #pragma once
 
 #include <cstdarg>
@@ -54,11 +57,12 @@ class RefCounted {
    uint32_t refCount() const noexcept { return refs_; }
    void ref() const noexcept { ++refs_; }
    void unref() const noexcept {
-      --refs_;
-      if (refs_ == watchAt_) [[unlikely]] {
+      // One compare on the common path: both events lie at or below the watch mark. The object
+      // dies at zero even while a watch mark is set (a table that dropped its own references).
+      if (--refs_ <= watchAt_) [[unlikely]] {
          if (refs_ == 0) {
             delete this;
-         } else {
+         } else if (refs_ == watchAt_) {
             const_cast<RefCounted*>(this)->onRefCountWatched();
          }
       }
@@ -232,7 +236,7 @@ class Entity : public RefCounted {
    void notify(void (N::*handler)(P...), const A&... args) {
       if (!reactors_) return;
       DispatchScope scope(*this);
-      auto& items = reactors_->items;
+      auto& items = scope.reactors.items;
       for (size_t i = 0, n = items.size(); i < n; ++i) {
          NotifieeBase* r = items[i];
          if (r && r->active_) (static_cast<N*>(r)->*handler)(args...);
@@ -271,9 +275,10 @@ class Entity : public RefCounted {
       if (it == map.end()) return false;
       // The member may own the last reference to something the reactors look at: keep it alive
       // until they have seen the removal.
-      [[maybe_unused]] auto keep = std::move(*it);
+      // The caller's key may live inside the member being erased: notify with the kept copy.
+      auto keep = std::move(*it);
       map.erase(it);
-      notify(handler, key);
+      notify(handler, keyOf(keep));
       return true;
    }
    template <class M, class K, class N>
@@ -292,14 +297,27 @@ class Entity : public RefCounted {
       uint32_t dispatchDepth = 0;
       bool hasHoles = false;
    };
+   // Inline: every notification pays for it. The reactor list cannot go away during a dispatch
+   // (the entity is held), so it is read once.
    struct DispatchScope {
-      explicit DispatchScope(Entity& e);
-      ~DispatchScope();
+      explicit DispatchScope(Entity& e) noexcept
+          : entity(e), reactors(*e.reactors_), guarded(e.refCount() > 0) {
+         if (guarded) entity.ref();
+         ++reactors.dispatchDepth;
+      }
+      ~DispatchScope() {
+         if (--reactors.dispatchDepth == 0 && reactors.hasHoles) [[unlikely]] {
+            entity.compactReactors();
+         }
+         if (guarded) entity.unref();
+      }
       Entity& entity;
+      Reactors& reactors;
       bool guarded;
    };
    void attach(NotifieeBase* n);
    void detach(NotifieeBase* n);
+   void compactReactors();
 
    std::unique_ptr<Reactors> reactors_;
 };

@@ -9,9 +9,11 @@
 namespace Syslog {
 
 namespace {
+// Never destroyed: a sink with static storage may unregister itself after this list would
+// otherwise have been torn down at exit.
 std::vector<Sink*>& sinks() {
-   static std::vector<Sink*> s;
-   return s;
+   static auto* s = new std::vector<Sink*>;
+   return *s;
 }
 } // namespace
 
@@ -42,7 +44,10 @@ void logf(const MessageDef* def, ...) {
    va_start(args, def);
    Record r{def->tag, def->severity, Mox::vformat(def->format, args)};
    va_end(args);
-   for (Sink* s : std::vector<Sink*>(sinks())) s->onRecord(*def, r);
+   // A sink may unregister (itself or another) while records are handed out.
+   for (Sink* s : std::vector<Sink*>(sinks())) {
+      if (std::find(sinks().begin(), sinks().end(), s) != sinks().end()) s->onRecord(*def, r);
+   }
 }
 
 } // namespace Syslog

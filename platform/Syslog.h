@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace Syslog {
@@ -43,7 +44,7 @@ class Capture : public Sink {
    std::vector<Record> records_;
 };
 
-// Writes "%TAG: text" lines to standard error.
+// Writes "%TAG-severity: text" lines to standard error.
 class StderrSink : public Sink {
  public:
    void onRecord(const MessageDef& def, const Record& record) override;
@@ -54,8 +55,12 @@ void sinkDel(Sink* sink);
 
 // Formats `def.format` with the arguments (printf conventions) and hands the record to the sinks.
 void logf(const MessageDef* def, ...);
+// The arguments travel through C varargs: only numbers, enumerations and C strings may be passed
+// (a std::string would be undefined behaviour, so it is refused at compile time).
 template <class... A>
 void log(const MessageDef& def, A... args) {
+   static_assert(((std::is_arithmetic_v<A> || std::is_enum_v<A> || std::is_pointer_v<A>)&&...),
+                 "Syslog::log takes numbers and C strings only");
    logf(&def, args...);
 }
 

@@ -45,22 +45,35 @@ void emit(int level, const std::string& text, const std::string& ringText) {
 
 namespace ring {
 std::vector<uint8_t> gBuf(64 * 1024);
+size_t gTail = 0; // first byte of the oldest record
 size_t gHead = 0; // next write position
 size_t gUsed = 0; // bytes holding records
 
-// Record layout: level (1 byte), length (2 bytes, little-endian), bytes.
+// Record layout: level (1 byte), length (2 bytes, little-endian), bytes. The oldest record is
+// always known (gTail), so a record that has to make room is dropped whole and the ring never
+// holds a partly overwritten record.
+size_t lengthAt(size_t pos) {
+   const size_t n = gBuf.size();
+   return gBuf[(pos + 1) % n] | (static_cast<size_t>(gBuf[(pos + 2) % n]) << 8);
+}
 void put(uint8_t b) {
    gBuf[gHead] = b;
    gHead = (gHead + 1) % gBuf.size();
 }
 void append(int level, const std::string& text) {
-   size_t len = std::min<size_t>(text.size(), std::min<size_t>(0xffff, gBuf.size() / 2));
+   const size_t n = gBuf.size();
+   size_t len = std::min<size_t>(text.size(), std::min<size_t>(0xffff, n / 2));
    size_t need = 3 + len;
+   while (n - gUsed < need) {
+      size_t oldest = 3 + lengthAt(gTail);
+      gTail = (gTail + oldest) % n;
+      gUsed -= oldest;
+   }
    put(static_cast<uint8_t>(level));
    put(static_cast<uint8_t>(len & 0xff));
    put(static_cast<uint8_t>(len >> 8));
    for (size_t i = 0; i < len; ++i) put(static_cast<uint8_t>(text[i]));
-   gUsed = std::min(gBuf.size(), gUsed + need);
+   gUsed += need;
 }
 } // namespace ring
 
@@ -74,39 +87,29 @@ void capacityIs(size_t bytes) {
 }
 
 void clear() {
+   Trace::ring::gTail = 0;
    Trace::ring::gHead = 0;
    Trace::ring::gUsed = 0;
 }
 
-std::vector<std::string> records() {
+std::vector<Record> entries() {
    using namespace Trace::ring;
-   // Walk from the oldest complete record: records are only trusted when the ring has not
-   // wrapped, or from the first record boundary found by walking the whole history.
-   std::vector<std::string> out;
+   std::vector<Record> out;
    const size_t n = gBuf.size();
-   size_t start = (gHead + n - gUsed) % n;
-   size_t pos = start, left = gUsed;
-   // When the ring wrapped, the oldest bytes may belong to an overwritten record: skip until the
-   // rest decodes exactly.
-   auto decode = [&](size_t from, size_t bytes, std::vector<std::string>* sink) {
-      while (bytes >= 3) {
-         size_t len = gBuf[(from + 1) % n] | (gBuf[(from + 2) % n] << 8);
-         if (3 + len > bytes) return false;
-         if (sink) {
-            std::string s(len, '\0');
-            for (size_t i = 0; i < len; ++i) s[i] = static_cast<char>(gBuf[(from + 3 + i) % n]);
-            sink->push_back(std::move(s));
-         }
-         from = (from + 3 + len) % n;
-         bytes -= 3 + len;
-      }
-      return bytes == 0;
-   };
-   while (left > 0 && !decode(pos, left, nullptr)) {
-      pos = (pos + 1) % n;
-      --left;
+   for (size_t pos = gTail, left = gUsed; left > 0;) {
+      size_t len = lengthAt(pos);
+      Record r{gBuf[pos], std::string(len, '\0')};
+      for (size_t i = 0; i < len; ++i) r.text[i] = static_cast<char>(gBuf[(pos + 3 + i) % n]);
+      out.push_back(std::move(r));
+      pos = (pos + 3 + len) % n;
+      left -= 3 + len;
    }
-   decode(pos, left, &out);
+   return out;
+}
+
+std::vector<std::string> records() {
+   std::vector<std::string> out;
+   for (auto& r : entries()) out.push_back(std::move(r.text));
    return out;
 }
 

@@ -27,11 +27,18 @@ void emit(int level, const std::string& text, const std::string& ringText);
 
 } // namespace Trace
 
-// The binary ring log: fixed-size records (level, length, bytes) in a ring of bytes. Oldest
-// records are overwritten; `records()` decodes what is still there, oldest first.
+// The binary ring log: records (level, length, bytes) in a ring of bytes. When a record needs room
+// the oldest whole records are dropped; `entries()` decodes what is still there, oldest first. A
+// text longer than half the ring is cut to that length.
 namespace Ringlog {
+struct Record {
+   int level;
+   std::string text;
+};
 void capacityIs(size_t bytes);
 void clear();
+std::vector<Record> entries();
+// The texts of entries().
 std::vector<std::string> records();
 } // namespace Ringlog
 

@@ -118,4 +118,44 @@ TEST(Mox, EntityGoingAwayUnbindsReactorsAndSelfReleaseIsSafe) {
    EXPECT_EQ(Thing::live, before);
 }
 
+// A dedup table's member: the table keeps one reference and watches for the moment it is the
+// only holder left.
+struct Interned : Mox::RefCounted {
+   static inline int live = 0;
+   int* watched;
+   explicit Interned(int* w) : watched(w) {
+      ++live;
+      refCountWatchIs(1);
+   }
+   ~Interned() override { --live; }
+   void onRefCountWatched() override { ++*watched; }
+};
+
+TEST(Mox, WatchedCountFiresAtMarkAndObjectStillDiesAtZero) {
+   int watched = 0;
+   const int before = Interned::live;
+   Mox::Ptr<Interned> table = Mox::make<Interned>(&watched);
+   {
+      Mox::Ptr<Interned> user1 = table, user2 = table;
+      user1.reset();
+      EXPECT_EQ(watched, 0);
+   }
+   EXPECT_EQ(watched, 1); // only the table's reference is left
+   table.reset();         // the table lets go: below the mark, and gone
+   EXPECT_EQ(Interned::live, before);
+}
+
+TEST(Mox, DeletingByAKeyThatLivesInTheCollection) {
+   auto t = Mox::make<Thing>();
+   std::string seen;
+   Log log(&seen);
+   log.notifierIs(t);
+   t->memberIs(4, "a");
+   t->memberIs(8, "b");
+   seen.clear();
+   // The key reference points into the member being erased; reactors must still get the key.
+   while (!t->member().empty()) t->memberDel(t->member().begin()->first);
+   EXPECT_EQ(seen, "48");
+}
+
 } // namespace
