@@ -33,6 +33,8 @@ inline const char* mountStatusName(MountStatus s) {
    return s == MountStatus::mounted ? "mounted" : "unmounted";
 }
 
+// Raised by a shared table whose memory no longer makes sense; the writer logs it and calls the
+// table's corruption handler.
 class Corruption : public std::logic_error {
  public:
    using std::logic_error::logic_error;

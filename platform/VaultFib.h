@@ -18,15 +18,9 @@
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
 #include "platform/Tunnel.h"
+#include "platform/Vault.h"
 
 namespace Vault {
-
-// Raised by a shared table whose memory no longer makes sense; the writer logs it and calls the
-// table's corruption handler.
-class Corruption : public std::runtime_error {
- public:
-   using std::runtime_error::runtime_error;
-};
 
 namespace Fib {
 

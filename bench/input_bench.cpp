@@ -1,0 +1,129 @@
+// Scale benchmark of the input stage: N candidate paths written into the input tables, then the
+// event loop run until idle. Prints candidate paths per second, resident memory per candidate path
+// (the input tables excluded), and, measured in the same run, a floor: copying every input record
+// and inserting its PolicyId into a std::unordered_map.
+//
+//   input_bench [paths]        default 100000 (50000 policy keys x protocols 20 and 30)
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <unordered_map>
+#include <vector>
+
+#include "input/SrTePolicyInputSm.h"
+
+using namespace SrTePolicy;
+
+namespace {
+
+constexpr uint32_t kDistinctLists = 20000;
+constexpr uint32_t kLabels = 2000;
+constexpr uint32_t kSrlbBase = 900000;
+
+long residentBytes() {
+   long pages = 0, resident = 0;
+   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+      std::fclose(f);
+   }
+   return resident * 4096;
+}
+
+double seconds(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
+   return std::chrono::duration<double>(b - a).count();
+}
+
+Ipkit::MplsLabelOperation listFromPool(uint32_t j) {
+   Ipkit::MplsLabelOperation op;
+   op.push(Ipkit::MplsLabel(16000 + (j * 7) % kLabels));
+   op.push(Ipkit::MplsLabel(16000 + (j * 13 + 1) % kLabels));
+   op.push(Ipkit::MplsLabel(16000 + (j / kLabels + j * 31 + 5) % kLabels));
+   return op;
+}
+
+PolicyInputEntry makeRecord(uint32_t keyIndex, Protocol protocol) {
+   PolicyKey key(Ipkit::IpGenAddr::v4(0x0a000000u + keyIndex / 16), Color(keyIndex % 16 + 1));
+   PolicyInputEntry e(PolicyId(key, protocol, Discriminator(1)));
+   e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
+   const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
+   for (uint32_t s = 0; s < 2; ++s) {
+      uint32_t j = (keyIndex * 2 + s + salt) % kDistinctLists;
+      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(j)));
+   }
+   return e;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+   const uint32_t paths =
+       argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
+   const uint32_t keys = paths / 2;
+
+   std::vector<PolicyInputEntry> records;
+   records.reserve(paths);
+   for (uint32_t k = 0; k < keys; ++k) {
+      records.push_back(makeRecord(k, Protocol::bgp));
+      records.push_back(makeRecord(k, Protocol::staticConfig));
+   }
+
+   // Floor: copy each record and insert its id into a plain hash map.
+   auto f0 = std::chrono::steady_clock::now();
+   {
+      std::unordered_map<PolicyId, PolicyInputEntry, Mox::Hash<PolicyId>> floor;
+      floor.reserve(paths);
+      for (const auto& r : records) floor.emplace(r.key(), r);
+      if (floor.size() != paths) std::fprintf(stderr, "floor lost records\n");
+   }
+   auto f1 = std::chrono::steady_clock::now();
+   const double floorSeconds = seconds(f0, f1);
+
+   Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
+   auto config = configFactory("config");
+   auto source = policyInputSourceFactory("input");
+   auto bgp = policyInputFactory("bgp");
+   auto configured = policyInputFactory("static");
+   source->policyInputIs(Protocol::bgp, bgp);
+   source->policyInputIs(Protocol::staticConfig, configured);
+   auto mplsConfig = Mox::make<Mpls::Config>();
+   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, 65536));
+   auto mplsStatus = Mox::make<Mpls::Status>();
+   auto selection = policySelectionInputFactory("selection");
+   auto exported = Export::segmentListCollectionFactory("exported");
+   auto attrLog = Mox::make<Kiln::AttrLogSm>();
+   auto dedup = Mox::make<CoreDedupTables>();
+   auto segListMap = Mox::make<SegmentListIdToPolicyMap>();
+   auto segmentMap = Mox::make<SegmentIdToSegmentList>();
+   auto keyMap = Mox::make<PolicyKeyToIdMap>();
+   auto sm = policyInputSmFactory(config, source, mplsConfig, mplsStatus, selection, dedup,
+                                  segListMap, segmentMap, keyMap, exported, scheduler, attrLog);
+
+   for (const auto& r : records) {
+      (r.key().protocol == Protocol::bgp ? bgp : configured)->policyInputEntryIs(r);
+   }
+   records.clear();
+   records.shrink_to_fit();
+   const long before = residentBytes();
+
+   auto t0 = std::chrono::steady_clock::now();
+   size_t runs = scheduler.runUntilIdle();
+   auto t1 = std::chrono::steady_clock::now();
+   const long after = residentBytes();
+   const double runSeconds = seconds(t0, t1);
+
+   if (selection->policyIdEntry().size() != paths) {
+      std::fprintf(stderr, "expected %u selection entries, got %zu\n", paths,
+                   selection->policyIdEntry().size());
+      return 1;
+   }
+   std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
+   std::printf("distinct segment lists     %zu\n", segListMap->segmentListUser().size());
+   std::printf("task runs                  %zu\n", runs);
+   std::printf("input stage                %.3f s, %.0f paths/s\n", runSeconds, paths / runSeconds);
+   std::printf("floor (copy + map insert)  %.3f s, %.0f paths/s\n", floorSeconds,
+               paths / floorSeconds);
+   std::printf("ratio to floor             %.1f\n", runSeconds / floorSeconds);
+   std::printf("resident memory per path   %.0f bytes (input tables excluded)\n",
+               static_cast<double>(after - before) / paths);
+   return 0;
+}

@@ -1,0 +1,608 @@
+#include "input/SrTePolicyInputSm.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/Assert.h"
+#include "platform/Trace.h"
+
+namespace SrTePolicy {
+
+const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE = {
+    "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE", Syslog::Severity::error,
+    "Endpoint %s, color %u, protocol %s, originator %s(AS%u), discriminator %u is unusable: "
+    "BSID(%u) is outside SRLB [%u, %u]",
+    "BSID in policy is not within the configured SRLB range",
+    "The configuration needs be changed so that the BSID within the allowed SRLB range"};
+const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_MISSING = {
+    "SRTE_POLICY_INVALID_BSID_MISSING", Syslog::Severity::error,
+    "Endpoint %s, color %u, protocol %s, originator %s(AS%u), discriminator %u is unusable",
+    "Policy is unusable as it does not have a binding SID",
+    "The configuration needs to be changed so that policy has a Binding SID"};
+const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION = {
+    "SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION", Syslog::Severity::error,
+    "Endpoint %s, color %u, protocol %s, originator %s(AS%u), discriminator %u is unusable: "
+    "BSID(%u) already in use by another application",
+    "Policy is unusable as binding SID is used by another application",
+    "The configuration needs to be changed so that Binding SID is unique acrossall users of SRLB "
+    "range"};
+const Syslog::MessageDef SRTE_POLICY_INVALID_NO_SEGMENT_LISTS = {
+    "SRTE_POLICY_INVALID_NO_SEGMENT_LISTS", Syslog::Severity::error,
+    "Endpoint %s, color %u, protocol %s, originator %s(AS%u), discriminator %u is unusable",
+    "Policy is unusable as it does not have a segment-list",
+    "The configuration needs to be changed so that policy has at least one segment list"};
+
+// ---------------------------------------------------------------------------------------------
+// Reactors: each forwards to one handler.
+
+class PolicyInputSm::MoxConfig : public Config::Notifiee {
+ public:
+   explicit MoxConfig(PolicyInputSm& sm) : sm_(sm) {}
+   void onSpecifiedBsidOnly() override { sm_.handleSpecifiedBsidOnly(); }
+   void onSegmentListSharingEnabled() override { sm_.handleInitialized(); }
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+class PolicyInputSm::MoxInput : public PolicyInputSource::Notifiee {
+ public:
+   explicit MoxInput(PolicyInputSm& sm) : sm_(sm) {}
+   void onPolicyInput(const Protocol& protocol) override {
+      if (!sm_.isHandled(protocol)) return;
+      sm_.moxPolicyIs(protocol);
+      sm_.handleProtocolSource(protocol);
+   }
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+class PolicyInputSm::MoxPolicy : public PolicyInput::Notifiee {
+ public:
+   explicit MoxPolicy(PolicyInputSm& sm) : sm_(sm) {}
+   void onPolicyInputEntry(const PolicyId& id) override { sm_.handlePolicyEntry(id); }
+   // The whole table changed (mounted again): everything it holds is to be looked at.
+   void onPolicyInputEntry() override {
+      if (notifier()) sm_.handleProtocolSource(protocol_);
+   }
+   Protocol protocol_ = Protocol::unknown;
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+class PolicyInputSm::MoxMplsConfig : public Mpls::Config::Notifiee {
+ public:
+   explicit MoxMplsConfig(PolicyInputSm& sm) : sm_(sm) {}
+   void onLabelRange(const Mox::Name& name) override { sm_.handleLabelRange(name); }
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+class PolicyInputSm::MoxMplsStatus : public Mpls::Status::Notifiee {
+ public:
+   explicit MoxMplsStatus(PolicyInputSm& sm) : sm_(sm) {}
+   void onLfibRoute(const Mpls::RouteKey& key) override { sm_.handleLFibRoute(key); }
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+class PolicyInputSm::MoxTask : public Kiln::Task::Notifiee {
+ public:
+   explicit MoxTask(PolicyInputSm& sm) : sm_(sm) {}
+   void onTaskRun() override { sm_.handleTaskRun(); }
+
+ private:
+   PolicyInputSm& sm_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+PolicyInputSm::PolicyInputSm(Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
+                             Mox::Ptr<const Mpls::Config> mplsConfig,
+                             Mox::Ptr<const Mpls::Status> mplsStatus,
+                             Mox::Ptr<PolicySelectionInput> policySelectionInput,
+                             Mox::Ptr<CoreDedupTables> coreDedupTables,
+                             Mox::Ptr<SegmentListIdToPolicyMap> segListMap,
+                             Mox::Ptr<SegmentIdToSegmentList> segmentMap,
+                             Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
+                             Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl,
+                             Kiln::TaskScheduler& scheduler, Mox::Ptr<Kiln::AttrLogSm> attrLogSm)
+    : config_(std::move(config)), input_(std::move(input)), mplsConfig_(std::move(mplsConfig)),
+      mplsStatus_(std::move(mplsStatus)), policySelectionInput_(std::move(policySelectionInput)),
+      coreDedupTables_(std::move(coreDedupTables)), segListMap_(std::move(segListMap)),
+      segmentMap_(std::move(segmentMap)), policyKeyToIdMap_(std::move(policyKeyToIdMap)),
+      exportedSegmentListColl_(std::move(exportedSegmentListColl)), scheduler_(scheduler),
+      attrLogSm_(std::move(attrLogSm)) {
+   moxInput_ = std::make_unique<MoxInput>(*this);
+   moxInput_->notifierIs(input_.get());
+   for (const auto& [protocol, table] : input_->policyInput()) {
+      if (isHandled(protocol)) moxPolicyIs(protocol);
+   }
+   moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this);
+   moxMplsConfig_->notifierIs(mplsConfig_.get());
+   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this);
+   moxMplsStatus_->notifierIs(mplsStatus_.get());
+   // Binding to the configuration is what starts the machine.
+   moxConfig_ = std::make_unique<MoxConfig>(*this);
+   moxConfig_->notifierIs(config_.get());
+   handleInitialized();
+   handleSpecifiedBsidOnly();
+}
+
+PolicyInputSm::~PolicyInputSm() {
+   // handleDel: stop the task and let go of every reactor. What was published stays for the
+   // next start to reconcile.
+   if (task_) task_->unscheduleTask();
+   moxTask_.reset();
+   moxConfig_.reset();
+   moxInput_.reset();
+   policy_.clear();
+   moxMplsConfig_.reset();
+   moxMplsStatus_.reset();
+}
+
+Mox::Ptr<PolicyInputSm> policyInputSmFactory(
+    Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
+    Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
+    Mox::Ptr<PolicySelectionInput> policySelectionInput, Mox::Ptr<CoreDedupTables> coreDedupTables,
+    Mox::Ptr<SegmentListIdToPolicyMap> segListMap, Mox::Ptr<SegmentIdToSegmentList> segmentMap,
+    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
+    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl, Kiln::TaskScheduler& scheduler,
+    Mox::Ptr<Kiln::AttrLogSm> attrLogSm) {
+   return Mox::make<PolicyInputSm>(
+       std::move(config), std::move(input), std::move(mplsConfig), std::move(mplsStatus),
+       std::move(policySelectionInput), std::move(coreDedupTables), std::move(segListMap),
+       std::move(segmentMap), std::move(policyKeyToIdMap), std::move(exportedSegmentListColl),
+       scheduler, std::move(attrLogSm));
+}
+
+bool PolicyInputSm::isHandled(Protocol protocol) const noexcept {
+   return std::find(handledProtocols.begin(), handledProtocols.end(), protocol) !=
+          handledProtocols.end();
+}
+
+void PolicyInputSm::moxPolicyIs(Protocol protocol) {
+   Mox::Ptr<PolicyInput> table = input_->policyInput(protocol);
+   if (!table) {
+      policy_.erase(protocol);
+      return;
+   }
+   auto& reactor = policy_[protocol];
+   if (!reactor) {
+      reactor = std::make_unique<MoxPolicy>(*this);
+      reactor->protocol_ = protocol;
+   }
+   reactor->notifierIs(table.get());
+}
+
+BindingSidUser* PolicyInputSm::bsidUser(Ipkit::MplsLabel label) const {
+   auto it = bsidUser_.find(label);
+   return it == bsidUser_.end() ? nullptr : it->second.get();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Handlers
+
+void PolicyInputSm::handleInitialized() {
+   initialized_ = true;
+   SRTE_TRACE(3, "handleInitialized called with segmentListSharingEnabled="
+                     << (config_->segmentListSharingEnabled() ? "True" : "False"));
+   if (!task_) {
+      task_ = Mox::make<Kiln::Task>(scheduler_, taskPriority, taskName);
+      moxTask_ = std::make_unique<MoxTask>(*this);
+      moxTask_->notifierIs(task_);
+   }
+   readSrlbRange();
+   cleanupPending_ = true;
+   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) markPending(id, true);
+
+   SegmentListId maxExported;
+   for (const auto& [id, list] : exportedSegmentListColl_->segmentList()) {
+      maxExported = std::max(maxExported, id);
+   }
+   SRTE_TRACE(3, "Setting starting slId to max of previous entries " << maxExported);
+   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
+   // Never move the counter back: ids issued in this process are not reused either.
+   lists->uniqueIdIs(std::max(lists->uniqueId(), maxExported));
+
+   policyKeyToIdMap_->policyDelAll();
+   segListMap_->segmentListUserDelAll();
+   segmentMap_->segmentListDelAll();
+   // Registrations are rebuilt from the records, which are all queued below.
+   bsidUser_.clear();
+   for (Protocol p : handledProtocols) handleProtocolSource(p);
+   scheduleIfPending();
+}
+
+void PolicyInputSm::handleSpecifiedBsidOnly() {
+   if (!initialized_) return;
+   for (Protocol p : handledProtocols) handleProtocolSource(p);
+}
+
+void PolicyInputSm::handleProtocolSource(Protocol protocol) {
+   if (!initialized_) return;
+   SRTE_TRACE(5, "Source change: add new policies");
+   markTablePending(protocol, true);
+   SRTE_TRACE(5, "Source change: cleanup of stale policies");
+   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) {
+      if (id.protocol == protocol) markPending(id, true);
+   }
+   scheduleIfPending();
+}
+
+void PolicyInputSm::handlePolicyEntry(const PolicyId& id) {
+   if (!initialized_) return;
+   SRTE_TRACE(8, "Policy Entry: " << id << " has changed");
+   markPending(id, true);
+   task_->scheduleTask();
+}
+
+void PolicyInputSm::handleLabelRange(const Mox::Name& name) {
+   if (!initialized_ || name != Mpls::srlbRangeName) return;
+   SRTE_TRACE(3, "SRLB Range has changed");
+   readSrlbRange();
+   for (const auto& [protocol, reactor] : policy_) markTablePending(protocol, false);
+   scheduleIfPending();
+}
+
+void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
+   if (!initialized_) return;
+   if (BindingSidUser* user = bsidUser(routeKey.topLabel())) {
+      const bool available = isLabelAvailableInLfib(user->label());
+      if (available != user->available()) {
+         user->availableIs(available);
+         for (const PolicyId& id : user->policyId()) {
+            if (!pendingPolicyId_.count(id)) markPending(id, false);
+         }
+      }
+   }
+   scheduleIfPending();
+}
+
+void PolicyInputSm::handleTaskRun() {
+   if (!initialized_) return;
+   auto it = pendingPolicyId_.end();
+   if (!(pendingBookmark_ == PolicyId())) it = pendingPolicyId_.find(pendingBookmark_);
+   if (it == pendingPolicyId_.end()) it = pendingPolicyId_.begin();
+   pendingBookmark_ = PolicyId();
+
+   uint64_t count = 0;
+   bool delay = false;
+   while (it != pendingPolicyId_.end()) {
+      if (attrLogSm_->isAttrLogOutClogged()) {
+         delay = true;
+         pendingBookmark_ = it->first;
+         break;
+      }
+      const PolicyId id = it->first;
+      const bool policyChanged = it->second;
+      processPolicyEntry(id, policyChanged);
+      // Processing never queues ids, but look the id up again rather than trust the iterator.
+      it = pendingPolicyId_.find(id);
+      if (it != pendingPolicyId_.end()) it = pendingPolicyId_.erase(it);
+      ++count;
+      if (task_->taskShouldYield()) {
+         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first;
+         break;
+      }
+   }
+   task_->taskWorkCountInc(count);
+   SRTE_TRACE(5, "Processed " << count << " input policy entries, delay task: "
+                              << (delay ? "True" : "False"));
+   if (pendingPolicyId_.empty()) {
+      if (cleanupPending_) {
+         cleanupPending_ = false;
+         runCleanupJob();
+      }
+   } else if (delay) {
+      task_->scheduleTaskLowestDelay(congestionDelay);
+   } else {
+      task_->scheduleTask();
+   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// One candidate path
+
+void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
+   SRTE_TRACE(8, "Processing policy entry: " << id);
+   const CandidateId candidateId(id);
+   Mox::Ptr<PolicyInput> table = input_->policyInput(id.protocol);
+   const PolicyInputEntry* found = table ? table->policyInputEntryFind(id) : nullptr;
+   if (found) {
+      const PolicyInputEntry record = *found; // processing must not see the table move under it
+      registerForBindingSid(record.bindingSid(), id);
+      const PolicyInvalidReason reason = isPolicyEntryValid(record);
+      if (reason == PolicyInvalidReason::usable) {
+         addOrUpdatePolicyIdEntry(record);
+      } else {
+         deletePolicyIdEntry(id);
+      }
+      addInPolicyKeyToIdMap(id.key, candidateId, policyChanged, reason, record.bindingSid());
+      return;
+   }
+   const Ipkit::MplsLabel bsid = getBindingSidOfPolicy(id);
+   deregisterForBindingSid(bsid, id);
+   deleteFromPolicyKeyToIdMap(id.key, candidateId);
+   deletePolicyIdEntry(id);
+}
+
+PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& entry) {
+   PolicyInvalidReason reason = PolicyInvalidReason::usable;
+   const Ipkit::MplsLabel bsid = entry.bindingSid();
+   if (bsid.isNull()) {
+      if (config_->specifiedBsidOnly()) reason = PolicyInvalidReason::bsidMissing;
+   } else {
+      const uint32_t base = srlbConfigRangeBase();
+      const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
+      bool inside = false;
+      try {
+         inside = !(bsid < Ipkit::MplsLabel(base)) && !(Ipkit::MplsLabel(last) < bsid);
+      } catch (const Mox::RangeError& e) {
+         // An SRLB that reaches past the label space (or none at all) holds no usable label.
+         SRTE_TRACE(3, "SRLB [" << base << ", " << last << "] cannot be formed: " << e.what());
+      }
+      if (!inside) {
+         reason = PolicyInvalidReason::bsidOutOfRange;
+      } else {
+         BindingSidUser* user = bsidUser(bsid);
+         if (!user) {
+            SRTE_TRACE(0,
+                       "BindingSid: " << bsid << "is not available in reverse mapping collection");
+         }
+         SRTE_ASSERT(user, "bsidUserInfo");
+         reason = user->available() ? PolicyInvalidReason::usable
+                                    : PolicyInvalidReason::bsidInUseOtherApplication;
+      }
+   }
+   if (entry.segmentListCount() == 0) reason = PolicyInvalidReason::noSegmentLists;
+   if (reason != PolicyInvalidReason::usable) emitInvalidPolicySyslog(entry, reason);
+   return reason;
+}
+
+void PolicyInputSm::emitInvalidPolicySyslog(const PolicyInputEntry& entry,
+                                            PolicyInvalidReason reason) const {
+   const PolicyId& id = entry.key();
+   const std::string endpoint = id.key.endpoint.stringValue();
+   const std::string protocol = protocolEnumToString(id.protocol);
+   const std::string origin = entry.originator().address.stringValue();
+   const unsigned color = id.key.color.value;
+   const unsigned asn = entry.originator().asn;
+   const unsigned discriminator = id.discriminator.value;
+   const unsigned bsid = entry.bindingSid().value();
+   const unsigned base = srlbConfigRangeBase();
+   const unsigned last = base + srlbConfigRangeSize() - 1;
+   switch (reason) {
+   case PolicyInvalidReason::usable:
+      return;
+   case PolicyInvalidReason::bsidOutOfRange:
+      Syslog::log(SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE, endpoint.c_str(), color, protocol.c_str(),
+                  origin.c_str(), asn, discriminator, bsid, base, last);
+      return;
+   case PolicyInvalidReason::bsidMissing:
+      Syslog::log(SRTE_POLICY_INVALID_BSID_MISSING, endpoint.c_str(), color, protocol.c_str(),
+                  origin.c_str(), asn, discriminator);
+      return;
+   case PolicyInvalidReason::bsidInUseOtherApplication:
+      Syslog::log(SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION, endpoint.c_str(), color,
+                  protocol.c_str(), origin.c_str(), asn, discriminator, bsid);
+      return;
+   case PolicyInvalidReason::noSegmentLists:
+      // Configured paths without segment lists are a normal step of configuring one.
+      if (id.protocol == Protocol::staticConfig) return;
+      Syslog::log(SRTE_POLICY_INVALID_NO_SEGMENT_LISTS, endpoint.c_str(), color, protocol.c_str(),
+                  origin.c_str(), asn, discriminator);
+      return;
+   }
+}
+
+void PolicyInputSm::addInPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId,
+                                          bool policyChanged, PolicyInvalidReason reason,
+                                          Ipkit::MplsLabel bindingSid) {
+   PolicyInfo* info = policyKeyToIdMap_->policyIs(key);
+   PolicyCandidateInfo candidate{scheduler_.now(), reason, bindingSid};
+   if (!policyChanged) {
+      if (const PolicyCandidateInfo* earlier = info->candidate(candidateId)) {
+         candidate.lastModified = earlier->lastModified;
+      }
+   }
+   info->candidateIs(candidateId, candidate);
+}
+
+void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
+                                               const CandidateId& candidateId) {
+   PolicyInfo* info = policyKeyToIdMap_->policy(key);
+   if (!info) return;
+   info->candidateDel(candidateId);
+   if (info->candidate().empty()) policyKeyToIdMap_->policyDel(key);
+}
+
+void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
+   const PolicyId& id = record.key();
+   SRTE_TRACE(8, "Policy Id: " << id << " added/updated");
+   Mox::Ptr<PolicyIdEntry> entry =
+       policySelectionInput_->policyIdEntryIs(id, record.preference(), record.originator());
+   entry->bindingSidIs(record.bindingSid());
+
+   // Register the new lists before letting go of the old ones, so that a list the update keeps
+   // never leaves the dedup table in between.
+   std::vector<SegmentListId> previous;
+   for (const auto& [index, wsl] : entry->wSegmentList()) previous.push_back(wsl.segmentListId);
+   std::vector<SegmentListId> current;
+   const uint32_t count =
+       std::min(record.segmentListCount(), PolicyInputEntry::segmentListCapacity);
+   for (uint32_t i = 0; i < count; ++i) {
+      const WeightedSegList& slot = record.segmentList(SegmentListIndex(i));
+      Mox::Ptr<SegmentList> list = createDedupSegmentList(slot.segList, id);
+      registerSegmentListForPolicy(list, id);
+      const SegmentListId slId = list->segmentListId();
+      current.push_back(slId);
+      entry->wSegmentListIs(static_cast<uint8_t>(i),
+                            WeightedSegmentListId(slot.weight, slId, slId.getTunnelId()));
+   }
+   std::vector<uint8_t> surplus;
+   for (const auto& [index, wsl] : entry->wSegmentList()) {
+      if (index >= count) surplus.push_back(index);
+   }
+   for (uint8_t index : surplus) entry->wSegmentListDel(index);
+   for (SegmentListId old : previous) {
+      if (std::find(current.begin(), current.end(), old) == current.end()) {
+         deregisterSegmentListForPolicy(old, id);
+      }
+   }
+   entry->versionInc();
+}
+
+void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
+   Mox::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(id);
+   if (!entry) return;
+   std::vector<SegmentListId> lists;
+   for (const auto& [index, wsl] : entry->wSegmentList()) lists.push_back(wsl.segmentListId);
+   for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, id);
+   policySelectionInput_->policyIdEntryDel(id);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Binding-SID users
+
+Ipkit::MplsLabel PolicyInputSm::getBindingSidOfPolicy(const PolicyId& id) const {
+   // The candidate map records the label every registered candidate names.
+   if (PolicyInfo* info = policyKeyToIdMap_->policy(id.key)) {
+      if (const PolicyCandidateInfo* c = info->candidate(CandidateId(id))) return c->bindingSid;
+   }
+   return Ipkit::MplsLabel();
+}
+
+void PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id) {
+   const Ipkit::MplsLabel old = getBindingSidOfPolicy(id);
+   if (old != bsid) deregisterForBindingSid(old, id);
+   if (bsid.isNull()) return;
+   auto& user = bsidUser_[bsid];
+   if (!user) user = Mox::make<BindingSidUser>(bsid);
+   if (user->policyId().empty()) user->availableIs(isLabelAvailableInLfib(bsid));
+   user->policyIdIs(id);
+}
+
+void PolicyInputSm::deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id) {
+   if (bsid.isNull()) return;
+   auto it = bsidUser_.find(bsid);
+   if (it == bsidUser_.end()) return;
+   it->second->policyIdDel(id);
+   if (it->second->policyId().empty()) bsidUser_.erase(it);
+}
+
+bool PolicyInputSm::isLabelAvailableInLfib(Ipkit::MplsLabel label) const {
+   const Mpls::LFib::Route* route = mplsStatus_->lfibRoute(Mpls::RouteKey::fromLabel(label));
+   if (!route) return true;
+   return route->source == Mpls::LFib::Source::srTePolicy;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Segment lists
+
+Mox::Ptr<SegmentList>
+PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
+                                      const PolicyId&) {
+   SRTE_TRACE(9, "Creating dedup segmentList for label stack: " << labelStack);
+   return coreDedupTables_->dedupSegmentList(labelStack);
+}
+
+void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
+                                                 const PolicyId& id) {
+   const SegmentListId slId = list->segmentListId();
+   SRTE_TRACE(9, "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SegmentListUser* user = segListMap_->segmentListUser(slId);
+   if (!user) {
+      user = segListMap_->segmentListUserIs(slId, list);
+      Mox::Ptr<Export::SegmentList> exported = exportedSegmentListColl_->segmentListIs(slId);
+      exported->sizeIs(list->size());
+      for (uint32_t i = 0; i < list->size(); ++i) {
+         const SegmentId segId = list->getSegmentId(i);
+         SRTE_TRACE(9, "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
+         SegmentListCollection* users = segmentMap_->segmentList(segId);
+         if (!users) {
+            segmentMap_->segmentListIs(segId, Mox::make<SegmentListCollection>());
+            users = segmentMap_->segmentList(segId);
+         }
+         users->segmentListPtrIs(list);
+         exported->segmentIs(i, Export::Segment(list->segmentLabel(i)));
+      }
+   }
+   user->policyIdIs(id);
+}
+
+void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyId& id) {
+   SRTE_TRACE(9, "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SegmentListUser* user = segListMap_->segmentListUser(slId);
+   if (!user) return;
+   user->policyIdDel(id);
+   if (!user->policyId().empty()) return;
+   // Last user gone: drop every reference this stage holds, so the list leaves its table.
+   Mox::Ptr<const SegmentList> list(user->segmentList());
+   for (uint32_t i = 0; i < list->size(); ++i) {
+      const SegmentId segId = list->getSegmentId(i);
+      SRTE_TRACE(9, "Removing registration of Segment Id: " << segId
+                                                            << " from segmentList Id: " << slId);
+      if (SegmentListCollection* users = segmentMap_->segmentList(segId)) {
+         users->segmentListPtrDel(list);
+         if (users->segmentListPtr().empty()) segmentMap_->segmentListDel(segId);
+      }
+   }
+   segListMap_->segmentListUserDel(slId);
+   exportedSegmentListColl_->segmentListDel(slId);
+}
+
+void PolicyInputSm::runCleanupJob() {
+   SRTE_TRACE(3, "Running cleanup");
+   std::vector<SegmentListId> stale;
+   for (const auto& [slId, list] : exportedSegmentListColl_->segmentList()) {
+      if (!segListMap_->segmentListUser(slId)) stale.push_back(slId);
+   }
+   std::sort(stale.begin(), stale.end());
+   for (SegmentListId slId : stale) {
+      SRTE_TRACE(5, "Deleting old segmentListId: " << slId);
+      exportedSegmentListColl_->segmentListDel(slId);
+   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Queueing
+
+void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
+   auto [it, inserted] = pendingPolicyId_.try_emplace(id, policyChanged);
+   if (!inserted && policyChanged) it->second = true;
+}
+
+void PolicyInputSm::markTablePending(Protocol protocol, bool policyChanged) {
+   Mox::Ptr<PolicyInput> table = input_->policyInput(protocol);
+   if (!table) return;
+   for (const PolicyInputEntry& record : table->policyInputEntry()) {
+      markPending(record.key(), policyChanged);
+   }
+}
+
+void PolicyInputSm::scheduleIfPending() {
+   if (!pendingPolicyId_.empty() && task_) task_->scheduleTask();
+}
+
+void PolicyInputSm::readSrlbRange() {
+   const Mpls::LabelRange* range = mplsConfig_->labelRange(Mpls::srlbRangeName);
+   srlbConfigRange_ = range ? *range : Mpls::LabelRange(0, 0);
+}
+
+void PolicyInputSm::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*csrlbConfigRange: %s\n", depth, ' ',
+                srlbConfigRange_.stringValue().c_str());
+   Mox::appendf(out, "%*cpendingPolicyIds #%zu \n", depth, ' ', pendingPolicyId_.size());
+   Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
+                pendingBookmark_.stringValue().c_str());
+   Mox::appendf(out, "%*cbsidUsers #%zu \n", depth, ' ', bsidUser_.size());
+   Mox::appendf(out, "%*ccleanupPending: %s\n", depth, ' ', Mox::trueFalse(cleanupPending_));
+}
+
+} // namespace SrTePolicy

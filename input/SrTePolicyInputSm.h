@@ -1,0 +1,201 @@
+// PolicyInputSm: turns the candidate paths of the policy input tables into the selection input.
+//
+// For every PolicyId that changes in a source table (protocols 20 and 30) it decides whether the
+// candidate path is usable (binding SID present when required, inside the SRLB, not held in the
+// LFIB by another application; at least one segment list), records every candidate with its
+// reason in PolicyKeyToIdMap, logs unusable ones, and writes usable ones, with deduplicated
+// segment lists, into PolicySelectionInput (bumping the entry's version once per update). It owns
+// the binding-SID users, follows the SRLB and the LFIB, and keeps the exported segment lists in
+// step with the segment lists in use.
+//
+//   change handler --> pendingPolicyId (a set: a burst on one id is processed once)
+//        task "InputSmTask": drain from pendingBookmark in hash order
+//          - output congested: stop, retry after 0.1 s (nothing dropped)
+//          - scheduler says yield: bookmark the next id, run again at once
+//          - drained: the one-time clean-up of stale exported segment lists, if due
+//
+// Guarantees:
+//  - until initialised every handler returns at once; initialisation queues every record of every
+//    source and every selection-input entry left from an earlier run;
+//  - a requeue that changes nothing in a record (SRLB or LFIB change) keeps the candidate's time
+//    of last change;
+//  - the segment lists a candidate keeps across an update stay registered throughout, so their
+//    ids and exported entries do not churn;
+//  - after a restart new segment-list ids start above every id already exported, and the first
+//    full drain withdraws exactly the exported lists that no input claims.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "input/SrTePolicyKeyToIdMap.h"
+#include "platform/Kiln.h"
+#include "platform/Mox.h"
+#include "platform/Mpls.h"
+#include "platform/Syslog.h"
+#include "publish/SrTePolicyExportTypes.h"
+#include "segment/SrTePolicyCoreDedupTable.h"
+#include "segment/SrTePolicySegmentList.h"
+#include "selection/SrTePolicyEntry.h"
+#include "types/SrTePolicy.h"
+#include "types/SrTePolicyInput.h"
+
+namespace SrTePolicy {
+
+// The candidate paths naming one binding SID, and whether the LFIB leaves that label to us.
+class BindingSidUser : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<BindingSidUser> {
+    public:
+      virtual void onAvailable() {}
+      virtual void onPolicyId(const PolicyId&) {}
+   };
+   explicit BindingSidUser(Ipkit::MplsLabel label) : label_(label) {}
+
+   Ipkit::MplsLabel label() const noexcept { return label_; }
+   bool available() const noexcept { return available_; }
+   void availableIs(bool a) { attrIs(available_, a, &Notifiee::onAvailable); }
+   const Mox::HashSet<PolicyId>& policyId() const noexcept { return policyId_; }
+   bool policyIdHas(const PolicyId& id) const { return policyId_.count(id) != 0; }
+   void policyIdIs(const PolicyId& id) { setIs(policyId_, id, &Notifiee::onPolicyId); }
+   void policyIdDel(const PolicyId& id) { collDel(policyId_, id, &Notifiee::onPolicyId); }
+   void policyIdDelAll() { collDelAll(policyId_, &Notifiee::onPolicyId); }
+
+ private:
+   Ipkit::MplsLabel label_;
+   bool available_ = false;
+   Mox::HashSet<PolicyId> policyId_;
+};
+
+// The system-log messages of unusable candidate paths.
+extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE;
+extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_MISSING;
+extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION;
+extern const Syslog::MessageDef SRTE_POLICY_INVALID_NO_SEGMENT_LISTS;
+
+class PolicyInputSm : public Mox::RefCounted {
+ public:
+   static constexpr const char* taskName = "InputSmTask";
+   static constexpr int taskPriority = 2;
+   static constexpr double congestionDelay = 0.1;
+   static constexpr std::array<Protocol, 2> handledProtocols = {Protocol::bgp,
+                                                                Protocol::staticConfig};
+
+   PolicyInputSm(Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
+                 Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
+                 Mox::Ptr<PolicySelectionInput> policySelectionInput,
+                 Mox::Ptr<CoreDedupTables> coreDedupTables,
+                 Mox::Ptr<SegmentListIdToPolicyMap> segListMap,
+                 Mox::Ptr<SegmentIdToSegmentList> segmentMap,
+                 Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
+                 Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl,
+                 Kiln::TaskScheduler& scheduler, Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+   ~PolicyInputSm() override;
+
+   // State, for the host's tables and for tests.
+   const Mpls::LabelRange& srlbConfigRange() const noexcept { return srlbConfigRange_; }
+   uint32_t srlbConfigRangeBase() const noexcept { return srlbConfigRange_.base(); }
+   uint32_t srlbConfigRangeSize() const noexcept { return srlbConfigRange_.size(); }
+   const Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>>& bsidUser() const noexcept {
+      return bsidUser_;
+   }
+   BindingSidUser* bsidUser(Ipkit::MplsLabel label) const;
+   const Mox::HashMap2018<PolicyId, bool>& pendingPolicyId() const noexcept {
+      return pendingPolicyId_;
+   }
+   const PolicyId& pendingBookmark() const noexcept { return pendingBookmark_; }
+   bool cleanupPending() const noexcept { return cleanupPending_; }
+   bool initialized() const noexcept { return initialized_; }
+   Kiln::Task* task() const noexcept { return task_.get(); }
+   void dump(std::string& out, int depth) const;
+
+   // Handlers (reactors call these; they only queue work).
+   void handleInitialized();
+   void handleSpecifiedBsidOnly();
+   void handleProtocolSource(Protocol protocol);
+   void handlePolicyEntry(const PolicyId& id);
+   void handleLabelRange(const Mox::Name& name);
+   void handleLFibRoute(const Mpls::RouteKey& routeKey);
+   void handleTaskRun();
+
+ private:
+   class MoxConfig;
+   class MoxInput;
+   class MoxPolicy;
+   class MoxMplsConfig;
+   class MoxMplsStatus;
+   class MoxTask;
+
+   // The steps of one candidate path.
+   void processPolicyEntry(const PolicyId& id, bool policyChanged);
+   PolicyInvalidReason isPolicyEntryValid(const PolicyInputEntry& entry);
+   void emitInvalidPolicySyslog(const PolicyInputEntry& entry, PolicyInvalidReason reason) const;
+   void addInPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId,
+                              bool policyChanged, PolicyInvalidReason reason,
+                              Ipkit::MplsLabel bindingSid);
+   void deleteFromPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId);
+   void addOrUpdatePolicyIdEntry(const PolicyInputEntry& entry);
+   void deletePolicyIdEntry(const PolicyId& id);
+
+   // Binding-SID users.
+   Ipkit::MplsLabel getBindingSidOfPolicy(const PolicyId& id) const;
+   void registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id);
+   void deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id);
+   bool isLabelAvailableInLfib(Ipkit::MplsLabel label) const;
+
+   // Segment lists.
+   Mox::Ptr<SegmentList> createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
+                                                const PolicyId& id);
+   void registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& segmentList, const PolicyId& id);
+   void deregisterSegmentListForPolicy(SegmentListId segmentListId, const PolicyId& id);
+   void runCleanupJob();
+
+   // Queueing.
+   void markPending(const PolicyId& id, bool policyChanged);
+   void markTablePending(Protocol protocol, bool policyChanged);
+   void scheduleIfPending();
+   void readSrlbRange();
+   bool isHandled(Protocol protocol) const noexcept;
+   void moxPolicyIs(Protocol protocol);
+
+   Mox::Ptr<const Config> config_;
+   Mox::Ptr<const PolicyInputSource> input_;
+   Mox::Ptr<const Mpls::Config> mplsConfig_;
+   Mox::Ptr<const Mpls::Status> mplsStatus_;
+   Mox::Ptr<PolicySelectionInput> policySelectionInput_;
+   Mox::Ptr<CoreDedupTables> coreDedupTables_;
+   Mox::Ptr<SegmentListIdToPolicyMap> segListMap_;
+   Mox::Ptr<SegmentIdToSegmentList> segmentMap_;
+   Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap_;
+   Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl_;
+   Kiln::TaskScheduler& scheduler_;
+   Mox::Ptr<Kiln::AttrLogSm> attrLogSm_;
+
+   Mpls::LabelRange srlbConfigRange_;
+   Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
+   Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
+   Mox::HashMap2018<PolicyId, bool> pendingPolicyId_;
+   PolicyId pendingBookmark_;
+   bool cleanupPending_ = false;
+   bool initialized_ = false;
+   Mox::Ptr<Kiln::Task> task_;
+
+   std::unique_ptr<MoxConfig> moxConfig_;
+   std::unique_ptr<MoxInput> moxInput_;
+   std::unique_ptr<MoxMplsConfig> moxMplsConfig_;
+   std::unique_ptr<MoxMplsStatus> moxMplsStatus_;
+   std::unique_ptr<MoxTask> moxTask_;
+};
+
+Mox::Ptr<PolicyInputSm> policyInputSmFactory(
+    Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
+    Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
+    Mox::Ptr<PolicySelectionInput> policySelectionInput, Mox::Ptr<CoreDedupTables> coreDedupTables,
+    Mox::Ptr<SegmentListIdToPolicyMap> segListMap, Mox::Ptr<SegmentIdToSegmentList> segmentMap,
+    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
+    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl, Kiln::TaskScheduler& scheduler,
+    Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+
+} // namespace SrTePolicy

@@ -1,0 +1,309 @@
+#include <gtest/gtest.h>
+
+#include "input/SrTePolicyInputSm.h"
+
+using namespace SrTePolicy;
+
+namespace {
+
+Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+
+// The shared tables outlive the state machine; the in-process state is rebuilt by start().
+struct InputStage : ::testing::Test {
+   Kiln::TaskScheduler scheduler;
+   Mox::Ptr<Config> config = configFactory("config");
+   Mox::Ptr<PolicyInputSource> source = policyInputSourceFactory("input");
+   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+   Mox::Ptr<PolicyInput> configured = policyInputFactory("static");
+   Mox::Ptr<Mpls::Config> mplsConfig = Mox::make<Mpls::Config>();
+   Mox::Ptr<Mpls::Status> mplsStatus = Mox::make<Mpls::Status>();
+   Mox::Ptr<PolicySelectionInput> selection = policySelectionInputFactory("selection");
+   Mox::Ptr<Export::SegmentListCollection> exported =
+       Export::segmentListCollectionFactory("exported");
+   Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
+   Syslog::Capture syslog;
+
+   Mox::Ptr<CoreDedupTables> dedup;
+   Mox::Ptr<SegmentListIdToPolicyMap> segListMap;
+   Mox::Ptr<SegmentIdToSegmentList> segmentMap;
+   Mox::Ptr<PolicyKeyToIdMap> keyMap;
+   Mox::Ptr<PolicyInputSm> sm;
+
+   InputStage() {
+      Syslog::sinkIs(&syslog);
+      source->policyInputIs(Protocol::bgp, bgp);
+      source->policyInputIs(Protocol::staticConfig, configured);
+      mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+      start();
+   }
+   ~InputStage() override { Syslog::sinkDel(&syslog); }
+
+   void start() {
+      dedup = Mox::make<CoreDedupTables>();
+      segListMap = Mox::make<SegmentListIdToPolicyMap>();
+      segmentMap = Mox::make<SegmentIdToSegmentList>();
+      keyMap = Mox::make<PolicyKeyToIdMap>();
+      sm = policyInputSmFactory(config, source, mplsConfig, mplsStatus, selection, dedup,
+                                segListMap, segmentMap, keyMap, exported, scheduler, attrLog);
+   }
+   void restart() {
+      sm.reset();
+      keyMap.reset();
+      segmentMap.reset();
+      segListMap.reset();
+      dedup.reset();
+      start();
+   }
+
+   static PolicyId id(Protocol p, const char* endpoint, uint32_t color, uint32_t disc) {
+      return PolicyId(PolicyKey(addr(endpoint), Color(color)), p, Discriminator(disc));
+   }
+   static PolicyInputEntry record(const PolicyId& pid, uint32_t bsid,
+                                  std::vector<std::vector<uint32_t>> lists) {
+      PolicyInputEntry e(pid);
+      if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
+      for (size_t i = 0; i < lists.size(); ++i) {
+         Ipkit::MplsLabelOperation op;
+         for (uint32_t l : lists[i]) op.push(Ipkit::MplsLabel(l));
+         e.segmentListIs(SegmentListIndex(i), WeightedSegList(Weight(1 + i), op));
+      }
+      return e;
+   }
+   PolicyInput& table(Protocol p) { return p == Protocol::bgp ? *bgp : *configured; }
+   void put(const PolicyInputEntry& e) { table(e.key().protocol).policyInputEntryIs(e); }
+   const PolicyCandidateInfo* candidate(const PolicyId& pid) const {
+      PolicyInfo* info = keyMap->policy(pid.key);
+      return info ? info->candidate(CandidateId(pid)) : nullptr;
+   }
+   PolicyInvalidReason reason(const PolicyId& pid) const { return candidate(pid)->reason; }
+   std::vector<std::string> tags() const {
+      std::vector<std::string> t;
+      for (const auto& r : syslog.records()) t.push_back(r.tag);
+      return t;
+   }
+};
+
+TEST_F(InputStage, ValidationReasonsInOrderOfPrecedenceAndTheirLogMessages) {
+   const auto missing = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   const auto outside = id(Protocol::bgp, "10.0.0.1", 1, 2);
+   const auto outsideNoLists = id(Protocol::bgp, "10.0.0.1", 1, 3);
+   const auto staticNoLists = id(Protocol::staticConfig, "10.0.0.1", 1, 4);
+   const auto good = id(Protocol::bgp, "10.0.0.1", 1, 5);
+   put(record(missing, Ipkit::MplsLabel::null, {{16001}}));
+   put(record(outside, 800000, {{16001}}));
+   put(record(outsideNoLists, 800000, {}));
+   put(record(staticNoLists, 900001, {}));
+   put(record(good, 900002, {{16001}}));
+   scheduler.runUntilIdle();
+
+   EXPECT_EQ(reason(missing), PolicyInvalidReason::bsidMissing);
+   EXPECT_EQ(reason(outside), PolicyInvalidReason::bsidOutOfRange);
+   EXPECT_EQ(reason(outsideNoLists), PolicyInvalidReason::noSegmentLists); // overrides reason 1
+   EXPECT_EQ(reason(staticNoLists), PolicyInvalidReason::noSegmentLists);
+   EXPECT_EQ(reason(good), PolicyInvalidReason::usable);
+   EXPECT_EQ(selection->policyIdEntry().size(), 1u);
+   ASSERT_NE(selection->policyIdEntry(good), nullptr);
+   EXPECT_EQ(selection->policyIdEntry(good)->bindingSid(), Ipkit::MplsLabel(900002));
+
+   // One message per unusable bgp path; the configured one without lists is not logged.
+   auto t = tags();
+   std::sort(t.begin(), t.end());
+   EXPECT_EQ(t, (std::vector<std::string>{"SRTE_POLICY_INVALID_BSID_MISSING",
+                                          "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE",
+                                          "SRTE_POLICY_INVALID_NO_SEGMENT_LISTS"}));
+   for (const auto& r : syslog.records()) {
+      if (r.tag == "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE") {
+         EXPECT_EQ(r.text, "Endpoint 10.0.0.1, color 1, protocol bgp, originator 0.0.0.0(AS0), "
+                           "discriminator 2 is unusable: BSID(800000) is outside SRLB [900000, "
+                           "900999]");
+      }
+   }
+
+   // Without the binding-SID requirement the same path is usable.
+   config->specifiedBsidOnlyIs(false);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(missing), PolicyInvalidReason::usable);
+   EXPECT_NE(selection->policyIdEntry(missing), nullptr);
+}
+
+TEST_F(InputStage, BindingSidHeldByAnotherApplicationUntilItsRouteGoes) {
+   const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   const auto b = id(Protocol::bgp, "10.0.0.2", 1, 1);
+   mplsStatus->lfibRouteIs(Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(900010)),
+                                             Mpls::LFib::RouteType::unknown,
+                                             Mpls::LFib::Source::unknown, Mpls::AdjacencyKey()));
+   put(record(a, 900010, {{16001}}));
+   put(record(b, 900010, {{16002}}));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::bsidInUseOtherApplication);
+   EXPECT_EQ(sm->bsidUser().size(), 1u); // one user for both paths
+   EXPECT_EQ(sm->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 2u);
+   ASSERT_EQ(syslog.records().size(), 2u);
+   std::vector<std::string> texts{syslog.records()[0].text, syslog.records()[1].text};
+   std::sort(texts.begin(), texts.end());
+   EXPECT_EQ(texts[1],
+             "Endpoint 10.0.0.2, color 1, protocol bgp, originator 0.0.0.0(AS0), discriminator 1 "
+             "is unusable: BSID(900010) already in use by another application");
+   const double firstSeen = candidate(a)->lastModified;
+
+   scheduler.advance(5);
+   mplsStatus->lfibRouteDel(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(900010)));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
+   EXPECT_EQ(reason(b), PolicyInvalidReason::usable);
+   // The record itself did not change: the candidate keeps its time of last change.
+   EXPECT_EQ(candidate(a)->lastModified, firstSeen);
+
+   bgp->policyInputEntryDel(a);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(sm->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 1u);
+   bgp->policyInputEntryDel(b);
+   scheduler.runUntilIdle();
+   EXPECT_TRUE(sm->bsidUser().empty());
+   EXPECT_EQ(keyMap->policy().size(), 0u);
+}
+
+TEST_F(InputStage, SrlbChangeRequeuesEveryRecordAndOtherRangesDoNothing) {
+   const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   put(record(a, 900500, {{16001}}));
+   scheduler.runUntilIdle();
+   const double seen = candidate(a)->lastModified;
+   const uint32_t version = selection->policyIdEntry(a)->version();
+
+   scheduler.advance(3);
+   mplsConfig->labelRangeIs("srgb", Mpls::LabelRange(16000, 8000));
+   EXPECT_TRUE(sm->pendingPolicyId().empty());
+   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 100));
+   EXPECT_EQ(sm->pendingPolicyId().size(), 1u);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::bsidOutOfRange);
+   EXPECT_EQ(candidate(a)->lastModified, seen);
+   EXPECT_EQ(selection->policyIdEntry(a), nullptr);
+
+   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+   scheduler.runUntilIdle();
+   ASSERT_NE(selection->policyIdEntry(a), nullptr);
+   EXPECT_GE(selection->policyIdEntry(a)->version(), 1u);
+   (void)version;
+
+   // A change of the record itself is a new time.
+   put(record(a, 900501, {{16001}}));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(candidate(a)->lastModified, 3.0);
+}
+
+TEST_F(InputStage, SegmentListsAreSharedAcrossProtocolsAndBurstsProcessedOnce) {
+   const auto fromBgp = id(Protocol::bgp, "10.0.0.1", 7, 1);
+   const auto configuredPath = id(Protocol::staticConfig, "10.0.0.1", 7, 100);
+   put(record(fromBgp, 900001, {{16001, 16002}, {16003}}));
+   put(record(configuredPath, 900001, {{16001, 16002}}));
+   // A burst on one id: processed once, version bumped once.
+   for (int i = 0; i < 5; ++i) put(record(fromBgp, 900001, {{16001, 16002}, {16003}}));
+   scheduler.runUntilIdle();
+
+   auto e1 = selection->policyIdEntry(fromBgp);
+   auto e2 = selection->policyIdEntry(configuredPath);
+   ASSERT_TRUE(e1 && e2);
+   EXPECT_EQ(e1->version(), 1u);
+   const auto shared = e1->wSegmentList(0)->segmentListId;
+   EXPECT_EQ(e2->wSegmentList(0)->segmentListId, shared);
+   EXPECT_EQ(e1->wSegmentList(1)->weight, Weight(2));
+   EXPECT_EQ(e1->wSegmentList(0)->tunnelId, shared.getTunnelId());
+   SegmentListUser* user = segListMap->segmentListUser(shared);
+   ASSERT_NE(user, nullptr);
+   EXPECT_TRUE(user->policyIdHas(fromBgp) && user->policyIdHas(configuredPath));
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   EXPECT_EQ(exported->segmentList(shared)->size(), 2u);
+
+   // An update that keeps a list keeps its id; dropping a list withdraws it everywhere.
+   put(record(fromBgp, 900001, {{16001, 16002}}));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(e1->version(), 2u);
+   EXPECT_EQ(e1->wSegmentList().size(), 1u);
+   EXPECT_EQ(e1->wSegmentList(0)->segmentListId, shared);
+   EXPECT_EQ(exported->segmentList().size(), 1u);
+   EXPECT_EQ(dedup->segDedupTablePtr()->lookupByLabel(Ipkit::MplsLabel(16003)), nullptr);
+   EXPECT_EQ(segmentMap->segmentList().size(), 2u);
+
+   bgp->policyInputEntryDel(fromBgp);
+   configured->policyInputEntryDel(configuredPath);
+   scheduler.runUntilIdle();
+   EXPECT_TRUE(selection->policyIdEntry().empty());
+   EXPECT_TRUE(exported->segmentList().empty());
+   EXPECT_TRUE(segListMap->segmentListUser().empty());
+   EXPECT_TRUE(segmentMap->segmentList().empty());
+   EXPECT_TRUE(dedup->notifyingSegmentListCollection()->segmentListNotifier().empty());
+   EXPECT_TRUE(dedup->notifyingSegmentCollection()->segmentNotifier().empty());
+}
+
+TEST_F(InputStage, CongestionAndYieldingNeverDropWork) {
+   scheduler.yieldEveryIs(7);
+   for (uint32_t i = 0; i < 100; ++i) {
+      put(record(id(Protocol::bgp, "10.0.0.1", i, 1), 900000 + i, {{16000 + i % 10}}));
+   }
+   EXPECT_EQ(scheduler.runUntilIdle() > 0, true);
+   EXPECT_EQ(selection->policyIdEntry().size(), 100u);
+
+   for (uint32_t i = 0; i < 100; ++i) {
+      put(record(id(Protocol::bgp, "10.0.0.2", i, 1), 900100 + i, {{17000 + i % 10}}));
+   }
+   // Congest the log after the first slice: the rest waits, retried every 0.1 s.
+   sm->task()->scheduleTask();
+   struct CongestAfterFirstRun : Kiln::Task::Notifiee {
+      Kiln::AttrLogSm* log;
+      void onTaskRun() override { log->attrLogOutCloggedIs(true); }
+   } congest;
+   congest.log = attrLog.get();
+   congest.notifierIs(sm->task());
+   scheduler.runUntilIdle();
+   congest.notifierIs(nullptr);
+   EXPECT_EQ(selection->policyIdEntry().size(), 107u);
+   EXPECT_EQ(scheduler.nextTimerDelay(), std::optional<double>(0.1));
+   scheduler.advance(1.0);
+   EXPECT_EQ(selection->policyIdEntry().size(), 107u);
+   attrLog->attrLogOutCloggedIs(false);
+   scheduler.advance(0.1);
+   EXPECT_EQ(selection->policyIdEntry().size(), 200u);
+   EXPECT_TRUE(sm->pendingPolicyId().empty());
+}
+
+TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
+   const auto kept = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   const auto gone = id(Protocol::bgp, "10.0.0.2", 1, 1);
+   put(record(kept, 900001, {{16001}}));
+   put(record(gone, 900002, {{16002}}));
+   scheduler.runUntilIdle();
+   const SegmentListId before = selection->policyIdEntry(kept)->wSegmentList(0)->segmentListId;
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+
+   sm.reset(); // the agent goes away; the input of `gone` is withdrawn meanwhile
+   bgp->policyInputEntryDel(gone);
+   restart();
+   // Before the first run: published tables are as they were.
+   EXPECT_EQ(selection->policyIdEntry().size(), 2u);
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   EXPECT_TRUE(sm->cleanupPending());
+   scheduler.runUntilIdle();
+
+   EXPECT_EQ(selection->policyIdEntry().size(), 1u);
+   const SegmentListId after = selection->policyIdEntry(kept)->wSegmentList(0)->segmentListId;
+   EXPECT_GT(after, before); // new ids start above every exported one
+   EXPECT_EQ(exported->segmentList().size(), 1u);
+   EXPECT_NE(exported->segmentList(after), nullptr);
+   EXPECT_FALSE(sm->cleanupPending());
+   EXPECT_EQ(reason(kept), PolicyInvalidReason::usable);
+}
+
+TEST_F(InputStage, RemovedSourceTableWithdrawsItsCandidates) {
+   const auto a = id(Protocol::staticConfig, "10.0.0.1", 1, 100);
+   put(record(a, 900001, {{16001}}));
+   scheduler.runUntilIdle();
+   ASSERT_NE(selection->policyIdEntry(a), nullptr);
+   source->policyInputDel(Protocol::staticConfig);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(selection->policyIdEntry(a), nullptr);
+   EXPECT_EQ(candidate(a), nullptr);
+   EXPECT_TRUE(exported->segmentList().empty());
+}
+
+} // namespace
