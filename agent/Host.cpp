@@ -12,7 +12,10 @@ Host::Host(std::ostream& out)
       attrLog_(Mox::make<Kiln::AttrLogSm>()), config_(SrTePolicy::configFactory("config")),
       status_(SrTePolicy::statusFactory("status")),
       colorDscpMap_(SrTePolicy::colorDscpMapFactory("colorDscpMap")),
-      policyInputSource_(SrTePolicy::policyInputSourceFactory("policyInputSource")) {
+      policyInputSource_(SrTePolicy::policyInputSourceFactory("policyInputSource")),
+      mplsConfig_(Mox::make<Mpls::Config>("mpls")), mplsStatus_(Mox::make<Mpls::Status>("mpls")),
+      hardwareStatus_(Mox::make<Routing::Hardware::Status>("hardware")),
+      counterTable_(Mox::make<FlexCounters::CounterTable>("tunnelCounters")) {
    Syslog::sinkIs(&syslog_);
 }
 

@@ -42,7 +42,10 @@
 
 #include "agent/Args.h"
 #include "agent/Json.h"
+#include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
+#include "platform/Mpls.h"
+#include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
 #include "types/SrTeColorDscpMap.h"
 #include "types/SrTePolicy.h"
@@ -121,6 +124,12 @@ class Host {
    const Mox::Ptr<SrTePolicy::PolicyInputSource>& policyInputSource() const {
       return policyInputSource_;
    }
+   // The platform: MPLS configuration (label ranges) and forwarding status (LFIB routes,
+   // adjacencies), hardware limits, tunnel counters.
+   const Mox::Ptr<Mpls::Config>& mplsConfig() const { return mplsConfig_; }
+   const Mox::Ptr<Mpls::Status>& mplsStatus() const { return mplsStatus_; }
+   const Mox::Ptr<Routing::Hardware::Status>& hardwareStatus() const { return hardwareStatus_; }
+   const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const { return counterTable_; }
    double now() const { return scheduler_->now(); }
    const std::vector<Verb>& verbs() const { return verbs_; }
    const std::vector<Show>& shows() const { return shows_; }
@@ -168,6 +177,10 @@ class Host {
    Mox::Ptr<SrTePolicy::Status> status_;
    Mox::Ptr<SrTePolicy::ColorDscpMap> colorDscpMap_;
    Mox::Ptr<SrTePolicy::PolicyInputSource> policyInputSource_;
+   Mox::Ptr<Mpls::Config> mplsConfig_;
+   Mox::Ptr<Mpls::Status> mplsStatus_;
+   Mox::Ptr<Routing::Hardware::Status> hardwareStatus_;
+   Mox::Ptr<FlexCounters::CounterTable> counterTable_;
    std::vector<Verb> verbs_;
    std::vector<Show> shows_;
    std::vector<Stage> stages_;

@@ -7,6 +7,7 @@ namespace Agent {
 void registerModules(Host& host) {
    registerCore(host);
    registerConfig(host);
+   registerMpls(host);
    registerInput(host);
    // Subsystems go here, in construction order.
    registerCoreTables(host);

@@ -11,6 +11,7 @@ void registerCore(Host& host);
 void registerCoreTables(Host& host);
 void registerConfig(Host& host);
 void registerInput(Host& host);
+void registerMpls(Host& host);
 
 // Registers every subsystem, then starts the host (builds the stages).
 void registerModules(Host& host);
