@@ -218,7 +218,7 @@ std::vector<Ipkit::DscpValue> valuesOf(const DscpList& l) {
 
 void colorDscpText(Host& host, std::string& out) {
    const ColorDscpMap& m = *host.colorDscpMap();
-   Mox::appendf(out, "Color to DSCP map: %zu colors\n", m.colorToDscpCount());
+   Mox::appendf(out, "Color to DSCP map: %s\n", Show::count(m.colorToDscpCount(), "color").c_str());
    Show::TextTable t({"Color", "DSCP", "Saved as"});
    for (const auto& l : colorsInOrder(m)) {
       std::string numbers, saved;

@@ -5,6 +5,7 @@
 
 #include "agent/Host.h"
 #include "agent/Modules.h"
+#include "agent/ShowFormat.h"
 #include "agent/TextTable.h"
 #include "platform/Trace.h"
 
@@ -40,7 +41,7 @@ void showOne(Host& host, const Host::Show& s, bool json) {
    } else {
       std::string text;
       s.readable(text);
-      host.out() << text;
+      host.out() << text << "\n";
    }
 }
 
@@ -51,13 +52,10 @@ void showAll(Host& host, bool json) {
       host.out() << top.render();
       return;
    }
-   bool first = true;
    for (const auto& s : host.shows()) {
-      if (!first) host.out() << "\n";
-      first = false;
       std::string text;
       s.readable(text);
-      host.out() << text;
+      host.out() << text << "\n";
    }
 }
 
@@ -175,7 +173,7 @@ void registerCoreTables(Host& host) {
        "syslog", "every system-log message so far: tag and formatted text",
        [&host](std::string& out) {
           const auto& records = host.syslog().records();
-          Mox::appendf(out, "System log: %zu messages\n", records.size());
+          Mox::appendf(out, "System log: %s\n", Show::count(records.size(), "message").c_str());
           Show::TextTable t({"Seq", "Severity", "Tag", "Message"});
           size_t seq = 0;
           for (const auto& r : records) {

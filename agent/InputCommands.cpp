@@ -78,8 +78,9 @@ void inputText(Host& host, std::string& out) {
    for (size_t i = 0; i < tables.size(); ++i) {
       const PolicyInput& table = *tables[i];
       if (i) out += "\n";
-      Mox::appendf(out, "Input table %s: %zu records, %s\n", protocolText(protocols[i]).c_str(),
-                   table.policyInputEntryCount(), Vault::mountStatusName(table.mountStatus()));
+      Mox::appendf(out, "Input table %s: %s, %s\n", protocolText(protocols[i]).c_str(),
+                   Show::count(table.policyInputEntryCount(), "record").c_str(),
+                   Vault::mountStatusName(table.mountStatus()));
       Show::TextTable t({"Endpoint", "Color", "Discriminator", "Originator", "Preference", "BSID",
                          "Weight", "Labels"});
       for (const PolicyInputEntry* e : recordsInOrder(table)) {

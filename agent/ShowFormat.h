@@ -13,6 +13,10 @@ namespace Show {
 // A label's number, or "none" for the null label.
 inline std::string labelText(Ipkit::MplsLabel l) { return l.isNull() ? "none" : l.stringValue(); }
 inline const char* onOff(bool b) { return b ? "on" : "off"; }
+// "1 record", "2 records".
+inline std::string count(size_t n, const char* noun) {
+   return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
 
 // The used labels, top of stack first.
 inline Json::Value labelStackJson(const Ipkit::MplsLabelOperation& op) {
@@ -23,7 +27,13 @@ inline Json::Value labelStackJson(const Ipkit::MplsLabelOperation& op) {
    return a;
 }
 inline std::string labelStackText(const Ipkit::MplsLabelOperation& op) {
-   return op.stackSize() ? op.stringValue() : "(no labels)";
+   if (op.stackSize() == 0) return "(no labels)";
+   std::string out;
+   for (uint32_t i = 0; i < op.stackSize(); ++i) {
+      if (i) out += ' ';
+      out += labelText(op.label(Ipkit::MplsStackEntryIndex(i)));
+   }
+   return out;
 }
 
 inline Json::Value originatorJson(const SrTePolicy::Originator& o) {

@@ -98,7 +98,7 @@ TEST(Host, ShowPrintsReadableAndJsonAndAllHoldsEveryTable) {
    t.host.execute("counter add 7");
    t.host.execute("show toy-counter");
    t.host.execute("show toy-counter json");
-   EXPECT_EQ(t.out.str(), "7\n{\n  \"toyCounter\": {\"value\": 7}\n}\n");
+   EXPECT_EQ(t.out.str(), "7\n\n{\n  \"toyCounter\": {\"value\": 7}\n}\n");
    t.out.str("");
    t.host.execute("show all json");
    const std::string all = t.out.str();
