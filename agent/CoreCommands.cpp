@@ -179,7 +179,7 @@ void registerCoreTables(Host& host) {
           for (const auto& r : records) {
              t.rowIs({std::to_string(++seq), Syslog::severityName(r.severity), r.tag, r.text});
           }
-          t.render(out);
+          t.render(out, 2);
        },
        [&host] {
           Json::Value rows = Json::Value::array();
