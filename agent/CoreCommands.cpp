@@ -117,15 +117,14 @@ void registerCore(Host& host) {
           std::string word;
           if (!a.done()) word = a.word("word");
           return [&host, word] {
-             Show::TextTable verbs({"Command", "Does"});
+             // Usage lines are long: each command gets its usage line, then its summary.
+             std::string text;
              for (const auto& v : host.verbs()) {
                 if (word.empty() || v.name.compare(0, word.size(), word) == 0 ||
                     (v.name.rfind("no ", 0) == 0 && v.name.compare(3, word.size(), word) == 0)) {
-                   verbs.rowIs({v.usage, v.summary});
+                   text += v.usage + "\n    " + v.summary + "\n";
                 }
              }
-             std::string text;
-             if (verbs.rows()) verbs.render(text);
              if (word.empty() || word == "show") {
                 if (!text.empty()) text += "\n";
                 Show::TextTable tables({"Table", "Holds"});
