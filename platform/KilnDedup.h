@@ -22,6 +22,9 @@ class DedupHandle : public Mox::Entity {
    virtual bool compare(const DedupHandle& other) const = 0;
    virtual uint32_t hash() const = 0;
    bool isInDedupTable() const noexcept { return table_ != nullptr; }
+   // The hash as computed when the entry was last inserted or looked up (canonical entries keep
+   // theirs), so containers of canonical entries need not hash their content again.
+   uint32_t dedupHash() const noexcept { return cachedHash_; }
 
  protected:
    void onRefCountWatched() override;

@@ -53,11 +53,11 @@ bool SegmentList::compare(const Kiln::DedupHandle& other) const {
 }
 
 uint32_t SegmentList::hash() const {
-   // Segments are canonical, so their content (type and label) stands for their identity.
+   // Segments are canonical: the hash they got on entering their table stands for their content.
    uint32_t h = Mox::mix32(size_);
    for (uint32_t i = 0; i < size_; ++i) {
       const SegmentBase* s = segment_[i].get();
-      h = Mox::hashCombine(h, s ? s->hash() : 0);
+      h = Mox::hashCombine(h, s ? s->dedupHash() : 0);
    }
    return h;
 }

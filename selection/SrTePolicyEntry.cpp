@@ -9,40 +9,8 @@ namespace SrTePolicy {
 
 namespace {
 
-// Structured and attribute-log forms of the component values these types carry.
-std::string boundedStrep(const char* type, uint64_t value) {
-   return std::string("Value('") + type + "', ** {'value': " + std::to_string(value) + "})";
-}
-std::string weightStrep(Weight w) { return boundedStrep("SrTePolicy::Weight", w.value); }
 std::string tunnelIdStrep(Tunnel::TunnelTable::TunnelId t) {
-   return boundedStrep("Tunnel::TunnelTable::TunnelId", t.value);
-}
-std::string protocolStrep(Protocol p) { return "'" + protocolEnumToString(p) + "'"; }
-std::string originatorStrep(const Originator& o) {
-   return "Value('SrTePolicy::Originator', ** {'asn': " + std::to_string(o.asn) + ", 'address': '" +
-          o.address.stringValue() + "'})";
-}
-
-constexpr const char* kAddressFamilyMessage =
-    "IpGenAddr::af < IpGenAddr::ipv4 or > IpGenAddr::ipv6 not allowed";
-
-void writeOriginator(AttrLog::Writer& w, const Originator& o) {
-   w.u32(o.asn);
-   w.u32(o.address.af());
-   w.bytes(o.address.bytes(), 16);
-}
-Originator readOriginator(AttrLog::Reader& r) {
-   uint32_t asn = r.u32();
-   uint32_t af = r.u32();
-   std::array<uint8_t, 16> b;
-   r.bytes(b.data(), b.size());
-   if (af == Ipkit::IpGenAddr::ipv4) {
-      uint32_t host =
-          (uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3];
-      return Originator(asn, Ipkit::IpGenAddr::v4(host));
-   }
-   if (af == Ipkit::IpGenAddr::ipv6) return Originator(asn, Ipkit::IpGenAddr::v6(b));
-   throw Mox::RangeError(kAddressFamilyMessage);
+   return "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " + std::to_string(t.value) + "})";
 }
 
 template <class T>
@@ -67,8 +35,8 @@ std::string WeightedSegmentListId::stringValue() const {
 
 std::string WeightedSegmentListId::valueToStrep() const {
    return "Value('SrTePolicy::WeightedSegmentListId', ** {'segmentListId': " +
-          boundedStrep("SrTePolicy::SegmentListId", segmentListId.value) +
-          ", 'weight': " + weightStrep(weight) + ", 'tunnelId': " + tunnelIdStrep(tunnelId) + "})";
+          segmentListId.valueToStrep() +
+          ", 'weight': " + weight.valueToStrep() + ", 'tunnelId': " + tunnelIdStrep(tunnelId) + "})";
 }
 
 void WeightedSegmentListId::writeTo(AttrLog::Writer& w) const {
@@ -97,7 +65,7 @@ std::string WeightedTunnelId::stringValue() const {
 
 std::string WeightedTunnelId::valueToStrep() const {
    return "Value('SrTePolicy::WeightedTunnelId', ** {'tunnelId': " + tunnelIdStrep(tunnelId) +
-          ", 'weight': " + weightStrep(weight) + "})";
+          ", 'weight': " + weight.valueToStrep() + "})";
 }
 
 void WeightedTunnelId::writeTo(AttrLog::Writer& w) const {
@@ -168,17 +136,17 @@ std::string Priority::stringValue() const {
 
 std::string Priority::valueToStrep() const {
    return "Value('SrTePolicy::Priority', ** {'preference': " +
-          boundedStrep("SrTePolicy::Preference", preference.value) +
-          ", 'protocol': " + protocolStrep(protocol) +
-          ", 'originator': " + originatorStrep(originator) +
-          ", 'discriminator': " + boundedStrep("SrTePolicy::Discriminator", discriminator.value) +
+          preference.valueToStrep() +
+          ", 'protocol': " + protocolToStrep(protocol) +
+          ", 'originator': " + originator.valueToStrep() +
+          ", 'discriminator': " + discriminator.valueToStrep() +
           "})";
 }
 
 void Priority::writeTo(AttrLog::Writer& w) const {
    w.u32(preference.value);
    w.u32(static_cast<uint32_t>(protocol));
-   writeOriginator(w, originator);
+   originator.attrLogWrite(w);
    w.u32(discriminator.value);
 }
 
@@ -186,7 +154,7 @@ Priority Priority::readFrom(AttrLog::Reader& r) {
    Priority p;
    p.preference = Preference::fromWide(r.u32());
    p.protocol = static_cast<Protocol>(r.u32());
-   p.originator = readOriginator(r);
+   p.originator = Originator::attrLogRead(r);
    p.discriminator = Discriminator::fromWide(r.u32());
    return p;
 }
