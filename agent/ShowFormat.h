@@ -40,11 +40,13 @@ inline Json::Value originatorJson(const SrTePolicy::Originator& o) {
    return Json::Value::row().set("asn", o.asn).set("address", Json::Value::address(o.address));
 }
 
-// An enumeration: its number under `key` and its name under `key` + "Name".
+// An enumeration: its number under `key` and, when the value has a name (not just its number),
+// the name under `key` + "Name".
 template <class E>
 void enumIs(Json::Value& row, const std::string& key, E value, const std::string& name) {
-   row.set(key, static_cast<uint32_t>(value));
-   row.set(key + "Name", name);
+   const auto number = static_cast<uint32_t>(value);
+   row.set(key, number);
+   if (!name.empty() && name != std::to_string(number)) row.set(key + "Name", name);
 }
 
 } // namespace Show
