@@ -39,16 +39,12 @@ void Host::showIs(std::string table, std::string summary, ShowText readable, Sho
 }
 
 void Host::stageIs(int order, std::string name, StageFn build, StageFn drop) {
-   stages_.push_back(
-       Stage{order, stages_.size(), std::move(name), std::move(build), std::move(drop)});
+   // A stage registered after start is built at once, as it would join a running agent.
+   if (started_ && build) build();
+   stages_.push_back(Stage{order, std::move(name), std::move(build), std::move(drop)});
+   // Stable: stages of equal order keep their registration order.
    std::stable_sort(stages_.begin(), stages_.end(),
                     [](const Stage& a, const Stage& b) { return a.order < b.order; });
-   // A stage registered after start joins at once, as it would in a running agent.
-   if (started_ && stages_.back().build) {
-      for (auto& s : stages_) {
-         if (s.seq == stages_.size() - 1 && s.build) s.build();
-      }
-   }
 }
 
 const Host::Show* Host::show(std::string_view table) const {

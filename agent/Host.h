@@ -145,7 +145,6 @@ class Host {
    };
    struct Stage {
       int order;
-      size_t seq;
       std::string name;
       StageFn build;
       StageFn drop;
