@@ -8,7 +8,7 @@ void registerModules(Host& host) {
    registerCore(host);
    registerConfig(host);
    registerMpls(host);
-   registerInput(host);
+   registerInputTables(host);
    // Subsystems go here, in construction order.
    registerCoreTables(host);
    host.start();

@@ -142,7 +142,7 @@ Json::Value inputJson(Host& host) {
 
 } // namespace
 
-void registerInput(Host& host) {
+void registerInputTables(Host& host) {
    host.verbIs("input-table", "input-table <protocol> [remount]",
                "the protocol's input table appears (remount: it is mounted again, whole)",
                [&host](Args& a) -> Host::Apply {
