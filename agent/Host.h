@@ -23,6 +23,22 @@
 //     usually inside `host.process<SegmentProcess>()` (made on first use, destroyed by restart in
 //     reverse order of creation); `drop` (optional) runs first, in reverse stage order, for
 //     anything that must happen while everything still exists.
+// The router's own state that every subsystem reads (config(), policyInputSource(), mplsConfig(),
+// mplsStatus(), hardwareStatus(), counterTable(), scheduler(), attrLog()) has accessors here.
+//
+//    struct SegmentTables { Mox::Ptr<SegmentStatus> status = ...; };       // survives restart
+//    struct SegmentProcess { Mox::Ptr<SegmentSm> sm; };                    // rebuilt by restart
+//    void registerSegments(Host& host) {
+//       host.stageIs(30, "segments", [&host] {
+//          host.process<SegmentProcess>().sm =
+//              segmentSmFactory(host.mplsStatus(), host.shared<SegmentTables>().status, ...);
+//       });
+//       host.showIs("segments", "canonical segments", readableFn, jsonFn);
+//       host.verbIs("segment poke", "segment poke <id>", "...", [&host](Args& a) -> Host::Apply {
+//          const uint64_t id = a.number("segment id");       // throws ScriptError on bad input
+//          return [&host, id] { /* the change */ };
+//       });
+//    }
 //
 // Guarantees:
 //  - nothing runs tasks except `run` and `advance` (verbs change inputs; reactors only queue);
