@@ -1,5 +1,7 @@
 #include "agent/Json.h"
 
+#include <charconv>
+
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -32,12 +34,9 @@ Value Value::number(double d) {
    Value v;
    v.kind_ = Kind::number;
    char buf[40];
-   // Shortest text that reads back as the same double; virtual times are mostly short decimals.
-   for (int precision = 1; precision <= 17; ++precision) {
-      std::snprintf(buf, sizeof buf, "%.*g", precision, d);
-      if (std::strtod(buf, nullptr) == d) break;
-   }
-   v.text_ = buf;
+   // Shortest text that reads back as the same double ("10", "0.1", "1e+20").
+   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d);
+   v.text_.assign(buf, ec == std::errc() ? end : buf);
    return v;
 }
 

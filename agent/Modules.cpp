@@ -10,6 +10,7 @@ void registerModules(Host& host) {
    registerMpls(host);
    registerInputTables(host);
    // Subsystems go here, in construction order.
+   registerInput(host);
    registerCoreTables(host);
    host.start();
 }

@@ -10,6 +10,7 @@ class Host;
 void registerCore(Host& host);
 void registerCoreTables(Host& host);
 void registerConfig(Host& host);
+void registerInput(Host& host);
 void registerInputTables(Host& host);
 void registerMpls(Host& host);
 

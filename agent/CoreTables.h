@@ -1,0 +1,42 @@
+// The entities the state machines share, as the host holds them.
+//
+// PublishedTables are shared-memory tables other processes read (and a restarted agent finds
+// again): they live as long as the host. CoreProcess holds the in-process entities every state
+// machine of one agent incarnation shares (dedup tables and the reverse maps); it is built before
+// the first state machine and dropped after the last one by `restart`.
+#pragma once
+
+#include "input/SrTePolicyKeyToIdMap.h"
+#include "publish/SrTePolicyExportTypes.h"
+#include "segment/SrTePolicyCoreDedupTable.h"
+#include "segment/SrTePolicySegmentList.h"
+#include "selection/SrTePolicyEntry.h"
+
+namespace Agent {
+
+struct PublishedTables {
+   Mox::Ptr<SrTePolicy::PolicySelectionInput> policySelectionInput =
+       SrTePolicy::policySelectionInputFactory("policySelectionInput");
+   Mox::Ptr<SrTePolicy::Export::SegmentListCollection> exportedSegmentListColl =
+       SrTePolicy::Export::segmentListCollectionFactory("exportedSegmentLists");
+};
+
+// Members are dropped bottom-up: the maps release their segment lists before the dedup tables
+// stop.
+struct CoreProcess {
+   Mox::Ptr<SrTePolicy::CoreDedupTables> coreDedupTables = Mox::make<SrTePolicy::CoreDedupTables>();
+   Mox::Ptr<SrTePolicy::SegmentIdToSegmentList> segmentMap =
+       Mox::make<SrTePolicy::SegmentIdToSegmentList>();
+   Mox::Ptr<SrTePolicy::SegmentListIdToPolicyMap> segListMap =
+       Mox::make<SrTePolicy::SegmentListIdToPolicyMap>();
+   Mox::Ptr<SrTePolicy::PolicyKeyToIdMap> policyKeyToIdMap =
+       Mox::make<SrTePolicy::PolicyKeyToIdMap>();
+};
+
+// Construction order of the stages (agent/Modules.cpp registers them; lower builds first).
+namespace StageOrder {
+constexpr int coreEntities = 10;
+constexpr int policyInput = 40;
+} // namespace StageOrder
+
+} // namespace Agent
