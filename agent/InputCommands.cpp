@@ -71,8 +71,10 @@ void candidatesText(Host& host, std::string& out) {
       for (const auto& [cid, info] : it->second->candidate()) {
          std::vector<std::string> cells{first ? it->first.endpoint.stringValue() : "",
                                         first ? std::to_string(it->first.color.value) : "",
-                                        cid.stringValue(), policyInvalidReasonName(info.reason),
-                                        seconds(info.lastModified), Show::labelText(info.bindingSid)};
+                                        cid.stringValue(),
+                                        policyInvalidReasonName(info.reason),
+                                        seconds(info.lastModified),
+                                        Show::labelText(info.bindingSid)};
          first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
          first = false;
       }
@@ -101,18 +103,17 @@ Json::Value candidatesJson(Host& host) {
 
 void selectionInputText(Host& host, std::string& out) {
    const auto& entries = host.shared<PublishedTables>().policySelectionInput->policyIdEntry();
-   Mox::appendf(out, "Selection input: %s\n", Show::count(entries.size(), "candidate path").c_str());
+   Mox::appendf(out, "Selection input: %s\n",
+                Show::count(entries.size(), "candidate path").c_str());
    Show::TextTable t({"Endpoint", "Color", "Candidate", "Preference", "Originator", "BSID",
                       "Version", "Weight", "Segment list", "Tunnel"});
    for (auto it : sortedByKey(entries)) {
       const PolicyIdEntry& e = *it->second;
-      std::vector<std::string> cells{e.id().key.endpoint.stringValue(),
-                                     std::to_string(e.id().key.color.value),
-                                     CandidateId(e.id()).stringValue(),
-                                     std::to_string(e.preference().value),
-                                     e.originator().stringValue(),
-                                     Show::labelText(e.bindingSid()),
-                                     std::to_string(e.version())};
+      std::vector<std::string> cells{
+          e.id().key.endpoint.stringValue(), std::to_string(e.id().key.color.value),
+          CandidateId(e.id()).stringValue(), std::to_string(e.preference().value),
+          e.originator().stringValue(),      Show::labelText(e.bindingSid()),
+          std::to_string(e.version())};
       if (e.wSegmentList().empty()) t.rowIs(std::move(cells));
       bool first = true;
       for (const auto& [index, w] : e.wSegmentList()) {
@@ -129,7 +130,8 @@ void selectionInputText(Host& host, std::string& out) {
 
 Json::Value selectionInputJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.shared<PublishedTables>().policySelectionInput->policyIdEntry())) {
+   for (auto it :
+        sortedByKey(host.shared<PublishedTables>().policySelectionInput->policyIdEntry())) {
       const PolicyIdEntry& e = *it->second;
       Json::Value lists = Json::Value::inlineArray();
       for (const auto& [index, w] : e.wSegmentList()) {
@@ -240,7 +242,8 @@ Json::Value segmentListsJson(Host& host) {
    Json::Value rows = Json::Value::array();
    for (const SegmentList* l : segmentListsById(core)) {
       Json::Value segments = Json::Value::inlineArray();
-      for (uint32_t i = 0; i < l->size(); ++i) segments.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
+      for (uint32_t i = 0; i < l->size(); ++i)
+         segments.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
       Json::Value users = Json::Value::inlineArray();
       for (const PolicyId& id : usersOf(core, l->segmentListId())) users.push(policyIdJson(id));
       rows.push(Json::Value::row()
@@ -263,7 +266,8 @@ Ipkit::MplsLabelOperation exportedLabels(const Export::SegmentList& l) {
 
 void exportedText(Host& host, std::string& out) {
    const auto& lists = host.shared<PublishedTables>().exportedSegmentListColl->segmentList();
-   Mox::appendf(out, "Exported segment lists: %s\n", Show::count(lists.size(), "segment list").c_str());
+   Mox::appendf(out, "Exported segment lists: %s\n",
+                Show::count(lists.size(), "segment list").c_str());
    Show::TextTable t({"Id", "Size", "Labels"});
    for (auto it : sortedByKey(lists)) {
       t.rowIs({it->first.stringValue(), std::to_string(it->second->size()),
@@ -274,7 +278,8 @@ void exportedText(Host& host, std::string& out) {
 
 Json::Value exportedJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.shared<PublishedTables>().exportedSegmentListColl->segmentList())) {
+   for (auto it :
+        sortedByKey(host.shared<PublishedTables>().exportedSegmentListColl->segmentList())) {
       rows.push(Json::Value::row()
                     .set("segmentListId", it->first.value)
                     .set("size", uint32_t{it->second->size()})
@@ -318,7 +323,8 @@ Json::Value bsidUsersJson(Host& host) {
 } // namespace
 
 void registerInput(Host& host) {
-   host.stageIs(StageOrder::coreEntities, "core entities", [&host] { host.process<CoreProcess>(); });
+   host.stageIs(StageOrder::coreEntities, "core entities",
+                [&host] { host.process<CoreProcess>(); });
    host.stageIs(StageOrder::policyInput, "policy input", [&host] {
       CoreProcess& core = host.process<CoreProcess>();
       PublishedTables& published = host.shared<PublishedTables>();
@@ -342,7 +348,8 @@ void registerInput(Host& host) {
        [&host](std::string& out) { bsidUsersText(host, out); },
        [&host] { return bsidUsersJson(host); });
    host.showIs(
-       "segments", "canonical segments with ids", [&host](std::string& out) { segmentsText(host, out); },
+       "segments", "canonical segments with ids",
+       [&host](std::string& out) { segmentsText(host, out); },
        [&host] { return segmentsJson(host); });
    host.showIs(
        "segment-lists", "canonical segment lists: id, labels, tunnel, users",

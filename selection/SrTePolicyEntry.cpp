@@ -35,8 +35,8 @@ std::string WeightedSegmentListId::stringValue() const {
 
 std::string WeightedSegmentListId::valueToStrep() const {
    return "Value('SrTePolicy::WeightedSegmentListId', ** {'segmentListId': " +
-          segmentListId.valueToStrep() +
-          ", 'weight': " + weight.valueToStrep() + ", 'tunnelId': " + tunnelIdStrep(tunnelId) + "})";
+          segmentListId.valueToStrep() + ", 'weight': " + weight.valueToStrep() +
+          ", 'tunnelId': " + tunnelIdStrep(tunnelId) + "})";
 }
 
 void WeightedSegmentListId::writeTo(AttrLog::Writer& w) const {
@@ -135,12 +135,10 @@ std::string Priority::stringValue() const {
 }
 
 std::string Priority::valueToStrep() const {
-   return "Value('SrTePolicy::Priority', ** {'preference': " +
-          preference.valueToStrep() +
+   return "Value('SrTePolicy::Priority', ** {'preference': " + preference.valueToStrep() +
           ", 'protocol': " + protocolToStrep(protocol) +
           ", 'originator': " + originator.valueToStrep() +
-          ", 'discriminator': " + discriminator.valueToStrep() +
-          "})";
+          ", 'discriminator': " + discriminator.valueToStrep() + "})";
 }
 
 void Priority::writeTo(AttrLog::Writer& w) const {

@@ -9,7 +9,7 @@ namespace {
 Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
 
 // The shared tables outlive the state machine; the in-process state is rebuilt by start().
-struct InputStage : ::testing::Test {
+struct Env {
    Kiln::TaskScheduler scheduler;
    Mox::Ptr<Config> config = configFactory("config");
    Mox::Ptr<PolicyInputSource> source = policyInputSourceFactory("input");
@@ -29,14 +29,14 @@ struct InputStage : ::testing::Test {
    Mox::Ptr<PolicyKeyToIdMap> keyMap;
    Mox::Ptr<PolicyInputSm> sm;
 
-   InputStage() {
+   Env() {
       Syslog::sinkIs(&syslog);
       source->policyInputIs(Protocol::bgp, bgp);
       source->policyInputIs(Protocol::staticConfig, configured);
       mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
       start();
    }
-   ~InputStage() override { Syslog::sinkDel(&syslog); }
+   ~Env() { Syslog::sinkDel(&syslog); }
 
    void start() {
       dedup = Mox::make<CoreDedupTables>();
@@ -81,7 +81,54 @@ struct InputStage : ::testing::Test {
       for (const auto& r : syslog.records()) t.push_back(r.tag);
       return t;
    }
+   // The selection input and candidate map as one comparable text, in key order.
+   std::string outputs() const {
+      std::vector<std::string> lines;
+      for (const auto& [pid, e] : selection->policyIdEntry()) {
+         std::string l = pid.stringValue() + " v" + std::to_string(e->version()) + " bsid " +
+                         e->bindingSid().stringValue();
+         for (const auto& [i, w] : e->wSegmentList()) {
+            l += " " + w.stringValue() + "=" +
+                 segListMap->segmentListUser(w.segmentListId)
+                     ->segmentList()
+                     ->labelStack()
+                     .stringValue();
+         }
+         lines.push_back(l);
+      }
+      for (const auto& [key, info] : keyMap->policy()) {
+         for (const auto& [cid, c] : info->candidate()) {
+            lines.push_back(key.stringValue() + " " + cid.stringValue() + " " +
+                            policyInvalidReasonName(c.reason));
+         }
+      }
+      std::sort(lines.begin(), lines.end());
+      std::string out;
+      for (const auto& l : lines) out += l + "\n";
+      return out;
+   }
+   // A mixed workload: shared lists, every reason, updates and deletions.
+   void workload() {
+      mplsStatus->lfibRouteIs(Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(900500)),
+                                                Mpls::LFib::RouteType::unknown,
+                                                Mpls::LFib::Source::unknown, Mpls::AdjacencyKey()));
+      for (uint32_t i = 0; i < 60; ++i) {
+         put(record(id(Protocol::bgp, "10.0.0.1", i, 1), 900000 + i * 10 % 700,
+                    {{16000 + i % 7, 16100 + i % 3}, {17000 + i % 5}}));
+         put(record(id(Protocol::staticConfig, "10.0.0.1", i, 100), i % 9 ? 900000 + i : 1048576,
+                    {{16000 + i % 7, 16100 + i % 3}}));
+      }
+      put(record(id(Protocol::bgp, "10.0.0.9", 1, 1), 900500, {{16001}}));
+      scheduler.runUntilIdle();
+      for (uint32_t i = 0; i < 60; i += 4)
+         bgp->policyInputEntryDel(id(Protocol::bgp, "10.0.0.1", i, 1));
+      for (uint32_t i = 1; i < 60; i += 4)
+         put(record(id(Protocol::bgp, "10.0.0.1", i, 1), 900999, {}));
+      scheduler.runUntilIdle();
+   }
 };
+
+struct InputStage : ::testing::Test, Env {};
 
 TEST_F(InputStage, ValidationReasonsInOrderOfPrecedenceAndTheirLogMessages) {
    const auto missing = id(Protocol::bgp, "10.0.0.1", 1, 1);
@@ -186,6 +233,14 @@ TEST_F(InputStage, SrlbChangeRequeuesEveryRecordAndOtherRangesDoNothing) {
    EXPECT_GE(selection->policyIdEntry(a)->version(), 1u);
    (void)version;
 
+   // No SRLB at all holds no binding SID (its last label cannot even be formed).
+   mplsConfig->labelRangeDel("srlb");
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::bsidOutOfRange);
+   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
+
    // A change of the record itself is a new time.
    put(record(a, 900501, {{16001}}));
    scheduler.runUntilIdle();
@@ -265,6 +320,71 @@ TEST_F(InputStage, CongestionAndYieldingNeverDropWork) {
    scheduler.advance(0.1);
    EXPECT_EQ(selection->policyIdEntry().size(), 200u);
    EXPECT_TRUE(sm->pendingPolicyId().empty());
+}
+
+TEST(InputStageYield, YieldEveryKeyConvergesToSameResult) {
+   std::string expected;
+   size_t messages = 0;
+   {
+      Env plain;
+      plain.workload();
+      expected = plain.outputs();
+      messages = plain.syslog.records().size();
+   }
+   Env sliced;
+   sliced.scheduler.yieldEveryIs(1);
+   sliced.workload();
+   EXPECT_EQ(sliced.outputs(), expected);
+   EXPECT_GT(sliced.sm->task()->runCount(), 100u); // it really ran one key per slice
+   EXPECT_EQ(sliced.syslog.records().size(), messages);
+}
+
+TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePath) {
+   const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   put(record(a, 900001, {{16001, 16002}}));
+   scheduler.runUntilIdle();
+   ASSERT_NE(selection->policyIdEntry(a), nullptr);
+   const auto route = Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(900001)),
+                                        Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
+                                        Mpls::AdjacencyKey());
+   mplsStatus->lfibRouteIs(route);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::bsidInUseOtherApplication);
+   EXPECT_EQ(selection->policyIdEntry(a), nullptr);
+   EXPECT_TRUE(exported->segmentList().empty());
+   EXPECT_TRUE(dedup->notifyingSegmentListCollection()->segmentListNotifier().empty());
+
+   // This system's own route (source 16) for the label leaves it available.
+   auto own = route;
+   own.source = Mpls::LFib::Source::srTePolicy;
+   mplsStatus->lfibRouteIs(own);
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
+   // Routes of labels nobody names queue nothing.
+   mplsStatus->lfibRouteDel(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(900001)));
+   mplsStatus->lfibRouteIs(Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(16001)),
+                                             Mpls::LFib::RouteType::unknown,
+                                             Mpls::LFib::Source::unknown, Mpls::AdjacencyKey()));
+   EXPECT_TRUE(sm->pendingPolicyId().empty());
+}
+
+TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExports) {
+   const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   put(record(a, 900001, {{16001}, {16002}}));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   const uint32_t version = selection->policyIdEntry(a)->version();
+
+   config->segmentListSharingEnabledIs(true);
+   scheduler.runUntilIdle();
+   auto e = selection->policyIdEntry(a);
+   EXPECT_EQ(e->version(), version + 1);
+   EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(3));
+   EXPECT_EQ(e->wSegmentList(1)->segmentListId, SegmentListId(4));
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   EXPECT_NE(exported->segmentList(SegmentListId(3)), nullptr);
+   EXPECT_EQ(exported->segmentList(SegmentListId(1)), nullptr);
+   EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
 }
 
 TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
