@@ -33,6 +33,8 @@ TEST(ShowOutput, JsonRowsOnOneLineWithNullLabelsEscapesAndExactNumbers) {
              "}\n");
    EXPECT_EQ(Json::Value::number(1.0 / 3).text(), "0.3333333333333333");
    EXPECT_EQ(Json::Value::number(2.5).text(), "2.5");
+   EXPECT_EQ(Json::Value::number(10.0).text(), "10"); // never "1e+01"
+   EXPECT_EQ(Json::Value::number(1e20).text(), "1e+20");
 }
 
 TEST(ShowOutput, TextColumnsAlignAndContinuationLinesStayBlankWithoutTrailingSpaces) {

@@ -1,0 +1,67 @@
+// Input gathering as srte runs it: the stage is built over the host's tables, its tables are
+// shown, and `restart` rebuilds it over what survived.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "agent/Host.h"
+#include "agent/Modules.h"
+
+namespace {
+
+struct Agent_ {
+   std::ostringstream out;
+   Agent::Host host{out};
+   Agent_() { Agent::registerModules(host); }
+   std::string show(const std::string& table) {
+      out.str("");
+      host.execute("show " + table);
+      return out.str();
+   }
+   void run(std::initializer_list<const char*> lines) {
+      for (const char* l : lines) host.execute(l);
+   }
+};
+
+TEST(InputGathering, RestartRebuildsInProcessStateAndKeepsThePublishedTables) {
+   Agent_ a;
+   a.run({"label-range srlb base 900000 size 100", "input-table bgp",
+          "input bgp 10.0.0.1 color 1 discriminator 1 bsid 900001 segment-list labels 16001",
+          "input bgp 10.0.0.1 color 1 discriminator 2 bsid 900001 segment-list labels 16001",
+          "input bgp 10.0.0.2 color 1 discriminator 1 bsid 1 segment-list labels 16001"});
+   // Nothing runs until `run`: the candidate map is still empty.
+   EXPECT_NE(a.show("candidates").find("of 0 policy keys"), std::string::npos);
+   a.run({"run"});
+   const std::string candidates = a.show("candidates json");
+   EXPECT_NE(candidates.find("\"reasonName\": \"bsidOutOfRange\""), std::string::npos);
+   const std::string published = a.show("exported-segment-lists json");
+   EXPECT_NE(published.find("{\"segmentListId\": 1, \"size\": 1, \"segment\": [16001]}"),
+             std::string::npos);
+
+   a.run({"restart"});
+   // In-process tables start empty; published ones are still there before the first run.
+   EXPECT_NE(a.show("segment-lists").find("0 segment lists"), std::string::npos);
+   EXPECT_EQ(a.show("exported-segment-lists json"), published);
+   EXPECT_NE(a.show("selection-input").find("2 candidate paths"), std::string::npos);
+   a.run({"run"});
+   EXPECT_EQ(a.show("candidates json"), candidates);
+   // One list, now with an id above the exported one; the old export is withdrawn.
+   EXPECT_NE(a.show("exported-segment-lists json")
+                 .find("{\"segmentListId\": 2, \"size\": 1, \"segment\": [16001]}"),
+             std::string::npos);
+   EXPECT_EQ(a.show("exported-segment-lists json").find("\"segmentListId\": 1,"),
+             std::string::npos);
+}
+
+TEST(InputGathering, EveryTableOfTheStageIsInShowAll) {
+   Agent_ a;
+   a.out.str("");
+   a.host.execute("show all json");
+   const std::string all = a.out.str();
+   for (const char* key : {"\"candidates\"", "\"selectionInput\"", "\"bsidUsers\"", "\"segments\"",
+                           "\"segmentLists\"", "\"exportedSegmentLists\""}) {
+      EXPECT_NE(all.find(key), std::string::npos) << key;
+   }
+}
+
+} // namespace

@@ -1,0 +1,77 @@
+#include <gtest/gtest.h>
+
+#include "segment/SrTePolicyCoreDedupTable.h"
+#include "segment/SrTePolicySegmentListStatus.h"
+
+using namespace SrTePolicy;
+
+namespace {
+
+Tunnel::TunnelTable::MplsVia via(const char* nexthop, uint32_t intf, uint32_t label) {
+   Tunnel::TunnelTable::MplsVia v;
+   v.nexthop = *Ipkit::IpGenAddr::parse(nexthop);
+   v.intfId = Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, intf);
+   v.labelOp.push(Ipkit::MplsLabel(label));
+   return v;
+}
+
+TEST(SegmentList, RepeatedLabelIsOneSegmentAndEditsKeepTheStackDense) {
+   CoreDedupTables tables;
+   Ipkit::MplsLabelOperation op;
+   op.push(Ipkit::MplsLabel(16001));
+   op.push(Ipkit::MplsLabel(16001));
+   auto list = tables.dedupSegmentList(op);
+   EXPECT_EQ(list->size(), 2u);
+   EXPECT_EQ(list->getSegmentId(0), list->getSegmentId(1));
+   EXPECT_EQ(tables.notifyingSegmentCollection()->segmentNotifier().size(), 1u);
+   EXPECT_EQ(list->stringValue(), "segmentListId: 1 size: 2 \n");
+
+   // A candidate list edited in place: removing the top entry leaves a hole, removing the
+   // bottom one shrinks the stack.
+   SegmentList draft;
+   draft.segmentIs(Ipkit::MplsStackEntryIndex(0), tables.dedupSegment(Ipkit::MplsLabel(1)));
+   draft.segmentIs(Ipkit::MplsStackEntryIndex(2), tables.dedupSegment(Ipkit::MplsLabel(3)));
+   EXPECT_EQ(draft.size(), 3u);
+   EXPECT_EQ(draft.segmentLabel(1), Ipkit::MplsLabel()); // the gap reads as no label
+   draft.segmentDel(Ipkit::MplsStackEntryIndex(2));
+   EXPECT_EQ(draft.size(), 1u);
+   draft.segmentDelAll();
+   EXPECT_EQ(draft.size(), 0u);
+   EXPECT_EQ(tables.notifyingSegmentCollection()->segmentNotifier().size(), 1u);
+}
+
+TEST(SegmentList, ViaSetsCompareAsWholeSetsAndCannotBeParsed) {
+   MplsViaSet a, b;
+   EXPECT_TRUE(!a);
+   a.viaIs(via("10.0.0.1", 1, 16001));
+   a.viaIs(via("10.0.0.2", 2, 16001));
+   a.viaIs(via("10.0.0.1", 1, 16001)); // equal vias collapse
+   b.viaIs(via("10.0.0.2", 2, 16001));
+   b.viaIs(via("10.0.0.1", 1, 16001));
+   EXPECT_EQ(a.size(), 2u);
+   EXPECT_TRUE(a == b);
+   b.viaDel(via("10.0.0.1", 1, 16001));
+   EXPECT_FALSE(a == b);
+   EXPECT_FALSE(b.viaHas(via("10.0.0.1", 1, 16001)));
+   EXPECT_DEATH(MplsViaSet::fromString("x"),
+                "No String constructor for MplsViaSet - has collection");
+}
+
+TEST(SegmentList, StatusNotifiesOncePerChangedList) {
+   auto status = Mox::make<SegmentListStatus>("segmentListStatus");
+   struct Log : SegmentListStatus::Notifiee {
+      std::string seen;
+      void onStatus(const SegmentListId& id) override { seen += id.stringValue(); }
+   } log;
+   log.notifierIs(status);
+   status->statusIs(SegmentListId(1), SegmentListResolveError::success);
+   status->statusIs(SegmentListId(1), SegmentListResolveError::success); // unchanged
+   status->statusIs(SegmentListId(2), SegmentListResolveError::zeroLabels);
+   status->statusIs(SegmentListId(1), SegmentListResolveError::platformLabelStackDepthExceeded);
+   EXPECT_EQ(log.seen, "121");
+   status->statusDelAll();
+   EXPECT_EQ(log.seen, "12112");
+   EXPECT_EQ(status->status(SegmentListId(1)), nullptr);
+}
+
+} // namespace
