@@ -62,6 +62,34 @@ class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
    Mox::Ptr<Collection> collection_;
 };
 
+// A dedup table of one kind of item: the framework's hash table with the kind's lifetime
+// notifiee registered on it. Dropping it stops notifications, which withdraws every item still in
+// the table with the usual notifications.
+template <class Notifiee, class Item>
+class DedupTableOf : public Mox::RefCounted {
+ public:
+   DedupTableOf(Notifiee* lifeTimeNotifiee, Mox::Ptr<Kiln::DedupHashTable> dedupTable)
+       : lifeTimeNotifiee_(lifeTimeNotifiee), dedupTable_(std::move(dedupTable)) {
+      dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
+   }
+   ~DedupTableOf() override {
+      dedupTable_->notificationStop();
+      dedupTable_->lifeTimeNotifieeIs(nullptr);
+   }
+
+   Notifiee* lifeTimeNotifiee() const noexcept { return lifeTimeNotifiee_; }
+   Kiln::DedupHashTable& dedupTable() const noexcept { return *dedupTable_; }
+   // The canonical item equal to `probe`, or null; never inserts.
+   Mox::Ptr<Item> lookup(const Item& probe) const {
+      auto found = dedupTable_->lookup(probe);
+      return Mox::Ptr<Item>(static_cast<Item*>(found.get()));
+   }
+
+ private:
+   Notifiee* lifeTimeNotifiee_;
+   Mox::Ptr<Kiln::DedupHashTable> dedupTable_;
+};
+
 // A lifetime notifier: the reference that ties a canonical item to its notifying collection.
 template <class Item>
 class DedupLifeTimeNotifier : public Mox::RefCounted {

@@ -65,25 +65,12 @@ void NotifyingSegmentCollection::dump(std::string& out, int depth) const {
                 static_cast<int>(uniqueId_.value));
 }
 
-SegmentDedupTable::SegmentDedupTable(SegmentLifeTimeNotifiee* lifeTimeNotifiee,
-                                     Mox::Ptr<Kiln::DedupHashTable> dedupTable)
-    : lifeTimeNotifiee_(lifeTimeNotifiee), dedupTable_(std::move(dedupTable)) {
-   dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
-}
-
-SegmentDedupTable::~SegmentDedupTable() {
-   dedupTable_->notificationStop();
-   dedupTable_->lifeTimeNotifieeIs(nullptr);
-}
-
 Mox::Ptr<SegmentMplsLabel> SegmentDedupTable::lookupByLabel(Ipkit::MplsLabel label) const {
-   SegmentMplsLabel probe(SegmentType::mplsLabel, label);
-   auto found = dedupTable_->lookup(probe);
-   return Mox::Ptr<SegmentMplsLabel>(static_cast<SegmentMplsLabel*>(found.get()));
+   return lookup(SegmentMplsLabel(SegmentType::mplsLabel, label));
 }
 
 void SegmentDedupTable::dump(std::string& out, int depth) const {
-   Mox::appendf(out, "%*cSegmentDedupTable: entries #%zu\n", depth, ' ', dedupTable_->size());
+   Mox::appendf(out, "%*cSegmentDedupTable: entries #%zu\n", depth, ' ', dedupTable().size());
 }
 
 } // namespace SrTePolicy

@@ -156,22 +156,12 @@ class SegmentLifeTimeNotifiee : public DedupLifeTimeNotifiee<SegmentDedupTraits>
    NotifyingSegmentCollection* notifyingSegmentCollection() const noexcept { return collection(); }
 };
 
-class SegmentDedupTable : public Mox::RefCounted {
+class SegmentDedupTable : public DedupTableOf<SegmentLifeTimeNotifiee, SegmentMplsLabel> {
  public:
-   // Registers the notifiee as the lifetime notifiee of the (empty) hash table.
-   SegmentDedupTable(SegmentLifeTimeNotifiee* lifeTimeNotifiee,
-                     Mox::Ptr<Kiln::DedupHashTable> dedupTable);
-   ~SegmentDedupTable() override;
-
-   SegmentLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return lifeTimeNotifiee_; }
-   Kiln::DedupHashTable& dedupTable() const noexcept { return *dedupTable_; }
+   using DedupTableOf::DedupTableOf;
    // The canonical segment of a label, or null; never inserts.
    Mox::Ptr<SegmentMplsLabel> lookupByLabel(Ipkit::MplsLabel label) const;
    void dump(std::string& out, int depth) const;
-
- private:
-   SegmentLifeTimeNotifiee* lifeTimeNotifiee_;
-   Mox::Ptr<Kiln::DedupHashTable> dedupTable_;
 };
 
 } // namespace SrTePolicy

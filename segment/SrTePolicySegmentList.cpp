@@ -83,24 +83,8 @@ void NotifyingSegmentListCollection::dump(std::string& out, int depth) const {
                 static_cast<int>(uniqueId_.value));
 }
 
-SegmentListDedupTable::SegmentListDedupTable(SegmentListLifeTimeNotifiee* lifeTimeNotifiee,
-                                             Mox::Ptr<Kiln::DedupHashTable> dedupTable)
-    : lifeTimeNotifiee_(lifeTimeNotifiee), dedupTable_(std::move(dedupTable)) {
-   dedupTable_->lifeTimeNotifieeIs(lifeTimeNotifiee_);
-}
-
-SegmentListDedupTable::~SegmentListDedupTable() {
-   dedupTable_->notificationStop();
-   dedupTable_->lifeTimeNotifieeIs(nullptr);
-}
-
-Mox::Ptr<SegmentList> SegmentListDedupTable::lookup(const SegmentList& probe) const {
-   auto found = dedupTable_->lookup(probe);
-   return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(found.get()));
-}
-
 void SegmentListDedupTable::dump(std::string& out, int depth) const {
-   Mox::appendf(out, "%*cSegmentListDedupTable: entries #%zu\n", depth, ' ', dedupTable_->size());
+   Mox::appendf(out, "%*cSegmentListDedupTable: entries #%zu\n", depth, ' ', dedupTable().size());
 }
 
 SegmentListCollection* SegmentIdToSegmentList::segmentList(SegmentId id) const {

@@ -153,21 +153,10 @@ class SegmentListLifeTimeNotifiee : public DedupLifeTimeNotifiee<SegmentListDedu
    }
 };
 
-class SegmentListDedupTable : public Mox::RefCounted {
+class SegmentListDedupTable : public DedupTableOf<SegmentListLifeTimeNotifiee, SegmentList> {
  public:
-   SegmentListDedupTable(SegmentListLifeTimeNotifiee* lifeTimeNotifiee,
-                         Mox::Ptr<Kiln::DedupHashTable> dedupTable);
-   ~SegmentListDedupTable() override;
-
-   SegmentListLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return lifeTimeNotifiee_; }
-   Kiln::DedupHashTable& dedupTable() const noexcept { return *dedupTable_; }
-   // The canonical list equal to `probe`, or null; never inserts.
-   Mox::Ptr<SegmentList> lookup(const SegmentList& probe) const;
+   using DedupTableOf::DedupTableOf;
    void dump(std::string& out, int depth) const;
-
- private:
-   SegmentListLifeTimeNotifiee* lifeTimeNotifiee_;
-   Mox::Ptr<Kiln::DedupHashTable> dedupTable_;
 };
 
 // ---------------------------------------------------------------------------------------------
