@@ -65,3 +65,48 @@ TEST(InputGathering, EveryTableOfTheStageIsInShowAll) {
 }
 
 } // namespace
+
+namespace {
+
+// Every field of a candidate-path record can be written from a script line, at its limits.
+TEST(InputGathering, AnInputLineCanExpressEveryFieldOfTheRecord) {
+   Agent_ a;
+   std::string line = "input 20 2001:db8::7 color 4294967295 discriminator 4294967295 "
+                      "originator 4294967295 2001:db8::99 preference 4294967295 bsid 1048575";
+   for (int s = 0; s < 16; ++s) {
+      line += " segment-list weight " + std::to_string(4294967295u - s) + " labels";
+      for (int l = 0; l < 8; ++l) line += " " + std::to_string(16 * s + l);
+   }
+   a.run({"input-table 20"});
+   a.host.execute(line);
+   using namespace SrTePolicy;
+   auto table = a.host.policyInputSource()->policyInput(Protocol::bgp);
+   ASSERT_EQ(table->policyInputEntryCount(), 1u);
+   const PolicyInputEntry& e = *table->policyInputEntry().begin();
+   EXPECT_EQ(e.key().key.endpoint, *Ipkit::IpGenAddr::parse("2001:db8::7"));
+   EXPECT_EQ(e.key().key.color.value, 4294967295u);
+   EXPECT_EQ(e.key().discriminator.value, 4294967295u);
+   EXPECT_EQ(e.originator(), Originator(4294967295u, *Ipkit::IpGenAddr::parse("2001:db8::99")));
+   EXPECT_EQ(e.preference().value, 4294967295u);
+   EXPECT_EQ(e.bindingSid(), Ipkit::MplsLabel(1048575));
+   ASSERT_EQ(e.segmentListCount(), 16u);
+   for (uint32_t s = 0; s < 16; ++s) {
+      const WeightedSegList& w = e.segmentList(SegmentListIndex(s));
+      EXPECT_EQ(w.weight.value, 4294967295u - s);
+      ASSERT_EQ(w.segList.stackSize(), 8u);
+      // Written top first: entry 0 is the first label of the line.
+      EXPECT_EQ(w.segList.label(Ipkit::MplsStackEntryIndex(0)), Ipkit::MplsLabel(16 * s));
+      EXPECT_EQ(w.segList.label(Ipkit::MplsStackEntryIndex(7)), Ipkit::MplsLabel(16 * s + 7));
+   }
+   // The same line again replaces the record whole; a shorter one leaves no stale slots.
+   a.host.execute("input bgp 2001:db8::7 color 4294967295 discriminator 4294967295 "
+                  "segment-list labels none");
+   const PolicyInputEntry& f = *table->policyInputEntry().begin();
+   EXPECT_EQ(f.segmentListCount(), 1u);
+   EXPECT_TRUE(f.bindingSid().isNull());
+   EXPECT_EQ(f.preference().value, 100u);
+   EXPECT_EQ(f.segmentList(SegmentListIndex(0)).segList.label(Ipkit::MplsStackEntryIndex(0)),
+             Ipkit::MplsLabel());
+}
+
+} // namespace
