@@ -15,6 +15,11 @@ Ipkit::MplsLabelOperation stack(std::initializer_list<uint32_t> labels) {
 // Records what reactors of the two notifying collections see.
 struct Watch : NotifyingSegmentCollection::Notifiee, NotifyingSegmentListCollection::Notifiee {
    std::string log;
+   Watch() = default;
+   explicit Watch(const CoreDedupTables& tables) {
+      NotifyingSegmentCollection::Notifiee::notifierIs(tables.notifyingSegmentCollection());
+      NotifyingSegmentListCollection::Notifiee::notifierIs(tables.notifyingSegmentListCollection());
+   }
    void onSegmentNotifier(const Mox::Ptr<SegmentLifeTimeNotifier>& n) override {
       bool in = NotifyingSegmentCollection::Notifiee::notifier()->segmentNotifierHas(n);
       log += (in ? "+s" : "-s") + n->segmentRawPtr()->segmentId().stringValue() + " ";
@@ -27,10 +32,7 @@ struct Watch : NotifyingSegmentCollection::Notifiee, NotifyingSegmentListCollect
 
 TEST(Dedup, EqualContentSharesOneCanonicalInstanceAndIdsStartAtOne) {
    CoreDedupTables tables;
-   Watch watch;
-   watch.NotifyingSegmentCollection::Notifiee::notifierIs(tables.notifyingSegmentCollection());
-   watch.NotifyingSegmentListCollection::Notifiee::notifierIs(
-       tables.notifyingSegmentListCollection());
+   Watch watch(tables);
 
    auto a = tables.dedupSegmentList(stack({16001, 16002}));
    auto b = tables.dedupSegmentList(stack({16003, 16001}));
@@ -60,10 +62,7 @@ TEST(Dedup, EqualContentSharesOneCanonicalInstanceAndIdsStartAtOne) {
 
 TEST(Dedup, LastUserReleaseWithdrawsAtOnceAndReAddGetsFreshId) {
    CoreDedupTables tables;
-   Watch watch;
-   watch.NotifyingSegmentCollection::Notifiee::notifierIs(tables.notifyingSegmentCollection());
-   watch.NotifyingSegmentListCollection::Notifiee::notifierIs(
-       tables.notifyingSegmentListCollection());
+   Watch watch(tables);
 
    auto shared = tables.dedupSegmentList(stack({16001}));
    auto other = tables.dedupSegmentList(stack({16001, 900}));
