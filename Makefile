@@ -3,11 +3,22 @@ BUILD ?= build
 ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 
-.PHONY: all build demo test sanitize bench format clean
+.PHONY: all deps build demo test sanitize bench format clean
+
+# Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
+DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev
 
 all: build
 
-$(BUILD)/build.ninja:
+deps:
+	@missing=$$(for p in $(DEB_PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	   echo "installing:" $$missing; \
+	   SUDO=$$( [ "$$(id -u)" = 0 ] || echo sudo ); \
+	   $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
+	fi
+
+$(BUILD)/build.ninja: | deps
 	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 build: $(BUILD)/build.ninja
@@ -19,7 +30,7 @@ demo: build
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
-$(ASAN_BUILD)/build.ninja:
+$(ASAN_BUILD)/build.ninja: | deps
 	cmake -S . -B $(ASAN_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSRTE_SANITIZE=ON -DSRTE_BENCH=OFF
 
 sanitize: $(ASAN_BUILD)/build.ninja
