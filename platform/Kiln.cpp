@@ -55,8 +55,8 @@ std::string secondsText(Duration d) {
    return out;
 }
 
-std::optional<Duration> parseSeconds(std::string_view text, std::string* error) {
-   auto fail = [error](const char* why) -> std::optional<Duration> {
+std::optional<Duration> parseSeconds(std::string_view text, SecondsTextError* error) {
+   auto fail = [error](SecondsTextError why) -> std::optional<Duration> {
       if (error) *error = why;
       return std::nullopt;
    };
@@ -67,24 +67,24 @@ std::optional<Duration> parseSeconds(std::string_view text, std::string* error) 
    auto allDigits = [](std::string_view s) {
       return std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
    };
-   if (whole.empty() && frac.empty()) return fail("not a decimal number");
-   if (!allDigits(whole) || !allDigits(frac)) return fail("not a decimal number");
+   if (whole.empty() && frac.empty()) return fail(SecondsTextError::notADecimal);
+   if (!allDigits(whole) || !allDigits(frac)) return fail(SecondsTextError::notADecimal);
    // Trailing zeros add no precision: "0.5000000000" is half a second.
    std::string_view significant = frac;
    while (!significant.empty() && significant.back() == '0') significant.remove_suffix(1);
-   if (significant.size() > 9) return fail("more precise than a nanosecond");
+   if (significant.size() > 9) return fail(SecondsTextError::finerThanNanoseconds);
    constexpr uint64_t limit = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
    uint64_t seconds = 0;
    for (char c : whole) {
       seconds = seconds * 10 + static_cast<uint64_t>(c - '0');
-      if (seconds > limit / nsPerSecond) return fail("out of range");
+      if (seconds > limit / nsPerSecond) return fail(SecondsTextError::outOfRange);
    }
    uint64_t ns = 0;
    for (size_t i = 0; i < 9; ++i) {
       ns = ns * 10 + (i < significant.size() ? static_cast<uint64_t>(significant[i] - '0') : 0);
    }
    const uint64_t total = seconds * nsPerSecond;
-   if (total > limit - ns) return fail("out of range");
+   if (total > limit - ns) return fail(SecondsTextError::outOfRange);
    return Duration(static_cast<int64_t>(total + ns));
 }
 

@@ -45,8 +45,9 @@ double secondsOf(Duration d) noexcept;
 std::string secondsText(Duration d);
 // Reads plain decimal seconds ("2", "0.5", ".25", "1.000000001") exactly, without going through a
 // double. Fails (nullopt, with the reason in `error` when given) on a sign, an exponent, any
-// other character, more than nine fraction digits or a value beyond Duration::max().
-std::optional<Duration> parseSeconds(std::string_view text, std::string* error = nullptr);
+// other character, more than nine significant fraction digits or a value beyond Duration::max().
+enum class SecondsTextError { notADecimal, finerThanNanoseconds, outOfRange };
+std::optional<Duration> parseSeconds(std::string_view text, SecondsTextError* error = nullptr);
 
 class TaskScheduler : public Mox::Entity {
  public:

@@ -312,20 +312,21 @@ TEST(Kiln, SecondsConvertExactlyAtTheEdges) {
                             Kiln::Duration(100000s), Kiln::Duration::max()}) {
       EXPECT_EQ(parseSeconds(secondsText(d)), d);
    }
+   using enum Kiln::SecondsTextError;
    struct Bad {
       const char* text;
-      const char* why;
-   } bad[] = {{"", "not a decimal number"},
-              {".", "not a decimal number"},
-              {"-1", "not a decimal number"},
-              {"+1", "not a decimal number"},
-              {"1e5", "not a decimal number"},
-              {"1.2.3", "not a decimal number"},
-              {"0.0000000001", "more precise than a nanosecond"},
-              {"9223372036.854775808", "out of range"},
-              {"100000000000000000000", "out of range"}};
+      Kiln::SecondsTextError why;
+   } bad[] = {{"", notADecimal},
+              {".", notADecimal},
+              {"-1", notADecimal},
+              {"+1", notADecimal},
+              {"1e5", notADecimal},
+              {"1.2.3", notADecimal},
+              {"0.0000000001", finerThanNanoseconds},
+              {"9223372036.854775808", outOfRange},
+              {"100000000000000000000", outOfRange}};
    for (const auto& b : bad) {
-      std::string why;
+      Kiln::SecondsTextError why{};
       EXPECT_FALSE(parseSeconds(b.text, &why)) << b.text;
       EXPECT_EQ(why, b.why) << b.text;
    }
