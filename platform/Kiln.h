@@ -39,7 +39,7 @@ using Duration = std::chrono::nanoseconds;
 // Seconds as a double, rounded to the nearest nanosecond; negative or NaN is 0, beyond the range
 // of Duration is Duration::max().
 Duration durationOf(double seconds) noexcept;
-// The double nearest to the exact number of seconds.
+// The double nearest to the exact number of seconds (below 2^53 ns, about 104 days).
 double secondsOf(Duration d) noexcept;
 // Plain decimal seconds, exact and without trailing zeros: "0", "0.3", "100000", "0.0000001".
 std::string secondsText(Duration d);
