@@ -19,9 +19,10 @@
 //  - across entities the order is depth-first, not the order of the changes: when a handler for
 //    change x of entity E changes entity F (y), every reactor of F sees y before the reactors of E
 //    bound after that handler see x, and a reactor watching both E and F can see y before x.
-//    Nothing is guaranteed about the relative order of changes of different entities, so a machine
-//    never infers the state of one entity from the order of another's notifications: its handlers
-//    queue keys, and its task reads the current state of everything when it runs.
+//    The order in which a reactor hears of changes to different entities is therefore not the
+//    order they were made in, so a machine never infers the state of one entity from the order of
+//    another's notifications: its handlers queue keys, and its task reads the current state of
+//    everything when it runs.
 // Chains run inside the outermost mutator: a configuration handler that re-initialises a machine,
 // or a destructor that releases the last user of a canonical segment list, delivers every removal
 // it causes (lists leaving their dedup table, their segments after them) before it returns.
