@@ -55,11 +55,11 @@
 
 #include "agent/Args.h"
 #include "agent/Json.h"
+#include "core/SrTePolicyCore.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
-#include "core/SrTePolicyCore.h"
 #include "platform/Syslog.h"
 
 namespace Agent {
@@ -146,9 +146,7 @@ class Host {
    const Mox::Ptr<Routing::Hardware::Status>& hardwareStatus() const {
       return router_.hardwareStatus;
    }
-   const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const {
-      return router_.counterTable;
-   }
+   const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const { return router_.counterTable; }
    double now() const { return scheduler_->now(); }
    const std::vector<Verb>& verbs() const { return verbs_; }
    const std::vector<Show>& shows() const { return shows_; }

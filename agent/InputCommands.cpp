@@ -124,8 +124,7 @@ void selectionInputText(Host& host, std::string& out) {
 
 Json::Value selectionInputJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it :
-        sortedByKey(host.core().published().policySelectionInput->policyIdEntry())) {
+   for (auto it : sortedByKey(host.core().published().policySelectionInput->policyIdEntry())) {
       const PolicyIdEntry& e = *it->second;
       Json::Value lists = Json::Value::inlineArray();
       for (const auto& [index, w] : e.wSegmentList()) {
@@ -272,8 +271,7 @@ void exportedText(Host& host, std::string& out) {
 
 Json::Value exportedJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it :
-        sortedByKey(host.core().published().exportedSegmentListColl->segmentList())) {
+   for (auto it : sortedByKey(host.core().published().exportedSegmentListColl->segmentList())) {
       rows.push(Json::Value::row()
                     .set("segmentListId", it->first.value)
                     .set("size", uint32_t{it->second->size()})

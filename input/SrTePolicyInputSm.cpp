@@ -184,7 +184,8 @@ BindingSidUser* PolicyInputSm::bsidUser(Ipkit::MplsLabel label) const {
 
 void PolicyInputSm::handleInitialized() {
    initialized_ = true;
-   SRTE_TRACE_TO(tracer_, 3, "handleInitialized called with segmentListSharingEnabled="
+   SRTE_TRACE_TO(tracer_, 3,
+                 "handleInitialized called with segmentListSharingEnabled="
                      << (config_->segmentListSharingEnabled() ? "True" : "False"));
    if (!task_) {
       task_ = Mox::make<Kiln::Task>(scheduler_, taskPriority, taskName);
@@ -286,7 +287,8 @@ void PolicyInputSm::handleTaskRun() {
       }
    }
    task_->taskWorkCountInc(count);
-   SRTE_TRACE_TO(tracer_, 5, "Processed " << count << " input policy entries, delay task: "
+   SRTE_TRACE_TO(tracer_, 5,
+                 "Processed " << count << " input policy entries, delay task: "
                               << (delay ? "True" : "False"));
    if (pendingPolicyId_.empty()) {
       if (cleanupPending_) {
@@ -339,7 +341,8 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
          inside = !(bsid < Ipkit::MplsLabel(base)) && !(Ipkit::MplsLabel(last) < bsid);
       } catch (const Mox::RangeError& e) {
          // An SRLB that reaches past the label space (or none at all) holds no usable label.
-         SRTE_TRACE_TO(tracer_, 3, "SRLB [" << base << ", " << last << "] cannot be formed: " << e.what());
+         SRTE_TRACE_TO(tracer_, 3,
+                       "SRLB [" << base << ", " << last << "] cannot be formed: " << e.what());
       }
       if (!inside) {
          reason = PolicyInvalidReason::bsidOutOfRange;
@@ -347,7 +350,8 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
          BindingSidUser* user = bsidUser(bsid);
          if (!user) {
             SRTE_TRACE_TO(tracer_, 0,
-                       "BindingSid: " << bsid << "is not available in reverse mapping collection");
+                          "BindingSid: " << bsid
+                                         << "is not available in reverse mapping collection");
          }
          SRTE_ASSERT(user, "bsidUserInfo");
          reason = user->available() ? PolicyInvalidReason::usable
@@ -376,21 +380,21 @@ void PolicyInputSm::emitInvalidPolicySyslog(const PolicyInputEntry& entry,
       return;
    case PolicyInvalidReason::bsidOutOfRange:
       syslog_->log(SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator, bsid, base, last);
+                   origin.c_str(), asn, discriminator, bsid, base, last);
       return;
    case PolicyInvalidReason::bsidMissing:
       syslog_->log(SRTE_POLICY_INVALID_BSID_MISSING, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator);
+                   origin.c_str(), asn, discriminator);
       return;
    case PolicyInvalidReason::bsidInUseOtherApplication:
       syslog_->log(SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION, endpoint.c_str(), color,
-                  protocol.c_str(), origin.c_str(), asn, discriminator, bsid);
+                   protocol.c_str(), origin.c_str(), asn, discriminator, bsid);
       return;
    case PolicyInvalidReason::noSegmentLists:
       // Configured paths without segment lists are a normal step of configuring one.
       if (id.protocol == Protocol::staticConfig) return;
       syslog_->log(SRTE_POLICY_INVALID_NO_SEGMENT_LISTS, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator);
+                   origin.c_str(), asn, discriminator);
       return;
    }
 }
@@ -509,7 +513,8 @@ PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStac
 void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
                                                  const PolicyId& id) {
    const SegmentListId slId = list->segmentListId();
-   SRTE_TRACE_TO(tracer_, 9, "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SRTE_TRACE_TO(tracer_, 9,
+                 "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
    SegmentListUser* user = segListMap_->segmentListUser(slId);
    if (!user) {
       user = segListMap_->segmentListUserIs(slId, list);
@@ -517,7 +522,8 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
       exported->sizeIs(list->size());
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId segId = list->getSegmentId(i);
-         SRTE_TRACE_TO(tracer_, 9, "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
+         SRTE_TRACE_TO(tracer_, 9,
+                       "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
          SegmentListCollection* users = segmentMap_->segmentList(segId);
          if (!users) {
             segmentMap_->segmentListIs(segId, Mox::make<SegmentListCollection>());
@@ -531,7 +537,8 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
 }
 
 void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyId& id) {
-   SRTE_TRACE_TO(tracer_, 9, "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SRTE_TRACE_TO(tracer_, 9,
+                 "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
    SegmentListUser* user = segListMap_->segmentListUser(slId);
    if (!user) return;
    user->policyIdDel(id);
@@ -540,7 +547,8 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
    Mox::Ptr<const SegmentList> list(user->segmentList());
    for (uint32_t i = 0; i < list->size(); ++i) {
       const SegmentId segId = list->getSegmentId(i);
-      SRTE_TRACE_TO(tracer_, 9, "Removing registration of Segment Id: " << segId
+      SRTE_TRACE_TO(tracer_, 9,
+                    "Removing registration of Segment Id: " << segId
                                                             << " from segmentList Id: " << slId);
       if (SegmentListCollection* users = segmentMap_->segmentList(segId)) {
          users->segmentListPtrDel(list);
