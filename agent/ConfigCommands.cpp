@@ -8,8 +8,8 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
+#include "agent/ShowTable.h"
 #include "agent/StaticInputWriter.h"
-#include "agent/TextTable.h"
 
 namespace Agent {
 
@@ -126,74 +126,41 @@ std::vector<Mox::Ptr<StaticPolicy>> policiesByKey(const Config& config) {
    return out;
 }
 
-void configText(Host& host, std::string& out) {
+Show::View configView(Host& host) {
    const Config& c = *host.config();
-   out += "SR-TE configuration\n";
-   Show::TextTable flags({"Setting", "Value"});
-   flags.rowIs({"enabled", Show::onOff(c.enabled())});
-   flags.rowIs({"specified-bsid-only", Show::onOff(c.specifiedBsidOnly())});
-   flags.rowIs({"segment-list-sharing", Show::onOff(c.segmentListSharingEnabled())});
-   flags.rowIs({"discriminator-tie-break", Show::onOff(c.useDiscriminatorInTieBreaking())});
-   flags.rowIs({"agent enabled (status)", Show::onOff(host.status()->agentEnabled())});
-   flags.render(out, 2);
-   Mox::appendf(out, "Static policies: %zu\n", c.policyCount());
-   Show::TextTable t({"Endpoint", "Color", "BSID", "Preference", "Index", "Weight", "Labels"});
+   auto setting = [](std::string name, std::string key, bool on) {
+      return Show::View::Setting{std::move(name), std::move(key),
+                                 Show::flag(on, Show::onOff(true), Show::onOff(false))};
+   };
+   Show::Table t({{"Endpoint", "endpoint"}, {"Color", "color"}, {"BSID", "bindingSid"}},
+                 {Show::Level{{{"Preference", "preference"}}, "candidatePaths"},
+                  Show::Level{{{"Index", "index"}, {"Weight", "weight"}, {"Labels", "labels"}},
+                              "segmentLists",
+                              {"", "", "(no segment lists)"}}});
    for (const auto& p : policiesByKey(c)) {
-      std::vector<std::string> head{p->key().endpoint.stringValue(),
-                                    std::to_string(p->key().color.value),
-                                    Show::labelText(p->bindingSid())};
-      bool first = true;
-      auto emit = [&](std::vector<std::string> rest) {
-         std::vector<std::string> cells = first ? head : std::vector<std::string>(3);
-         cells.insert(cells.end(), rest.begin(), rest.end());
-         first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
-         first = false;
-      };
-      if (p->candidatePathCount() == 0) emit({});
+      auto& row = t.rowIs({Show::address(p->key().endpoint), Show::number(p->key().color.value),
+                           Show::label(p->bindingSid())});
       for (const auto& [preference, path] : p->candidatePath()) {
-         bool firstList = true;
+         auto& pathRow = row.lineIs({Show::number(preference.value)});
          for (const auto& [labels, list] : path->staticSegmentListByIndex()) {
-            emit({firstList ? std::to_string(preference.value) : "",
-                  std::to_string(list.index.value), std::to_string(list.weight.value),
-                  Show::labelStackText(labels)});
-            firstList = false;
+            pathRow.lineIs({Show::number(list.index.value), Show::number(list.weight.value),
+                            Show::labelStack(labels)});
          }
-         if (firstList) emit({std::to_string(preference.value), "", "", "(no segment lists)"});
       }
    }
-   t.render(out, 2);
-}
-
-Json::Value configJson(Host& host) {
-   const Config& c = *host.config();
-   Json::Value policies = Json::Value::array();
-   for (const auto& p : policiesByKey(c)) {
-      Json::Value paths = Json::Value::inlineArray();
-      for (const auto& [preference, path] : p->candidatePath()) {
-         Json::Value lists = Json::Value::inlineArray();
-         for (const auto& [labels, list] : path->staticSegmentListByIndex()) {
-            lists.push(Json::Value::row()
-                           .set("index", list.index.value)
-                           .set("weight", list.weight.value)
-                           .set("labels", Show::labelStackJson(labels)));
-         }
-         paths.push(Json::Value::row()
-                        .set("preference", preference.value)
-                        .set("segmentLists", std::move(lists)));
-      }
-      policies.push(Json::Value::row()
-                        .set("endpoint", Json::Value::address(p->key().endpoint))
-                        .set("color", p->key().color.value)
-                        .set("bindingSid", Json::Value::label(p->bindingSid()))
-                        .set("candidatePaths", std::move(paths)));
-   }
-   return Json::Value::object()
-       .set("enabled", c.enabled())
-       .set("specifiedBsidOnly", c.specifiedBsidOnly())
-       .set("segmentListSharingEnabled", c.segmentListSharingEnabled())
-       .set("useDiscriminatorInTieBreaking", c.useDiscriminatorInTieBreaking())
-       .set("agentEnabled", host.status()->agentEnabled())
-       .set("policies", std::move(policies));
+   return Show::View()
+       .lineIs("SR-TE configuration")
+       .settingsIs(
+           {"Setting", "Value"},
+           {setting("enabled", "enabled", c.enabled()),
+            setting("specified-bsid-only", "specifiedBsidOnly", c.specifiedBsidOnly()),
+            setting("segment-list-sharing", "segmentListSharingEnabled",
+                    c.segmentListSharingEnabled()),
+            setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
+                    c.useDiscriminatorInTieBreaking()),
+            setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled())})
+       .lineIs(Mox::format("Static policies: %zu", c.policyCount()))
+       .tableIs("policies", std::move(t));
 }
 
 // ---- show color-dscp
@@ -216,27 +183,12 @@ std::vector<Ipkit::DscpValue> valuesOf(const DscpList& l) {
    return v;
 }
 
-void colorDscpText(Host& host, std::string& out) {
+Show::View colorDscp(Host& host) {
    const ColorDscpMap& m = *host.colorDscpMap();
-   Mox::appendf(out, "Color to DSCP map: %s\n", Show::count(m.colorToDscpCount(), "color").c_str());
-   Show::TextTable t({"Color", "DSCP", "Saved as"});
+   // Readable: the member values and how each is saved; JSON: every value named, with its flags.
+   Show::Table t({{"Color", "color"}, {"DSCP", ""}, {"Saved as", ""}, {"", "dscp"}});
    for (const auto& l : colorsInOrder(m)) {
       std::string numbers, saved;
-      for (const auto& v : valuesOf(*l)) {
-         const bool symbolic = l->cliSaveUseSymbolic_(v).value_or(false);
-         if (!l->dscp(v)) continue;
-         numbers += (numbers.empty() ? "" : " ") + v.stringValue();
-         saved += (saved.empty() ? "" : " ") +
-                  (symbolic && !v.symbolicName().empty() ? v.symbolicName() : v.stringValue());
-      }
-      t.rowIs({std::to_string(l->color().value), numbers, saved});
-   }
-   t.render(out, 2);
-}
-
-Json::Value colorDscpJson(Host& host) {
-   Json::Value rows = Json::Value::array();
-   for (const auto& l : colorsInOrder(*host.colorDscpMap())) {
       Json::Value values = Json::Value::inlineArray();
       for (const auto& v : valuesOf(*l)) {
          auto flag = l->cliSaveUseSymbolic_(v);
@@ -247,10 +199,18 @@ Json::Value colorDscpJson(Host& host) {
                                      flag ? Json::Value::boolean(*flag) : Json::Value::null());
          if (!v.symbolicName().empty()) item.set("name", v.symbolicName());
          values.push(std::move(item));
+         if (!l->dscp(v)) continue;
+         const bool symbolic = flag.value_or(false);
+         numbers += (numbers.empty() ? "" : " ") + v.stringValue();
+         saved += (saved.empty() ? "" : " ") +
+                  (symbolic && !v.symbolicName().empty() ? v.symbolicName() : v.stringValue());
       }
-      rows.push(Json::Value::row().set("color", l->color().value).set("dscp", std::move(values)));
+      t.rowIs({Show::number(l->color().value), Show::text(numbers), Show::text(saved),
+               Show::cell("", std::move(values))});
    }
-   return rows;
+   return Show::View()
+       .lineIs("Color to DSCP map: " + Show::count(m.colorToDscpCount(), "color"))
+       .tableIs("", std::move(t));
 }
 
 } // namespace
@@ -388,13 +348,8 @@ void registerConfig(Host& host) {
           };
        });
 
-   host.showIs(
-       "config", "Config flags and static policies",
-       [&host](std::string& out) { configText(host, out); }, [&host] { return configJson(host); });
-   host.showIs(
-       "color-dscp", "the color-to-DSCP map",
-       [&host](std::string& out) { colorDscpText(host, out); },
-       [&host] { return colorDscpJson(host); });
+   host.showIs("config", "Config flags and static policies", [&host] { return configView(host); });
+   host.showIs("color-dscp", "the color-to-DSCP map", [&host] { return colorDscp(host); });
 }
 
 } // namespace Agent

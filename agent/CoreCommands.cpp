@@ -6,7 +6,7 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
-#include "agent/TextTable.h"
+#include "agent/ShowTable.h"
 #include "platform/Trace.h"
 
 namespace Agent {
@@ -143,57 +143,42 @@ void registerCore(Host& host) {
 }
 
 void registerCoreTables(Host& host) {
-   host.showIs(
-       "scheduler", "virtual time, ready tasks, timers, attribute-log congestion",
-       [&host](std::string& out) {
-          auto& s = host.scheduler();
-          Mox::appendf(out, "Virtual time: %s s\n", Kiln::secondsText(s.nowNs()).c_str());
-          Mox::appendf(out, "Ready tasks: %zu\n", s.readyTaskCount());
-          Mox::appendf(out, "Timers: %zu", s.timerCount());
-          if (auto d = s.nextTimerDelayNs()) {
-             Mox::appendf(out, " (next in %s s)", Kiln::secondsText(*d).c_str());
-          }
-          Mox::appendf(out, "\nAttribute log congested: %s\n",
-                       Mox::trueFalse(host.attrLog().isAttrLogOutClogged()));
-          Mox::appendf(out, "Restarts: %u\n", host.restartCount());
-       },
-       [&host] {
-          auto& s = host.scheduler();
-          auto next = s.nextTimerDelayNs();
-          return Json::Value::row()
-              .set("now", Json::Value::seconds(s.nowNs()))
-              .set("readyTasks", uint64_t{s.readyTaskCount()})
-              .set("timers", uint64_t{s.timerCount()})
-              .set("nextTimerDelay", next ? Json::Value::seconds(*next) : Json::Value::null())
-              .set("attrLogOutClogged", host.attrLog().isAttrLogOutClogged())
-              .set("restarts", host.restartCount());
-       });
+   host.showIs("scheduler", "virtual time, ready tasks, timers, attribute-log congestion", [&host] {
+      auto& s = host.scheduler();
+      const auto next = s.nextTimerDelayNs();
+      const Json::Value now = Json::Value::seconds(s.nowNs());
+      std::string timers = std::to_string(s.timerCount());
+      if (next) timers += " (next in " + Kiln::secondsText(*next) + " s)";
+      const bool clogged = host.attrLog().isAttrLogOutClogged();
+      return Show::View()
+          .fieldIs("Virtual time", "now", Show::cell(now.text() + " s", now))
+          .fieldIs("Ready tasks", "readyTasks", Show::number(s.readyTaskCount()))
+          .fieldIs("Timers", "timers",
+                   Show::cell(std::move(timers), Json::Value::number(uint64_t{s.timerCount()})))
+          .fieldIs("", "nextTimerDelay",
+                   Show::cell("", next ? Json::Value::seconds(*next) : Json::Value::null()))
+          .fieldIs("Attribute log congested", "attrLogOutClogged",
+                   Show::flag(clogged, Mox::trueFalse(true), Mox::trueFalse(false)))
+          .fieldIs("Restarts", "restarts", Show::number(host.restartCount()))
+          .inlineJson();
+   });
 
-   host.showIs(
-       "syslog", "every system-log message so far: tag and formatted text",
-       [&host](std::string& out) {
-          const auto& records = host.syslog().records();
-          Mox::appendf(out, "System log: %s\n", Show::count(records.size(), "message").c_str());
-          Show::TextTable t({"Seq", "Severity", "Tag", "Message"});
-          size_t seq = 0;
-          for (const auto& r : records) {
-             t.rowIs({std::to_string(++seq), Syslog::severityName(r.severity), r.tag, r.text});
-          }
-          t.render(out, 2);
-       },
-       [&host] {
-          Json::Value rows = Json::Value::array();
-          uint64_t seq = 0;
-          for (const auto& r : host.syslog().records()) {
-             rows.push(Json::Value::row()
-                           .set("seq", ++seq)
-                           .set("severity", static_cast<uint32_t>(r.severity))
-                           .set("severityName", Syslog::severityName(r.severity))
-                           .set("tag", r.tag)
-                           .set("text", r.text));
-          }
-          return rows;
-       });
+   host.showIs("syslog", "every system-log message so far: tag and formatted text", [&host] {
+      const auto& records = host.syslog().records();
+      Show::Table t({{"Seq", "seq"},
+                     {"Severity", "severity", Show::ColumnKind::enumeration},
+                     {"Tag", "tag"},
+                     {"Message", "text"}});
+      uint64_t seq = 0;
+      for (const auto& r : records) {
+         t.rowIs({Show::number(++seq),
+                  Show::enumerated(r.severity, Syslog::severityName(r.severity)),
+                  Show::string(r.tag), Show::string(r.text)});
+      }
+      return Show::View()
+          .lineIs("System log: " + Show::count(records.size(), "message"))
+          .tableIs("", std::move(t));
+   });
 }
 
 } // namespace Agent

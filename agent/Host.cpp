@@ -30,6 +30,12 @@ void Host::showIs(std::string table, std::string summary, ShowText readable, Sho
        Show{std::move(table), std::move(summary), std::move(readable), std::move(json)});
 }
 
+void Host::showIs(std::string table, std::string summary, ShowView view) {
+   showIs(
+       std::move(table), std::move(summary), [view](std::string& out) { view().render(out); },
+       [view] { return view().json(); });
+}
+
 void Host::stageIs(int order, std::string name, StageFn build, StageFn drop) {
    // A stage registered after start is built at once, as it would join a running agent.
    if (started_ && build) build();

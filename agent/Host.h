@@ -17,8 +17,9 @@
 //     through Args and returns the change as a closure, which the host runs only if the whole
 //     line parsed (a line with an error changes nothing). Multi-word verbs ("no input") are
 //     matched on their longest registered prefix;
-//  3. its tables: `host.showIs("segments", summary, readable, json)`; `show segments [json]` and
-//     `show all [json]` then include them (in registration order);
+//  3. its tables: `host.showIs("segments", summary, view)`, where `view` builds a Show::View (rows
+//     of typed cells, agent/ShowTable.h) from which both forms are rendered; `show segments
+//     [json]` and `show all [json]` then include them (in registration order);
 //  4. its state machines and the tables they share or publish live in the core, not here: add
 //     them there (see core/SrTePolicyCore.h) and reach them through `host.core()`;
 //  5. host-private state: `host.shared<T>()` (made on first use, kept across restarts), and
@@ -29,7 +30,7 @@
 // mplsStatus(), hardwareStatus(), counterTable(), scheduler(), attrLog()) has accessors here.
 //
 //    void registerSegments(Host& host) {
-//       host.showIs("segments", "canonical segments", readableFn, jsonFn);  // reads host.core()
+//       host.showIs("segments", "canonical segments", viewFn);  // reads host.core()
 //       host.verbIs("segment poke", "segment poke <id>", "...", [&host](Args& a) -> Host::Apply {
 //          const uint64_t id = a.number("segment id");       // throws ScriptError on bad input
 //          return [&host, id] { /* the change */ };
@@ -55,6 +56,7 @@
 
 #include "agent/Args.h"
 #include "agent/Json.h"
+#include "agent/ShowTable.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
@@ -70,6 +72,7 @@ class Host {
    using Parse = std::function<Apply(Args&)>;
    using ShowText = std::function<void(std::string& out)>;
    using ShowJson = std::function<Json::Value()>;
+   using ShowView = std::function<::Show::View()>;
    using StageFn = std::function<void()>;
 
    struct Verb {
@@ -93,6 +96,8 @@ class Host {
    // ---- extension API (see the header comment)
    void verbIs(std::string name, std::string usage, std::string summary, Parse parse);
    void showIs(std::string table, std::string summary, ShowText readable, ShowJson json);
+   // The usual form: one view (agent/ShowTable.h) makes both the readable text and the JSON.
+   void showIs(std::string table, std::string summary, ShowView view);
    void stageIs(int order, std::string name, StageFn build, StageFn drop = {});
 
    template <class T>

@@ -7,7 +7,7 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
-#include "agent/TextTable.h"
+#include "agent/ShowTable.h"
 #include "input/SrTePolicyInputSm.h"
 
 namespace Agent {
@@ -16,28 +16,20 @@ using namespace SrTePolicy;
 
 namespace {
 
-// Map values in key order (hash collections iterate in no useful order).
-template <class M>
-std::vector<typename M::const_iterator> sortedByKey(const M& map) {
-   std::vector<typename M::const_iterator> out;
-   out.reserve(map.size());
-   for (auto it = map.begin(); it != map.end(); ++it) out.push_back(it);
-   std::sort(out.begin(), out.end(), [](auto a, auto b) { return a->first < b->first; });
-   return out;
-}
-
-std::string seconds(double t) { return Json::Value::number(t).text(); }
+using Show::Cell;
+using Show::ColumnKind;
 
 std::string policyIdText(const PolicyId& id) {
    return id.key.endpoint.stringValue() + " color " + std::to_string(id.key.color.value) + " " +
           CandidateId(id).stringValue();
 }
 
-Json::Value candidateIdJson(const CandidateId& c) {
+// The protocol and discriminator of a candidate: its text, and a row of its members.
+Cell candidateIdCell(const CandidateId& c) {
    Json::Value row = Json::Value::row();
    Show::enumIs(row, "protocol", c.protocol, protocolEnumToString(c.protocol));
    row.set("discriminator", c.discriminator.value);
-   return row;
+   return Show::cell(c.stringValue(), std::move(row));
 }
 
 Json::Value policyIdJson(const PolicyId& id) {
@@ -48,101 +40,63 @@ Json::Value policyIdJson(const PolicyId& id) {
    return row;
 }
 
-std::vector<PolicyId> sortedPolicyIds(const Mox::HashSet<PolicyId>& ids) {
-   std::vector<PolicyId> out(ids.begin(), ids.end());
-   std::sort(out.begin(), out.end());
-   return out;
-}
+Cell policyIdCell(const PolicyId& id) { return Show::cell(policyIdText(id), policyIdJson(id)); }
 
 // ---- candidates
 
-void candidatesText(Host& host, std::string& out) {
+Show::View candidates(Host& host) {
    const auto& policies = host.core().entities().policyKeyToIdMap->policy();
-   Mox::appendf(out, "Candidate paths of %s\n", Show::count(policies.size(), "policy key").c_str());
-   Show::TextTable t({"Endpoint", "Color", "Candidate", "Reason", "Last change", "BSID"});
-   for (auto it : sortedByKey(policies)) {
-      bool first = true;
-      for (const auto& [cid, info] : it->second->candidate()) {
-         std::vector<std::string> cells{first ? it->first.endpoint.stringValue() : "",
-                                        first ? std::to_string(it->first.color.value) : "",
-                                        cid.stringValue(),
-                                        policyInvalidReasonName(info.reason),
-                                        seconds(info.lastModified),
-                                        Show::labelText(info.bindingSid)};
-         first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
-         first = false;
+   Show::Table t({{"Endpoint", "endpoint"}, {"Color", "color"}},
+                 {Show::Level{{{"Candidate", "candidateId"},
+                               {"Reason", "reason", ColumnKind::enumeration},
+                               {"Last change", "lastModified"},
+                               {"BSID", "bindingSid"}}}});
+   for (const auto* p : Mox::sortedMembers(policies)) {
+      auto& row = t.rowIs({Show::address(p->first.endpoint), Show::number(p->first.color.value)});
+      for (const auto& [cid, info] : p->second->candidate()) {
+         row.lineIs({candidateIdCell(cid),
+                     Show::enumerated(info.reason, policyInvalidReasonName(info.reason)),
+                     Show::seconds(info.lastModified), Show::label(info.bindingSid)});
       }
    }
-   t.render(out, 2);
-}
-
-Json::Value candidatesJson(Host& host) {
-   Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.core().entities().policyKeyToIdMap->policy())) {
-      for (const auto& [cid, info] : it->second->candidate()) {
-         Json::Value row = Json::Value::row();
-         row.set("endpoint", Json::Value::address(it->first.endpoint))
-             .set("color", it->first.color.value)
-             .set("candidateId", candidateIdJson(cid));
-         Show::enumIs(row, "reason", info.reason, policyInvalidReasonName(info.reason));
-         row.set("lastModified", Json::Value::number(info.lastModified))
-             .set("bindingSid", Json::Value::label(info.bindingSid));
-         rows.push(std::move(row));
-      }
-   }
-   return rows;
+   return Show::View()
+       .lineIs("Candidate paths of " + Show::count(policies.size(), "policy key"))
+       .tableIs("", std::move(t));
 }
 
 // ---- selection input
 
-void selectionInputText(Host& host, std::string& out) {
+Show::View selectionInput(Host& host) {
    const auto& entries = host.core().published().policySelectionInput->policyIdEntry();
-   Mox::appendf(out, "Selection input: %s\n",
-                Show::count(entries.size(), "candidate path").c_str());
-   Show::TextTable t({"Endpoint", "Color", "Candidate", "Preference", "Originator", "BSID",
-                      "Version", "Weight", "Segment list", "Tunnel"});
-   for (auto it : sortedByKey(entries)) {
+   Show::Table t({{"Endpoint", "endpoint"},
+                  {"Color", "color"},
+                  {"Candidate", "", ColumnKind::members},
+                  {"Preference", "preference"},
+                  {"Originator", "originator"},
+                  {"BSID", "bindingSid"},
+                  {"Version", "version"}},
+                 {Show::Level{{{"", "index"},
+                               {"Weight", "weight"},
+                               {"Segment list", "segmentListId"},
+                               {"Tunnel", "tunnelId"}},
+                              "wSegmentList"}});
+   for (const auto* it : Mox::sortedMembers(entries)) {
       const PolicyIdEntry& e = *it->second;
-      std::vector<std::string> cells{
-          e.id().key.endpoint.stringValue(), std::to_string(e.id().key.color.value),
-          CandidateId(e.id()).stringValue(), std::to_string(e.preference().value),
-          e.originator().stringValue(),      Show::labelText(e.bindingSid()),
-          std::to_string(e.version())};
-      if (e.wSegmentList().empty()) t.rowIs(std::move(cells));
-      bool first = true;
+      auto& row =
+          t.rowIs({Show::address(e.id().key.endpoint), Show::number(e.id().key.color.value),
+                   candidateIdCell(CandidateId(e.id())), Show::number(e.preference().value),
+                   Show::cell(e.originator().stringValue(), Show::originatorJson(e.originator())),
+                   Show::label(e.bindingSid()), Show::number(e.version())});
       for (const auto& [index, w] : e.wSegmentList()) {
-         if (!first) cells.assign(7, std::string());
-         cells.push_back(std::to_string(w.weight.value));
-         cells.push_back(w.segmentListId.stringValue());
-         cells.push_back(w.tunnelId.stringValue());
-         first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
-         first = false;
+         row.lineIs({Show::number(index), Show::number(w.weight.value),
+                     Show::cell(w.segmentListId.stringValue(),
+                                Json::Value::number(uint64_t{w.segmentListId.value})),
+                     Show::cell(w.tunnelId.stringValue(), Json::Value::number(w.tunnelId.value))});
       }
    }
-   t.render(out, 2);
-}
-
-Json::Value selectionInputJson(Host& host) {
-   Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.core().published().policySelectionInput->policyIdEntry())) {
-      const PolicyIdEntry& e = *it->second;
-      Json::Value lists = Json::Value::inlineArray();
-      for (const auto& [index, w] : e.wSegmentList()) {
-         lists.push(Json::Value::row()
-                        .set("index", uint32_t{index})
-                        .set("weight", w.weight.value)
-                        .set("segmentListId", w.segmentListId.value)
-                        .set("tunnelId", w.tunnelId.value));
-      }
-      Json::Value row = policyIdJson(e.id());
-      row.set("preference", e.preference().value)
-          .set("originator", Show::originatorJson(e.originator()))
-          .set("bindingSid", Json::Value::label(e.bindingSid()))
-          .set("version", e.version())
-          .set("wSegmentList", std::move(lists));
-      rows.push(std::move(row));
-   }
-   return rows;
+   return Show::View()
+       .lineIs("Selection input: " + Show::count(entries.size(), "candidate path"))
+       .tableIs("", std::move(t));
 }
 
 // ---- segments and segment lists
@@ -162,31 +116,24 @@ size_t listsUsing(const ProcessEntities& core, SegmentId id) {
    return c ? c->segmentListPtr().size() : 0;
 }
 
-void segmentsText(Host& host, std::string& out) {
+Show::View segments(Host& host) {
    const ProcessEntities& core = host.core().entities();
    auto segments = segmentsById(core);
-   Mox::appendf(out, "Segments: %s (next id %u)\n", Show::count(segments.size(), "segment").c_str(),
-                core.coreDedupTables->notifyingSegmentCollection()->uniqueId().value + 1);
-   Show::TextTable t({"Id", "Type", "Label", "Segment lists"});
+   Show::Table t({{"Id", "segmentId"},
+                  {"Type", "type", ColumnKind::enumeration},
+                  {"Label", "label"},
+                  {"Segment lists", "segmentLists"}});
    for (const SegmentMplsLabel* s : segments) {
-      t.rowIs({s->segmentId().stringValue(), segmentTypeName(s->type()), s->label().stringValue(),
-               std::to_string(listsUsing(core, s->segmentId()))});
+      t.rowIs({Show::number(s->segmentId().value),
+               Show::enumerated(s->type(), segmentTypeName(s->type())),
+               Show::cell(s->label().stringValue(), Json::Value::label(s->label())),
+               Show::number(listsUsing(core, s->segmentId()))});
    }
-   t.render(out, 2);
-}
-
-Json::Value segmentsJson(Host& host) {
-   const ProcessEntities& core = host.core().entities();
-   Json::Value rows = Json::Value::array();
-   for (const SegmentMplsLabel* s : segmentsById(core)) {
-      Json::Value row = Json::Value::row();
-      row.set("segmentId", s->segmentId().value);
-      Show::enumIs(row, "type", s->type(), segmentTypeName(s->type()));
-      row.set("label", Json::Value::label(s->label()))
-          .set("segmentLists", uint64_t{listsUsing(core, s->segmentId())});
-      rows.push(std::move(row));
-   }
-   return rows;
+   return Show::View()
+       .lineIs(
+           Mox::format("Segments: %s (next id %u)", Show::count(segments.size(), "segment").c_str(),
+                       core.coreDedupTables->notifyingSegmentCollection()->uniqueId().value + 1))
+       .tableIs("", std::move(t));
 }
 
 std::vector<const SegmentList*> segmentListsById(const ProcessEntities& core) {
@@ -202,51 +149,31 @@ std::vector<const SegmentList*> segmentListsById(const ProcessEntities& core) {
 
 std::vector<PolicyId> usersOf(const ProcessEntities& core, SegmentListId id) {
    const SegmentListUser* user = core.segListMap->segmentListUser(id);
-   return user ? sortedPolicyIds(user->policyId()) : std::vector<PolicyId>{};
+   return user ? Mox::sortedKeys(user->policyId()) : std::vector<PolicyId>{};
 }
 
-void segmentListsText(Host& host, std::string& out) {
+Show::View segmentLists(Host& host) {
    const ProcessEntities& core = host.core().entities();
    auto lists = segmentListsById(core);
-   Mox::appendf(out, "Segment lists: %s (next id %u)\n",
-                Show::count(lists.size(), "segment list").c_str(),
-                core.coreDedupTables->notifyingSegmentListCollection()->uniqueId().value + 1);
-   Show::TextTable t({"Id", "Labels", "Tunnel", "Used by"});
+   Show::Table t(
+       {{"Id", "segmentListId"}, {"Labels", "labels"}, {"", "segmentIds"}, {"Tunnel", "tunnelId"}},
+       {Show::Level{{{"Used by", "", ColumnKind::members}}, "policyIds"}});
    for (const SegmentList* l : lists) {
-      auto users = usersOf(core, l->segmentListId());
-      std::vector<std::string> cells{l->segmentListId().stringValue(),
-                                     Show::labelStackText(l->labelStack()),
-                                     l->segmentListId().getTunnelId().stringValue()};
-      if (users.empty()) {
-         cells.push_back("");
-         t.rowIs(std::move(cells));
-      }
-      for (size_t i = 0; i < users.size(); ++i) {
-         if (i) cells.assign(3, std::string());
-         cells.push_back(policyIdText(users[i]));
-         i ? t.continuationIs(std::move(cells)) : t.rowIs(std::move(cells));
-      }
-   }
-   t.render(out, 2);
-}
-
-Json::Value segmentListsJson(Host& host) {
-   const ProcessEntities& core = host.core().entities();
-   Json::Value rows = Json::Value::array();
-   for (const SegmentList* l : segmentListsById(core)) {
-      Json::Value segments = Json::Value::inlineArray();
+      Json::Value ids = Json::Value::inlineArray();
       for (uint32_t i = 0; i < l->size(); ++i)
-         segments.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
-      Json::Value users = Json::Value::inlineArray();
-      for (const PolicyId& id : usersOf(core, l->segmentListId())) users.push(policyIdJson(id));
-      rows.push(Json::Value::row()
-                    .set("segmentListId", l->segmentListId().value)
-                    .set("labels", Show::labelStackJson(l->labelStack()))
-                    .set("segmentIds", std::move(segments))
-                    .set("tunnelId", l->segmentListId().getTunnelId().value)
-                    .set("policyIds", std::move(users)));
+         ids.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
+      const SegmentListId id = l->segmentListId();
+      auto& row = t.rowIs({Show::cell(id.stringValue(), Json::Value::number(uint64_t{id.value})),
+                           Show::labelStack(l->labelStack()), Show::cell("", std::move(ids)),
+                           Show::cell(id.getTunnelId().stringValue(),
+                                      Json::Value::number(id.getTunnelId().value))});
+      for (const PolicyId& p : usersOf(core, id)) row.lineIs({policyIdCell(p)});
    }
-   return rows;
+   return Show::View()
+       .lineIs(Mox::format(
+           "Segment lists: %s (next id %u)", Show::count(lists.size(), "segment list").c_str(),
+           core.coreDedupTables->notifyingSegmentListCollection()->uniqueId().value + 1))
+       .tableIs("", std::move(t));
 }
 
 // ---- exported segment lists
@@ -257,88 +184,51 @@ Ipkit::MplsLabelOperation exportedLabels(const Export::SegmentList& l) {
    return op;
 }
 
-void exportedText(Host& host, std::string& out) {
+Show::View exported(Host& host) {
    const auto& lists = host.core().published().exportedSegmentListColl->segmentList();
-   Mox::appendf(out, "Exported segment lists: %s\n",
-                Show::count(lists.size(), "segment list").c_str());
-   Show::TextTable t({"Id", "Size", "Labels"});
-   for (auto it : sortedByKey(lists)) {
-      t.rowIs({it->first.stringValue(), std::to_string(it->second->size()),
-               Show::labelStackText(exportedLabels(*it->second))});
+   Show::Table t({{"Id", "segmentListId"}, {"Size", "size"}, {"Labels", "segment"}});
+   for (const auto* it : Mox::sortedMembers(lists)) {
+      t.rowIs({Show::cell(it->first.stringValue(), Json::Value::number(uint64_t{it->first.value})),
+               Show::number(it->second->size()), Show::labelStack(exportedLabels(*it->second))});
    }
-   t.render(out, 2);
-}
-
-Json::Value exportedJson(Host& host) {
-   Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.core().published().exportedSegmentListColl->segmentList())) {
-      rows.push(Json::Value::row()
-                    .set("segmentListId", it->first.value)
-                    .set("size", uint32_t{it->second->size()})
-                    .set("segment", Show::labelStackJson(exportedLabels(*it->second))));
-   }
-   return rows;
+   return Show::View()
+       .lineIs("Exported segment lists: " + Show::count(lists.size(), "segment list"))
+       .tableIs("", std::move(t));
 }
 
 // ---- binding-SID users
 
-void bsidUsersText(Host& host, std::string& out) {
+Show::View bsidUsers(Host& host) {
    const PolicyInputSm& sm = *host.core().policyInputSm();
-   Mox::appendf(out, "SRLB: %s\n", sm.srlbConfigRange().stringValue().c_str());
-   Mox::appendf(out, "Binding SID users: %s\n", Show::count(sm.bsidUser().size(), "label").c_str());
-   Show::TextTable t({"BSID", "Available", "Candidate paths"});
-   for (auto it : sortedByKey(sm.bsidUser())) {
-      auto ids = sortedPolicyIds(it->second->policyId());
-      for (size_t i = 0; i < ids.size(); ++i) {
-         std::vector<std::string> cells{i ? "" : it->first.stringValue(),
-                                        i ? "" : (it->second->available() ? "yes" : "no"),
-                                        policyIdText(ids[i])};
-         i ? t.continuationIs(std::move(cells)) : t.rowIs(std::move(cells));
-      }
+   Show::Table t({{"BSID", "bindingSid"}, {"Available", "available"}},
+                 {Show::Level{{{"Candidate paths", "", ColumnKind::members}}, "policyIds"}});
+   for (const auto* it : Mox::sortedMembers(sm.bsidUser())) {
+      auto& row = t.rowIs({Show::cell(it->first.stringValue(), Json::Value::label(it->first)),
+                           Show::flag(it->second->available(), "yes", "no")});
+      for (const PolicyId& p : Mox::sortedKeys(it->second->policyId()))
+         row.lineIs({policyIdCell(p)});
    }
-   t.render(out, 2);
-}
-
-Json::Value bsidUsersJson(Host& host) {
-   Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.core().policyInputSm()->bsidUser())) {
-      Json::Value ids = Json::Value::inlineArray();
-      for (const PolicyId& id : sortedPolicyIds(it->second->policyId())) ids.push(policyIdJson(id));
-      rows.push(Json::Value::row()
-                    .set("bindingSid", Json::Value::label(it->first))
-                    .set("available", it->second->available())
-                    .set("policyIds", std::move(ids)));
-   }
-   return rows;
+   return Show::View()
+       .lineIs("SRLB: " + sm.srlbConfigRange().stringValue())
+       .lineIs("Binding SID users: " + Show::count(sm.bsidUser().size(), "label"))
+       .tableIs("", std::move(t));
 }
 
 } // namespace
 
 void registerInput(Host& host) {
-   host.showIs(
-       "candidates", "per policy key, every candidate with its invalid reason, last change, BSID",
-       [&host](std::string& out) { candidatesText(host, out); },
-       [&host] { return candidatesJson(host); });
-   host.showIs(
-       "selection-input", "PolicyIdEntry rows with version and weighted segment-list ids",
-       [&host](std::string& out) { selectionInputText(host, out); },
-       [&host] { return selectionInputJson(host); });
-   host.showIs(
-       "bsid-users", "binding SID users and availability",
-       [&host](std::string& out) { bsidUsersText(host, out); },
-       [&host] { return bsidUsersJson(host); });
-   host.showIs(
-       "segments", "canonical segments with ids",
-       [&host](std::string& out) { segmentsText(host, out); },
-       [&host] { return segmentsJson(host); });
-   host.showIs(
-       "segment-lists", "canonical segment lists: id, labels, tunnel, users",
-       [&host](std::string& out) { segmentListsText(host, out); },
-       [&host] { return segmentListsJson(host); });
-   host.showIs(
-       "exported-segment-lists", "the exported segment lists (label stack by id)",
-       [&host](std::string& out) { exportedText(host, out); },
-       [&host] { return exportedJson(host); });
+   host.showIs("candidates",
+               "per policy key, every candidate with its invalid reason, last change, BSID",
+               [&host] { return candidates(host); });
+   host.showIs("selection-input", "PolicyIdEntry rows with version and weighted segment-list ids",
+               [&host] { return selectionInput(host); });
+   host.showIs("bsid-users", "binding SID users and availability",
+               [&host] { return bsidUsers(host); });
+   host.showIs("segments", "canonical segments with ids", [&host] { return segments(host); });
+   host.showIs("segment-lists", "canonical segment lists: id, labels, tunnel, users",
+               [&host] { return segmentLists(host); });
+   host.showIs("exported-segment-lists", "the exported segment lists (label stack by id)",
+               [&host] { return exported(host); });
 }
 
 } // namespace Agent

@@ -6,7 +6,7 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
-#include "agent/TextTable.h"
+#include "agent/ShowTable.h"
 
 namespace Agent {
 
@@ -51,19 +51,6 @@ PolicyId readId(Args& a, std::initializer_list<std::string_view> keywords,
                    need(a, discriminator, "discriminator"));
 }
 
-std::vector<Mox::Ptr<PolicyInput>> tablesInOrder(Host& host, std::vector<Protocol>* protocols) {
-   std::vector<std::pair<Protocol, Mox::Ptr<PolicyInput>>> t(
-       host.policyInputSource()->policyInput().begin(),
-       host.policyInputSource()->policyInput().end());
-   std::sort(t.begin(), t.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-   std::vector<Mox::Ptr<PolicyInput>> out;
-   for (auto& [p, table] : t) {
-      protocols->push_back(p);
-      out.push_back(table);
-   }
-   return out;
-}
-
 std::vector<const PolicyInputEntry*> recordsInOrder(const PolicyInput& table) {
    std::vector<const PolicyInputEntry*> out;
    for (const PolicyInputEntry& e : table.policyInputEntry()) out.push_back(&e);
@@ -71,73 +58,50 @@ std::vector<const PolicyInputEntry*> recordsInOrder(const PolicyInput& table) {
    return out;
 }
 
-void inputText(Host& host, std::string& out) {
-   std::vector<Protocol> protocols;
-   auto tables = tablesInOrder(host, &protocols);
-   if (tables.empty()) out += "No input tables\n";
-   for (size_t i = 0; i < tables.size(); ++i) {
-      const PolicyInput& table = *tables[i];
-      if (i) out += "\n";
-      Mox::appendf(out, "Input table %s: %s, %s\n", protocolText(protocols[i]).c_str(),
-                   Show::count(table.policyInputEntryCount(), "record").c_str(),
-                   Vault::mountStatusName(table.mountStatus()));
-      Show::TextTable t({"Endpoint", "Color", "Discriminator", "Originator", "Preference", "BSID",
-                         "Weight", "Labels"});
-      for (const PolicyInputEntry* e : recordsInOrder(table)) {
-         std::vector<std::string> cells{
-             e->key().key.endpoint.stringValue(),          std::to_string(e->key().key.color.value),
-             std::to_string(e->key().discriminator.value), e->originator().stringValue(),
-             std::to_string(e->preference().value),        Show::labelText(e->bindingSid())};
-         if (e->segmentListCount() == 0) {
-            cells.push_back("");
-            cells.push_back("(no segment lists)");
-            t.rowIs(std::move(cells));
-         }
-         for (uint32_t s = 0; s < e->segmentListCount(); ++s) {
-            const WeightedSegList& l = e->segmentList(SegmentListIndex(s));
-            if (s) cells.assign(6, std::string());
-            cells.push_back(std::to_string(l.weight.value));
-            cells.push_back(Show::labelStackText(l.segList));
-            s ? t.continuationIs(std::move(cells)) : t.rowIs(std::move(cells));
-         }
+Show::View inputTable(Protocol protocol, const PolicyInput& table) {
+   using Show::ColumnKind;
+   Show::Table t({{"", "protocol", ColumnKind::enumeration},
+                  {"Endpoint", "endpoint"},
+                  {"Color", "color"},
+                  {"Discriminator", "discriminator"},
+                  {"Originator", "originator"},
+                  {"Preference", "preference"},
+                  {"BSID", "bindingSid"}},
+                 {Show::Level{{{"Weight", "weight"}, {"Labels", "segList"}},
+                              "segmentList",
+                              {"", "(no segment lists)"}}});
+   for (const PolicyInputEntry* e : recordsInOrder(table)) {
+      const PolicyId& id = e->key();
+      auto& row =
+          t.rowIs({Show::enumerated(id.protocol, protocolEnumToString(id.protocol)),
+                   Show::address(id.key.endpoint), Show::number(id.key.color.value),
+                   Show::number(id.discriminator.value),
+                   Show::cell(e->originator().stringValue(), Show::originatorJson(e->originator())),
+                   Show::number(e->preference().value), Show::label(e->bindingSid())});
+      for (uint32_t s = 0; s < e->segmentListCount(); ++s) {
+         const WeightedSegList& l = e->segmentList(SegmentListIndex(s));
+         row.lineIs({Show::number(l.weight.value), Show::labelStack(l.segList)});
       }
-      t.render(out, 2);
    }
+   const char* mount = Vault::mountStatusName(table.mountStatus());
+   return Show::View()
+       .lineIs("Input table " + protocolText(protocol) + ": " +
+               Show::count(table.policyInputEntryCount(), "record") + ", " + mount)
+       .fieldIs("", "protocol", Show::enumerated(protocol, protocolEnumToString(protocol)),
+                ColumnKind::enumeration)
+       .fieldIs("", "mountStatus", Show::enumerated(table.mountStatus(), mount),
+                ColumnKind::enumeration)
+       .tableIs("policyInputEntry", std::move(t));
 }
 
-Json::Value inputJson(Host& host) {
-   std::vector<Protocol> protocols;
-   auto tables = tablesInOrder(host, &protocols);
-   Json::Value rows = Json::Value::array();
-   for (size_t i = 0; i < tables.size(); ++i) {
-      Json::Value entries = Json::Value::array();
-      for (const PolicyInputEntry* e : recordsInOrder(*tables[i])) {
-         Json::Value lists = Json::Value::inlineArray();
-         for (uint32_t s = 0; s < e->segmentListCount(); ++s) {
-            const WeightedSegList& l = e->segmentList(SegmentListIndex(s));
-            lists.push(Json::Value::row()
-                           .set("weight", l.weight.value)
-                           .set("segList", Show::labelStackJson(l.segList)));
-         }
-         Json::Value row = Json::Value::row();
-         Show::enumIs(row, "protocol", e->key().protocol, protocolEnumToString(e->key().protocol));
-         row.set("endpoint", Json::Value::address(e->key().key.endpoint))
-             .set("color", e->key().key.color.value)
-             .set("discriminator", e->key().discriminator.value)
-             .set("originator", Show::originatorJson(e->originator()))
-             .set("preference", e->preference().value)
-             .set("bindingSid", Json::Value::label(e->bindingSid()))
-             .set("segmentList", std::move(lists));
-         entries.push(std::move(row));
-      }
-      Json::Value table = Json::Value::object();
-      Show::enumIs(table, "protocol", protocols[i], protocolEnumToString(protocols[i]));
-      Show::enumIs(table, "mountStatus", tables[i]->mountStatus(),
-                   Vault::mountStatusName(tables[i]->mountStatus()));
-      table.set("policyInputEntry", std::move(entries));
-      rows.push(std::move(table));
-   }
-   return rows;
+Show::View input(Host& host) {
+   const auto& tables = host.policyInputSource()->policyInput();
+   Show::View v;
+   if (tables.empty()) v.lineIs("No input tables");
+   std::vector<Show::View> views;
+   for (const auto* t : Mox::sortedMembers(tables))
+      views.push_back(inputTable(t->first, *t->second));
+   return v.viewsIs("", std::move(views));
 }
 
 } // namespace
@@ -239,9 +203,7 @@ void registerInputTables(Host& host) {
           return [table, id] { table->policyInputEntryDel(id); };
        });
 
-   host.showIs(
-       "input", "every input table's records", [&host](std::string& out) { inputText(host, out); },
-       [&host] { return inputJson(host); });
+   host.showIs("input", "every input table's records", [&host] { return input(host); });
 }
 
 } // namespace Agent

@@ -54,6 +54,7 @@ class Value {
    // Object member lookup (null when absent); for tests and `show all`.
    const Value* find(std::string_view key) const;
    const std::vector<Value>& items() const noexcept { return items_; }
+   const std::vector<std::pair<std::string, Value>>& members() const noexcept { return members_; }
    const std::string& text() const noexcept { return text_; }
 
    // Renders with a trailing newline when `depth` is 0.

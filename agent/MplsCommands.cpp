@@ -7,7 +7,7 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
-#include "agent/TextTable.h"
+#include "agent/ShowTable.h"
 
 namespace Agent {
 
@@ -113,41 +113,22 @@ TunnelId readTunnelId(Args& a) {
    return TunnelId(a.number("tunnel id"));
 }
 
-template <class M>
-std::vector<typename M::key_type> keysInOrder(const M& map) {
-   std::vector<typename M::key_type> keys;
-   for (const auto& kv : map) keys.push_back(kv.first);
-   std::sort(keys.begin(), keys.end());
-   return keys;
+// The vias below an adjacency's row.
+Show::Level viaLevel() {
+   return Show::Level{{{"Next hop", "nexthop"},
+                       {"Interface", "intfId"},
+                       {"Action", "labelAction", Show::ColumnKind::enumeration},
+                       {"Label", "label"}},
+                      "via",
+                      {"(no vias)"}};
 }
 
-void viaRows(Show::TextTable& t, std::vector<std::string> head, const Mpls::ViaSet& vias) {
-   if (vias.empty()) {
-      head.insert(head.end(), {"(no vias)", "", "", ""});
-      t.rowIs(std::move(head));
-      return;
-   }
-   bool first = true;
+void viaLines(Show::Table::Row& row, const Mpls::ViaSet& vias) {
    for (const Mpls::Via& v : vias) {
-      std::vector<std::string> cells = first ? head : std::vector<std::string>(head.size());
-      cells.insert(cells.end(), {v.nexthop.stringValue(), v.intfId.stringValue(),
-                                 actionText(v.labelAction), Show::labelText(v.label)});
-      first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
-      first = false;
+      row.lineIs({Show::address(v.nexthop), Show::string(v.intfId.stringValue()),
+                  Show::enumerated(v.labelAction, actionText(v.labelAction)),
+                  Show::label(v.label)});
    }
-}
-
-Json::Value viasJson(const Mpls::ViaSet& vias) {
-   Json::Value a = Json::Value::inlineArray();
-   for (const Mpls::Via& v : vias) {
-      Json::Value row = Json::Value::row()
-                            .set("nexthop", Json::Value::address(v.nexthop))
-                            .set("intfId", v.intfId.stringValue());
-      Show::enumIs(row, "labelAction", v.labelAction, actionText(v.labelAction));
-      row.set("label", Json::Value::label(v.label));
-      a.push(std::move(row));
-   }
-   return a;
 }
 
 std::string tunnelTypeText(TunnelId id) {
@@ -156,109 +137,72 @@ std::string tunnelTypeText(TunnelId id) {
               : std::to_string(static_cast<uint32_t>(id.type()));
 }
 
-void mplsText(Host& host, std::string& out) {
+Show::View mpls(Host& host) {
+   using Show::ColumnKind;
    const Mpls::Config& config = *host.mplsConfig();
    const Mpls::Status& status = *host.mplsStatus();
+   Show::View v;
 
-   Mox::appendf(out, "Label ranges: %zu\n", config.labelRange().size());
-   Show::TextTable ranges({"Name", "Base", "Size", "Last"});
+   Show::Table ranges({{"Name", "name"}, {"Base", "base"}, {"Size", "size"}, {"Last", ""}});
    for (const auto& [name, r] : config.labelRange()) {
-      ranges.rowIs({name, std::to_string(r.base()), std::to_string(r.size()),
-                    r.size() ? std::to_string(uint64_t{r.base()} + r.size() - 1) : ""});
+      ranges.rowIs({Show::string(name), Show::number(r.base()), Show::number(r.size()),
+                    Show::text(r.size() ? std::to_string(uint64_t{r.base()} + r.size() - 1) : "")});
    }
-   ranges.render(out, 2);
+   v.lineIs(Mox::format("Label ranges: %zu", config.labelRange().size()))
+       .tableIs("labelRanges", std::move(ranges));
 
-   Mox::appendf(out, "LFIB routes: %zu\n", status.lfibRoute().size());
-   Show::TextTable routes({"Label", "Adjacency", "Adjacency type", "Route type", "Source"});
-   for (const auto& key : keysInOrder(status.lfibRoute())) {
+   Show::Table routes({{"Label", "label"},
+                       {"Adjacency", "adjacencyIndex"},
+                       {"Adjacency type", "adjacencyType", ColumnKind::enumeration},
+                       {"Route type", "routeType", ColumnKind::enumeration},
+                       {"Source", "source", ColumnKind::enumeration}});
+   for (const auto& key : Mox::sortedKeys(status.lfibRoute())) {
       const Mpls::LFib::Route& r = *status.lfibRoute(key);
-      routes.rowIs({Show::labelText(key.topLabel()), std::to_string(r.adjKey.index()),
-                    nameOf(kAdjacencyTypes, r.adjKey.type()), nameOf(kRouteTypes, r.type),
-                    nameOf(kSources, r.source)});
+      routes.rowIs({Show::label(key.topLabel()), Show::number(r.adjKey.index()),
+                    Show::enumerated(r.adjKey.type(), nameOf(kAdjacencyTypes, r.adjKey.type())),
+                    Show::enumerated(r.type, nameOf(kRouteTypes, r.type)),
+                    Show::enumerated(r.source, nameOf(kSources, r.source))});
    }
-   routes.render(out, 2);
+   v.lineIs(Mox::format("LFIB routes: %zu", status.lfibRoute().size()))
+       .tableIs("lfibRoutes", std::move(routes));
 
-   Mox::appendf(out, "Adjacencies: %zu\n", status.adjacency().size());
-   Show::TextTable adjacencies({"Index", "Next hop", "Interface", "Action", "Label"});
-   for (const auto& index : keysInOrder(status.adjacency())) {
-      viaRows(adjacencies, {std::to_string(index)}, *status.adjacency(index));
+   Show::Table adjacencies({{"Index", "index"}}, {viaLevel()});
+   for (const auto& index : Mox::sortedKeys(status.adjacency())) {
+      viaLines(adjacencies.rowIs({Show::number(index)}), *status.adjacency(index));
    }
-   adjacencies.render(out, 2);
+   v.lineIs(Mox::format("Adjacencies: %zu", status.adjacency().size()))
+       .tableIs("adjacencies", std::move(adjacencies));
 
-   Mox::appendf(out, "Adjacency extensions: %zu\n", status.adjacencyExt().size());
-   Show::TextTable exts({"Index", "FEC", "Next hop", "Interface", "Action", "Label"});
-   for (const auto& index : keysInOrder(status.adjacencyExt())) {
+   Show::Table exts({{"Index", "index"}, {"FEC", "fecId"}}, {viaLevel()});
+   for (const auto& index : Mox::sortedKeys(status.adjacencyExt())) {
       const auto& ext = *status.adjacencyExt(index);
-      viaRows(exts, {std::to_string(index), ext.fecId.stringValue()}, ext.via);
+      viaLines(
+          exts.rowIs({Show::number(index),
+                      Show::cell(ext.fecId.stringValue(), Json::Value::number(ext.fecId.value()))}),
+          ext.via);
    }
-   exts.render(out, 2);
+   v.lineIs(Mox::format("Adjacency extensions: %zu", status.adjacencyExt().size()))
+       .tableIs("adjacencyExts", std::move(exts));
 
-   if (auto depth = host.hardwareStatus()->nexthopGroupMplsLabelStackSize()) {
-      Mox::appendf(out, "Platform max label depth: %u\n", unsigned{*depth});
-   } else {
-      out += "Platform max label depth: not reported (no limit)\n";
-   }
+   const auto depth = host.hardwareStatus()->nexthopGroupMplsLabelStackSize();
+   v.fieldIs("Platform max label depth", "nexthopGroupMplsLabelStackSize",
+             depth ? Show::number(*depth)
+                   : Show::cell("not reported (no limit)", Json::Value::null()));
 
    const auto& counters = host.counterTable()->counter();
-   Mox::appendf(out, "Tunnel counters: %zu\n", counters.size());
-   Show::TextTable ct({"Tunnel", "Type", "Index", "Packets", "Bytes"});
-   for (const auto& id : keysInOrder(counters)) {
+   Show::Table ct({{"Tunnel", "tunnelId"},
+                   {"Type", ""},
+                   {"Index", ""},
+                   {"Packets", "packets"},
+                   {"Bytes", "bytes"}});
+   for (const auto& id : Mox::sortedKeys(counters)) {
       const auto& c = counters.at(id);
-      ct.rowIs({id.stringValue(), tunnelTypeText(id), std::to_string(id.index()),
-                std::to_string(c.packets), std::to_string(c.bytes)});
+      ct.rowIs({Show::cell(id.stringValue(), Json::Value::number(id.value)),
+                Show::text(tunnelTypeText(id)), Show::text(std::to_string(id.index())),
+                Show::number(c.packets), Show::number(c.bytes)});
    }
-   ct.render(out, 2);
-}
-
-Json::Value mplsJson(Host& host) {
-   const Mpls::Config& config = *host.mplsConfig();
-   const Mpls::Status& status = *host.mplsStatus();
-
-   Json::Value ranges = Json::Value::array();
-   for (const auto& [name, r] : config.labelRange()) {
-      ranges.push(Json::Value::row().set("name", name).set("base", r.base()).set("size", r.size()));
-   }
-   Json::Value routes = Json::Value::array();
-   for (const auto& key : keysInOrder(status.lfibRoute())) {
-      const Mpls::LFib::Route& r = *status.lfibRoute(key);
-      Json::Value row = Json::Value::row().set("label", Json::Value::label(key.topLabel()));
-      row.set("adjacencyIndex", uint64_t{r.adjKey.index()});
-      Show::enumIs(row, "adjacencyType", r.adjKey.type(), nameOf(kAdjacencyTypes, r.adjKey.type()));
-      Show::enumIs(row, "routeType", r.type, nameOf(kRouteTypes, r.type));
-      Show::enumIs(row, "source", r.source, nameOf(kSources, r.source));
-      routes.push(std::move(row));
-   }
-   Json::Value adjacencies = Json::Value::array();
-   for (const auto& index : keysInOrder(status.adjacency())) {
-      adjacencies.push(Json::Value::row()
-                           .set("index", uint64_t{index})
-                           .set("via", viasJson(*status.adjacency(index))));
-   }
-   Json::Value exts = Json::Value::array();
-   for (const auto& index : keysInOrder(status.adjacencyExt())) {
-      const auto& ext = *status.adjacencyExt(index);
-      exts.push(Json::Value::row()
-                    .set("index", uint64_t{index})
-                    .set("fecId", ext.fecId.value())
-                    .set("via", viasJson(ext.via)));
-   }
-   Json::Value counters = Json::Value::array();
-   for (const auto& id : keysInOrder(host.counterTable()->counter())) {
-      const auto& c = *host.counterTable()->counter(id);
-      counters.push(Json::Value::row()
-                        .set("tunnelId", id.value)
-                        .set("packets", c.packets)
-                        .set("bytes", c.bytes));
-   }
-   auto depth = host.hardwareStatus()->nexthopGroupMplsLabelStackSize();
-   return Json::Value::object()
-       .set("labelRanges", std::move(ranges))
-       .set("lfibRoutes", std::move(routes))
-       .set("adjacencies", std::move(adjacencies))
-       .set("adjacencyExts", std::move(exts))
-       .set("nexthopGroupMplsLabelStackSize",
-            depth ? Json::Value::number(uint64_t{*depth}) : Json::Value::null())
-       .set("tunnelCounters", std::move(counters));
+   return v.lineIs(Mox::format("Tunnel counters: %zu", counters.size()))
+       .tableIs("tunnelCounters", std::move(ct));
 }
 
 } // namespace
@@ -395,9 +339,9 @@ void registerMpls(Host& host) {
                   return [&host, id] { host.counterTable()->counterDel(id); };
                });
 
-   host.showIs(
-       "mpls", "label ranges, LFIB routes, adjacencies, platform label depth, tunnel counters",
-       [&host](std::string& out) { mplsText(host, out); }, [&host] { return mplsJson(host); });
+   host.showIs("mpls",
+               "label ranges, LFIB routes, adjacencies, platform label depth, tunnel counters",
+               [&host] { return mpls(host); });
 }
 
 } // namespace Agent

@@ -46,6 +46,7 @@
 //    object is still deleted when the count reaches zero.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
@@ -363,6 +364,28 @@ void forEachKeySafe(M& map, F&& body) {
    for (const auto& k : keys) {
       if (map.find(k) != map.end()) body(k);
    }
+}
+
+// A collection's keys in key order (hash collections iterate in no useful order): for dumps and
+// tables. Keys are copied, so the collection may change while they are walked.
+template <class M>
+std::vector<typename M::key_type> sortedKeys(const M& coll) {
+   std::vector<typename M::key_type> keys;
+   keys.reserve(coll.size());
+   for (const auto& member : coll) keys.push_back(keyOf(member));
+   std::sort(keys.begin(), keys.end());
+   return keys;
+}
+
+// A collection's members (key-value pairs, or keys of a set) in key order, by address: valid until
+// the collection changes.
+template <class M>
+std::vector<const typename M::value_type*> sortedMembers(const M& coll) {
+   std::vector<const typename M::value_type*> out;
+   out.reserve(coll.size());
+   for (const auto& member : coll) out.push_back(&member);
+   std::sort(out.begin(), out.end(), [](auto* a, auto* b) { return keyOf(*a) < keyOf(*b); });
+   return out;
 }
 
 // ---------------------------------------------------------------------------------------------
