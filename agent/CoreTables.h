@@ -7,9 +7,12 @@
 #pragma once
 
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "platform/TunnelTable.h"
 #include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
+#include "segment/SrTePolicySegmentListStatus.h"
+#include "segment/SrTePolicySegmentResolver.h"
 #include "selection/SrTePolicyEntry.h"
 
 namespace Agent {
@@ -19,6 +22,10 @@ struct PublishedTables {
        SrTePolicy::policySelectionInputFactory("policySelectionInput");
    Mox::Ptr<SrTePolicy::Export::SegmentListCollection> exportedSegmentListColl =
        SrTePolicy::Export::segmentListCollectionFactory("exportedSegmentLists");
+   Mox::Ptr<SrTePolicy::SegmentListStatus> segmentListStatus =
+       Mox::make<SrTePolicy::SegmentListStatus>("segmentListStatus");
+   Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable =
+       Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>();
 };
 
 // Members are dropped bottom-up: the maps release their segment lists before the dedup tables
@@ -31,11 +38,14 @@ struct CoreProcess {
        Mox::make<SrTePolicy::SegmentListIdToPolicyMap>();
    Mox::Ptr<SrTePolicy::PolicyKeyToIdMap> policyKeyToIdMap =
        Mox::make<SrTePolicy::PolicyKeyToIdMap>();
+   Mox::Ptr<SrTePolicy::SegmentStatus> segmentStatus = Mox::make<SrTePolicy::SegmentStatus>();
 };
 
 // Construction order of the stages (agent/Modules.cpp registers them; lower builds first).
 namespace StageOrder {
 constexpr int coreEntities = 10;
+constexpr int segmentResolution = 20;
+constexpr int segmentListResolution = 30;
 constexpr int policyInput = 40;
 } // namespace StageOrder
 

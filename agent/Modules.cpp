@@ -11,6 +11,7 @@ void registerModules(Host& host) {
    registerInputTables(host);
    // Subsystems go here, in construction order.
    registerInput(host);
+   registerResolution(host);
    registerCoreTables(host);
    host.start();
 }

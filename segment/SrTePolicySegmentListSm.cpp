@@ -362,7 +362,11 @@ void SegmentListSm::handleInitialized() {
    segmentsByAdjKey_.clear();
    for (const auto& [id, resolve] : in_.segmentStatus->status()) watchStatus(id);
    addAllSlsToBacklog();
-   // Nothing to do at all still needs the start-up clean-up.
+   if (pendingSegmentList_.empty() && unusedSegmentListIds_.empty()) {
+      cleanupPending_ = false; // nothing to reconcile
+      return;
+   }
+   // An empty backlog with stale entries still needs a run for the clean-up.
    task_->scheduleTask();
 }
 
@@ -451,6 +455,11 @@ void SegmentListSm::handleTaskRun() {
          task_->scheduleTask();
       }
    } else if (cleanupPending_) {
+      // The clean-up writes published tables too: it waits out congestion like the lists do.
+      if (in_.attrLogSm->isAttrLogOutClogged()) {
+         task_->scheduleTaskLowestDelay(congestionDelay);
+         return;
+      }
       cleanupPending_ = false;
       cleanupJob();
    }

@@ -29,7 +29,8 @@
 //   platform label depth changed, initialisation    -> queue every list
 //   segment-list notifier inserted/removed          -> processed at once
 //   task run: drain pendingSegmentList from the bookmark; stop on congestion (retry after 0.1 s)
-//   or when the scheduler says yield (run again at once); once drained after start-up, remove
+//   or when the scheduler says yield (run again at once); once drained after start-up (and the
+//   output not congested), remove
 //   every status and tunnel entry of unusedSegmentListIds.
 //
 // The adjacency rule goes beyond resolving on route changes: without it a list whose route stays
