@@ -188,6 +188,15 @@ TEST(SegmentListSm, AdjacencyViaChangesRequeueTheListsResolvingThroughIt) {
    EXPECT_EQ(env.status(b), "success");
 }
 
+// Clogs the attribute log once the tunnel table holds `at` entries: congestion mid-backlog.
+struct ClogAt : Tunnel::TunnelTable::SrTeSegmentListTunnelTable::Notifiee {
+   Kiln::AttrLogSm* log = nullptr;
+   size_t at = 0;
+   void onEntry(const Tunnel::TunnelTable::TunnelId&) override {
+      if (notifier()->entry().size() >= at) log->attrLogOutCloggedIs(true);
+   }
+};
+
 TEST(SegmentListSm, StartUpRemovesStaleEntriesOnlyOnceACongestedYieldingBacklogDrains) {
    ResolutionEnv env;
    env.mpls->adjacencyIs(1, {via("10.0.0.2", "Ethernet1", Action::swap, 16001)});
@@ -196,24 +205,31 @@ TEST(SegmentListSm, StartUpRemovesStaleEntriesOnlyOnceACongestedYieldingBacklogD
    env.run();
    ASSERT_EQ(env.status(gone), "success");
 
-   // The process restarts with fifty lists; the old one is no longer among them.
+   // The process restarts with fifty lists; the old one is no longer among them. The output
+   // clogs when 20 new lists are in the tunnel table (21 entries with the old one).
    env.stop();
    std::vector<std::vector<uint32_t>> lists;
    for (uint32_t i = 0; i < 50; ++i) lists.push_back({16001, 1000 + i});
    env.scheduler->yieldEveryIs(7);
-   env.attrLog->attrLogOutCloggedIs(true);
+   ClogAt clog;
+   clog.log = env.attrLog.get();
+   clog.at = 21;
+   clog.notifierIs(env.tunnels);
    env.start(lists);
    EXPECT_EQ(env.listSm->pendingSegmentListCount(), 50u);
    EXPECT_TRUE(env.listSm->unusedSegmentListIds().count(gone));
    env.run();
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 50u);
+   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 30u);
    EXPECT_EQ(env.scheduler->nextTimerDelay().value_or(-1), SegmentListSm::congestionDelay);
    EXPECT_EQ(env.status(gone), "success"); // kept while the backlog is not drained
+   env.advance(0.5);
+   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 30u); // still congested: nothing moves
 
+   clog.notifierIs(nullptr);
    env.attrLog->attrLogOutCloggedIs(false);
    env.advance(0.1);
    EXPECT_EQ(env.listSm->pendingSegmentListCount(), 0u);
-   EXPECT_GE(env.listSm->task()->runCount(), 8u); // 50 lists, 7 per run
+   EXPECT_GE(env.listSm->task()->runCount(), 8u); // 50 lists, at most 7 per run
    EXPECT_EQ(env.status(gone), "-");
    EXPECT_EQ(env.tunnel(gone), "-");
    EXPECT_EQ(env.listStatus->status().size(), 50u);
