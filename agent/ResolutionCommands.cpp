@@ -1,17 +1,13 @@
-// Segment and segment-list resolution in the host: builds the resolver, SegmentSm and
-// SegmentListSm before the input stage (so that what it deduplicates is resolved as it appears),
-// and shows the segment-list tunnel table. The resolution columns of `segments` and
-// `segment-lists` are in agent/InputCommands.cpp, beside the rest of those tables.
+// Segment and segment-list resolution in the host: the segment-list tunnel table. The machines
+// are built by the core; the resolution columns of `segments` and `segment-lists` are in
+// agent/InputCommands.cpp, beside the rest of those tables.
 #include <string>
 #include <vector>
 
-#include "agent/CoreTables.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
 #include "agent/TextTable.h"
-#include "segment/SrTePolicySegmentListSm.h"
-#include "segment/SrTePolicySegmentSm.h"
 
 namespace Agent {
 
@@ -19,14 +15,8 @@ using namespace SrTePolicy;
 
 namespace {
 
-struct ResolutionProcess {
-   Mox::Ptr<SegmentResolver> segmentResolver;
-   Mox::Ptr<SegmentSm> segmentSm;
-   Mox::Ptr<SegmentListSm> segmentListSm;
-};
-
 void tunnelTableText(Host& host, std::string& out) {
-   const auto& entries = host.shared<PublishedTables>().tunnelTable->entry();
+   const auto& entries = host.core().published().tunnelTable->entry();
    Mox::appendf(out, "Segment-list tunnel table: %s\n",
                 Show::count(entries.size(), "tunnel").c_str());
    Show::TextTable t({"Tunnel", "Segment list", "Via", "Next hop", "Interface", "Labels"});
@@ -49,7 +39,7 @@ void tunnelTableText(Host& host, std::string& out) {
 
 Json::Value tunnelTableJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (const auto& [id, entry] : host.shared<PublishedTables>().tunnelTable->entry()) {
+   for (const auto& [id, entry] : host.core().published().tunnelTable->entry()) {
       for (const auto& [index, via] : entry.via()) {
          rows.push(Json::Value::row()
                        .set("tunnelId", id.value)
@@ -66,33 +56,6 @@ Json::Value tunnelTableJson(Host& host) {
 } // namespace
 
 void registerResolution(Host& host) {
-   host.stageIs(StageOrder::segmentResolution, "segment resolution", [&host] {
-      CoreProcess& core = host.process<CoreProcess>();
-      ResolutionProcess& p = host.process<ResolutionProcess>();
-      p.segmentResolver = segmentResolverFactory(host.mplsStatus());
-      p.segmentSm =
-          segmentSmFactory({.notifyingSegment = core.coreDedupTables->notifyingSegmentCollection(),
-                            .mplsStatus = host.mplsStatus(),
-                            .segmentStatus = core.segmentStatus,
-                            .coreDedupTables = core.coreDedupTables,
-                            .segmentResolver = p.segmentResolver});
-   });
-   host.stageIs(StageOrder::segmentListResolution, "segment-list resolution", [&host] {
-      CoreProcess& core = host.process<CoreProcess>();
-      PublishedTables& published = host.shared<PublishedTables>();
-      host.process<ResolutionProcess>().segmentListSm = segmentListSmFactory(
-          {.notifyingSegmentList = core.coreDedupTables->notifyingSegmentListCollection(),
-           .segmentStatus = core.segmentStatus,
-           .segmentListStatus = published.segmentListStatus,
-           .tunnelTable = published.tunnelTable,
-           .scheduler = Mox::Ptr<Kiln::TaskScheduler>(&host.scheduler()),
-           .mplsStatus = host.mplsStatus(),
-           .segmentIdToSegmentList = core.segmentMap,
-           .coreDedupTables = core.coreDedupTables,
-           .routingHwStatus = host.hardwareStatus(),
-           .attrLogSm = Mox::Ptr<Kiln::AttrLogSm>(&host.attrLog())});
-   });
-
    host.showIs(
        "tunnel-table", "segment-list tunnel table: tunnel, via index, next hop, interface, labels",
        [&host](std::string& out) { tunnelTableText(host, out); },

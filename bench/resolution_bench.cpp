@@ -130,7 +130,7 @@ int main(int argc, char** argv) {
                              .segmentStatus = segmentStatus,
                              .segmentListStatus = listStatus,
                              .tunnelTable = tunnels,
-                             .scheduler = scheduler,
+                             .scheduler = scheduler.get(),
                              .mplsStatus = mpls,
                              .segmentIdToSegmentList = segmentMap,
                              .coreDedupTables = dedup,

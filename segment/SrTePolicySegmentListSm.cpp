@@ -121,7 +121,9 @@ class SegmentListSm::MoxTask : public Kiln::Task::Notifiee {
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-SegmentListSm::SegmentListSm(const Inputs& inputs) : in_(inputs) {
+SegmentListSm::SegmentListSm(const Inputs& inputs)
+    : in_(inputs), syslog_(inputs.syslog ? inputs.syslog : &Syslog::processLog()),
+      tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
    moxSegmentList_ = std::make_unique<MoxSegmentList>(*this);
    moxSegmentList_->notifierIs(in_.notifyingSegmentList.get());
    moxSegmentStatus_ = std::make_unique<MoxSegmentStatus>(*this);
@@ -180,7 +182,7 @@ SegmentListSm::resolveSegmentListWithTopLabel(const SegmentResolve& resolve,
    if (key.type() == Mpls::AdjacencyType::externalFec) {
       const Mpls::Status::AdjacencyExt* ext = in_.mplsStatus->adjacencyExt(key.index());
       if (!ext) {
-         SRTE_TRACE(5, "adjExt not found, returning NULL");
+         SRTE_TRACE_TO(tracer_, 5, "adjExt not found, returning NULL");
          return nullptr;
       }
       fecId = ext->fecId;
@@ -188,12 +190,13 @@ SegmentListSm::resolveSegmentListWithTopLabel(const SegmentResolve& resolve,
    } else {
       vias = in_.mplsStatus->adjacency(key.index());
       if (!vias) {
-         SRTE_TRACE(5, "Adjacency " << key << " of top label " << topLabel
+         SRTE_TRACE_TO(tracer_, 5,
+                       "Adjacency " << key << " of top label " << topLabel
                                     << " not found, returning NULL");
          return nullptr;
       }
    }
-   SRTE_TRACE(8, "No of Adjacency " << vias->size());
+   SRTE_TRACE_TO(tracer_, 8, "No of Adjacency " << vias->size());
    for (const Mpls::Via& via : *vias) {
       MplsVia egress = computeEgressMplsVia(operation, via.labelAction, via.label, via.nexthop,
                                             via.intfId, in_.routingHwStatus.get(), error, false);
@@ -206,12 +209,12 @@ MplsVia SegmentListSm::computeEgressMplsVia(const Ipkit::MplsLabelOperation& ope
                                             Ipkit::MplsLabelAction action, Ipkit::MplsLabel label,
                                             const Ipkit::IpGenAddr& nexthop, Ipkit::IntfId intfId,
                                             const Routing::Hardware::Status* routingHwStatus,
-                                            SegmentListResolveError& error, bool forceLabel) {
+                                            SegmentListResolveError& error, bool forceLabel) const {
    Ipkit::MplsLabelOperation stack = operation;
    switch (action) {
    case Ipkit::MplsLabelAction::swap:
    case Ipkit::MplsLabelAction::push: {
-      SRTE_TRACE(8, "Appending topLabel " << label);
+      SRTE_TRACE_TO(tracer_, 8, "Appending topLabel " << label);
       const auto res = stack.push(label);
       SRTE_ASSERT(res == Ipkit::BoundedMplsLabelStackResult::SUCCESS_,
                   "res == Ipkit::BoundedMplsLabelStackResult::SUCCESS_");
@@ -234,7 +237,7 @@ MplsVia SegmentListSm::computeEgressMplsVia(const Ipkit::MplsLabelOperation& ope
    } else if (error == SegmentListResolveError::success && stack.stackSize() == 0) {
       error = SegmentListResolveError::zeroLabels;
    }
-   SRTE_TRACE(8, "Adjacency MplsVia hop " << nexthop << " intfId " << intfId);
+   SRTE_TRACE_TO(tracer_, 8, "Adjacency MplsVia hop " << nexthop << " intfId " << intfId);
    return MplsVia{nexthop, intfId, stack};
 }
 
@@ -248,21 +251,22 @@ void SegmentListSm::processSegmentList(const SegmentList& list) {
       res = resolveSegmentList(list);
    } catch (const Mox::RangeError& e) {
       // Too many labels for one stack: the list cannot be forwarded, like an unresolved one.
-      SRTE_TRACE(3, "Segment list " << id << " " << segmentListLabelsText(list)
+      SRTE_TRACE_TO(tracer_, 3,
+                    "Segment list " << id << " " << segmentListLabelsText(list)
                                     << " cannot be resolved: " << e.what());
    }
    if (!res) {
-      SRTE_TRACE(5, "Remove the Segment List Status for SlId:" << id);
+      SRTE_TRACE_TO(tracer_, 5, "Remove the Segment List Status for SlId:" << id);
       removeSegmentListStatusById(id);
       return;
    }
-   SRTE_TRACE(5, "Update the Segment List Status for SlId:" << id);
+   SRTE_TRACE_TO(tracer_, 5, "Update the Segment List Status for SlId:" << id);
    traceAndSyslogSegmentListResolveError(list, res->error());
    try {
       updateSegmentListStatus(list, *res);
    } catch (const Mox::RangeError& e) {
       // More vias than a tunnel entry holds.
-      SRTE_TRACE(3, "Segment list " << id << " cannot be written: " << e.what());
+      SRTE_TRACE_TO(tracer_, 3, "Segment list " << id << " cannot be written: " << e.what());
       removeSegmentListStatusById(id);
    }
 }
@@ -273,15 +277,15 @@ void SegmentListSm::updateSegmentListStatus(const SegmentList& list,
    const SegmentListResolveError* current = in_.segmentListStatus->status(id);
    if (res.error() == SegmentListResolveError::success && current &&
        *current == SegmentListResolveError::success) {
-      SRTE_TRACE2(7, "Update existing status for SegmentList [" << id << "]",
-                  "Update existing status for SegmentList: " << id);
+      SRTE_TRACE2_TO(tracer_, 7, "Update existing status for SegmentList [" << id << "]",
+                     "Update existing status for SegmentList: " << id);
       updateTunnelTable(id.getTunnelId(), res.viaSet(), res.externalFecId());
       // Processed again: not stale, whatever the path taken.
       unusedSegmentListIds_.erase(id);
       return;
    }
-   SRTE_TRACE2(7, "Add new status for SegmentList [" << id << "]",
-               "Add new status for SegmentList: " << id);
+   SRTE_TRACE2_TO(tracer_, 7, "Add new status for SegmentList [" << id << "]",
+                  "Add new status for SegmentList: " << id);
    if (res.error() == SegmentListResolveError::success) {
       updateTunnelTable(id.getTunnelId(), res.viaSet(), res.externalFecId());
    } else {
@@ -300,20 +304,22 @@ void SegmentListSm::updateTunnelTable(TunnelId tunnelId, const MplsViaSet& viaSe
       via.intfId = Vault::Fib::fecIdToIntfId(fecId);
       if (!!viaSet) via.labelOp = viaSet.via().begin()->labelOp;
       entry.viaIs(ViaIndex(0), via);
-      SRTE_TRACE(7, "Update Tunnel Table TID with fecId (Optimized), old "
+      SRTE_TRACE_TO(tracer_, 7,
+                    "Update Tunnel Table TID with fecId (Optimized), old "
                         << (old ? old->stringValue() : std::string("none")) << " new "
                         << entry.stringValue());
    } else {
       uint32_t index = 0;
       for (const MplsVia& v : viaSet.via()) entry.viaIs(ViaIndex(index++), v);
-      SRTE_TRACE(7, "Update Tunnel Table TID " << tunnelId << " With " << index << " vias"
+      SRTE_TRACE_TO(tracer_, 7,
+                    "Update Tunnel Table TID " << tunnelId << " With " << index << " vias"
                                                << " fecId " << fecId);
    }
    in_.tunnelTable->entryIs(entry);
 }
 
 void SegmentListSm::removeSegmentListStatusById(SegmentListId id) {
-   SRTE_TRACE(7, "removeSegmentListStatusById for id:" << id);
+   SRTE_TRACE_TO(tracer_, 7, "removeSegmentListStatusById for id:" << id);
    in_.tunnelTable->entryDel(id.getTunnelId());
    in_.segmentListStatus->statusDel(id);
 }
@@ -329,16 +335,18 @@ void SegmentListSm::traceAndSyslogSegmentListResolveError(const SegmentList& lis
                                  ? in_.routingHwStatus->nexthopGroupMplsLabelStackSize().value_or(0)
                                  : 0;
       const std::string labels = segmentListLabelsText(list);
-      SRTE_TRACE(3, "Max platform label stack depth (" << limit << ") exceeded for SL:" << labels
+      SRTE_TRACE_TO(tracer_, 3,
+                    "Max platform label stack depth (" << limit << ") exceeded for SL:" << labels
                                                        << " Id:" << id);
-      Syslog::log(SRTE_RESOLVED_SEGMENT_LIST_INVALID_EXCEEDS_MSD, unsigned{id.value}, limit,
-                  labels.c_str());
+      syslog_->log(SRTE_RESOLVED_SEGMENT_LIST_INVALID_EXCEEDS_MSD, unsigned{id.value}, limit,
+                   labels.c_str());
       return;
    }
    case SegmentListResolveError::zeroLabels:
-      SRTE_TRACE2(3,
-                  "0 resolved labels in via for SL:" << segmentListLabelsText(list) << " Id:" << id,
-                  "0 resolved labels for SL:" << segmentListLabelsText(list) << " Id:" << id);
+      SRTE_TRACE2_TO(tracer_, 3,
+                     "0 resolved labels in via for SL:" << segmentListLabelsText(list)
+                                                        << " Id:" << id,
+                     "0 resolved labels for SL:" << segmentListLabelsText(list) << " Id:" << id);
       return;
    }
 }
@@ -349,7 +357,7 @@ void SegmentListSm::traceAndSyslogSegmentListResolveError(const SegmentList& lis
 void SegmentListSm::handleInitialized() {
    initialized_ = true;
    cleanupPending_ = true;
-   SRTE_TRACE(3, "SegmentListSm handleInitialized");
+   SRTE_TRACE_TO(tracer_, 3, "SegmentListSm handleInitialized");
    for (const auto& [id, error] : in_.segmentListStatus->status()) {
       unusedSegmentListIds_.insert(id);
    }
@@ -373,7 +381,7 @@ void SegmentListSm::handleInitialized() {
 void SegmentListSm::handleSegmentList(const Mox::Ptr<SegmentListLifeTimeNotifier>& notifier) {
    if (!initialized_) return;
    const SegmentList& list = *notifier->segmentListRawPtr();
-   SRTE_TRACE(7, "handleSegmentList for segmentList: " << listText(list));
+   SRTE_TRACE_TO(tracer_, 7, "handleSegmentList for segmentList: " << listText(list));
    if (in_.notifyingSegmentList->segmentListNotifierHas(notifier)) {
       processSegmentList(list);
       return;
@@ -384,7 +392,7 @@ void SegmentListSm::handleSegmentList(const Mox::Ptr<SegmentListLifeTimeNotifier
 
 void SegmentListSm::handleSegmentStatus(SegmentId id) {
    if (!initialized_) return;
-   SRTE_TRACE(7, " SegmentId : " << id);
+   SRTE_TRACE_TO(tracer_, 7, " SegmentId : " << id);
    const SegmentListCollection* users = in_.segmentIdToSegmentList->segmentList(id);
    if (!users) return;
    for (const auto& list : users->segmentListPtr()) {
@@ -400,14 +408,14 @@ void SegmentListSm::handleAdjacency(const Mpls::AdjacencyKey& key) {
    if (!initialized_) return;
    auto it = segmentsByAdjKey_.find(key);
    if (it == segmentsByAdjKey_.end()) return;
-   SRTE_TRACE(7, "handleAdjacency " << key << " segments: " << it->second.size());
+   SRTE_TRACE_TO(tracer_, 7, "handleAdjacency " << key << " segments: " << it->second.size());
    std::vector<SegmentId> ids(it->second.begin(), it->second.end());
    for (SegmentId id : ids) handleSegmentStatus(id);
 }
 
 void SegmentListSm::handlePlatformMaxLabelStackSize() {
    if (!initialized_) return;
-   SRTE_TRACE(5, "handlePlatformMaxLabelStackSize");
+   SRTE_TRACE_TO(tracer_, 5, "handlePlatformMaxLabelStackSize");
    addAllSlsToBacklog();
    scheduleIfPending();
 }
@@ -446,7 +454,8 @@ void SegmentListSm::handleTaskRun() {
       }
    }
    task_->taskWorkCountInc(count);
-   SRTE_TRACE(5, "Processed " << count
+   SRTE_TRACE_TO(tracer_, 5,
+                 "Processed " << count
                               << " segment lists, delay task: " << (delay ? "True" : "False"));
    if (!pendingSegmentList_.empty()) {
       if (delay) {
@@ -480,7 +489,7 @@ void SegmentListSm::cleanupJob() {
    std::sort(stale.begin(), stale.end());
    unusedSegmentListIds_.clear();
    for (SegmentListId id : stale) {
-      SRTE_TRACE(5, "Deleting segmentListId from segmentListStatus:" << id);
+      SRTE_TRACE_TO(tracer_, 5, "Deleting segmentListId from segmentListStatus:" << id);
       removeSegmentListStatusById(id);
       in_.tunnelTable->entryDel(id.getTunnelId());
    }

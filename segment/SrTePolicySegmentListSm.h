@@ -54,6 +54,7 @@
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
+#include "platform/Trace.h"
 #include "platform/TunnelTable.h"
 #include "platform/VaultFib.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
@@ -93,13 +94,16 @@ class SegmentListSm : public Mox::RefCounted {
       Mox::Ptr<const SegmentStatus> segmentStatus;
       Mox::Ptr<SegmentListStatus> segmentListStatus;
       Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable;
-      Mox::Ptr<Kiln::TaskScheduler> scheduler;
+      Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<const Mpls::Status> mplsStatus;
       Mox::Ptr<const SegmentIdToSegmentList> segmentIdToSegmentList;
       Mox::Ptr<const CoreDedupTables> coreDedupTables;
       // May be null: then no depth limit applies.
       Mox::Ptr<const Routing::Hardware::Status> routingHwStatus;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      // Default to the process log and tracer; an assembly gives its own.
+      Syslog::Log* syslog = nullptr;
+      Trace::Tracer* tracer = nullptr;
    };
 
    explicit SegmentListSm(const Inputs& inputs);
@@ -122,11 +126,11 @@ class SegmentListSm : public Mox::RefCounted {
    resolveSegmentListWithTopLabel(const SegmentResolve& resolve,
                                   const Ipkit::MplsLabelOperation& operation,
                                   Ipkit::MplsLabel topLabel) const;
-   static Tunnel::TunnelTable::MplsVia
+   Tunnel::TunnelTable::MplsVia
    computeEgressMplsVia(const Ipkit::MplsLabelOperation& operation, Ipkit::MplsLabelAction action,
                         Ipkit::MplsLabel label, const Ipkit::IpGenAddr& nexthop,
                         Ipkit::IntfId intfId, const Routing::Hardware::Status* routingHwStatus,
-                        SegmentListResolveError& error, bool forceLabel);
+                        SegmentListResolveError& error, bool forceLabel) const;
 
    // Handlers (reactors call these).
    void handleInitialized();
@@ -163,6 +167,8 @@ class SegmentListSm : public Mox::RefCounted {
    void adjKeyChanged(SegmentId id, const Mpls::AdjacencyKey& from, const Mpls::AdjacencyKey& to);
 
    Inputs in_;
+   Syslog::Log* syslog_;
+   Trace::Tracer* tracer_;
    Mox::HashMap2018<SegmentListId, Mox::Ptr<SegmentListLifeTimeNotifier>> pendingSegmentList_;
    SegmentListId pendingBookmark_;
    Mox::HashSet<SegmentListId> unusedSegmentListIds_;

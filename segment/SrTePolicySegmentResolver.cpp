@@ -28,13 +28,14 @@ void SegmentStatus::dump(std::string& out, int depth) const {
    }
 }
 
-Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus) {
-   return Mox::make<SegmentResolver>(std::move(mplsStatus));
+Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus,
+                                                 Trace::Tracer* tracer) {
+   return Mox::make<SegmentResolver>(std::move(mplsStatus), tracer);
 }
 
 Mox::Ptr<const SegmentResolveResult>
 SegmentResolver::resolveSegmentMpls(Ipkit::MplsLabel label) const {
-   SRTE_TRACE(7, "resolveSegmentMpls label: " << label);
+   SRTE_TRACE_TO(tracer_, 7, "resolveSegmentMpls label: " << label);
    const Mpls::LFib::Route* found = mplsStatus_->lfibRoute(Mpls::RouteKey::fromLabel(label));
    const Mpls::LFib::Route route = found ? *found : Mpls::LFib::Route();
    if (route == Mpls::LFib::Route() || skipMplsRouteForResolution(route)) return nullptr;
@@ -44,15 +45,15 @@ SegmentResolver::resolveSegmentMpls(Ipkit::MplsLabel label) const {
 Mox::Ptr<const SegmentResolveResult>
 SegmentResolver::resolveSegmentMplsOnLfibRoute(Ipkit::MplsLabel label,
                                                const Mpls::LFib::Route& route) const {
-   SRTE_TRACE(7, "resolveSegmentMplsOnLfibRoute label: " << label);
+   SRTE_TRACE_TO(tracer_, 7, "resolveSegmentMplsOnLfibRoute label: " << label);
    if (skipMplsRouteForResolution(route)) return nullptr;
    return Mox::make<SegmentResolveResult>(route.adjKey);
 }
 
 bool SegmentResolver::skipMplsRouteForResolution(const Mpls::LFib::Route& route) const {
-   SRTE_TRACE(8, "skipMplsRouteForResolution " << route.key.topLabel());
+   SRTE_TRACE_TO(tracer_, 8, "skipMplsRouteForResolution " << route.key.topLabel());
    if (route.type == Mpls::LFib::RouteType::pseudowire) {
-      SRTE_TRACE(7, "Skipping resolution via pseudowire");
+      SRTE_TRACE_TO(tracer_, 7, "Skipping resolution via pseudowire");
       return true;
    }
    if (route.adjKey.type() != Mpls::AdjacencyType::nexthop) return false;
@@ -61,11 +62,11 @@ bool SegmentResolver::skipMplsRouteForResolution(const Mpls::LFib::Route& route)
    const Mpls::ViaSet vias = found ? *found : Mpls::ViaSet();
    for (const Mpls::Via& via : vias) {
       if (Ipkit::FecIdIntfId::isNexthopGroupIdIntfId(via.intfId)) {
-         SRTE_TRACE2(7, "Skipping resolution via NHG", "Skipping resolution via nhg");
+         SRTE_TRACE2_TO(tracer_, 7, "Skipping resolution via NHG", "Skipping resolution via nhg");
          return true;
       }
       if (Ipkit::DynamicTunnelIntfId::isDynamicTunnelIntfId(via.intfId)) {
-         SRTE_TRACE(7, "Skipping resolution via dynamic tunnel");
+         SRTE_TRACE_TO(tracer_, 7, "Skipping resolution via dynamic tunnel");
          return true;
       }
    }

@@ -16,6 +16,7 @@
 
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
+#include "platform/Trace.h"
 #include "segment/SrTePolicySegment.h"
 
 namespace SrTePolicy {
@@ -85,8 +86,10 @@ class SegmentStatus : public Mox::Entity {
 
 class SegmentResolver : public Mox::Entity {
  public:
-   explicit SegmentResolver(Mox::Ptr<const Mpls::Status> mplsStatus)
-       : mplsStatus_(std::move(mplsStatus)) {}
+   // `tracer` defaults to the process tracer.
+   explicit SegmentResolver(Mox::Ptr<const Mpls::Status> mplsStatus,
+                            Trace::Tracer* tracer = nullptr)
+       : mplsStatus_(std::move(mplsStatus)), tracer_(tracer ? tracer : &Trace::processTracer) {}
    const Mpls::Status& mplsStatus() const noexcept { return *mplsStatus_; }
 
    // Looks the label's route up; null when there is none or it is refused.
@@ -99,8 +102,10 @@ class SegmentResolver : public Mox::Entity {
 
  private:
    Mox::Ptr<const Mpls::Status> mplsStatus_;
+   Trace::Tracer* tracer_;
 };
 
-Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus);
+Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus,
+                                                 Trace::Tracer* tracer = nullptr);
 
 } // namespace SrTePolicy

@@ -27,7 +27,8 @@ class SegmentSm::MoxMplsStatus : public Mpls::Status::Notifiee {
    SegmentSm& sm_;
 };
 
-SegmentSm::SegmentSm(const Inputs& inputs) : in_(inputs) {
+SegmentSm::SegmentSm(const Inputs& inputs)
+    : in_(inputs), tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
    moxSegment_ = std::make_unique<MoxSegment>(*this);
    moxSegment_->notifierIs(in_.notifyingSegment.get());
    moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this);
@@ -52,7 +53,7 @@ size_t SegmentSm::adjacencyUserCount(Mpls::AdjacencyIndex index) const {
 
 void SegmentSm::handleInitialized() {
    initialized_ = true;
-   SRTE_TRACE(3, "SegmentSm handleInitialized");
+   SRTE_TRACE_TO(tracer_, 3, "SegmentSm handleInitialized");
    handleLFibRoute();
 }
 
@@ -70,7 +71,7 @@ void SegmentSm::handleLFibRoute() {
 
 void SegmentSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
    if (!initialized_) return;
-   SRTE_TRACE(7, "handleLFibRoute label: " << routeKey.topLabel());
+   SRTE_TRACE_TO(tracer_, 7, "handleLFibRoute label: " << routeKey.topLabel());
    Mox::Ptr<SegmentMplsLabel> segment =
        in_.coreDedupTables->segDedupTablePtr()->lookupByLabel(routeKey.topLabel());
    if (!segment) return;
@@ -87,12 +88,12 @@ void SegmentSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
 void SegmentSm::handleSegment(const Mox::Ptr<SegmentLifeTimeNotifier>& notifier) {
    if (!initialized_) return;
    const SegmentBase& segment = *notifier->segmentRawPtr();
-   SRTE_TRACE(7, "handleSegment segment: " << segment.stringValue());
+   SRTE_TRACE_TO(tracer_, 7, "handleSegment segment: " << segment.stringValue());
    if (in_.notifyingSegment->segmentNotifierHas(notifier)) {
       resolveAndUpdateSegmentStatus(segment);
       return;
    }
-   SRTE_TRACE2(7, "Deleting Segment", "Deleting segment");
+   SRTE_TRACE2_TO(tracer_, 7, "Deleting Segment", "Deleting segment");
    untrackRoute(segment.segmentId());
    in_.segmentStatus->statusDel(segment.segmentId());
 }
@@ -101,7 +102,8 @@ void SegmentSm::handleAdjacency(Mpls::AdjacencyIndex index) {
    if (!initialized_) return;
    auto it = adjacencyUsers_.find(index);
    if (it == adjacencyUsers_.end()) return;
-   SRTE_TRACE(7, "handleAdjacency index: " << index << " segments: " << it->second.size());
+   SRTE_TRACE_TO(tracer_, 7,
+                 "handleAdjacency index: " << index << " segments: " << it->second.size());
    // Re-resolution keeps each segment under the same index, but take a copy all the same.
    std::vector<std::pair<SegmentId, Ipkit::MplsLabel>> users(it->second.begin(), it->second.end());
    for (const auto& [id, label] : users) {

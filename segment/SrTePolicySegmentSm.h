@@ -24,6 +24,7 @@
 
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
+#include "platform/Trace.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentResolver.h"
 
@@ -37,6 +38,8 @@ class SegmentSm : public Mox::RefCounted {
       Mox::Ptr<SegmentStatus> segmentStatus;
       Mox::Ptr<const CoreDedupTables> coreDedupTables;
       Mox::Ptr<const SegmentResolver> segmentResolver;
+      // Defaults to the process tracer; an assembly gives its own.
+      Trace::Tracer* tracer = nullptr;
    };
 
    explicit SegmentSm(const Inputs& inputs);
@@ -64,6 +67,7 @@ class SegmentSm : public Mox::RefCounted {
    void untrackRoute(SegmentId id);
 
    Inputs in_;
+   Trace::Tracer* tracer_;
    bool initialized_ = false;
    // segment -> (adjacency index, label) and adjacency index -> segment -> label.
    struct Tracked {

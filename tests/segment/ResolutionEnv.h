@@ -58,7 +58,7 @@ struct ResolutionEnv {
                                 .segmentStatus = segmentStatus,
                                 .segmentListStatus = listStatus,
                                 .tunnelTable = tunnels,
-                                .scheduler = scheduler,
+                                .scheduler = scheduler.get(),
                                 .mplsStatus = mpls,
                                 .segmentIdToSegmentList = segmentMap,
                                 .coreDedupTables = dedup,

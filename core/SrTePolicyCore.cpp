@@ -1,0 +1,132 @@
+#include "core/SrTePolicyCore.h"
+
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+RouterTables StandaloneRouter::tables(Kiln::TaskScheduler& scheduler) const {
+   return RouterTables{
+       .config = config,
+       .status = status,
+       .colorDscpMap = colorDscpMap,
+       .input = input,
+       .mplsConfig = mplsConfig,
+       .mplsStatus = mplsStatus,
+       .hardwareStatus = hardwareStatus,
+       .counterTable = counterTable,
+       .scheduler = &scheduler,
+       .attrLog = attrLog,
+   };
+}
+
+PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
+    : router_(std::move(router)), published_(std::move(published)) {
+   SRTE_ASSERT(router_.config && router_.status && router_.colorDscpMap && router_.input &&
+                   router_.mplsConfig && router_.mplsStatus && router_.hardwareStatus &&
+                   router_.counterTable && router_.scheduler && router_.attrLog,
+               "PolicyCore needs every router table");
+   // A caller may hand in only some published tables (those found in shared memory).
+   PublishedTables made;
+   if (!published_.policySelectionInput) {
+      published_.policySelectionInput = made.policySelectionInput;
+   }
+   if (!published_.exportedSegmentListColl) {
+      published_.exportedSegmentListColl = made.exportedSegmentListColl;
+   }
+   if (!published_.segmentListStatus) published_.segmentListStatus = made.segmentListStatus;
+   if (!published_.tunnelTable) published_.tunnelTable = made.tunnelTable;
+   syslog_.sinkIs(&capture_);
+}
+
+PolicyCore::~PolicyCore() { stop(); }
+
+void PolicyCore::start() {
+   if (machines_) return;
+   // An entity exists before any machine that is given it.
+   entities_ = std::make_unique<ProcessEntities>();
+   machines_ = std::make_unique<Machines>();
+   buildMachines();
+}
+
+// The construction order. Resolution comes before input gathering, so that what the input
+// deduplicates is resolved as it appears. Machines still to come take their places as the Machines
+// struct lists them: selection, publishing, binding-SID LFIB generation and tunnel map export after
+// input gathering.
+void PolicyCore::buildMachines() {
+   Machines& m = *machines_;
+   const ProcessEntities& e = *entities_;
+
+   m.segmentResolver = segmentResolverFactory(router_.mplsStatus, &tracer_);
+   m.segmentSm = segmentSmFactory({
+       .notifyingSegment = e.coreDedupTables->notifyingSegmentCollection(),
+       .mplsStatus = router_.mplsStatus,
+       .segmentStatus = e.segmentStatus,
+       .coreDedupTables = e.coreDedupTables,
+       .segmentResolver = m.segmentResolver,
+       .tracer = &tracer_,
+   });
+   m.segmentListSm = segmentListSmFactory({
+       .notifyingSegmentList = e.coreDedupTables->notifyingSegmentListCollection(),
+       .segmentStatus = e.segmentStatus,
+       .segmentListStatus = published_.segmentListStatus,
+       .tunnelTable = published_.tunnelTable,
+       .scheduler = router_.scheduler,
+       .mplsStatus = router_.mplsStatus,
+       .segmentIdToSegmentList = e.segmentMap,
+       .coreDedupTables = e.coreDedupTables,
+       .routingHwStatus = router_.hardwareStatus,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
+   m.policyInputSm = policyInputSmFactory({
+       .config = router_.config,
+       .input = router_.input,
+       .mplsConfig = router_.mplsConfig,
+       .mplsStatus = router_.mplsStatus,
+       .policySelectionInput = published_.policySelectionInput,
+       .coreDedupTables = e.coreDedupTables,
+       .segListMap = e.segListMap,
+       .segmentMap = e.segmentMap,
+       .policyKeyToIdMap = e.policyKeyToIdMap,
+       .exportedSegmentListColl = published_.exportedSegmentListColl,
+       .scheduler = router_.scheduler,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
+}
+
+void PolicyCore::stop() {
+   // Members of Machines die in reverse declaration order, the last built first; then the
+   // entities they were given.
+   machines_.reset();
+   entities_.reset();
+}
+
+const ProcessEntities& PolicyCore::entities() const {
+   SRTE_ASSERT(entities_, "PolicyCore is not started");
+   return *entities_;
+}
+
+const Mox::Ptr<SegmentResolver>& PolicyCore::segmentResolver() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentResolver;
+}
+
+const Mox::Ptr<SegmentSm>& PolicyCore::segmentSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentSm;
+}
+
+const Mox::Ptr<SegmentListSm>& PolicyCore::segmentListSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentListSm;
+}
+
+const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->policyInputSm;
+}
+
+} // namespace SrTePolicy
