@@ -131,18 +131,4 @@ TEST(SegmentSm, FollowsTheLfibAndKeepsAnEntryWhoseRouteMovesToAnotherAdjacency) 
    EXPECT_TRUE(env.segmentStatus->status().empty());
 }
 
-TEST(SegmentSm, StartsWithOneFullPassAndRefusesNullEntries) {
-   ResolutionEnv env;
-   env.stop();
-   env.mpls->adjacencyIs(1, {via("10.0.0.2", "Ethernet1", Action::swap, 16001)});
-   env.route(16001, 1);
-   env.route(16002, 1);
-   env.start({{16001}, {16002, 16003}});
-   EXPECT_NE(env.resolve(16001), nullptr);
-   EXPECT_NE(env.resolve(16002), nullptr);
-   EXPECT_EQ(env.resolve(16003), nullptr);
-   EXPECT_THROW(env.segmentStatus->statusIs(nullptr), std::invalid_argument);
-   EXPECT_EQ(env.segmentStatus->status().size(), 2u);
-}
-
 } // namespace
