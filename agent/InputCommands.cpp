@@ -101,6 +101,23 @@ Show::View selectionInput(Host& host) {
 
 // ---- segments and segment lists
 
+Json::Value adjKeyJson(const Mpls::AdjacencyKey& k) {
+   Json::Value row = Json::Value::row();
+   row.set("index", uint64_t{k.index()});
+   const char* name = k.type() == Mpls::AdjacencyType::nexthop       ? "nexthop"
+                      : k.type() == Mpls::AdjacencyType::externalFec ? "externalFec"
+                                                                     : "";
+   Show::enumIs(row, "type", k.type(), name);
+   return row;
+}
+
+// Where a segment resolves: its adjacency, or "unresolved".
+Cell resolutionCell(const ProcessEntities& core, SegmentId id) {
+   const SegmentResolve* r = core.segmentStatus->status(id);
+   if (!r) return Show::cell("unresolved", Json::Value::null());
+   return Show::cell("adjacency " + r->adjKey().stringValue(), adjKeyJson(r->adjKey()));
+}
+
 std::vector<const SegmentMplsLabel*> segmentsById(const ProcessEntities& core) {
    std::vector<const SegmentMplsLabel*> out;
    for (const auto& n : core.coreDedupTables->notifyingSegmentCollection()->segmentNotifier()) {
@@ -122,12 +139,14 @@ Show::View segments(Host& host) {
    Show::Table t({{"Id", "segmentId"},
                   {"Type", "type", ColumnKind::enumeration},
                   {"Label", "label"},
-                  {"Segment lists", "segmentLists"}});
+                  {"Segment lists", "segmentLists"},
+                  {"Resolution", "adjKey"}});
    for (const SegmentMplsLabel* s : segments) {
       t.rowIs({Show::number(s->segmentId().value),
                Show::enumerated(s->type(), segmentTypeName(s->type())),
                Show::cell(s->label().stringValue(), Json::Value::label(s->label())),
-               Show::number(listsUsing(core, s->segmentId()))});
+               Show::number(listsUsing(core, s->segmentId())),
+               resolutionCell(core, s->segmentId())});
    }
    return Show::View()
        .lineIs(
@@ -152,22 +171,53 @@ std::vector<PolicyId> usersOf(const ProcessEntities& core, SegmentListId id) {
    return user ? Mox::sortedKeys(user->policyId()) : std::vector<PolicyId>{};
 }
 
+// A list's resolution status, or "unresolved" (JSON null) when it has none.
+Cell listStatusCell(const PublishedTables& published, SegmentListId id) {
+   const SegmentListResolveError* e = published.segmentListStatus->status(id);
+   if (!e) return Show::cell("unresolved", Json::Value::null());
+   return Show::enumerated(*e, segmentListResolveErrorName(*e));
+}
+
+// The tunnel entry's vias as "10.0.0.2 Ethernet1 push 16001 900", top label first.
+Cell listViasCell(const PublishedTables& published, SegmentListId id) {
+   std::vector<Cell> vias;
+   if (const auto* entry = published.tunnelTable->entry(id.getTunnelId())) {
+      for (const auto& [index, v] : entry->via()) {
+         vias.push_back(Show::cell(v.nexthop.stringValue() + " " + v.intfId.stringValue() + " " +
+                                       Show::impositionText(v.labelOp),
+                                   Json::Value::row()
+                                       .set("nexthop", Json::Value::address(v.nexthop))
+                                       .set("intfId", v.intfId.stringValue())
+                                       .set("labels", Show::impositionJson(v.labelOp))));
+      }
+   }
+   return Show::list(std::move(vias));
+}
+
 Show::View segmentLists(Host& host) {
    const ProcessEntities& core = host.core().entities();
+   const PublishedTables& published = host.core().published();
    auto lists = segmentListsById(core);
-   Show::Table t(
-       {{"Id", "segmentListId"}, {"Labels", "labels"}, {"", "segmentIds"}, {"Tunnel", "tunnelId"}},
-       {Show::Level{{{"Used by", "", ColumnKind::members}}, "policyIds"}});
+   Show::Table t({{"Id", "segmentListId"},
+                  {"Labels", "labels"},
+                  {"", "segmentIds"},
+                  {"Tunnel", "tunnelId"},
+                  {"Used by", "policyIds", ColumnKind::list},
+                  {"Status", "status", ColumnKind::enumeration},
+                  {"Vias (top label first)", "vias", ColumnKind::list}});
    for (const SegmentList* l : lists) {
       Json::Value ids = Json::Value::inlineArray();
       for (uint32_t i = 0; i < l->size(); ++i)
          ids.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
       const SegmentListId id = l->segmentListId();
-      auto& row = t.rowIs({Show::cell(id.stringValue(), Json::Value::number(uint64_t{id.value})),
-                           Show::labelStack(l->labelStack()), Show::cell("", std::move(ids)),
-                           Show::cell(id.getTunnelId().stringValue(),
-                                      Json::Value::number(id.getTunnelId().value))});
-      for (const PolicyId& p : usersOf(core, id)) row.lineIs({policyIdCell(p)});
+      std::vector<Cell> users;
+      for (const PolicyId& p : usersOf(core, id)) users.push_back(policyIdCell(p));
+      t.rowIs(
+          {Show::cell(id.stringValue(), Json::Value::number(uint64_t{id.value})),
+           Show::labelStack(l->labelStack()), Show::cell("", std::move(ids)),
+           Show::cell(id.getTunnelId().stringValue(), Json::Value::number(id.getTunnelId().value)),
+           Show::list(std::move(users)), listStatusCell(published, id),
+           listViasCell(published, id)});
    }
    return Show::View()
        .lineIs(Mox::format(
@@ -224,8 +274,9 @@ void registerInput(Host& host) {
                [&host] { return selectionInput(host); });
    host.showIs("bsid-users", "binding SID users and availability",
                [&host] { return bsidUsers(host); });
-   host.showIs("segments", "canonical segments with ids", [&host] { return segments(host); });
-   host.showIs("segment-lists", "canonical segment lists: id, labels, tunnel, users",
+   host.showIs("segments", "canonical segments with ids and their resolution",
+               [&host] { return segments(host); });
+   host.showIs("segment-lists", "canonical segment lists: id, labels, tunnel, users, status, vias",
                [&host] { return segmentLists(host); });
    host.showIs("exported-segment-lists", "the exported segment lists (label stack by id)",
                [&host] { return exported(host); });

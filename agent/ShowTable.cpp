@@ -1,5 +1,7 @@
 #include "agent/ShowTable.h"
 
+#include <algorithm>
+
 #include "platform/Assert.h"
 
 namespace Show {
@@ -11,18 +13,26 @@ void memberIs(Json::Value& row, const std::string& key, ColumnKind kind, const C
       return;
    case ColumnKind::enumeration:
       row.set(key, c.json);
-      // A value without a name of its own reads as its number: no second member.
-      if (!c.text.empty() && c.text != c.json.text()) row.set(key + "Name", c.text);
+      // A value without a name of its own reads as its number, and an absent one has no name.
+      if (c.json.kind() == Json::Value::Kind::number && !c.text.empty() && c.text != c.json.text())
+         row.set(key + "Name", c.text);
       return;
    case ColumnKind::members:
       for (const auto& [k, v] : c.json.members()) row.set(k, v);
       return;
+   case ColumnKind::list: {
+      Json::Value items = Json::Value::inlineArray();
+      for (const Cell& i : c.items) items.push(i.json);
+      row.set(key, std::move(items));
+      return;
+   }
    }
 }
 
 namespace {
 bool readable(const Column& c) { return !c.header.empty(); }
 bool inJson(const Column& c) { return !c.key.empty() || c.kind == ColumnKind::members; }
+
 } // namespace
 
 Table::Table(std::vector<Column> columns, std::vector<Level> below) {
@@ -32,22 +42,35 @@ Table::Table(std::vector<Column> columns, std::vector<Level> below) {
 
 void Table::lines(TextTable& t, std::vector<std::string>& prefix, const Row& row, size_t level,
                   bool& first) const {
-   std::vector<std::string> cells = prefix;
-   const auto& columns = levels_[level].columns;
-   for (size_t i = 0; i < columns.size(); ++i) {
-      if (readable(columns[i])) cells.push_back(i < row.cells.size() ? row.cells[i].text : "");
-   }
    auto emit = [&](std::vector<std::string> line) {
       first ? t.rowIs(std::move(line)) : t.continuationIs(std::move(line));
       first = false;
    };
-   if (level + 1 == levels_.size()) {
-      emit(std::move(cells));
-      return;
+   const auto& columns = levels_[level].columns;
+   // A row spans as many lines as its longest list.
+   size_t span = 1;
+   for (size_t i = 0; i < columns.size() && i < row.cells.size(); ++i) {
+      if (columns[i].kind == ColumnKind::list) span = std::max(span, row.cells[i].items.size());
    }
+   std::vector<std::string> cells;
+   for (size_t line = 0; line < span; ++line) {
+      cells = line ? std::vector<std::string>(prefix.size()) : prefix;
+      for (size_t i = 0; i < columns.size(); ++i) {
+         if (!readable(columns[i])) continue;
+         const Cell* c = i < row.cells.size() ? &row.cells[i] : nullptr;
+         if (c && columns[i].kind == ColumnKind::list) {
+            cells.push_back(line < c->items.size() ? c->items[line].text : "");
+         } else {
+            cells.push_back(c && line == 0 ? c->text : "");
+         }
+      }
+      if (level + 1 < levels_.size()) break;
+      emit(cells);
+   }
+   if (level + 1 == levels_.size()) return;
+   SRTE_ASSERT(span == 1, "A list column belongs to the last level of a table");
    const Level& next = levels_[level + 1];
    if (row.lines.empty()) {
-      if (next.key.empty()) return;
       size_t j = 0;
       for (const auto& c : next.columns) {
          if (!readable(c)) continue;

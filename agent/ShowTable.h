@@ -10,22 +10,24 @@
 // Columns. A column has a readable header and a JSON key; a column without a header is JSON only,
 // one without a key is readable only. A cell holds both forms of one value (Cell below); the
 // column's kind says how the JSON form joins its row: as the member `key` (value), as `key` plus
-// `key`"Name" with the readable name unless the name is just the number (enumeration), or as the
-// members of the cell's JSON object spliced into the row (members).
+// `key`"Name" with the readable name unless the name is just the number (enumeration), as the
+// members of the cell's JSON object spliced into the row (members), or, for a cell that holds a
+// list (Show::list), as an inline array of its items under `key`, readable one item per line
+// (list; only in the last level).
 //
 // Levels. An entry (a row of level 0) may hold lines of the next level (its segment lists, ...),
 // and those lines lines of the level after. Readable, the entry's first line carries its cells
 // and the cells of its first line at each level; every further line is a continuation: the cells
-// of the levels above stay blank. In JSON a level with a key is nested: the row gets `key` with
-// an inline array of its lines' rows; a level without a key is flat: each of its lines is a JSON
-// row of its own that begins with the members of the rows above it, and an entry without lines
-// shows in neither form. A nested entry without lines still prints one readable line, with the
-// level's `none` texts (default "-") in the columns of the lines.
+// of the levels above stay blank. A row without lines still prints one readable line, with the
+// next level's `none` texts (default "-") in its columns. In JSON a level with a key is nested:
+// the row gets `key` with an inline array of its lines' rows; a level without a key is flat: each
+// of its lines is a JSON row of its own that begins with the members of the rows above it, so a
+// row without lines has no JSON row.
 //
 // Guarantees, each checked by tests/agent/ShowOutputTest.cpp:
 //  - the readable layout is TextTable's: an empty cell prints "-" on an entry's first line and
 //    stays blank on continuation lines, and no line ends in a blank;
-//  - a JSON row lists its members in column order, the nested array after the row's own members;
+//  - a JSON row lists its members in column order, a nested array after the row's own members;
 //  - a table's JSON is an array with one inline row per entry (per line, for a flat level).
 #pragma once
 
@@ -44,41 +46,45 @@ namespace Show {
 struct Cell {
    std::string text;
    Json::Value json;
+   std::vector<Cell> items; // a list column's items, one per readable line
 };
 
+// A list column's cell.
+inline Cell list(std::vector<Cell> items) { return Cell{{}, {}, std::move(items)}; }
+
 inline Cell cell(std::string text, Json::Value json) {
-   return Cell{std::move(text), std::move(json)};
+   return Cell{std::move(text), std::move(json), {}};
 }
 // Readable only (a column without a JSON key).
-inline Cell text(std::string s) { return Cell{std::move(s), Json::Value()}; }
+inline Cell text(std::string s) { return Cell{std::move(s), Json::Value(), {}}; }
 // The same words in both forms.
 inline Cell string(std::string s) {
    Json::Value j = Json::Value::string(s);
-   return Cell{std::move(s), std::move(j)};
+   return Cell{std::move(s), std::move(j), {}};
 }
-inline Cell number(uint64_t n) { return Cell{std::to_string(n), Json::Value::number(n)}; }
+inline Cell number(uint64_t n) { return Cell{std::to_string(n), Json::Value::number(n), {}}; }
 // "none" and JSON null for the null label.
-inline Cell label(Ipkit::MplsLabel l) { return Cell{labelText(l), Json::Value::label(l)}; }
+inline Cell label(Ipkit::MplsLabel l) { return Cell{labelText(l), Json::Value::label(l), {}}; }
 inline Cell address(const Ipkit::IpGenAddr& a) { return string(a.stringValue()); }
 inline Cell labelStack(const Ipkit::MplsLabelOperation& op) {
-   return Cell{labelStackText(op), labelStackJson(op)};
+   return Cell{labelStackText(op), labelStackJson(op), {}};
 }
 inline Cell seconds(double s) {
    Json::Value j = Json::Value::number(s);
    std::string t = j.text();
-   return Cell{std::move(t), std::move(j)};
+   return Cell{std::move(t), std::move(j), {}};
 }
 // A yes/no word that is a JSON boolean.
 inline Cell flag(bool b, const char* yes, const char* no) {
-   return Cell{b ? yes : no, Json::Value::boolean(b)};
+   return Cell{b ? yes : no, Json::Value::boolean(b), {}};
 }
 // An enumeration for a column of kind enumeration: its name readable, its number in JSON.
 template <class E>
 Cell enumerated(E value, std::string name) {
-   return Cell{std::move(name), Json::Value::number(uint64_t{static_cast<uint32_t>(value)})};
+   return Cell{std::move(name), Json::Value::number(uint64_t{static_cast<uint32_t>(value)}), {}};
 }
 
-enum class ColumnKind : uint8_t { value, enumeration, members };
+enum class ColumnKind : uint8_t { value, enumeration, members, list };
 
 struct Column {
    std::string header; // readable; empty: JSON only

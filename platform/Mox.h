@@ -295,6 +295,18 @@ class Entity : public RefCounted {
       notify(handler, key);
       return true;
    }
+   // Create-or-return: the value of `key`, made by `make()` and notified only when it is new. The
+   // reference lasts until the collection next changes (values held by pointer outlive that).
+   template <class M, class K, class F, class N>
+   const typename M::mapped_type& collIsNew(M& map, const K& key, F&& make,
+                                            void (N::*handler)(const K&)) {
+      auto it = map.find(key);
+      if (it != map.end()) return it->second;
+      map.try_emplace(key, make());
+      // Reactors run before the caller sees the value; none may change this entity meanwhile.
+      notify(handler, key);
+      return map.find(key)->second;
+   }
    template <class S, class K, class N>
    bool setIs(S& set, const K& key, void (N::*handler)(const K&)) {
       if (!set.insert(key).second) return false;
@@ -352,6 +364,32 @@ class Entity : public RefCounted {
    void compactReactors();
 
    std::unique_ptr<Reactors> reactors_;
+};
+
+// A reactor that forwards to its owner. A machine's nested reactor classes derive from it and
+// override just the handlers they use, each calling one member function of the machine:
+//
+//   class PolicyInputSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyInputSm> {
+//      using Reactor::Reactor;
+//      void onTaskRun() override { owner().handleTaskRun(); }
+//   };
+//   moxTask_ = std::make_unique<MoxTask>(*this, task_);   // bound at once
+//
+// It adds one reference and no virtual call of its own: a handler is the Notifiee's virtual.
+template <class N, class Owner>
+class Reactor : public N {
+ public:
+   explicit Reactor(Owner& owner) noexcept : owner_(owner) {}
+   template <class E>
+   Reactor(Owner& owner, E&& notifier) : owner_(owner) {
+      this->notifierIs(std::forward<E>(notifier));
+   }
+
+ protected:
+   Owner& owner() const noexcept { return owner_; }
+
+ private:
+   Owner& owner_;
 };
 
 // Iterates a collection's keys while the body may insert or remove members: the keys are taken

@@ -236,3 +236,63 @@ TEST(MoxDeathTest, ChangingAnEntityInsideItsOwnDeliveryAbortsInDebugBuilds) {
 }
 
 } // namespace
+
+// The helpers a new entity or machine declares itself with.
+class Registry : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<Registry> {
+    public:
+      virtual void onThing(const int&) {}
+   };
+   Thing* thingIs(int k) {
+      return collIsNew(
+                 thing_, k, [] { return Mox::make<Thing>(); }, &Notifiee::onThing)
+          .get();
+   }
+   const Mox::HashMap2018<int, Mox::Ptr<Thing>>& thing() const { return thing_; }
+
+ private:
+   Mox::HashMap2018<int, Mox::Ptr<Thing>> thing_;
+};
+
+struct Owner {
+   std::string seen;
+   void handleThing(int k) { seen += "t" + std::to_string(k); }
+   void handleColor() { seen += "c"; }
+   struct MoxRegistry : Mox::Reactor<Registry::Notifiee, Owner> {
+      using Reactor::Reactor;
+      void onThing(const int& k) override { owner().handleThing(k); }
+   };
+   struct MoxThing : Mox::Reactor<Thing::Notifiee, Owner> {
+      using Reactor::Reactor;
+      void onColor() override { owner().handleColor(); }
+   };
+};
+
+TEST(Mox, CreateOrReturnNotifiesOnceAndForwardingReactorsBindAtConstruction) {
+   auto r = Mox::make<Registry>();
+   Owner owner;
+   Owner::MoxRegistry reactor(owner, r);
+   EXPECT_EQ(reactor.notifier(), r.get());
+   Thing* made = r->thingIs(4);
+   EXPECT_EQ(r->thingIs(4), made); // returned, not made again: no second notification
+   r->thingIs(2);
+   EXPECT_EQ(owner.seen, "t4t2");
+   {
+      Owner::MoxThing watcher(owner, made);
+      made->colorIs(1);
+   }
+   made->colorIs(2); // the reactor went away with its scope
+   EXPECT_EQ(owner.seen, "t4t2c");
+}
+
+TEST(Mox, SortedKeysAndMembersFollowKeyOrderWhateverTheHashOrder) {
+   Mox::HashMap2018<int, std::string> m;
+   for (int k : {42, 7, 1000, -3, 19}) m[k] = std::to_string(k);
+   EXPECT_EQ(Mox::sortedKeys(m), (std::vector<int>{-3, 7, 19, 42, 1000}));
+   std::string values;
+   for (const auto* kv : Mox::sortedMembers(m)) values += kv->second + " ";
+   EXPECT_EQ(values, "-3 7 19 42 1000 ");
+   Mox::HashSet<int> s{5, 1, 3};
+   EXPECT_EQ(Mox::sortedKeys(s), (std::vector<int>{1, 3, 5}));
+}
