@@ -6,48 +6,45 @@ namespace Agent {
 
 using namespace SrTePolicy;
 
-class StaticInputWriter::MoxConfig : public Config::Notifiee {
+class StaticInputWriter::MoxConfig : public Mox::Reactor<Config::Notifiee, StaticInputWriter> {
  public:
-   explicit MoxConfig(StaticInputWriter& w) : w_(w) {}
-   void onPolicy(const PolicyKey& key) override { w_.policyChanged(key); }
-   void onPolicy() override { w_.allPoliciesChanged(); }
-
- private:
-   StaticInputWriter& w_;
+   using Reactor::Reactor;
+   void onPolicy(const PolicyKey& key) override { owner().policyChanged(key); }
+   void onPolicy() override { owner().allPoliciesChanged(); }
 };
 
-class StaticInputWriter::MoxInputSource : public PolicyInputSource::Notifiee {
+class StaticInputWriter::MoxInputSource
+    : public Mox::Reactor<PolicyInputSource::Notifiee, StaticInputWriter> {
  public:
-   explicit MoxInputSource(StaticInputWriter& w) : w_(w) {}
+   using Reactor::Reactor;
    void onPolicyInput(const Protocol& p) override {
-      if (p == StaticInputWriter::protocol) w_.tableChanged();
+      if (p == StaticInputWriter::protocol) owner().tableChanged();
    }
-   void onPolicyInput() override { w_.tableChanged(); }
-
- private:
-   StaticInputWriter& w_;
+   void onPolicyInput() override { owner().tableChanged(); }
 };
 
-class StaticInputWriter::MoxStaticPolicy : public StaticPolicy::Notifiee {
+class StaticInputWriter::MoxStaticPolicy
+    : public Mox::Reactor<StaticPolicy::Notifiee, StaticInputWriter> {
  public:
-   MoxStaticPolicy(StaticInputWriter& w, const PolicyKey& key) : w_(w), key_(key) {}
-   void onBindingSid() override { w_.policyChanged(key_); }
-   void onCandidatePath(const Preference&) override { w_.policyChanged(key_); }
-   void onCandidatePath() override { w_.policyChanged(key_); }
+   MoxStaticPolicy(StaticInputWriter& w, const PolicyKey& key) : Reactor(w), key_(key) {}
+   void onBindingSid() override { owner().policyChanged(key_); }
+   void onCandidatePath(const Preference&) override { owner().policyChanged(key_); }
+   void onCandidatePath() override { owner().policyChanged(key_); }
 
  private:
-   StaticInputWriter& w_;
    PolicyKey key_;
 };
 
-class StaticInputWriter::MoxCandidatePath : public CandidatePath::Notifiee {
+class StaticInputWriter::MoxCandidatePath
+    : public Mox::Reactor<CandidatePath::Notifiee, StaticInputWriter> {
  public:
-   MoxCandidatePath(StaticInputWriter& w, const PolicyKey& key) : w_(w), key_(key) {}
-   void onStaticSegmentList(const Ipkit::MplsLabelOperation&) override { w_.policyChanged(key_); }
-   void onStaticSegmentList() override { w_.policyChanged(key_); }
+   MoxCandidatePath(StaticInputWriter& w, const PolicyKey& key) : Reactor(w), key_(key) {}
+   void onStaticSegmentList(const Ipkit::MplsLabelOperation&) override {
+      owner().policyChanged(key_);
+   }
+   void onStaticSegmentList() override { owner().policyChanged(key_); }
 
  private:
-   StaticInputWriter& w_;
    PolicyKey key_;
 };
 
@@ -57,10 +54,8 @@ StaticInputWriter::PolicyWatch::~PolicyWatch() = default;
 
 StaticInputWriter::StaticInputWriter(const Mox::Ptr<Config>& config,
                                      const Mox::Ptr<PolicyInputSource>& source)
-    : config_(config), source_(source), moxConfig_(std::make_unique<MoxConfig>(*this)),
-      moxInputSource_(std::make_unique<MoxInputSource>(*this)) {
-   moxConfig_->notifierIs(config_);
-   moxInputSource_->notifierIs(source_);
+    : config_(config), source_(source), moxConfig_(std::make_unique<MoxConfig>(*this, config_)),
+      moxInputSource_(std::make_unique<MoxInputSource>(*this, source_)) {
    allPoliciesChanged();
    tableChanged();
 }

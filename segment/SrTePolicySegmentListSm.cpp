@@ -38,84 +38,70 @@ std::string listText(const SegmentList& list) {
 // ---------------------------------------------------------------------------------------------
 // Reactors: each forwards to one handler.
 
-class SegmentListSm::MoxSegmentList : public NotifyingSegmentListCollection::Notifiee {
+class SegmentListSm::MoxSegmentList
+    : public Mox::Reactor<NotifyingSegmentListCollection::Notifiee, SegmentListSm> {
  public:
-   explicit MoxSegmentList(SegmentListSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
-      sm_.handleSegmentList(n);
+      owner().handleSegmentList(n);
    }
-
- private:
-   SegmentListSm& sm_;
 };
 
-class SegmentListSm::MoxSegmentStatus : public SegmentStatus::Notifiee {
+class SegmentListSm::MoxSegmentStatus
+    : public Mox::Reactor<SegmentStatus::Notifiee, SegmentListSm> {
  public:
-   explicit MoxSegmentStatus(SegmentListSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onStatus(const SegmentId& id) override {
-      if (!sm_.initialized_) return;
-      if (sm_.in_.segmentStatus->status(id)) {
-         sm_.watchStatus(id);
+      if (!owner().initialized_) return;
+      if (owner().in_.segmentStatus->status(id)) {
+         owner().watchStatus(id);
       } else {
-         sm_.unwatchStatus(id);
+         owner().unwatchStatus(id);
       }
-      sm_.handleSegmentStatus(id);
+      owner().handleSegmentStatus(id);
    }
-
- private:
-   SegmentListSm& sm_;
 };
 
-class SegmentListSm::MoxSegmentResolve : public SegmentResolve::Notifiee {
+class SegmentListSm::MoxSegmentResolve
+    : public Mox::Reactor<SegmentResolve::Notifiee, SegmentListSm> {
  public:
    MoxSegmentResolve(SegmentListSm& sm, SegmentResolve* resolve)
-       : sm_(sm), id_(resolve->segmentId()), adjKey_(resolve->adjKey()) {
-      notifierIs(resolve);
-   }
+       : Reactor(sm, resolve), id_(resolve->segmentId()), adjKey_(resolve->adjKey()) {}
    void onAdjKey() override {
       const Mpls::AdjacencyKey now = notifier()->adjKey();
-      sm_.adjKeyChanged(id_, adjKey_, now);
+      owner().adjKeyChanged(id_, adjKey_, now);
       adjKey_ = now;
-      sm_.handleSegmentStatus(id_);
+      owner().handleSegmentStatus(id_);
    }
    const Mpls::AdjacencyKey& adjKey() const noexcept { return adjKey_; }
 
  private:
-   SegmentListSm& sm_;
    SegmentId id_;
    Mpls::AdjacencyKey adjKey_;
 };
 
-class SegmentListSm::MoxMplsStatus : public Mpls::Status::Notifiee {
+class SegmentListSm::MoxMplsStatus : public Mox::Reactor<Mpls::Status::Notifiee, SegmentListSm> {
  public:
-   explicit MoxMplsStatus(SegmentListSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onAdjacency(const Mpls::AdjacencyIndex& index) override {
-      sm_.handleAdjacency(Mpls::AdjacencyKey(index, Mpls::AdjacencyType::nexthop));
+      owner().handleAdjacency(Mpls::AdjacencyKey(index, Mpls::AdjacencyType::nexthop));
    }
    void onAdjacencyExt(const Mpls::AdjacencyIndex& index) override {
-      sm_.handleAdjacency(Mpls::AdjacencyKey(index, Mpls::AdjacencyType::externalFec));
+      owner().handleAdjacency(Mpls::AdjacencyKey(index, Mpls::AdjacencyType::externalFec));
    }
-
- private:
-   SegmentListSm& sm_;
 };
 
-class SegmentListSm::MoxHardware : public Routing::Hardware::Status::Notifiee {
+class SegmentListSm::MoxHardware
+    : public Mox::Reactor<Routing::Hardware::Status::Notifiee, SegmentListSm> {
  public:
-   explicit MoxHardware(SegmentListSm& sm) : sm_(sm) {}
-   void onNexthopGroupMplsLabelStackSize() override { sm_.handlePlatformMaxLabelStackSize(); }
-
- private:
-   SegmentListSm& sm_;
+   using Reactor::Reactor;
+   void onNexthopGroupMplsLabelStackSize() override { owner().handlePlatformMaxLabelStackSize(); }
 };
 
-class SegmentListSm::MoxTask : public Kiln::Task::Notifiee {
+class SegmentListSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, SegmentListSm> {
  public:
-   explicit MoxTask(SegmentListSm& sm) : sm_(sm) {}
-   void onTaskRun() override { sm_.handleTaskRun(); }
-
- private:
-   SegmentListSm& sm_;
+   using Reactor::Reactor;
+   void onTaskRun() override { owner().handleTaskRun(); }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -124,15 +110,11 @@ class SegmentListSm::MoxTask : public Kiln::Task::Notifiee {
 SegmentListSm::SegmentListSm(const Inputs& inputs)
     : in_(inputs), syslog_(inputs.syslog ? inputs.syslog : &Syslog::processLog()),
       tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
-   moxSegmentList_ = std::make_unique<MoxSegmentList>(*this);
-   moxSegmentList_->notifierIs(in_.notifyingSegmentList.get());
-   moxSegmentStatus_ = std::make_unique<MoxSegmentStatus>(*this);
-   moxSegmentStatus_->notifierIs(in_.segmentStatus.get());
-   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this);
-   moxMplsStatus_->notifierIs(in_.mplsStatus.get());
+   moxSegmentList_ = std::make_unique<MoxSegmentList>(*this, in_.notifyingSegmentList.get());
+   moxSegmentStatus_ = std::make_unique<MoxSegmentStatus>(*this, in_.segmentStatus.get());
+   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());
    if (in_.routingHwStatus) {
-      moxHardware_ = std::make_unique<MoxHardware>(*this);
-      moxHardware_->notifierIs(in_.routingHwStatus.get());
+      moxHardware_ = std::make_unique<MoxHardware>(*this, in_.routingHwStatus.get());
    }
    handleInitialized();
 }
@@ -363,8 +345,7 @@ void SegmentListSm::handleInitialized() {
    }
    if (!task_) {
       task_ = Mox::make<Kiln::Task>(*in_.scheduler, taskPriority, taskName);
-      moxTask_ = std::make_unique<MoxTask>(*this);
-      moxTask_->notifierIs(task_);
+      moxTask_ = std::make_unique<MoxTask>(*this, task_);
    }
    status_.clear();
    segmentsByAdjKey_.clear();

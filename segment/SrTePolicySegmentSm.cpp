@@ -6,33 +6,25 @@
 
 namespace SrTePolicy {
 
-class SegmentSm::MoxSegment : public NotifyingSegmentCollection::Notifiee {
+class SegmentSm::MoxSegment : public Mox::Reactor<NotifyingSegmentCollection::Notifiee, SegmentSm> {
  public:
-   explicit MoxSegment(SegmentSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onSegmentNotifier(const Mox::Ptr<SegmentLifeTimeNotifier>& n) override {
-      sm_.handleSegment(n);
+      owner().handleSegment(n);
    }
-
- private:
-   SegmentSm& sm_;
 };
 
-class SegmentSm::MoxMplsStatus : public Mpls::Status::Notifiee {
+class SegmentSm::MoxMplsStatus : public Mox::Reactor<Mpls::Status::Notifiee, SegmentSm> {
  public:
-   explicit MoxMplsStatus(SegmentSm& sm) : sm_(sm) {}
-   void onLfibRoute(const Mpls::RouteKey& key) override { sm_.handleLFibRoute(key); }
-   void onAdjacency(const Mpls::AdjacencyIndex& index) override { sm_.handleAdjacency(index); }
-
- private:
-   SegmentSm& sm_;
+   using Reactor::Reactor;
+   void onLfibRoute(const Mpls::RouteKey& key) override { owner().handleLFibRoute(key); }
+   void onAdjacency(const Mpls::AdjacencyIndex& index) override { owner().handleAdjacency(index); }
 };
 
 SegmentSm::SegmentSm(const Inputs& inputs)
     : in_(inputs), tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
-   moxSegment_ = std::make_unique<MoxSegment>(*this);
-   moxSegment_->notifierIs(in_.notifyingSegment.get());
-   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this);
-   moxMplsStatus_->notifierIs(in_.mplsStatus.get());
+   moxSegment_ = std::make_unique<MoxSegment>(*this, in_.notifyingSegment.get());
+   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());
    handleInitialized();
 }
 
