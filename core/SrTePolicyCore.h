@@ -21,13 +21,15 @@
 // Adding a state machine takes:
 //  1. in its own files: `struct Inputs` naming every entity it reads and writes, plus the
 //     scheduler, attribute log, `Syslog::Log*` and `Trace::Tracer*`, and `xxxSmFactory(Inputs)`;
+//     its nested reactors (`MoxConfig`, ...) derive from `Mox::Reactor<Entity::Notifiee, Sm>`
+//     and forward each handler to one member (platform/Mox.h);
 //  2. the tables it publishes in PublishedTables, the in-process entities it shares in
 //     ProcessEntities (each in construction order);
 //  3. a member of Machines and one block in PolicyCore::buildMachines(), both at its place in
 //     construction order (designated initialisers: every input named);
 //  4. one accessor here;
-//  5. its host commands and tables (agent/<Subsystem>Commands.cpp), which reach it through
-//     `host.core()`.
+//  5. its host commands and tables (agent/<Subsystem>Commands.cpp, each table one Show::Table of
+//     agent/ShowTable.h), which reach it through `host.core()`.
 // Nothing else builds or orders machines.
 #pragma once
 

@@ -101,11 +101,8 @@ Mox::Ptr<SegmentList> SegmentListCollection::segmentList(SegmentListId id) const
 }
 
 Mox::Ptr<SegmentList> SegmentListCollection::segmentListIs(SegmentListId id) {
-   if (auto it = segmentList_.find(id); it != segmentList_.end()) return it->second;
-   auto list = Mox::make<SegmentList>(id);
-   segmentList_.emplace(id, list);
-   notify(&Notifiee::onSegmentList, id);
-   return list;
+   return collIsNew(
+       segmentList_, id, [id] { return Mox::make<SegmentList>(id); }, &Notifiee::onSegmentList);
 }
 
 void SegmentListCollection::dump(std::string& out, int depth) const {

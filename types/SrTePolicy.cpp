@@ -17,13 +17,8 @@ bool readFlag(AttrLog::Reader& r) {
 // ---- Config
 
 Mox::Ptr<StaticPolicy> Config::policyIs(const PolicyKey& key) {
-   auto it = policy_.find(key);
-   if (it != policy_.end()) return it->second;
-   auto policy = staticPolicyFactory(key);
-   policy_.emplace(key, policy);
-   void (Notifiee::*changed)(const PolicyKey&) = &Notifiee::onPolicy;
-   notify(changed, key);
-   return policy;
+   return collIsNew(
+       policy_, key, [&key] { return staticPolicyFactory(key); }, &Notifiee::onPolicy);
 }
 
 Mox::Ptr<StaticPolicy> Config::policy(const PolicyKey& key) const {
