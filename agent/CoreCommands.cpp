@@ -96,11 +96,18 @@ void registerCore(Host& host) {
                [&host](Args& a) -> Host::Apply {
                   std::string table = a.word("table name; 'help show' lists the tables");
                   const bool json = a.accept("json");
-                  if (table == "all") return [&host, json] { showAll(host, json); };
-                  const Host::Show* s = host.show(table);
+                  std::vector<std::string> names{"all"};
+                  for (const auto& t : host.shows()) names.push_back(t.table);
+                  std::vector<std::string> ambiguous;
+                  const std::string named = matchWord(table, names, &ambiguous);
+                  if (named == "all") return [&host, json] { showAll(host, json); };
+                  const Host::Show* s = host.show(named);
+                  if (!s && ambiguous.size() > 1) {
+                     std::string msg = "ambiguous table '" + table + "': it begins";
+                     for (const auto& n : ambiguous) msg += " " + n;
+                     a.fail(msg);
+                  }
                   if (!s) {
-                     std::vector<std::string> names{"all"};
-                     for (const auto& t : host.shows()) names.push_back(t.table);
                      std::string msg = "unknown table '" + table + "'";
                      std::string guess = nearest(table, names);
                      if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
@@ -138,6 +145,8 @@ void registerCore(Host& host) {
        });
 
    host.verbIs("quit", "quit", "stop reading commands",
+               [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
+   host.verbIs("exit", "exit", "stop reading commands (as quit)",
                [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
 }
 

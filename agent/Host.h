@@ -124,6 +124,17 @@ class Host {
    // Parses one line; the returned change is empty for a blank or comment line. Throws
    // ScriptError.
    Apply parse(std::string_view line) const;
+   // The verb that the first words of a line name (see matchWord), for the parser and for
+   // completion. `words` are the verb words matched so far (full words), `choices` the words
+   // that could come next among verbs, `ambiguous` what the first unmatched word begins.
+   struct VerbMatch {
+      const Verb* verb = nullptr;
+      size_t verbWords = 0;
+      std::vector<std::string> words;
+      std::vector<std::string> choices;
+      std::vector<std::string> ambiguous;
+   };
+   VerbMatch matchVerb(const std::vector<std::string>& tokens) const;
    void execute(std::string_view line) {
       if (auto a = parse(line)) a();
    }

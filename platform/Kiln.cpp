@@ -99,7 +99,7 @@ size_t TaskScheduler::runUntilIdle() {
    size_t runs = 0;
    for (;;) {
       if (mode_ == ClockMode::real) fireDueTimers(now());
-      if (ready_.empty()) break;
+      if (ready_.empty() || interrupted()) break;
       auto best = std::min_element(ready_.begin(), ready_.end(), [](Task* a, Task* b) {
          return a->priority_ != b->priority_ ? a->priority_ < b->priority_
                                              : a->readySeq_ < b->readySeq_;
@@ -122,6 +122,7 @@ void TaskScheduler::advance(double seconds) {
    assert(mode_ == ClockMode::virtualTime);
    const double target = virtualNow_ + std::max(0.0, seconds);
    runUntilIdle();
+   if (interrupted()) return;
    for (;;) {
       double next = std::numeric_limits<double>::infinity();
       for (Task* t : timers_) next = std::min(next, t->timerAt_);
@@ -129,6 +130,7 @@ void TaskScheduler::advance(double seconds) {
       virtualNow_ = std::max(virtualNow_, next);
       fireDueTimers(virtualNow_);
       runUntilIdle();
+      if (interrupted()) return;
    }
    virtualNow_ = target;
    runUntilIdle();

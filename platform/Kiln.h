@@ -14,6 +14,7 @@
 //  - a task may outlive its scheduler: it is then detached and its scheduling calls do nothing.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -48,6 +49,14 @@ class TaskScheduler : public Mox::Entity {
    // Delay from now to the earliest pending timer, if any.
    std::optional<double> nextTimerDelay() const noexcept;
 
+   // An interrupt (an operator's Ctrl-C): once `*flag` is set, runUntilIdle and advance return
+   // between two task runs. What did not run stays ready and time stays at the last timer fired,
+   // so the state is consistent and a later run or advance goes on from there.
+   void interruptFlagIs(const std::atomic<bool>* flag) noexcept { interrupt_ = flag; }
+   bool interrupted() const noexcept {
+      return interrupt_ && interrupt_->load(std::memory_order_relaxed);
+   }
+
    // Slice control. 0 restores the default (budget on a virtual clock, time slice on the real one).
    void yieldEveryIs(uint32_t calls) noexcept { yieldEvery_ = calls; }
    uint32_t yieldEvery() const noexcept { return yieldEvery_; }
@@ -76,6 +85,7 @@ class TaskScheduler : public Mox::Entity {
    uint32_t sliceCalls_ = 0;
    std::chrono::steady_clock::time_point sliceStart_;
    uint32_t yieldEvery_ = 0;
+   const std::atomic<bool>* interrupt_ = nullptr;
 };
 
 // A cooperative task: reactors bound to it get onTaskRun() when the scheduler runs it. The same
