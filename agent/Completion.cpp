@@ -57,11 +57,14 @@ void add(std::vector<Choice>& out, std::string word, std::string help) {
 void addWord(const Host& host, std::vector<Choice>& out, const std::string& w) {
    if (w == "<table>") {
       for (const auto& s : host.shows()) add(out, s.table, s.summary);
+      add(out, "all", "every table");
    } else if (w == "<protocol>") {
       for (const auto& n : protocolNames()) add(out, n, "");
       add(out, w, "a protocol name or number");
+   } else if (w == "json") {
+      add(out, w, "as JSON");
    } else if (w != "none") {
-      add(out, w, "");
+      add(out, w, w[0] == '<' ? "a value" : "");
    }
 }
 

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -19,7 +20,6 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/Script.h"
-#include "agent/TextTable.h"
 
 namespace Agent {
 
@@ -74,7 +74,7 @@ class EditLineSource : public LineSource {
       const char* text = el_gets(el_, &count);
       if (interruptRequested.exchange(false)) {
          // Ctrl-C: drop the line. At an empty prompt, the second one in a row leaves.
-         const bool empty = !continued && (count <= 0 || !text || text[0] == '\n');
+         const bool empty = !continued && interruptedLineEmpty_;
          std::fputs("^C\n", stdout);
          if (empty && std::exchange(emptyInterrupt_, true)) return Read::end;
          if (empty) std::fputs("(Ctrl-C again, quit or Ctrl-D to leave)\n", stdout);
@@ -99,10 +99,10 @@ class EditLineSource : public LineSource {
          if (!path_.empty()) history(history_, &ev, H_SAVE, path_.c_str());
       }
       if (interruptRequested.exchange(false)) {
-         err_ << "interrupted between two tasks; virtual time "
-              << Json::Value::number(host_.now()).text() << " s, "
-              << host_.scheduler().readyTaskCount() << " tasks ready ('run' goes on)"
-              << std::endl;
+         err_ << "\ninterrupted between two tasks at virtual time "
+              << Json::Value::number(host_.now()).text() << " s; "
+              << host_.scheduler().readyTaskCount()
+              << " ready; 'run' or 'advance' goes on from here" << std::endl;
       }
    }
 
@@ -117,7 +117,7 @@ class EditLineSource : public LineSource {
    }
 
    // Reads one character, returning -1 on Ctrl-C so that el_gets gives the line back.
-   static int readChar(EditLine*, wchar_t* out) {
+   static int readChar(EditLine* el, wchar_t* out) {
       std::mbstate_t state{};
       char bytes[MB_LEN_MAX];
       size_t n = 0;
@@ -127,6 +127,8 @@ class EditLineSource : public LineSource {
          if (r == 0) return 0;
          if (r < 0) {
             if (errno == EINTR && !interruptRequested.load()) continue;
+            const LineInfo* li = el_line(el);
+            self(el).interruptedLineEmpty_ = li->lastchar == li->buffer;
             return -1;
          }
          bytes[n++] = c;
@@ -153,13 +155,13 @@ class EditLineSource : public LineSource {
       if (list.empty()) {
          text += "  (nothing can come here)\n";
       } else {
-         Show::TextTable t({"", ""});
-         for (const auto& c : list) t.rowIs({c.word, c.help});
-         std::string rows;
-         t.render(rows, 2);
-         // Drop the table's header and rule: a plain list reads better here.
-         for (int skip = 0; skip < 2; ++skip) rows.erase(0, rows.find('\n') + 1);
-         text += rows;
+         size_t width = 0;
+         for (const auto& c : list) width = std::max(width, c.word.size());
+         for (const auto& c : list) {
+            text += "  " + c.word;
+            if (!c.help.empty()) text += std::string(width - c.word.size() + 2, ' ') + c.help;
+            text += "\n";
+         }
       }
       std::fputs(text.c_str(), stdout);
       std::fflush(stdout);
@@ -198,6 +200,7 @@ class EditLineSource : public LineSource {
    std::string path_;
    bool continued_ = false;
    bool emptyInterrupt_ = false;
+   bool interruptedLineEmpty_ = true;
 };
 
 } // namespace
