@@ -162,7 +162,7 @@ void registerCoreTables(Host& host) {
              Mox::appendf(out, " (next in %s s)", Json::Value::number(*d).text().c_str());
           }
           Mox::appendf(out, "\nAttribute log congested: %s\n",
-                       Mox::trueFalse(host.attrLog().isAttrLogOutClogged()));
+                       Show::onOff(host.attrLog().isAttrLogOutClogged()));
           Mox::appendf(out, "Restarts: %u\n", host.restartCount());
        },
        [&host] {

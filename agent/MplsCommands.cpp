@@ -307,8 +307,8 @@ void registerMpls(Host& host) {
                });
 
    host.verbIs("adjacency",
-               "adjacency <index> via <nexthop> <interface> action <a> [label <l>] [via ...]...",
-               "set an adjacency's vias (replacing earlier ones)", [&host](Args& a) -> Host::Apply {
+               "adjacency <index> [via <nexthop> <interface> action <a> [label <l>]]...",
+               "set an adjacency's vias, none or more (replacing earlier ones)", [&host](Args& a) -> Host::Apply {
                   const Mpls::AdjacencyIndex index = readAdjacencyIndex(a);
                   const Mpls::ViaSet vias = readVias(a);
                   return [&host, index, vias] { host.mplsStatus()->adjacencyIs(index, vias); };
@@ -322,8 +322,8 @@ void registerMpls(Host& host) {
                   return [&host, index] { host.mplsStatus()->adjacencyDel(index); };
                });
    host.verbIs("adjacency-ext",
-               "adjacency-ext <index> fec <fecId> via <nexthop> <interface> action <a> [label "
-               "<l>] [via ...]...",
+               "adjacency-ext <index> fec <fecId> [via <nexthop> <interface> action <a> [label "
+               "<l>]]...",
                "set an external-FEC adjacency: the FEC and the vias it resolves to",
                [&host](Args& a) -> Host::Apply {
                   const Mpls::AdjacencyIndex index = readAdjacencyIndex(a);

@@ -127,8 +127,8 @@ TEST(LanguageError, MissingAndRepeatedValues) {
               {"color-dscp 5 dscp", "missing DSCP value; usage: color-dscp <color> dscp "
                                     "<value>... [symbolic]"},
               {"adjacency 1 via 10.1.0.2 Ethernet1", "missing 'action'; usage: adjacency <index> "
-                                                     "via <nexthop> <interface> action <a> [label "
-                                                     "<l>] [via ...]..."},
+                                                     "[via <nexthop> <interface> action <a> [label "
+                                                     "<l>]]..."},
               {"adjacency 1 via 10.1.0.2 Ethernet1 action swap via 10.1.0.2 Ethernet1 action swap",
                "via 10.1.0.2 Ethernet1 swap given twice"},
               {"lfib route 16002", "missing 'adjacency'; usage: lfib route <label> adjacency "
