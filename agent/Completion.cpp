@@ -136,7 +136,6 @@ std::vector<Choice> choicesAt(const Host& host, std::string_view line) {
    if (m.verb && m.words.size() == m.verbWords) {
       std::vector<std::string> args(tokens.begin() + static_cast<long>(m.verbWords),
                                     tokens.end());
-      if (args.empty() && !all.empty()) add(all, "<cr>", m.verb->summary);
       argumentChoices(host, *m.verb, m.verbWords, args, all);
    }
    if (partial.empty()) return all;

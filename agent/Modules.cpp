@@ -12,6 +12,7 @@ void registerModules(Host& host) {
    // Subsystems go here, in construction order.
    registerInput(host);
    registerCoreTables(host);
+   registerRunningConfig(host);
    host.start();
 }
 
