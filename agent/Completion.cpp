@@ -134,8 +134,7 @@ std::vector<Choice> choicesAt(const Host& host, std::string_view line) {
       }
    }
    if (m.verb && m.words.size() == m.verbWords) {
-      std::vector<std::string> args(tokens.begin() + static_cast<long>(m.verbWords),
-                                    tokens.end());
+      std::vector<std::string> args(tokens.begin() + static_cast<long>(m.verbWords), tokens.end());
       argumentChoices(host, *m.verb, m.verbWords, args, all);
    }
    if (partial.empty()) return all;

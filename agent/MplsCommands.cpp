@@ -308,7 +308,8 @@ void registerMpls(Host& host) {
 
    host.verbIs("adjacency",
                "adjacency <index> [via <nexthop> <interface> action <a> [label <l>]]...",
-               "set an adjacency's vias, none or more (replacing earlier ones)", [&host](Args& a) -> Host::Apply {
+               "set an adjacency's vias, none or more (replacing earlier ones)",
+               [&host](Args& a) -> Host::Apply {
                   const Mpls::AdjacencyIndex index = readAdjacencyIndex(a);
                   const Mpls::ViaSet vias = readVias(a);
                   return [&host, index, vias] { host.mplsStatus()->adjacencyIs(index, vias); };

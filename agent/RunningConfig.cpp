@@ -49,8 +49,8 @@ void configPart(Host& host, std::string& out) {
    const Config& c = *host.config();
    out += "config enabled " + std::string(Show::onOff(c.enabled())) + "\n";
    out += "config specified-bsid-only " + std::string(Show::onOff(c.specifiedBsidOnly())) + "\n";
-   out += "config segment-list-sharing " +
-          std::string(Show::onOff(c.segmentListSharingEnabled())) + "\n";
+   out += "config segment-list-sharing " + std::string(Show::onOff(c.segmentListSharingEnabled())) +
+          "\n";
    out += "config discriminator-tie-break " +
           std::string(Show::onOff(c.useDiscriminatorInTieBreaking())) + "\n";
    for (const PolicyKey& key : keysInOrder(c.policy())) {
@@ -97,8 +97,8 @@ void mplsPart(Host& host, std::string& out) {
    const Mpls::Status& status = *host.mplsStatus();
    for (const auto& name : keysInOrder(config.labelRange())) {
       const Mpls::LabelRange& r = *config.labelRange(name);
-      out += "label-range " + name + " base " + number(r.base()) + " size " + number(r.size()) +
-             "\n";
+      out +=
+          "label-range " + name + " base " + number(r.base()) + " size " + number(r.size()) + "\n";
    }
    for (const auto& key : keysInOrder(status.lfibRoute())) {
       const Mpls::LFib::Route& r = *status.lfibRoute(key);
@@ -137,8 +137,8 @@ void inputPart(Host& host, std::string& out) {
       std::sort(records.begin(), records.end(),
                 [](auto* a, auto* b) { return a->key() < b->key(); });
       for (const PolicyInputEntry* e : records) {
-         out += "input " + protocolWord(p) + " " + e->key().key.endpoint.stringValue() +
-                " color " + number(e->key().key.color.value) + " discriminator " +
+         out += "input " + protocolWord(p) + " " + e->key().key.endpoint.stringValue() + " color " +
+                number(e->key().key.color.value) + " discriminator " +
                 number(e->key().discriminator.value) + " originator " +
                 number(e->originator().asn) + " " + e->originator().address.stringValue() +
                 " preference " + number(e->preference().value);
@@ -153,12 +153,12 @@ void inputPart(Host& host, std::string& out) {
          // Creating the static table fills it from the configuration; a configured path whose
          // record was deleted from the table must be deleted again.
          for (const PolicyKey& key : keysInOrder(host.config()->policy())) {
-            for (const Preference& pref : keysInOrder(host.config()->policy(key)->candidatePath())) {
+            for (const Preference& pref :
+                 keysInOrder(host.config()->policy(key)->candidatePath())) {
                const PolicyId id(key, p, Discriminator(pref.value));
                if (table.policyInputEntryFind(id)) continue;
-               out += "no input " + protocolWord(p) + " " + key.endpoint.stringValue() +
-                      " color " + number(key.color.value) + " discriminator " +
-                      number(pref.value) + "\n";
+               out += "no input " + protocolWord(p) + " " + key.endpoint.stringValue() + " color " +
+                      number(key.color.value) + " discriminator " + number(pref.value) + "\n";
             }
          }
       }
@@ -180,11 +180,10 @@ std::string runningConfig(Host& host) {
 }
 
 void registerRunningConfig(Host& host) {
-   host.verbIs("show running-config", "show running-config",
-               "print the current inputs as a script that rebuilds them",
-               [&host](Args&) -> Host::Apply {
-                  return [&host] { host.out() << runningConfig(host); };
-               });
+   host.verbIs(
+       "show running-config", "show running-config",
+       "print the current inputs as a script that rebuilds them",
+       [&host](Args&) -> Host::Apply { return [&host] { host.out() << runningConfig(host); }; });
    host.verbIs("write", "write <file>", "save the current inputs (show running-config) to a file",
                [&host](Args& a) -> Host::Apply {
                   const std::string path = a.word("file");

@@ -17,9 +17,9 @@ class Host;
 
 // The exit statuses of srte.
 enum ExitStatus : int {
-   exitOk = 0,         // every command ran
-   exitRefused = 1,    // the script stopped at a command it refused
-   exitCannotRun = 2,  // bad arguments, or the input could not be opened or read
+   exitOk = 0,        // every command ran
+   exitRefused = 1,   // the script stopped at a command it refused
+   exitCannotRun = 2, // bad arguments, or the input could not be opened or read
 };
 
 // The input cannot be read (a directory, an I/O error): not the script's fault, and not an

@@ -8,11 +8,11 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <clocale>
 #include <iostream>
 #include <utility>
 
@@ -112,9 +112,7 @@ class EditLineSource : public LineSource {
       el_get(el, EL_CLIENTDATA, &p);
       return *static_cast<EditLineSource*>(p);
    }
-   static const char* prompt(EditLine* el) {
-      return self(el).continued_ ? "....> " : "srte> ";
-   }
+   static const char* prompt(EditLine* el) { return self(el).continued_ ? "....> " : "srte> "; }
 
    // Reads one character, returning -1 on Ctrl-C so that el_gets gives the line back.
    static int readChar(EditLine* el, wchar_t* out) {

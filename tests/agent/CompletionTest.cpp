@@ -35,7 +35,8 @@ TEST(Completion, OffersWhatTheParserWouldTakeNext) {
    EXPECT_EQ(words(host, "show config "), "json <cr>");
    // `show` takes tables, and the running configuration is a verb of its own.
    const std::string tables = words(host, "show ");
-   EXPECT_EQ(tables.rfind("running-config config color-dscp mpls input", 0), 0u) << "[" << tables << "]";
+   EXPECT_EQ(tables.rfind("running-config config color-dscp mpls input", 0), 0u)
+       << "[" << tables << "]";
    EXPECT_NE(tables.find(" syslog all"), std::string::npos) << tables;
    EXPECT_EQ(words(host, "cofnig "), "");
 }

@@ -226,7 +226,8 @@ TEST(LanguageError, LabelRangesStackAndNamesStayInTheLabelSpaceAndInText) {
               // A name every table and its JSON can show: no broken UTF-8, no control bytes.
               {"label-range \xff\xfe base 1 size 2",
                "a range name is text (UTF-8, no control characters), got '\\xff\\xfe'"},
-              {"label-range a\x01" "b base 1 size 2",
+              {"label-range a\x01"
+               "b base 1 size 2",
                "a range name is text (UTF-8, no control characters), got 'a\\x01b'"},
           });
    // The whole label space is one valid range; a UTF-8 name is a name like any other.
@@ -257,15 +258,16 @@ TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
    // Abbreviated or capitalised, a line does what the full line does.
    Shell full;
    populate(full);
-   for (const auto& [shortLine, fullLine] : std::initializer_list<std::pair<const char*, const char*>>{
+   for (const auto& [shortLine, fullLine] :
+        std::initializer_list<std::pair<const char*, const char*>>{
             {"CONFIG SPEC OFF", "config specified-bsid-only off"},
             {"stat seg 10.0.0.9 col 5 pref 1 lab 16 w 3", "static segment-list 10.0.0.9 color 5 "
                                                           "preference 1 labels 16 weight 3"},
             {"input BGP 10.0.0.4 c 1 d 2 s w 2 l 17", "input bgp 10.0.0.4 color 1 discriminator 2 "
-                                                   "segment-list weight 2 labels 17"},
+                                                      "segment-list weight 2 labels 17"},
             {"no lab srlb", "no label-range srlb"},
             {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP", "adjacency 2 via 10.1.0.3 Ethernet2 "
-                                                              "action swap"},
+                                                            "action swap"},
         }) {
       s.host.execute(shortLine);
       full.host.execute(fullLine);

@@ -37,8 +37,7 @@ void expectReplayed(Session& from, const std::string& what) {
    std::ostringstream err;
    Agent::ScriptOptions options;
    options.name = "running-config";
-   ASSERT_EQ(Agent::runScript(to.host, in, err, options), 0) << what << "\n"
-                                                             << err.str() << script;
+   ASSERT_EQ(Agent::runScript(to.host, in, err, options), 0) << what << "\n" << err.str() << script;
    EXPECT_EQ(to.inputs(), from.inputs()) << what << "\n" << script;
    // Printing it again gives the same script: nothing was lost or added on the way.
    EXPECT_EQ(Agent::runningConfig(to.host), script) << what;
@@ -84,43 +83,59 @@ std::string randomCommand(std::mt19937& rng) {
    };
    const std::string protocol = pick({"bgp", "static", "40", "pcep"});
    switch (rng() % 24) {
-   case 0: return "config " + pick({"enabled", "specified-bsid-only", "segment-list-sharing",
-                                    "discriminator-tie-break"}) + " " + pick({"on", "off"});
-   case 1: return "static policy " + endpoint + " color " + color + maybe("bsid " + num(20));
-   case 2: return "static path " + endpoint + " color " + color + " preference " + num(3);
+   case 0:
+      return "config " +
+             pick({"enabled", "specified-bsid-only", "segment-list-sharing",
+                   "discriminator-tie-break"}) +
+             " " + pick({"on", "off"});
+   case 1:
+      return "static policy " + endpoint + " color " + color + maybe("bsid " + num(20));
+   case 2:
+      return "static path " + endpoint + " color " + color + " preference " + num(3);
    case 3:
       return "static segment-list " + endpoint + " color " + color + " preference " + num(3) + " " +
              stack() + maybe("weight " + pick({"1", "4294967295"})) + maybe("index " + num(3));
-   case 4: return "no static policy " + endpoint + " color " + color;
-   case 5: return "no static path " + endpoint + " color " + color + " preference " + num(3);
+   case 4:
+      return "no static policy " + endpoint + " color " + color;
+   case 5:
+      return "no static path " + endpoint + " color " + color + " preference " + num(3);
    case 6:
       return "color-dscp " + pick({"1", "100"}) + " dscp " + pick({"ef", "10", "af41", "63"}) +
              maybe(pick({"cs3", "0"})) + maybe("symbolic");
-   case 7: return "no color-dscp " + pick({"1", "100"}) + maybe("dscp " + pick({"ef", "10"}));
+   case 7:
+      return "no color-dscp " + pick({"1", "100"}) + maybe("dscp " + pick({"ef", "10"}));
    case 8:
       return "label-range " + pick({"srlb", "srgb", "x", "\xc3\xa9t\xc3\xa9"}) + " base " +
              pick({"0", "15000", "1048575"}) + " size " + pick({"1", "100"});
-   case 9: return "no label-range " + pick({"srlb", "srgb", "x"});
+   case 9:
+      return "no label-range " + pick({"srlb", "srgb", "x"});
    case 10:
       return "lfib route " + pick({"0", "15007", "16001"}) + " adjacency " + num(4) +
              maybe("adjacency-type " + pick({"externalFec", "9"})) +
              maybe("route-type " + pick({"pseudowire", "3"})) +
              maybe("source " + pick({"srTePolicy", "5", "0"}));
-   case 11: return "no lfib route " + pick({"0", "15007", "16001"});
+   case 11:
+      return "no lfib route " + pick({"0", "15007", "16001"});
    case 12: {
       std::string line = "adjacency " + num(4);
       for (uint32_t i = rng() % 3; i > 0; --i) line += via();
       return line;
    }
-   case 13: return "adjacency-ext " + num(4) + " fec " + pick({"0", "1080863910568919041"}) + via();
-   case 14: return pick({"no adjacency ", "no adjacency-ext "}) + num(4);
-   case 15: return rng() % 2 ? "platform max-label-depth " + num(256) : "no platform max-label-depth";
+   case 13:
+      return "adjacency-ext " + num(4) + " fec " + pick({"0", "1080863910568919041"}) + via();
+   case 14:
+      return pick({"no adjacency ", "no adjacency-ext "}) + num(4);
+   case 15:
+      return rng() % 2 ? "platform max-label-depth " + num(256) : "no platform max-label-depth";
    case 16:
       return "counter tunnel " + pick({"segment-list 3", "7", "18446744073709551615"}) +
              maybe("packets " + num(1000)) + maybe("bytes 18446744073709551615");
-   case 17: return "no counter tunnel " + pick({"segment-list 3", "7"});
-   case 18: return "attrlog congested " + pick({"on", "off"});
-   case 19: return pick({"input-table ", "no input-table "}) + protocol;
+   case 17:
+      return "no counter tunnel " + pick({"segment-list 3", "7"});
+   case 18:
+      return "attrlog congested " + pick({"on", "off"});
+   case 19:
+      return pick({"input-table ", "no input-table "}) + protocol;
    case 20: {
       std::string line = "input " + protocol + " " + endpoint + " color " + color +
                          " discriminator " + num(3) +
@@ -132,11 +147,14 @@ std::string randomCommand(std::mt19937& rng) {
       }
       return line;
    }
-   case 21: return "no input " + protocol + " " + endpoint + " color " + color +
-                   " discriminator " + num(3);
-   case 22: return pick({"run", "restart", "advance 0.5", "input-table bgp remount"});
-   default: return "no static segment-list " + endpoint + " color " + color + " preference " +
-                   num(3) + " " + stack();
+   case 21:
+      return "no input " + protocol + " " + endpoint + " color " + color + " discriminator " +
+             num(3);
+   case 22:
+      return pick({"run", "restart", "advance 0.5", "input-table bgp remount"});
+   default:
+      return "no static segment-list " + endpoint + " color " + color + " preference " + num(3) +
+             " " + stack();
    }
 }
 
