@@ -100,7 +100,7 @@ class EditLineSource : public LineSource {
       }
       if (interruptRequested.exchange(false)) {
          err_ << "\ninterrupted between two tasks at virtual time "
-              << Json::Value::number(host_.now()).text() << " s; "
+              << Kiln::secondsText(host_.scheduler().nowNs()) << " s; "
               << host_.scheduler().readyTaskCount()
               << " ready; 'run' or 'advance' goes on from here" << std::endl;
       }

@@ -23,6 +23,24 @@
 //    ids and exported entries do not churn;
 //  - after a restart new segment-list ids start above every id already exported, and the first
 //    full drain withdraws exactly the exported lists that no input claims.
+//
+// Re-initialisation. A change of the configuration's segmentListSharingEnabled runs
+// handleInitialized again, inside the configuration handler. Downstream machines see it as
+// ordinary changes, in this order (tests/input: SharingToggleReinitialises...):
+//  1. before the configuration setter returns, depth-first (platform/Mox.h): every candidate
+//     leaves PolicyKeyToIdMap; every segment-list user and segment registration is dropped, so
+//     every canonical segment list leaves its dedup table (its notifier leaves
+//     NotifyingSegmentListCollection), each followed by the segments that no remaining list holds
+//     (NotifyingSegmentCollection); binding-SID users are dropped. The selection input and the
+//     exported lists are left as they are: PolicyIdEntry rows still name the withdrawn ids;
+//  2. as the task drains (over several runs when it yields or the output is congested): every
+//     candidate is recorded again at the current time; each usable one gets canonical lists under
+//     fresh ids (a withdrawn id never returns), exported under those ids, and its PolicyIdEntry
+//     names them, with its version bumped once;
+//  3. after the first full drain, the exports under the old ids are withdrawn.
+// So a machine downstream treats a list id that a PolicyIdEntry names but that is no longer in the
+// notifying collection as unresolved until the entry's next version, never as an error; and a
+// tunnel id made from an old list id goes away with that list.
 #pragma once
 
 #include <array>

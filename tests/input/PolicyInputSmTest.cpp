@@ -375,8 +375,29 @@ TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExpor
    EXPECT_EQ(exported->segmentList().size(), 2u);
    const uint32_t version = selection->policyIdEntry(a)->version();
 
+   // What a downstream machine sees of the re-initialisation: the lists' removals, delivered
+   // inside the configuration setter, and the fresh lists' insertions only when the task runs.
+   struct Lists : NotifyingSegmentListCollection::Notifiee {
+      std::vector<std::string> seen;
+      void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
+         const bool in = notifier()->segmentListNotifierHas(n);
+         seen.push_back((in ? "+" : "-") + n->segmentListRawPtr()->segmentListId().stringValue());
+      }
+   } lists;
+   lists.notifierIs(dedup->notifyingSegmentListCollection());
    config->segmentListSharingEnabledIs(true);
+   std::sort(lists.seen.begin(), lists.seen.end());
+   EXPECT_EQ(lists.seen, (std::vector<std::string>{"-1", "-2"}));
+   EXPECT_TRUE(dedup->notifyingSegmentCollection()->segmentNotifier().empty());
+   EXPECT_TRUE(keyMap->policy().empty());
+   // Until the task runs, the selection input still names the withdrawn ids, still exported.
+   EXPECT_EQ(selection->policyIdEntry(a)->wSegmentList(0)->segmentListId, SegmentListId(1));
+   EXPECT_EQ(selection->policyIdEntry(a)->version(), version);
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   lists.seen.clear();
    scheduler.runUntilIdle();
+   std::sort(lists.seen.begin(), lists.seen.end());
+   EXPECT_EQ(lists.seen, (std::vector<std::string>{"+3", "+4"}));
    auto e = selection->policyIdEntry(a);
    EXPECT_EQ(e->version(), version + 1);
    EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(3));
