@@ -120,7 +120,7 @@ void selectionInputText(Host& host, std::string& out) {
          if (!first) cells.assign(7, std::string());
          cells.push_back(std::to_string(w.weight.value));
          cells.push_back(w.segmentListId.stringValue());
-         cells.push_back(w.tunnelId.stringValue());
+         cells.push_back(Show::tunnelText(w.tunnelId));
          first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
          first = false;
       }
@@ -223,7 +223,7 @@ void segmentListsText(Host& host, std::string& out) {
       auto users = usersOf(core, l->segmentListId());
       std::vector<std::string> cells{l->segmentListId().stringValue(),
                                      Show::labelStackText(l->labelStack()),
-                                     l->segmentListId().getTunnelId().stringValue()};
+                                     Show::tunnelText(l->segmentListId().getTunnelId())};
       if (users.empty()) {
          cells.push_back("");
          t.rowIs(std::move(cells));

@@ -217,7 +217,7 @@ void mplsText(Host& host, std::string& out) {
    Show::TextTable ct({"Tunnel", "Type", "Index", "Packets", "Bytes"});
    for (const auto& id : keysInOrder(counters)) {
       const auto& c = counters.at(id);
-      ct.rowIs({id.stringValue(), tunnelTypeText(id), std::to_string(id.index()),
+      ct.rowIs({Show::tunnelText(id), tunnelTypeText(id), std::to_string(id.index()),
                 std::to_string(c.packets), std::to_string(c.bytes)});
    }
    ct.render(out, 2);
