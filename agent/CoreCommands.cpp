@@ -136,7 +136,7 @@ void registerCore(Host& host) {
                 tables.rowIs({"all", "every table above"});
                 tables.render(text);
              }
-             if (text.empty()) text = "no command starts with '" + word + "'\n";
+             if (text.empty()) text = "no command starts with '" + printable(word) + "'\n";
              host.out() << text;
           };
        });

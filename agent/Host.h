@@ -14,7 +14,8 @@
 //  2. its verbs: `host.verbIs("lfib route", usage, summary, parse)`; the parser reads the words
 //     through Args and returns the change as a closure, which the host runs only if the whole
 //     line parsed (a line with an error changes nothing). Multi-word verbs ("no input") are
-//     matched on their longest registered prefix;
+//     matched on their longest registered prefix, word by word, in any case and abbreviated
+//     when unambiguous (see matchWord); the shell completes them from the same registrations;
 //  3. its tables: `host.showIs("segments", summary, readable, json)`; `show segments [json]` and
 //     `show all [json]` then include them (in registration order);
 //  4. its long-lived state (shared or published tables): a struct of its own, reached through
