@@ -137,7 +137,7 @@ int runScript(Host& host, LineSource& lines, std::ostream& err, const ScriptOpti
          failed = true;
       }
       host.out().flush();
-      lines.commandDone(command, false);
+      lines.commandDone(command);
       command.clear();
       pieces.clear();
       if (failed && !interactive) return exitRefused;

@@ -40,7 +40,7 @@ class LineSource {
    // Errors do not end an interactive session.
    virtual bool interactive() const { return false; }
    // Called once a command has run: a shell takes its interrupt back and keeps history here.
-   virtual void commandDone(const std::string& /*command*/, bool /*interrupted*/) {}
+   virtual void commandDone(const std::string& /*command*/) {}
 };
 
 // Lines of a C++ stream (strings in tests, the demo). With `prompt`, an interactive session that

@@ -92,17 +92,17 @@ class EditLineSource : public LineSource {
       return Read::line;
    }
 
-   void commandDone(const std::string& command, bool) override {
+   void commandDone(const std::string& command) override {
       if (command.find_first_not_of(" \t") != std::string::npos) {
          HistEvent ev;
          history(history_, &ev, H_ENTER, command.c_str());
          if (!path_.empty()) history(history_, &ev, H_SAVE, path_.c_str());
       }
       if (interruptRequested.exchange(false)) {
-         err_ << "\ninterrupted between two tasks at virtual time "
-              << Kiln::secondsText(host_.scheduler().nowNs()) << " s; "
-              << host_.scheduler().readyTaskCount()
-              << " ready; 'run' or 'advance' goes on from here" << std::endl;
+         // run and advance stop between two task runs; anything else had finished anyway.
+         err_ << "\ninterrupted at virtual time " << Kiln::secondsText(host_.scheduler().nowNs())
+              << " s with " << host_.scheduler().readyTaskCount()
+              << " tasks ready; 'run' or 'advance' goes on from here" << std::endl;
       }
    }
 
