@@ -76,10 +76,14 @@ void registerCore(Host& host) {
 
    host.verbIs("trace", "trace <level>|off",
                "write the text trace up to that level (0 to 9) to standard error",
-               [](Args& a) -> Host::Apply {
+               [&host](Args& a) -> Host::Apply {
                   int level = -1;
                   if (!a.accept("off")) level = static_cast<int>(a.number("trace level", 9));
-                  return [level] { Trace::textLevelIs(level); };
+                  // The core's machines and the platform helpers they use.
+                  return [&host, level] {
+                     host.core().tracer().textLevelIs(level);
+                     Trace::textLevelIs(level);
+                  };
                });
 
    host.verbIs("attrlog congested", "attrlog congested on|off",

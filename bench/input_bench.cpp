@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "input/SrTePolicyInputSm.h"
+#include "core/SrTePolicyCore.h"
 
 using namespace SrTePolicy;
 
@@ -79,24 +79,15 @@ int main(int argc, char** argv) {
    const double floorSeconds = seconds(f0, f1);
 
    Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
-   auto config = configFactory("config");
-   auto source = policyInputSourceFactory("input");
+   StandaloneRouter router;
    auto bgp = policyInputFactory("bgp");
    auto configured = policyInputFactory("static");
-   source->policyInputIs(Protocol::bgp, bgp);
-   source->policyInputIs(Protocol::staticConfig, configured);
-   auto mplsConfig = Mox::make<Mpls::Config>();
-   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, 65536));
-   auto mplsStatus = Mox::make<Mpls::Status>();
-   auto selection = policySelectionInputFactory("selection");
-   auto exported = Export::segmentListCollectionFactory("exported");
-   auto attrLog = Mox::make<Kiln::AttrLogSm>();
-   auto dedup = Mox::make<CoreDedupTables>();
-   auto segListMap = Mox::make<SegmentListIdToPolicyMap>();
-   auto segmentMap = Mox::make<SegmentIdToSegmentList>();
-   auto keyMap = Mox::make<PolicyKeyToIdMap>();
-   auto sm = policyInputSmFactory(config, source, mplsConfig, mplsStatus, selection, dedup,
-                                  segListMap, segmentMap, keyMap, exported, scheduler, attrLog);
+   router.input->policyInputIs(Protocol::bgp, bgp);
+   router.input->policyInputIs(Protocol::staticConfig, configured);
+   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, 65536));
+   PolicyCore core(router.tables(scheduler));
+   core.start();
+   const auto& selection = core.published().policySelectionInput;
 
    for (const auto& r : records) {
       (r.key().protocol == Protocol::bgp ? bgp : configured)->policyInputEntryIs(r);
@@ -117,7 +108,8 @@ int main(int argc, char** argv) {
       return 1;
    }
    std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
-   std::printf("distinct segment lists     %zu\n", segListMap->segmentListUser().size());
+   std::printf("distinct segment lists     %zu\n",
+               core.entities().segListMap->segmentListUser().size());
    std::printf("task runs                  %zu\n", runs);
    std::printf("input stage                %.3f s, %.0f paths/s\n", runSeconds, paths / runSeconds);
    std::printf("floor (copy + map insert)  %.3f s, %.0f paths/s\n", floorSeconds,

@@ -53,6 +53,7 @@
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
+#include "platform/Trace.h"
 #include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -101,15 +102,26 @@ class PolicyInputSm : public Mox::RefCounted {
    static constexpr std::array<Protocol, 2> handledProtocols = {Protocol::bgp,
                                                                 Protocol::staticConfig};
 
-   PolicyInputSm(Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-                 Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
-                 Mox::Ptr<PolicySelectionInput> policySelectionInput,
-                 Mox::Ptr<CoreDedupTables> coreDedupTables,
-                 Mox::Ptr<SegmentListIdToPolicyMap> segListMap,
-                 Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-                 Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-                 Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl,
-                 Kiln::TaskScheduler& scheduler, Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+   // What the machine reads and writes, by name. The tables must exist; `syslog` and `tracer`
+   // default to the process-wide ones when not given (an assembly always gives its own).
+   struct Inputs {
+      Mox::Ptr<const Config> config;
+      Mox::Ptr<const PolicyInputSource> input;
+      Mox::Ptr<const Mpls::Config> mplsConfig;
+      Mox::Ptr<const Mpls::Status> mplsStatus;
+      Mox::Ptr<PolicySelectionInput> policySelectionInput;
+      Mox::Ptr<CoreDedupTables> coreDedupTables;
+      Mox::Ptr<SegmentListIdToPolicyMap> segListMap;
+      Mox::Ptr<SegmentIdToSegmentList> segmentMap;
+      Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap;
+      Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl;
+      Kiln::TaskScheduler* scheduler = nullptr;
+      Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      Syslog::Log* syslog = nullptr;
+      Trace::Tracer* tracer = nullptr;
+   };
+
+   explicit PolicyInputSm(Inputs in);
    ~PolicyInputSm() override;
 
    // State, for the host's tables and for tests.
@@ -190,6 +202,8 @@ class PolicyInputSm : public Mox::RefCounted {
    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl_;
    Kiln::TaskScheduler& scheduler_;
    Mox::Ptr<Kiln::AttrLogSm> attrLogSm_;
+   Syslog::Log* syslog_;
+   Trace::Tracer* tracer_;
 
    Mpls::LabelRange srlbConfigRange_;
    Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
@@ -207,13 +221,6 @@ class PolicyInputSm : public Mox::RefCounted {
    std::unique_ptr<MoxTask> moxTask_;
 };
 
-Mox::Ptr<PolicyInputSm> policyInputSmFactory(
-    Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-    Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
-    Mox::Ptr<PolicySelectionInput> policySelectionInput, Mox::Ptr<CoreDedupTables> coreDedupTables,
-    Mox::Ptr<SegmentListIdToPolicyMap> segListMap, Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl, Kiln::TaskScheduler& scheduler,
-    Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+Mox::Ptr<PolicyInputSm> policyInputSmFactory(PolicyInputSm::Inputs in);
 
 } // namespace SrTePolicy
