@@ -38,8 +38,9 @@ std::string protocolWord(Protocol p) { return protocolEnumToString(p); }
 std::string vias(const Mpls::ViaSet& set) {
    std::string out;
    for (const Mpls::Via& v : set) {
+      const std::string action = Ipkit::mplsLabelActionName(v.labelAction);
       out += " via " + v.nexthop.stringValue() + " " + v.intfId.stringValue() + " action " +
-             number(static_cast<uint32_t>(v.labelAction));
+             (action == "unknown" ? number(static_cast<uint32_t>(v.labelAction)) : action);
       if (!v.label.isNull()) out += " label " + v.label.stringValue();
    }
    return out;
@@ -79,8 +80,9 @@ void colorDscpPart(Host& host, std::string& out) {
       std::sort(values.begin(), values.end());
       std::string plain, symbolic;
       for (const auto& v : values) {
-         std::string& line = l.cliSaveUseSymbolic_(v).value_or(false) ? symbolic : plain;
-         line += " " + v.stringValue();
+         const bool byName = l.cliSaveUseSymbolic_(v).value_or(false);
+         (byName ? symbolic : plain) +=
+             " " + (byName && !v.symbolicName().empty() ? v.symbolicName() : v.stringValue());
       }
       const std::string head = "color-dscp " + number(color.value) + " dscp";
       if (!plain.empty()) out += head + plain + "\n";
