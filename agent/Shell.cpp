@@ -53,8 +53,9 @@ class EditLineSource : public LineSource {
       el_set(el_, EL_PROMPT, &EditLineSource::prompt);
       el_set(el_, EL_HIST, history, history_);
       el_set(el_, EL_GETCFN, &EditLineSource::readChar);
-      el_set(el_, EL_ADDFN, "srte-complete", "complete the word", &EditLineSource::complete);
-      el_set(el_, EL_ADDFN, "srte-choices", "list what may come next", &EditLineSource::choices);
+      // The wide form keeps our static names; the narrow one copies them and never frees them.
+      el_wset(el_, EL_ADDFN, L"srte-complete", L"complete the word", &EditLineSource::complete);
+      el_wset(el_, EL_ADDFN, L"srte-choices", L"list what may come next", &EditLineSource::choices);
       el_set(el_, EL_BIND, "^I", "srte-complete", nullptr);
       el_set(el_, EL_BIND, "?", "srte-choices", nullptr);
       el_source(el_, nullptr); // the user's ~/.editrc, if any
