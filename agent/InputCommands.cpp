@@ -88,10 +88,11 @@ Show::View selectionInput(Host& host) {
                    Show::cell(e.originator().stringValue(), Show::originatorJson(e.originator())),
                    Show::label(e.bindingSid()), Show::number(e.version())});
       for (const auto& [index, w] : e.wSegmentList()) {
-         row.lineIs({Show::number(index), Show::number(w.weight.value),
-                     Show::cell(w.segmentListId.stringValue(),
-                                Json::Value::number(uint64_t{w.segmentListId.value})),
-                     Show::cell(w.tunnelId.stringValue(), Json::Value::number(w.tunnelId.value))});
+         row.lineIs(
+             {Show::number(index), Show::number(w.weight.value),
+              Show::cell(w.segmentListId.stringValue(),
+                         Json::Value::number(uint64_t{w.segmentListId.value})),
+              Show::cell(Show::tunnelText(w.tunnelId), Json::Value::number(w.tunnelId.value))});
       }
    }
    return Show::View()
@@ -212,12 +213,12 @@ Show::View segmentLists(Host& host) {
       const SegmentListId id = l->segmentListId();
       std::vector<Cell> users;
       for (const PolicyId& p : usersOf(core, id)) users.push_back(policyIdCell(p));
-      t.rowIs(
-          {Show::cell(id.stringValue(), Json::Value::number(uint64_t{id.value})),
-           Show::labelStack(l->labelStack()), Show::cell("", std::move(ids)),
-           Show::cell(id.getTunnelId().stringValue(), Json::Value::number(id.getTunnelId().value)),
-           Show::list(std::move(users)), listStatusCell(published, id),
-           listViasCell(published, id)});
+      t.rowIs({Show::cell(id.stringValue(), Json::Value::number(uint64_t{id.value})),
+               Show::labelStack(l->labelStack()), Show::cell("", std::move(ids)),
+               Show::cell(Show::tunnelText(id.getTunnelId()),
+                          Json::Value::number(id.getTunnelId().value)),
+               Show::list(std::move(users)), listStatusCell(published, id),
+               listViasCell(published, id)});
    }
    return Show::View()
        .lineIs(Mox::format(
