@@ -1,11 +1,11 @@
 // One row model per `show` table: the readable text and the JSON are both rendered from it, so
 // the two forms cannot drift apart and a new table is written once.
 //
-//   Show::Table t({{"Id", "segmentListId"}, {"Labels", "labels"}, {"", "segmentIds"},
-//                  {"Tunnel", "tunnelId"}},
-//                 {Show::Level{{{"Used by", "", Show::ColumnKind::members}}, "policyIds"}});
-//   auto& row = t.rowIs({Show::number(id), Show::labelStack(op), ids, Show::number(tunnel)});
-//   for (const PolicyId& p : users) row.lineIs({policyIdCell(p)});
+//   Show::Table t({{"Endpoint", "endpoint"}, {"Preference", "preference"}},
+//                 {Show::Level{{{"Weight", "weight"}, {"Labels", "labels"}}, "segmentLists"}});
+//   auto& row = t.rowIs({Show::address(endpoint), Show::number(preference)});
+//   for (const auto& l : lists) row.lineIs({Show::number(l.weight), Show::labelStack(l.labels)});
+//   return Show::View().lineIs("Paths: " + Show::count(n, "path")).tableIs("", std::move(t));
 //
 // Columns. A column has a readable header and a JSON key; a column without a header is JSON only,
 // one without a key is readable only. A cell holds both forms of one value (Cell below); the

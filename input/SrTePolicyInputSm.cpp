@@ -35,68 +35,50 @@ const Syslog::MessageDef SRTE_POLICY_INVALID_NO_SEGMENT_LISTS = {
 // ---------------------------------------------------------------------------------------------
 // Reactors: each forwards to one handler.
 
-class PolicyInputSm::MoxConfig : public Config::Notifiee {
+class PolicyInputSm::MoxConfig : public Mox::Reactor<Config::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxConfig(PolicyInputSm& sm) : sm_(sm) {}
-   void onSpecifiedBsidOnly() override { sm_.handleSpecifiedBsidOnly(); }
-   void onSegmentListSharingEnabled() override { sm_.handleInitialized(); }
-
- private:
-   PolicyInputSm& sm_;
+   using Reactor::Reactor;
+   void onSpecifiedBsidOnly() override { owner().handleSpecifiedBsidOnly(); }
+   void onSegmentListSharingEnabled() override { owner().handleInitialized(); }
 };
 
-class PolicyInputSm::MoxInput : public PolicyInputSource::Notifiee {
+class PolicyInputSm::MoxInput : public Mox::Reactor<PolicyInputSource::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxInput(PolicyInputSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onPolicyInput(const Protocol& protocol) override {
-      if (!sm_.isHandled(protocol)) return;
-      sm_.moxPolicyIs(protocol);
-      sm_.handleProtocolSource(protocol);
+      if (!owner().isHandled(protocol)) return;
+      owner().moxPolicyIs(protocol);
+      owner().handleProtocolSource(protocol);
    }
-
- private:
-   PolicyInputSm& sm_;
 };
 
-class PolicyInputSm::MoxPolicy : public PolicyInput::Notifiee {
+class PolicyInputSm::MoxPolicy : public Mox::Reactor<PolicyInput::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxPolicy(PolicyInputSm& sm) : sm_(sm) {}
-   void onPolicyInputEntry(const PolicyId& id) override { sm_.handlePolicyEntry(id); }
+   using Reactor::Reactor;
+   void onPolicyInputEntry(const PolicyId& id) override { owner().handlePolicyEntry(id); }
    // The whole table changed (mounted again): everything it holds is to be looked at.
    void onPolicyInputEntry() override {
-      if (notifier()) sm_.handleProtocolSource(protocol_);
+      if (notifier()) owner().handleProtocolSource(protocol_);
    }
    Protocol protocol_ = Protocol::unknown;
-
- private:
-   PolicyInputSm& sm_;
 };
 
-class PolicyInputSm::MoxMplsConfig : public Mpls::Config::Notifiee {
+class PolicyInputSm::MoxMplsConfig : public Mox::Reactor<Mpls::Config::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxMplsConfig(PolicyInputSm& sm) : sm_(sm) {}
-   void onLabelRange(const Mox::Name& name) override { sm_.handleLabelRange(name); }
-
- private:
-   PolicyInputSm& sm_;
+   using Reactor::Reactor;
+   void onLabelRange(const Mox::Name& name) override { owner().handleLabelRange(name); }
 };
 
-class PolicyInputSm::MoxMplsStatus : public Mpls::Status::Notifiee {
+class PolicyInputSm::MoxMplsStatus : public Mox::Reactor<Mpls::Status::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxMplsStatus(PolicyInputSm& sm) : sm_(sm) {}
-   void onLfibRoute(const Mpls::RouteKey& key) override { sm_.handleLFibRoute(key); }
-
- private:
-   PolicyInputSm& sm_;
+   using Reactor::Reactor;
+   void onLfibRoute(const Mpls::RouteKey& key) override { owner().handleLFibRoute(key); }
 };
 
-class PolicyInputSm::MoxTask : public Kiln::Task::Notifiee {
+class PolicyInputSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyInputSm> {
  public:
-   explicit MoxTask(PolicyInputSm& sm) : sm_(sm) {}
-   void onTaskRun() override { sm_.handleTaskRun(); }
-
- private:
-   PolicyInputSm& sm_;
+   using Reactor::Reactor;
+   void onTaskRun() override { owner().handleTaskRun(); }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -123,18 +105,14 @@ PolicyInputSm::PolicyInputSm(Inputs in)
                    coreDedupTables_ && segListMap_ && segmentMap_ && policyKeyToIdMap_ &&
                    exportedSegmentListColl_ && attrLogSm_,
                "PolicyInputSm needs every table of its Inputs");
-   moxInput_ = std::make_unique<MoxInput>(*this);
-   moxInput_->notifierIs(input_.get());
+   moxInput_ = std::make_unique<MoxInput>(*this, input_.get());
    for (const auto& [protocol, table] : input_->policyInput()) {
       if (isHandled(protocol)) moxPolicyIs(protocol);
    }
-   moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this);
-   moxMplsConfig_->notifierIs(mplsConfig_.get());
-   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this);
-   moxMplsStatus_->notifierIs(mplsStatus_.get());
+   moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this, mplsConfig_.get());
+   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, mplsStatus_.get());
    // Binding to the configuration is what starts the machine.
-   moxConfig_ = std::make_unique<MoxConfig>(*this);
-   moxConfig_->notifierIs(config_.get());
+   moxConfig_ = std::make_unique<MoxConfig>(*this, config_.get());
    handleInitialized();
    handleSpecifiedBsidOnly();
 }
@@ -189,8 +167,7 @@ void PolicyInputSm::handleInitialized() {
                      << (config_->segmentListSharingEnabled() ? "True" : "False"));
    if (!task_) {
       task_ = Mox::make<Kiln::Task>(scheduler_, taskPriority, taskName);
-      moxTask_ = std::make_unique<MoxTask>(*this);
-      moxTask_->notifierIs(task_);
+      moxTask_ = std::make_unique<MoxTask>(*this, task_);
    }
    readSrlbRange();
    cleanupPending_ = true;

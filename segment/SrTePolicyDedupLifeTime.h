@@ -11,6 +11,7 @@
 //   static const char* insertAssert, *removeAssert;
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -18,6 +19,39 @@
 #include "platform/Trace.h"
 
 namespace SrTePolicy {
+
+// The notifying collection of one kind of canonical item: the lifetime notifiers of the items in
+// the table, and the counter their identifiers come from. Each kind names its own handler
+// (onSegmentNotifier, onSegmentListNotifier) in its Notifiee and hands it over as
+// `Derived::onNotifier`; its accessors under its own names forward to the members here.
+template <class Derived, class NotifierT, class IdT>
+class NotifyingCollectionOf : public Mox::Entity {
+ public:
+   using NotifierSet = Mox::HashSet<Mox::Ptr<NotifierT>>;
+
+   const NotifierSet& members() const noexcept { return member_; }
+   bool memberHas(const Mox::Ptr<NotifierT>& n) const { return member_.count(n) != 0; }
+   void memberIs(const Mox::Ptr<NotifierT>& n) { setIs(member_, n, Derived::onNotifier); }
+   void memberDel(const Mox::Ptr<NotifierT>& n) { collDel(member_, n, Derived::onNotifier); }
+   void memberDelAll() { collDelAll(member_, Derived::onNotifier); }
+
+   IdT uniqueId() const noexcept { return uniqueId_; }
+   IdT uniqueIdInc(uint32_t by) {
+      attrIs(uniqueId_, IdT(uniqueId_.value + by), &Derived::Notifiee::onUniqueId);
+      return uniqueId_;
+   }
+   void uniqueIdIs(IdT id) { attrIs(uniqueId_, id, &Derived::Notifiee::onUniqueId); }
+
+   // "<name>: uniqueIds:%d\n"
+   void dump(std::string& out, int depth) const {
+      Mox::appendf(out, "%*c%s: uniqueIds:%d\n", depth, ' ', Derived::dumpName,
+                   static_cast<int>(uniqueId_.value));
+   }
+
+ private:
+   NotifierSet member_;
+   IdT uniqueId_;
+};
 
 template <class Traits>
 class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
@@ -38,7 +72,7 @@ class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
       Traits::idIs(*item, collection_->uniqueIdInc(1));
       auto notifier = Mox::make<Notifier>(handle);
       Traits::notifierIs(*item, notifier);
-      Traits::collectionNotifierIs(*collection_, notifier);
+      collection_->memberIs(notifier);
    }
 
    void handleRemove(Kiln::DedupHandle* rawHandle) override {
@@ -46,15 +80,15 @@ class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
       Item* item = Traits::item(rawHandle);
       Mox::Ptr<Notifier> notifier(Traits::notifierOf(*item));
       SRTE_ASSERT(nullptr != notifier, Traits::removeAssert);
-      Traits::collectionNotifierDel(*collection_, notifier);
+      collection_->memberDel(notifier);
       Traits::notifierIs(*item, nullptr);
    }
 
    void handleNotificationStop(Kiln::DedupHashTable&) override {
       std::vector<Mox::Ptr<Notifier>> left;
-      for (const auto& n : Traits::collectionNotifiers(*collection_)) left.push_back(n);
+      for (const auto& n : collection_->members()) left.push_back(n);
       for (const auto& n : left) {
-         if (Traits::collectionNotifiers(*collection_).count(n)) handleRemove(n->handle().get());
+         if (collection_->members().count(n)) handleRemove(n->handle().get());
       }
    }
 

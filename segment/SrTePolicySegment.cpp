@@ -66,11 +66,6 @@ Mox::Ptr<SegmentMplsLabel> SegmentMplsLabel::dedup(SegmentDedupTable& table) {
    return Mox::Ptr<SegmentMplsLabel>(static_cast<SegmentMplsLabel*>(canonical.get()));
 }
 
-void NotifyingSegmentCollection::dump(std::string& out, int depth) const {
-   Mox::appendf(out, "%*cNotifyingSegmentCollection: uniqueIds:%d\n", depth, ' ',
-                static_cast<int>(uniqueId_.value));
-}
-
 Mox::Ptr<SegmentMplsLabel> SegmentDedupTable::lookupByLabel(Ipkit::MplsLabel label) const {
    return lookup(SegmentMplsLabel(SegmentType::mplsLabel, label));
 }

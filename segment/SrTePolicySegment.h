@@ -109,39 +109,24 @@ class SegmentLifeTimeNotifier : public DedupLifeTimeNotifier<SegmentBase> {
    std::string stringValue() const { return segmentRawPtr()->stringValue(); }
 };
 
-class NotifyingSegmentCollection : public Mox::Entity {
+class NotifyingSegmentCollection
+    : public NotifyingCollectionOf<NotifyingSegmentCollection, SegmentLifeTimeNotifier, SegmentId> {
  public:
-   using NotifierSet = Mox::HashSet<Mox::Ptr<SegmentLifeTimeNotifier>>;
    class Notifiee : public Mox::NotifieeOf<NotifyingSegmentCollection> {
     public:
       virtual void onSegmentNotifier(const Mox::Ptr<SegmentLifeTimeNotifier>&) {}
       virtual void onUniqueId() {}
    };
+   static constexpr auto onNotifier = &Notifiee::onSegmentNotifier;
+   static constexpr const char* dumpName = "NotifyingSegmentCollection";
 
-   const NotifierSet& segmentNotifier() const noexcept { return segmentNotifier_; }
+   const NotifierSet& segmentNotifier() const noexcept { return members(); }
    bool segmentNotifierHas(const Mox::Ptr<SegmentLifeTimeNotifier>& n) const {
-      return segmentNotifier_.count(n) != 0;
+      return memberHas(n);
    }
-   void segmentNotifierIs(const Mox::Ptr<SegmentLifeTimeNotifier>& n) {
-      setIs(segmentNotifier_, n, &Notifiee::onSegmentNotifier);
-   }
-   void segmentNotifierDel(const Mox::Ptr<SegmentLifeTimeNotifier>& n) {
-      collDel(segmentNotifier_, n, &Notifiee::onSegmentNotifier);
-   }
-   void segmentNotifierDelAll() { collDelAll(segmentNotifier_, &Notifiee::onSegmentNotifier); }
-
-   SegmentId uniqueId() const noexcept { return uniqueId_; }
-   SegmentId uniqueIdInc(uint32_t by) {
-      attrIs(uniqueId_, SegmentId(uniqueId_.value + by), &Notifiee::onUniqueId);
-      return uniqueId_;
-   }
-   void uniqueIdIs(SegmentId id) { attrIs(uniqueId_, id, &Notifiee::onUniqueId); }
-
-   void dump(std::string& out, int depth) const;
-
- private:
-   NotifierSet segmentNotifier_;
-   SegmentId uniqueId_;
+   void segmentNotifierIs(const Mox::Ptr<SegmentLifeTimeNotifier>& n) { memberIs(n); }
+   void segmentNotifierDel(const Mox::Ptr<SegmentLifeTimeNotifier>& n) { memberDel(n); }
+   void segmentNotifierDelAll() { memberDelAll(); }
 };
 
 struct SegmentDedupTraits {
@@ -152,15 +137,6 @@ struct SegmentDedupTraits {
    static Notifier* notifierOf(const Item& s) { return s.segmentLifeTimeNotifier_.get(); }
    static void notifierIs(Item& s, Mox::Ptr<Notifier> n) { s.segmentLifeTimeNotifier_ = n; }
    static void idIs(Item& s, SegmentId id) { s.segmentId_ = id; }
-   static void collectionNotifierIs(Collection& c, const Mox::Ptr<Notifier>& n) {
-      c.segmentNotifierIs(n);
-   }
-   static void collectionNotifierDel(Collection& c, const Mox::Ptr<Notifier>& n) {
-      c.segmentNotifierDel(n);
-   }
-   static const Collection::NotifierSet& collectionNotifiers(const Collection& c) {
-      return c.segmentNotifier();
-   }
    static constexpr const char* insertAssert = "__null == segment->segmentLifeTimeNotifier()";
    static constexpr const char* removeAssert = "__null != lifeTimeNotifier";
 };

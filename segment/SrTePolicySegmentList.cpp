@@ -78,11 +78,6 @@ void SegmentList::dump(std::string& out, int depth) const {
    Mox::appendf(out, "\n%*c]\n", depth, ' ');
 }
 
-void NotifyingSegmentListCollection::dump(std::string& out, int depth) const {
-   Mox::appendf(out, "%*cNotifyingSegmentListCollection: uniqueIds:%d\n", depth, ' ',
-                static_cast<int>(uniqueId_.value));
-}
-
 void SegmentListDedupTable::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cSegmentListDedupTable: entries #%zu\n", depth, ' ', dedupTable().size());
 }

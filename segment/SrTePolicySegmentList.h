@@ -93,41 +93,25 @@ class SegmentListLifeTimeNotifier : public DedupLifeTimeNotifier<SegmentList> {
    std::string stringValue() const { return segmentListRawPtr()->stringValue(); }
 };
 
-class NotifyingSegmentListCollection : public Mox::Entity {
+class NotifyingSegmentListCollection
+    : public NotifyingCollectionOf<NotifyingSegmentListCollection, SegmentListLifeTimeNotifier,
+                                   SegmentListId> {
  public:
-   using NotifierSet = Mox::HashSet<Mox::Ptr<SegmentListLifeTimeNotifier>>;
    class Notifiee : public Mox::NotifieeOf<NotifyingSegmentListCollection> {
     public:
       virtual void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>&) {}
       virtual void onUniqueId() {}
    };
+   static constexpr auto onNotifier = &Notifiee::onSegmentListNotifier;
+   static constexpr const char* dumpName = "NotifyingSegmentListCollection";
 
-   const NotifierSet& segmentListNotifier() const noexcept { return segmentListNotifier_; }
+   const NotifierSet& segmentListNotifier() const noexcept { return members(); }
    bool segmentListNotifierHas(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) const {
-      return segmentListNotifier_.count(n) != 0;
+      return memberHas(n);
    }
-   void segmentListNotifierIs(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) {
-      setIs(segmentListNotifier_, n, &Notifiee::onSegmentListNotifier);
-   }
-   void segmentListNotifierDel(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) {
-      collDel(segmentListNotifier_, n, &Notifiee::onSegmentListNotifier);
-   }
-   void segmentListNotifierDelAll() {
-      collDelAll(segmentListNotifier_, &Notifiee::onSegmentListNotifier);
-   }
-
-   SegmentListId uniqueId() const noexcept { return uniqueId_; }
-   SegmentListId uniqueIdInc(uint32_t by) {
-      attrIs(uniqueId_, SegmentListId(uniqueId_.value + by), &Notifiee::onUniqueId);
-      return uniqueId_;
-   }
-   void uniqueIdIs(SegmentListId id) { attrIs(uniqueId_, id, &Notifiee::onUniqueId); }
-
-   void dump(std::string& out, int depth) const;
-
- private:
-   NotifierSet segmentListNotifier_;
-   SegmentListId uniqueId_;
+   void segmentListNotifierIs(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) { memberIs(n); }
+   void segmentListNotifierDel(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) { memberDel(n); }
+   void segmentListNotifierDelAll() { memberDelAll(); }
 };
 
 struct SegmentListDedupTraits {
@@ -138,15 +122,6 @@ struct SegmentListDedupTraits {
    static Notifier* notifierOf(const Item& s) { return s.segmentListLifeTimeNotifier_.get(); }
    static void notifierIs(Item& s, Mox::Ptr<Notifier> n) { s.segmentListLifeTimeNotifier_ = n; }
    static void idIs(Item& s, SegmentListId id) { s.segmentListId_ = id; }
-   static void collectionNotifierIs(Collection& c, const Mox::Ptr<Notifier>& n) {
-      c.segmentListNotifierIs(n);
-   }
-   static void collectionNotifierDel(Collection& c, const Mox::Ptr<Notifier>& n) {
-      c.segmentListNotifierDel(n);
-   }
-   static const Collection::NotifierSet& collectionNotifiers(const Collection& c) {
-      return c.segmentListNotifier();
-   }
    static constexpr const char* insertAssert =
        "__null == segmentList->segmentListLifeTimeNotifier()";
    static constexpr const char* removeAssert = "__null != lifeTimeNotifier";

@@ -49,6 +49,12 @@ TEST(Dedup, EqualContentSharesOneCanonicalInstanceAndIdsStartAtOne) {
    EXPECT_EQ(tables.notifyingSegmentCollection()->segmentNotifier().size(), 3u);
    EXPECT_EQ(tables.notifyingSegmentListCollection()->segmentListNotifier().size(), 3u);
    EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +l2 +l3 ");
+   // One collection template serves both kinds: each dumps under its own name and counter.
+   std::string dumps;
+   tables.notifyingSegmentCollection()->dump(dumps, 0);
+   tables.notifyingSegmentListCollection()->dump(dumps, 2);
+   EXPECT_EQ(dumps, " NotifyingSegmentCollection: uniqueIds:3\n"
+                    "  NotifyingSegmentListCollection: uniqueIds:3\n");
    EXPECT_EQ(a->segmentLabel(1), Ipkit::MplsLabel(16002));
    EXPECT_EQ(a->labelStack(), stack({16001, 16002}));
    try {
