@@ -2,9 +2,15 @@
 // the canonical instance of that content (the candidate itself when the content is new); the
 // table's lifetime notifiee hears of every entry that enters (handleInsert, before insert returns)
 // and leaves (handleRemove). An entry leaves at the moment only the references held by the table's
-// own bookkeeping remain (the table's, plus whatever the notifiee took in handleInsert), that is,
-// synchronously inside the release of its last user reference. A removed entry never re-enters:
-// the same content inserted later gets a fresh canonical instance.
+// own bookkeeping remain, that is, synchronously inside the release of the last other reference.
+// The bookkeeping is a fixed number per entry: the table's own reference plus the ones the notifiee
+// declares it keeps (referencesKeptPerEntry). Anything else that holds an entry, a user or a
+// reactor that kept it from the insert notification and lets go later, keeps it listed; so an
+// entry never leaves while a user holds it, whatever order the holders release in. A removed entry
+// never re-enters: the same content inserted later gets a fresh canonical instance.
+//
+// Checked in debug builds: a listed entry's count never falls below its mark, and an entry is never
+// destroyed while listed.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +25,7 @@ class DedupHashTable;
 // Base of every deduplicated object: its content decides equality and hash.
 class DedupHandle : public Mox::Entity {
  public:
+   ~DedupHandle() override;
    virtual bool compare(const DedupHandle& other) const = 0;
    virtual uint32_t hash() const = 0;
    bool isInDedupTable() const noexcept { return table_ != nullptr; }
@@ -38,6 +45,8 @@ class DedupHandle : public Mox::Entity {
 class DedupHashTableLifeTimeNotifiee {
  public:
    virtual ~DedupHashTableLifeTimeNotifiee() = default;
+   // The references handleInsert keeps on each entry until handleRemove, whatever reactors do.
+   virtual uint32_t referencesKeptPerEntry() const noexcept = 0;
    virtual void handleInsert(const Mox::Ptr<DedupHandle>& handle) = 0;
    virtual void handleRemove(DedupHandle* rawHandle) = 0;
    virtual void handleNotificationStop(DedupHashTable& table) = 0;

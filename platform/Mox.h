@@ -64,13 +64,27 @@ class RefCounted {
             delete this;
          } else if (refs_ == watchAt_) {
             const_cast<RefCounted*>(this)->onRefCountWatched();
+         } else {
+            // Between zero and the mark: someone released a reference the watcher counts as its
+            // own, so the watcher will never hear that its entry is free.
+            debugCheck(false, "reference count fell below its watch mark");
          }
       }
    }
 
  protected:
    RefCounted() = default;
-   virtual ~RefCounted() = default;
+   virtual ~RefCounted() {
+      // A holder still points here: the object was destroyed by hand, not by its last release.
+      debugCheck(refs_ == 0, "object destroyed while referenced");
+   }
+   // Checks that cost nothing in release builds.
+   static void debugCheck([[maybe_unused]] bool ok, [[maybe_unused]] const char* text) noexcept {
+#ifndef NDEBUG
+      if (!ok) refCountCheckFailed(text);
+#endif
+   }
+   [[noreturn]] static void refCountCheckFailed(const char* text) noexcept;
    // When the count falls to `count` (non-zero), onRefCountWatched() runs. A dedup table sets it to
    // the number of references its own bookkeeping holds.
    void refCountWatchIs(uint32_t count) noexcept { watchAt_ = count; }
