@@ -257,7 +257,7 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
       if (available != user->available()) {
          user->availableIs(available);
          for (const PolicyId& id : user->policyId()) {
-            if (!pendingPolicyId_.count(id)) markPending(id, false);
+            if (!pendingPolicyId_.count(PendingPolicyKey(id))) markPending(id, false);
          }
       }
    }
@@ -266,9 +266,12 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
 
 void PolicyInputSm::handleTaskRun() {
    if (!initialized_) return;
-   auto it = pendingPolicyId_.end();
-   if (!(pendingBookmark_ == PolicyId())) it = pendingPolicyId_.find(pendingBookmark_);
-   if (it == pendingPolicyId_.end()) it = pendingPolicyId_.begin();
+   // Resume where the last run stopped; what was queued behind the bookmark meanwhile waits for
+   // the next pass.
+   auto it = pendingPolicyId_.begin();
+   if (!(pendingBookmark_ == PolicyId())) {
+      it = pendingPolicyId_.lower_bound(PendingPolicyKey(pendingBookmark_));
+   }
    pendingBookmark_ = PolicyId();
 
    uint64_t count = 0;
@@ -276,18 +279,19 @@ void PolicyInputSm::handleTaskRun() {
    while (it != pendingPolicyId_.end()) {
       if (attrLogSm_->isAttrLogOutClogged()) {
          delay = true;
-         pendingBookmark_ = it->first;
+         pendingBookmark_ = it->first.id;
          break;
       }
-      const PolicyId id = it->first;
+      const PendingPolicyKey key = it->first;
       const bool policyChanged = it->second;
-      processPolicyEntry(id, policyChanged);
+      processPolicyEntry(key.id, policyChanged);
       // Processing never queues ids, but look the id up again rather than trust the iterator.
-      it = pendingPolicyId_.find(id);
-      if (it != pendingPolicyId_.end()) it = pendingPolicyId_.erase(it);
+      it = pendingPolicyId_.find(key);
+      it = it != pendingPolicyId_.end() ? pendingPolicyId_.erase(it)
+                                        : pendingPolicyId_.upper_bound(key);
       ++count;
       if (task_->taskShouldYield()) {
-         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first;
+         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first.id;
          break;
       }
    }
@@ -338,15 +342,8 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
    if (bsid.isNull()) {
       if (config_->specifiedBsidOnly()) reason = PolicyInvalidReason::bsidMissing;
    } else {
-      const uint32_t base = srlbConfigRangeBase();
-      const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
-      bool inside = false;
-      try {
-         inside = !(bsid < Ipkit::MplsLabel(base)) && !(Ipkit::MplsLabel(last) < bsid);
-      } catch (const Mox::RangeError& e) {
-         // An SRLB that reaches past the label space (or none at all) holds no usable label.
-         SRTE_TRACE(3, "SRLB [" << base << ", " << last << "] cannot be formed: " << e.what());
-      }
+      const bool inside = srlbFormable_ && bsid.value() >= srlbConfigRangeBase() &&
+                          bsid.value() <= srlbConfigRangeBase() + srlbConfigRangeSize() - 1;
       if (!inside) {
          reason = PolicyInvalidReason::bsidOutOfRange;
       } else {
@@ -574,7 +571,7 @@ void PolicyInputSm::runCleanupJob() {
 // Queueing
 
 void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
-   auto [it, inserted] = pendingPolicyId_.try_emplace(id, policyChanged);
+   auto [it, inserted] = pendingPolicyId_.try_emplace(PendingPolicyKey(id), policyChanged);
    if (!inserted && policyChanged) it->second = true;
 }
 
@@ -593,6 +590,15 @@ void PolicyInputSm::scheduleIfPending() {
 void PolicyInputSm::readSrlbRange() {
    const Mpls::LabelRange* range = mplsConfig_->labelRange(Mpls::srlbRangeName);
    srlbConfigRange_ = range ? *range : Mpls::LabelRange(0, 0);
+   // Both bounds must be labels; an SRLB that reaches past the label space (or none at all, whose
+   // last label wraps) holds no usable label. Decided once here, not per candidate path.
+   const uint32_t base = srlbConfigRangeBase();
+   const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
+   srlbFormable_ = base <= Ipkit::MplsLabel::luWithdraw && last <= Ipkit::MplsLabel::luWithdraw;
+   if (!srlbFormable_) {
+      SRTE_TRACE(3, "SRLB [" << base << ", " << last
+                             << "] cannot be formed: " << Ipkit::MplsLabel::rangeMessage);
+   }
 }
 
 void PolicyInputSm::dump(std::string& out, int depth) const {

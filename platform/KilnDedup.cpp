@@ -48,6 +48,12 @@ Mox::Ptr<DedupHandle> DedupHashTable::lookup(const DedupHandle& probe) const {
    return Mox::Ptr<DedupHandle>(*it);
 }
 
+Mox::Ptr<DedupHandle> DedupHashTable::lookup(const DedupProbe& probe) const {
+   auto it = entries_.find(probe);
+   if (it == entries_.end()) return nullptr;
+   return Mox::Ptr<DedupHandle>(*it);
+}
+
 void DedupHashTable::remove(DedupHandle* h) {
    // Keep the entry alive until its removal is complete; it dies here if nothing else holds it.
    Mox::Ptr<DedupHandle> guard(h);

@@ -14,8 +14,8 @@
 #pragma once
 
 #include <cstdint>
-#include <unordered_set>
 
+#include "absl/container/flat_hash_set.h"
 #include "platform/Mox.h"
 
 namespace Kiln {
@@ -52,6 +52,14 @@ class DedupHashTableLifeTimeNotifiee {
    virtual void handleNotificationStop(DedupHashTable& table) = 0;
 };
 
+// A content to look for without building a candidate: the hash its entry would have, and a test
+// of a listed entry against it.
+struct DedupProbe {
+   uint32_t hash;
+   const void* content;
+   bool (*matches)(const void* content, const DedupHandle& entry);
+};
+
 class DedupHashTable : public Mox::RefCounted {
  public:
    DedupHashTable() = default;
@@ -61,6 +69,8 @@ class DedupHashTable : public Mox::RefCounted {
    Mox::Ptr<DedupHandle> insert(const Mox::Ptr<DedupHandle>& candidate);
    // The canonical entry equal to `probe`, or null; never inserts. The probe may live on the stack.
    Mox::Ptr<DedupHandle> lookup(const DedupHandle& probe) const;
+   // The same by a probe; one lookup, nothing built.
+   Mox::Ptr<DedupHandle> lookup(const DedupProbe& probe) const;
 
    void lifeTimeNotifieeIs(DedupHashTableLifeTimeNotifiee* n) noexcept { notifiee_ = n; }
    DedupHashTableLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return notifiee_; }
@@ -80,16 +90,28 @@ class DedupHashTable : public Mox::RefCounted {
    void detachAll();
 
    struct HashOf {
-      size_t operator()(const DedupHandle* h) const noexcept { return h->cachedHash_; }
+      using is_transparent = void;
+      size_t operator()(const DedupHandle* h) const noexcept {
+         return Mox::spreadHash(h->cachedHash_);
+      }
+      size_t operator()(const DedupProbe& p) const noexcept { return Mox::spreadHash(p.hash); }
    };
    struct SameContent {
+      using is_transparent = void;
       bool operator()(const DedupHandle* a, const DedupHandle* b) const {
          return a == b || a->compare(*b);
       }
+      bool operator()(const DedupProbe& p, const DedupHandle* h) const {
+         return p.matches(p.content, *h);
+      }
+      bool operator()(const DedupHandle* h, const DedupProbe& p) const {
+         return p.matches(p.content, *h);
+      }
    };
    // The table holds one reference on each entry (taken by hand: the set keys are raw pointers
-   // so that a stack probe can be looked up).
-   std::unordered_set<DedupHandle*, HashOf, SameContent> entries_;
+   // so that a stack probe can be looked up). Entries are pointers, so nothing moves that a user
+   // sees when the table grows.
+   absl::flat_hash_set<DedupHandle*, HashOf, SameContent> entries_;
    DedupHashTableLifeTimeNotifiee* notifiee_ = nullptr;
 };
 

@@ -21,19 +21,23 @@
 //    object is still deleted when the count reaches zero.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
+
+#include "absl/container/flat_hash_map.h"
+#include "absl/container/flat_hash_set.h"
+#include "absl/container/inlined_vector.h"
 
 namespace Mox {
 
@@ -140,26 +144,37 @@ Ptr<T> ptrCast(const Ptr<U>& p) {
 
 // ---------------------------------------------------------------------------------------------
 // Hashing for keyed collections: a key offers `uint32_t hash() const`, or std::hash applies.
+//
+// The flat tables below take a slot from the hash's high bits and a 7-bit tag from its low bits,
+// and do not mix it again: a key's hash is spread over the whole word here, so that small integers
+// and aligned pointers (whose std::hash is the value itself) do not pile up in a few groups.
 
 template <class K>
 concept HasHashMember = requires(const K& k) {
    k.hash();
 };
 
+inline size_t spreadHash(uint64_t h) noexcept {
+   h *= 0x9e3779b97f4a7c15ull;
+   return static_cast<size_t>(h ^ (h >> 32));
+}
+
 template <class K>
 struct Hash {
    size_t operator()(const K& k) const noexcept {
       if constexpr (HasHashMember<K>) {
-         return k.hash();
+         return spreadHash(k.hash());
       } else {
-         return std::hash<K>{}(k);
+         return spreadHash(std::hash<K>{}(k));
       }
    }
 };
 
 template <class K>
 struct Hash<Ptr<K>> {
-   size_t operator()(const Ptr<K>& k) const noexcept { return std::hash<const void*>{}(k.get()); }
+   size_t operator()(const Ptr<K>& k) const noexcept {
+      return spreadHash(reinterpret_cast<uintptr_t>(k.get()));
+   }
 };
 
 // Murmur3's finaliser: a good 32-bit mix for combining field hashes.
@@ -176,12 +191,138 @@ inline uint32_t hashCombine(uint32_t seed, uint32_t v) noexcept {
 }
 
 // Hash-ordered (iteration order unspecified) and key-ordered collections.
+//
+// The hash-ordered ones are Abseil's open-addressing tables: one probe of a contiguous group per
+// lookup instead of a chain of separately allocated nodes, no allocation per member, and a
+// library that large programs rely on and keep tuned. What they do not give, unlike node-based
+// tables: a member does not stay where it is when the table grows (an insert may move every
+// member, so pointers and references into the table are good only until the next insert), and
+// erase(iterator) returns nothing. Collections that must hand out stable addresses keep their
+// values behind a Ptr (most do: the value is an entity) and say so where they are declared.
 template <class K, class V>
-using HashMap2018 = std::unordered_map<K, V, Hash<K>>;
+using HashMap2018 = absl::flat_hash_map<K, V, Hash<K>>;
 template <class K>
-using HashSet = std::unordered_set<K, Hash<K>>;
+using HashSet = absl::flat_hash_set<K, Hash<K>>;
 template <class K, class V>
 using RbTreeMap = std::map<K, V>;
+
+// A set that is usually one or two members (the candidate paths naming one binding SID or one
+// segment list): up to `Inline` members live inline and are searched linearly, so the common case
+// has no table and no allocation; past that the members move to a flat table, so a list that a
+// thousand paths share does not cost a linear search per change. Iteration order is unspecified.
+template <class K, size_t Inline = 2, size_t Linear = 8>
+class SmallSet {
+   using Vec = absl::InlinedVector<K, Inline>;
+   using Big = absl::flat_hash_set<K, Hash<K>>;
+
+ public:
+   using key_type = K;
+   using value_type = K;
+
+   class const_iterator {
+    public:
+      using value_type = K;
+      using difference_type = std::ptrdiff_t;
+      using reference = const K&;
+      using pointer = const K*;
+      using iterator_category = std::forward_iterator_tag;
+      const_iterator() = default;
+      const K& operator*() const noexcept { return small_ ? *small_ : *big_; }
+      const K* operator->() const noexcept { return &**this; }
+      const_iterator& operator++() noexcept {
+         if (small_) {
+            ++small_;
+         } else {
+            ++big_;
+         }
+         return *this;
+      }
+      const_iterator operator++(int) noexcept {
+         auto old = *this;
+         ++*this;
+         return old;
+      }
+      friend bool operator==(const const_iterator& a, const const_iterator& b) noexcept {
+         return a.small_ == b.small_ && (a.small_ || a.big_ == b.big_);
+      }
+
+    private:
+      friend class SmallSet;
+      explicit const_iterator(const K* p) : small_(p) {}
+      explicit const_iterator(typename Big::const_iterator it) : big_(it) {}
+      const K* small_ = nullptr;
+      typename Big::const_iterator big_{};
+   };
+   using iterator = const_iterator;
+
+   SmallSet() = default;
+   SmallSet(const SmallSet& o) : small_(o.small_) {
+      if (o.big_) big_ = std::make_unique<Big>(*o.big_);
+   }
+   SmallSet(SmallSet&&) noexcept = default;
+   SmallSet& operator=(SmallSet o) noexcept {
+      small_.swap(o.small_);
+      big_.swap(o.big_);
+      return *this;
+   }
+
+   const_iterator begin() const noexcept {
+      return big_ ? const_iterator(big_->begin()) : const_iterator(small_.data());
+   }
+   const_iterator end() const noexcept {
+      return big_ ? const_iterator(big_->end()) : const_iterator(small_.data() + small_.size());
+   }
+   size_t size() const noexcept { return big_ ? big_->size() : small_.size(); }
+   bool empty() const noexcept { return size() == 0; }
+   const_iterator find(const K& k) const {
+      if (big_) return const_iterator(big_->find(k));
+      return const_iterator(std::find(small_.begin(), small_.end(), k));
+   }
+   size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
+   bool contains(const K& k) const { return find(k) != end(); }
+   std::pair<const_iterator, bool> insert(const K& k) {
+      if (big_) {
+         auto [it, inserted] = big_->insert(k);
+         return {const_iterator(it), inserted};
+      }
+      auto it = std::find(small_.begin(), small_.end(), k);
+      if (it != small_.end()) return {const_iterator(&*it), false};
+      if (small_.size() < Linear) {
+         small_.push_back(k);
+         return {const_iterator(&small_.back()), true};
+      }
+      big_ = std::make_unique<Big>();
+      big_->reserve(small_.size() + 1);
+      for (auto& m : small_) big_->insert(std::move(m));
+      small_.clear();
+      small_.shrink_to_fit();
+      return insert(k);
+   }
+   void erase(const_iterator it) {
+      if (big_) {
+         big_->erase(it.big_);
+         if (big_->empty()) big_.reset();
+         return;
+      }
+      auto pos = small_.begin() + (it.small_ - small_.data());
+      if (pos != small_.end() - 1) *pos = std::move(small_.back());
+      small_.pop_back();
+   }
+   size_t erase(const K& k) {
+      auto it = find(k);
+      if (it == end()) return 0;
+      erase(it);
+      return 1;
+   }
+   void clear() noexcept {
+      small_.clear();
+      big_.reset();
+   }
+
+ private:
+   Vec small_;
+   std::unique_ptr<Big> big_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Entities and reactors
@@ -297,10 +438,21 @@ class Entity : public RefCounted {
    }
    template <class M, class K, class N>
    void collDelAll(M& map, void (N::*handler)(const K&)) {
+      // The keys are taken first: a flat table's begin() scans from its first slot, so erasing
+      // at begin() one member at a time would cost the square of the size. Reactors may add
+      // members meanwhile: go round until none is left.
+      std::vector<typename M::key_type> keys;
       while (!map.empty()) {
-         auto keep = std::move(*map.begin());
-         map.erase(map.begin());
-         notify(handler, keyOf(keep));
+         keys.clear();
+         keys.reserve(map.size());
+         for (const auto& kv : map) keys.push_back(keyOf(kv));
+         for (const auto& k : keys) {
+            auto it = map.find(k);
+            if (it == map.end()) continue;
+            auto keep = std::move(*it);
+            map.erase(it);
+            notify(handler, keyOf(keep));
+         }
       }
    }
 

@@ -62,6 +62,44 @@ uint32_t SegmentList::hash() const {
    return h;
 }
 
+uint32_t SegmentList::contentHash(const Ipkit::MplsLabelOperation& stack, uint32_t n) noexcept {
+   // As hash(): each canonical segment's hash is that of its label.
+   uint32_t h = Mox::mix32(n);
+   for (uint32_t i = 0; i < n; ++i) {
+      const Ipkit::MplsLabel label = stack.label(Ipkit::MplsStackEntryIndex(i));
+      h = Mox::hashCombine(h, SegmentMplsLabel::contentHash(SegmentType::mplsLabel, label));
+   }
+   return h;
+}
+
+bool SegmentList::holdsLabels(const Ipkit::MplsLabelOperation& stack, uint32_t n) const noexcept {
+   if (size_ != n) return false;
+   for (uint32_t i = 0; i < n; ++i) {
+      const SegmentBase* s = segment_[i].get();
+      if (!s || s->type() != SegmentType::mplsLabel) return false;
+      if (static_cast<const SegmentMplsLabel*>(s)->label() !=
+          stack.label(Ipkit::MplsStackEntryIndex(i)))
+         return false;
+   }
+   return true;
+}
+
+Mox::Ptr<SegmentList> SegmentListDedupTable::lookupByLabels(const Ipkit::MplsLabelOperation& stack,
+                                                            uint32_t n) const {
+   struct Content {
+      const Ipkit::MplsLabelOperation& stack;
+      uint32_t n;
+   } content{stack, n};
+   Kiln::DedupProbe probe{SegmentList::contentHash(stack, n), &content,
+                          [](const void* c, const Kiln::DedupHandle& entry) {
+                             const auto& want = *static_cast<const Content*>(c);
+                             return static_cast<const SegmentList&>(entry).holdsLabels(want.stack,
+                                                                                       want.n);
+                          }};
+   auto found = dedupTable().lookup(probe);
+   return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(found.get()));
+}
+
 Mox::Ptr<SegmentList> SegmentList::dedup(SegmentListDedupTable& table) {
    auto canonical = table.dedupTable().insert(Mox::Ptr<Kiln::DedupHandle>(this));
    return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(canonical.get()));
