@@ -284,11 +284,16 @@ void PolicyInputSm::handleTaskRun() {
       }
       const PendingPolicyKey key = it->first;
       const bool policyChanged = it->second;
+      const uint64_t queuedBefore = pendingQueued_;
       processPolicyEntry(key.id, policyChanged);
-      // Processing never queues ids, but look the id up again rather than trust the iterator.
-      it = pendingPolicyId_.find(key);
-      it = it != pendingPolicyId_.end() ? pendingPolicyId_.erase(it)
-                                        : pendingPolicyId_.upper_bound(key);
+      if (pendingQueued_ == queuedBefore) {
+         it = pendingPolicyId_.erase(it); // nothing was queued: the iterator still stands
+      } else {
+         // Processing queued ids (it does not today): the tree may have moved, look again.
+         it = pendingPolicyId_.find(key);
+         it = it != pendingPolicyId_.end() ? pendingPolicyId_.erase(it)
+                                           : pendingPolicyId_.upper_bound(key);
+      }
       ++count;
       if (task_->taskShouldYield()) {
          if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first.id;
@@ -427,10 +432,11 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    entry->bindingSidIs(record.bindingSid());
 
    // Register the new lists before letting go of the old ones, so that a list the update keeps
-   // never leaves the dedup table in between.
-   std::vector<SegmentListId> previous;
+   // never leaves the dedup table in between. A path has at most 16 lists: fixed arrays, no
+   // allocation per path.
+   SegmentListIds previous;
    for (const auto& [index, wsl] : entry->wSegmentList()) previous.push_back(wsl.segmentListId);
-   std::vector<SegmentListId> current;
+   SegmentListIds current;
    const uint32_t count =
        std::min(record.segmentListCount(), PolicyInputEntry::segmentListCapacity);
    for (uint32_t i = 0; i < count; ++i) {
@@ -442,11 +448,14 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
       entry->wSegmentListIs(static_cast<uint8_t>(i),
                             WeightedSegmentListId(slot.weight, slId, slId.getTunnelId()));
    }
-   std::vector<uint8_t> surplus;
-   for (const auto& [index, wsl] : entry->wSegmentList()) {
-      if (index >= count) surplus.push_back(index);
+   // Slots past the new count go, lowest index first (rows are index-ordered).
+   for (;;) {
+      const auto& rows = entry->wSegmentList();
+      auto surplus = std::find_if(rows.begin(), rows.end(),
+                                  [count](const auto& row) { return row.first >= count; });
+      if (surplus == rows.end()) break;
+      entry->wSegmentListDel(surplus->first);
    }
-   for (uint8_t index : surplus) entry->wSegmentListDel(index);
    for (SegmentListId old : previous) {
       if (std::find(current.begin(), current.end(), old) == current.end()) {
          deregisterSegmentListForPolicy(old, id);
@@ -458,7 +467,7 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
 void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
    Mox::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(id);
    if (!entry) return;
-   std::vector<SegmentListId> lists;
+   SegmentListIds lists;
    for (const auto& [index, wsl] : entry->wSegmentList()) lists.push_back(wsl.segmentListId);
    for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, id);
    policySelectionInput_->policyIdEntryDel(id);
@@ -572,6 +581,7 @@ void PolicyInputSm::runCleanupJob() {
 
 void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
    auto [it, inserted] = pendingPolicyId_.try_emplace(PendingPolicyKey(id), policyChanged);
+   pendingQueued_ += inserted;
    if (!inserted && policyChanged) it->second = true;
 }
 

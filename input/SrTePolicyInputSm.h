@@ -160,6 +160,7 @@ class PolicyInputSm : public Mox::RefCounted {
    bool isLabelAvailableInLfib(Ipkit::MplsLabel label) const;
 
    // Segment lists.
+   using SegmentListIds = absl::InlinedVector<SegmentListId, PolicyInputEntry::segmentListCapacity>;
    Mox::Ptr<SegmentList> createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
                                                 const PolicyId& id);
    void registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& segmentList, const PolicyId& id);
@@ -192,6 +193,7 @@ class PolicyInputSm : public Mox::RefCounted {
    Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
    Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
    PendingPolicyIdMap pendingPolicyId_;
+   uint64_t pendingQueued_ = 0; // ids ever queued: tells a drain whether its iterator still stands
    PolicyId pendingBookmark_;
    bool cleanupPending_ = false;
    bool initialized_ = false;

@@ -20,7 +20,8 @@ struct PolicyCandidateInfo {
 
 class PolicyInfo : public Mox::Entity {
  public:
-   using Map = Mox::RbTreeMap<CandidateId, PolicyCandidateInfo>;
+   // One or two candidates per key as a rule: inline, in key order.
+   using Map = Mox::SmallMap<CandidateId, PolicyCandidateInfo>;
    class Notifiee : public Mox::NotifieeOf<PolicyInfo> {
     public:
       virtual void onCandidate(const CandidateId&) {}

@@ -324,6 +324,55 @@ class SmallSet {
    std::unique_ptr<Big> big_;
 };
 
+// A key-ordered map that is usually a member or two (the candidates of one policy key): kept
+// sorted in one inline block, so the common case allocates nothing. Insert and erase move the
+// members behind: meant for a handful, not for thousands.
+template <class K, class V, size_t Inline = 2>
+class SmallMap {
+ public:
+   using key_type = K;
+   using mapped_type = V;
+   using value_type = std::pair<K, V>;
+   using Vec = absl::InlinedVector<value_type, Inline>;
+   using iterator = typename Vec::iterator;
+   using const_iterator = typename Vec::const_iterator;
+
+   iterator begin() noexcept { return items_.begin(); }
+   iterator end() noexcept { return items_.end(); }
+   const_iterator begin() const noexcept { return items_.begin(); }
+   const_iterator end() const noexcept { return items_.end(); }
+   size_t size() const noexcept { return items_.size(); }
+   bool empty() const noexcept { return items_.empty(); }
+   iterator find(const K& k) {
+      auto it = lowerBound(k);
+      return it != items_.end() && it->first == k ? it : items_.end();
+   }
+   const_iterator find(const K& k) const { return const_cast<SmallMap*>(this)->find(k); }
+   size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
+   bool contains(const K& k) const { return find(k) != end(); }
+   template <class A>
+   std::pair<iterator, bool> try_emplace(const K& k, A&& v) {
+      auto it = lowerBound(k);
+      if (it != items_.end() && it->first == k) return {it, false};
+      return {items_.emplace(it, k, std::forward<A>(v)), true};
+   }
+   iterator erase(const_iterator it) { return items_.erase(it); }
+   size_t erase(const K& k) {
+      auto it = find(k);
+      if (it == items_.end()) return 0;
+      items_.erase(it);
+      return 1;
+   }
+   void clear() noexcept { items_.clear(); }
+
+ private:
+   iterator lowerBound(const K& k) {
+      return std::lower_bound(items_.begin(), items_.end(), k,
+                              [](const value_type& a, const K& b) { return a.first < b; });
+   }
+   Vec items_;
+};
+
 // ---------------------------------------------------------------------------------------------
 // Entities and reactors
 

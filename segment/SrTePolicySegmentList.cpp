@@ -6,6 +6,10 @@ namespace SrTePolicy {
 
 void SegmentList::segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const SegmentBase> segment) {
    segment_[index.value] = std::move(segment);
+   const SegmentBase* s = segment_[index.value].get();
+   label_[index.value] = s && s->type() == SegmentType::mplsLabel
+                             ? static_cast<const SegmentMplsLabel*>(s)->label().value()
+                             : noLabel;
    if (index.value >= size_) size_ = static_cast<uint8_t>(index.value + 1);
    notify(&Notifiee::onSegment, index.value);
 }
@@ -13,6 +17,7 @@ void SegmentList::segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const Seg
 void SegmentList::segmentDel(Ipkit::MplsStackEntryIndex index) {
    if (index.value >= size_) return;
    segment_[index.value].reset();
+   label_[index.value] = noLabel;
    while (size_ > 0 && !segment_[size_ - 1]) --size_;
    notify(&Notifiee::onSegment, index.value);
 }
@@ -75,11 +80,7 @@ uint32_t SegmentList::contentHash(const Ipkit::MplsLabelOperation& stack, uint32
 bool SegmentList::holdsLabels(const Ipkit::MplsLabelOperation& stack, uint32_t n) const noexcept {
    if (size_ != n) return false;
    for (uint32_t i = 0; i < n; ++i) {
-      const SegmentBase* s = segment_[i].get();
-      if (!s || s->type() != SegmentType::mplsLabel) return false;
-      if (static_cast<const SegmentMplsLabel*>(s)->label() !=
-          stack.label(Ipkit::MplsStackEntryIndex(i)))
-         return false;
+      if (label_[i] != stack.label(Ipkit::MplsStackEntryIndex(i)).value()) return false;
    }
    return true;
 }

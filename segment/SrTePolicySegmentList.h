@@ -28,7 +28,7 @@ class SegmentListLifeTimeNotifier;
 class SegmentListDedupTable;
 
 // The candidate paths that use one thing (a segment list, a binding SID): one or two as a rule.
-using PolicyIdSet = Mox::SmallSet<PolicyId>;
+using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 4>;
 
 class SegmentList : public Kiln::DedupHandle {
  public:
@@ -81,6 +81,15 @@ class SegmentList : public Kiln::DedupHandle {
  private:
    friend struct SegmentListDedupTraits;
    std::array<Mox::Ptr<const SegmentBase>, maxSegments> segment_;
+   // The label of each entry (noLabel where there is none), beside the segments, so that finding a
+   // list by its labels does not visit every segment it holds.
+   static constexpr uint32_t noLabel = ~0u;
+   std::array<uint32_t, maxSegments> label_ = filledLabels();
+   static constexpr std::array<uint32_t, maxSegments> filledLabels() {
+      std::array<uint32_t, maxSegments> a{};
+      a.fill(noLabel);
+      return a;
+   }
    uint8_t size_ = 0;
    SegmentListId segmentListId_;
    Mox::Ptr<SegmentListLifeTimeNotifier> segmentListLifeTimeNotifier_;
