@@ -58,21 +58,17 @@ bool SegmentList::compare(const Kiln::DedupHandle& other) const {
 }
 
 uint32_t SegmentList::hash() const {
-   // Segments are canonical: the hash they got on entering their table stands for their content.
+   // Over the labels: equal lists hold the same segments, hence the same labels, and a lookup by
+   // a label stack can compute the same value without making any segment canonical.
    uint32_t h = Mox::mix32(size_);
-   for (uint32_t i = 0; i < size_; ++i) {
-      const SegmentBase* s = segment_[i].get();
-      h = Mox::hashCombine(h, s ? s->dedupHash() : 0);
-   }
+   for (uint32_t i = 0; i < size_; ++i) h = Mox::hashCombine(h, label_[i]);
    return h;
 }
 
 uint32_t SegmentList::contentHash(const Ipkit::MplsLabelOperation& stack, uint32_t n) noexcept {
-   // As hash(): each canonical segment's hash is that of its label.
    uint32_t h = Mox::mix32(n);
    for (uint32_t i = 0; i < n; ++i) {
-      const Ipkit::MplsLabel label = stack.label(Ipkit::MplsStackEntryIndex(i));
-      h = Mox::hashCombine(h, SegmentMplsLabel::contentHash(SegmentType::mplsLabel, label));
+      h = Mox::hashCombine(h, stack.label(Ipkit::MplsStackEntryIndex(i)).value());
    }
    return h;
 }
