@@ -13,24 +13,21 @@ namespace Agent {
 
 namespace {
 
-double parseSeconds(Args& a) {
-   std::string text = a.word("seconds");
-   // Decimal digits with an optional fraction: "2", "0.1".
-   bool digits = false, dot = false, ok = !text.empty();
-   for (char c : text) {
-      if (c >= '0' && c <= '9') {
-         digits = true;
-      } else if (c == '.' && !dot) {
-         dot = true;
-      } else {
-         ok = false;
-      }
-   }
-   if (!ok || !digits)
+// Seconds to advance, read exactly: "0.3" is 300000000 ns, never a double near it.
+Kiln::Duration parseAdvance(Args& a, const Kiln::TaskScheduler& scheduler) {
+   const std::string text = a.word("seconds");
+   Kiln::SecondsTextError why{};
+   const auto d = Kiln::parseSeconds(text, &why);
+   const Kiln::Duration room = Kiln::Duration::max() - scheduler.nowNs();
+   if (!d && why == Kiln::SecondsTextError::notADecimal)
       a.fail("expected seconds (a decimal number such as 2 or 0.5), got '" + text + "'");
-   const double s = std::strtod(text.c_str(), nullptr);
-   if (s > 1e9) a.fail("seconds " + text + " is out of range (at most 1000000000)");
-   return s;
+   if (!d && why == Kiln::SecondsTextError::finerThanNanoseconds)
+      a.fail("seconds " + text + " is more precise than the clock (at most 9 decimals)");
+   if (!d || *d > room) {
+      a.fail("seconds " + text + " is out of range (at most " + Kiln::secondsText(room) +
+             " at virtual time " + Kiln::secondsText(scheduler.nowNs()) + ")");
+   }
+   return *d;
 }
 
 void showOne(Host& host, const Host::Show& s, bool json) {
@@ -67,10 +64,10 @@ void registerCore(Host& host) {
        [&host](Args&) -> Host::Apply { return [&host] { host.scheduler().runUntilIdle(); }; });
 
    host.verbIs("advance", "advance <seconds>",
-               "move virtual time forward, firing every timer due on the way in order",
+               "move virtual time forward, firing in order every timer due by the new time",
                [&host](Args& a) -> Host::Apply {
-                  const double s = parseSeconds(a);
-                  return [&host, s] { host.scheduler().advance(s); };
+                  const Kiln::Duration d = parseAdvance(a, host.scheduler());
+                  return [&host, d] { host.scheduler().advance(d); };
                });
 
    host.verbIs("restart", "restart",
@@ -79,10 +76,14 @@ void registerCore(Host& host) {
 
    host.verbIs("trace", "trace <level>|off",
                "write the text trace up to that level (0 to 9) to standard error",
-               [](Args& a) -> Host::Apply {
+               [&host](Args& a) -> Host::Apply {
                   int level = -1;
                   if (!a.accept("off")) level = static_cast<int>(a.number("trace level", 9));
-                  return [level] { Trace::textLevelIs(level); };
+                  // The core's machines and the platform helpers they use.
+                  return [&host, level] {
+                     host.core().tracer().textLevelIs(level);
+                     Trace::textLevelIs(level);
+                  };
                });
 
    host.verbIs("attrlog congested", "attrlog congested on|off",
@@ -146,11 +147,11 @@ void registerCoreTables(Host& host) {
        "scheduler", "virtual time, ready tasks, timers, attribute-log congestion",
        [&host](std::string& out) {
           auto& s = host.scheduler();
-          Mox::appendf(out, "Virtual time: %s s\n", Json::Value::number(s.now()).text().c_str());
+          Mox::appendf(out, "Virtual time: %s s\n", Kiln::secondsText(s.nowNs()).c_str());
           Mox::appendf(out, "Ready tasks: %zu\n", s.readyTaskCount());
           Mox::appendf(out, "Timers: %zu", s.timerCount());
-          if (auto d = s.nextTimerDelay()) {
-             Mox::appendf(out, " (next in %s s)", Json::Value::number(*d).text().c_str());
+          if (auto d = s.nextTimerDelayNs()) {
+             Mox::appendf(out, " (next in %s s)", Kiln::secondsText(*d).c_str());
           }
           Mox::appendf(out, "\nAttribute log congested: %s\n",
                        Mox::trueFalse(host.attrLog().isAttrLogOutClogged()));
@@ -158,12 +159,12 @@ void registerCoreTables(Host& host) {
        },
        [&host] {
           auto& s = host.scheduler();
-          auto next = s.nextTimerDelay();
+          auto next = s.nextTimerDelayNs();
           return Json::Value::row()
-              .set("now", Json::Value::number(s.now()))
+              .set("now", Json::Value::seconds(s.nowNs()))
               .set("readyTasks", uint64_t{s.readyTaskCount()})
               .set("timers", uint64_t{s.timerCount()})
-              .set("nextTimerDelay", next ? Json::Value::number(*next) : Json::Value::null())
+              .set("nextTimerDelay", next ? Json::Value::seconds(*next) : Json::Value::null())
               .set("attrLogOutClogged", host.attrLog().isAttrLogOutClogged())
               .set("restarts", host.restartCount());
        });

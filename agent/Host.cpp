@@ -9,20 +9,12 @@ namespace Agent {
 Host::Host(std::ostream& out)
     : out_(&out),
       scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      attrLog_(Mox::make<Kiln::AttrLogSm>()), config_(SrTePolicy::configFactory("config")),
-      status_(SrTePolicy::statusFactory("status")),
-      colorDscpMap_(SrTePolicy::colorDscpMapFactory("colorDscpMap")),
-      policyInputSource_(SrTePolicy::policyInputSourceFactory("policyInputSource")),
-      mplsConfig_(Mox::make<Mpls::Config>("mpls")), mplsStatus_(Mox::make<Mpls::Status>("mpls")),
-      hardwareStatus_(Mox::make<Routing::Hardware::Status>("hardware")),
-      counterTable_(Mox::make<FlexCounters::CounterTable>("tunnelCounters")) {
-   Syslog::sinkIs(&syslog_);
-}
+      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {}
 
 Host::~Host() {
    dropStages();
+   core_.reset();
    clearSlots(shared_);
-   Syslog::sinkDel(&syslog_);
 }
 
 void Host::verbIs(std::string name, std::string usage, std::string summary, Parse parse) {
@@ -66,6 +58,7 @@ void Host::dropStages() {
    for (auto it = stages_.rbegin(); it != stages_.rend(); ++it) {
       if (it->drop) it->drop();
    }
+   core_->stop();
    clearSlots(process_);
 }
 
@@ -73,6 +66,7 @@ void Host::buildStages() {
    for (auto& s : stages_) {
       if (s.build) s.build();
    }
+   core_->start();
 }
 
 void Host::start() {

@@ -2,11 +2,13 @@
 //
 // What it owns, by lifetime:
 //  - for the whole run: the one task scheduler (virtual time, starting at 0), the attribute-log
-//    writer whose congestion the state machines test, the system-log capture, and every table
-//    that belongs to other processes or to the platform (configuration, input tables, MPLS state,
-//    counters) or that is published through shared memory. `restart` keeps all of these.
-//  - per process incarnation: the state machines and their private entities. `restart` drops
-//    them and builds them again, stage by stage, in construction order.
+//    writer whose congestion the state machines test, and every table that belongs to other
+//    processes or to the platform (configuration, input tables, MPLS state, counters);
+//  - the policy core (SrTePolicy::PolicyCore, core/SrTePolicyCore.h), built over those tables. It
+//    holds the published tables, the system log and the trace context, and builds and orders every
+//    state machine; `restart` restarts it;
+//  - host-private per-incarnation state (stages below), for what the agent itself does around
+//    the core.
 //
 // Extending it. A subsystem adds itself without touching a central switch:
 //  1. agent/<Subsystem>Commands.cpp defines `void registerSubsystem(Host& host)` and adds one
@@ -17,23 +19,17 @@
 //     matched on their longest registered prefix;
 //  3. its tables: `host.showIs("segments", summary, readable, json)`; `show segments [json]` and
 //     `show all [json]` then include them (in registration order);
-//  4. its long-lived state (shared or published tables): a struct of its own, reached through
-//     `host.shared<SegmentTables>()`, made on first use and kept across restarts;
-//  5. its state machines: `host.stageIs(order, "segments", build, drop)`; `build` makes them,
-//     usually inside `host.process<SegmentProcess>()` (made on first use, destroyed by restart in
-//     reverse order of creation); `drop` (optional) runs first, in reverse stage order, for
-//     anything that must happen while everything still exists.
+//  4. its state machines and the tables they share or publish live in the core, not here: add
+//     them there (see core/SrTePolicyCore.h) and reach them through `host.core()`;
+//  5. host-private state: `host.shared<T>()` (made on first use, kept across restarts), and
+//     `host.stageIs(order, "name", build, drop)` with `host.process<T>()` for state rebuilt by
+//     restart (destroyed in reverse order of creation); `drop` (optional) runs first, in reverse
+//     stage order, while everything still exists.
 // The router's own state that every subsystem reads (config(), policyInputSource(), mplsConfig(),
 // mplsStatus(), hardwareStatus(), counterTable(), scheduler(), attrLog()) has accessors here.
 //
-//    struct SegmentTables { Mox::Ptr<SegmentStatus> status = ...; };       // survives restart
-//    struct SegmentProcess { Mox::Ptr<SegmentSm> sm; };                    // rebuilt by restart
 //    void registerSegments(Host& host) {
-//       host.stageIs(30, "segments", [&host] {
-//          host.process<SegmentProcess>().sm =
-//              segmentSmFactory(host.mplsStatus(), host.shared<SegmentTables>().status, ...);
-//       });
-//       host.showIs("segments", "canonical segments", readableFn, jsonFn);
+//       host.showIs("segments", "canonical segments", readableFn, jsonFn);  // reads host.core()
 //       host.verbIs("segment poke", "segment poke <id>", "...", [&host](Args& a) -> Host::Apply {
 //          const uint64_t id = a.number("segment id");       // throws ScriptError on bad input
 //          return [&host, id] { /* the change */ };
@@ -43,8 +39,9 @@
 // Guarantees:
 //  - nothing runs tasks except `run` and `advance` (verbs change inputs; reactors only queue);
 //  - a line that fails to parse changes nothing;
-//  - `restart` drops every stage's state (drop functions in reverse order, then process objects
-//    in reverse creation order), then builds the stages again in ascending order.
+//  - start builds the host stages in ascending order, then the core; `restart` runs the stages'
+//    drop functions (reverse order), stops the core, destroys the process objects (reverse
+//    creation order), then builds the stages and starts the core again.
 #pragma once
 
 #include <functional>
@@ -58,13 +55,12 @@
 
 #include "agent/Args.h"
 #include "agent/Json.h"
+#include "core/SrTePolicyCore.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
-#include "types/SrTeColorDscpMap.h"
-#include "types/SrTePolicy.h"
 
 namespace Agent {
 
@@ -131,21 +127,26 @@ class Host {
    // ---- what verbs and shows use
    std::ostream& out() { return *out_; }
    Kiln::TaskScheduler& scheduler() { return *scheduler_; }
-   Kiln::AttrLogSm& attrLog() { return *attrLog_; }
-   const Syslog::Capture& syslog() const { return syslog_; }
+   Kiln::AttrLogSm& attrLog() { return *router_.attrLog; }
+   SrTePolicy::PolicyCore& core() { return *core_; }
+   const SrTePolicy::PolicyCore& core() const { return *core_; }
+   // The core's system log.
+   const Syslog::Capture& syslog() const { return core_->syslogCapture(); }
    // The router's state that the policy core is given (other processes own it; restarts keep it).
-   const Mox::Ptr<SrTePolicy::Config>& config() const { return config_; }
-   const Mox::Ptr<SrTePolicy::Status>& status() const { return status_; }
-   const Mox::Ptr<SrTePolicy::ColorDscpMap>& colorDscpMap() const { return colorDscpMap_; }
+   const Mox::Ptr<SrTePolicy::Config>& config() const { return router_.config; }
+   const Mox::Ptr<SrTePolicy::Status>& status() const { return router_.status; }
+   const Mox::Ptr<SrTePolicy::ColorDscpMap>& colorDscpMap() const { return router_.colorDscpMap; }
    const Mox::Ptr<SrTePolicy::PolicyInputSource>& policyInputSource() const {
-      return policyInputSource_;
+      return router_.input;
    }
    // The platform: MPLS configuration (label ranges) and forwarding status (LFIB routes,
    // adjacencies), hardware limits, tunnel counters.
-   const Mox::Ptr<Mpls::Config>& mplsConfig() const { return mplsConfig_; }
-   const Mox::Ptr<Mpls::Status>& mplsStatus() const { return mplsStatus_; }
-   const Mox::Ptr<Routing::Hardware::Status>& hardwareStatus() const { return hardwareStatus_; }
-   const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const { return counterTable_; }
+   const Mox::Ptr<Mpls::Config>& mplsConfig() const { return router_.mplsConfig; }
+   const Mox::Ptr<Mpls::Status>& mplsStatus() const { return router_.mplsStatus; }
+   const Mox::Ptr<Routing::Hardware::Status>& hardwareStatus() const {
+      return router_.hardwareStatus;
+   }
+   const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const { return router_.counterTable; }
    double now() const { return scheduler_->now(); }
    const std::vector<Verb>& verbs() const { return verbs_; }
    const std::vector<Show>& shows() const { return shows_; }
@@ -186,16 +187,8 @@ class Host {
 
    std::ostream* out_;
    Mox::Ptr<Kiln::TaskScheduler> scheduler_;
-   Mox::Ptr<Kiln::AttrLogSm> attrLog_;
-   Syslog::Capture syslog_;
-   Mox::Ptr<SrTePolicy::Config> config_;
-   Mox::Ptr<SrTePolicy::Status> status_;
-   Mox::Ptr<SrTePolicy::ColorDscpMap> colorDscpMap_;
-   Mox::Ptr<SrTePolicy::PolicyInputSource> policyInputSource_;
-   Mox::Ptr<Mpls::Config> mplsConfig_;
-   Mox::Ptr<Mpls::Status> mplsStatus_;
-   Mox::Ptr<Routing::Hardware::Status> hardwareStatus_;
-   Mox::Ptr<FlexCounters::CounterTable> counterTable_;
+   SrTePolicy::StandaloneRouter router_;
+   std::unique_ptr<SrTePolicy::PolicyCore> core_;
    std::vector<Verb> verbs_;
    std::vector<Show> shows_;
    std::vector<Stage> stages_;

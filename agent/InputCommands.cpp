@@ -1,10 +1,9 @@
-// Policy input gathering in the host: builds the shared dedup tables and reverse maps, then the
-// input state machine, and shows what it computed: `candidates`, `selection-input`, `segments`,
-// `segment-lists`, `exported-segment-lists` and `bsid-users`.
+// Policy input gathering in the host: shows what the core's input machine computed:
+// `candidates`, `selection-input`, `segments`, `segment-lists`, `exported-segment-lists` and
+// `bsid-users`.
 #include <algorithm>
 #include <vector>
 
-#include "agent/CoreTables.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
@@ -16,10 +15,6 @@ namespace Agent {
 using namespace SrTePolicy;
 
 namespace {
-
-struct InputProcess {
-   Mox::Ptr<PolicyInputSm> policyInputSm;
-};
 
 // Map values in key order (hash collections iterate in no useful order).
 template <class M>
@@ -62,8 +57,7 @@ std::vector<PolicyId> sortedPolicyIds(const PolicyIdSet& ids) {
 // ---- candidates
 
 void candidatesText(Host& host, std::string& out) {
-   CoreProcess* core = host.processIf<CoreProcess>();
-   const auto& policies = core->policyKeyToIdMap->policy();
+   const auto& policies = host.core().entities().policyKeyToIdMap->policy();
    Mox::appendf(out, "Candidate paths of %s\n", Show::count(policies.size(), "policy key").c_str());
    Show::TextTable t({"Endpoint", "Color", "Candidate", "Reason", "Last change", "BSID"});
    for (auto it : sortedByKey(policies)) {
@@ -84,7 +78,7 @@ void candidatesText(Host& host, std::string& out) {
 
 Json::Value candidatesJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.processIf<CoreProcess>()->policyKeyToIdMap->policy())) {
+   for (auto it : sortedByKey(host.core().entities().policyKeyToIdMap->policy())) {
       for (const auto& [cid, info] : it->second->candidate()) {
          Json::Value row = Json::Value::row();
          row.set("endpoint", Json::Value::address(it->first.endpoint))
@@ -102,7 +96,7 @@ Json::Value candidatesJson(Host& host) {
 // ---- selection input
 
 void selectionInputText(Host& host, std::string& out) {
-   const auto& entries = host.shared<PublishedTables>().policySelectionInput->policyIdEntry();
+   const auto& entries = host.core().published().policySelectionInput->policyIdEntry();
    Mox::appendf(out, "Selection input: %s\n",
                 Show::count(entries.size(), "candidate path").c_str());
    Show::TextTable t({"Endpoint", "Color", "Candidate", "Preference", "Originator", "BSID",
@@ -130,8 +124,7 @@ void selectionInputText(Host& host, std::string& out) {
 
 Json::Value selectionInputJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it :
-        sortedByKey(host.shared<PublishedTables>().policySelectionInput->policyIdEntry())) {
+   for (auto it : sortedByKey(host.core().published().policySelectionInput->policyIdEntry())) {
       const PolicyIdEntry& e = *it->second;
       Json::Value lists = Json::Value::inlineArray();
       for (const auto& [index, w] : e.wSegmentList()) {
@@ -154,7 +147,7 @@ Json::Value selectionInputJson(Host& host) {
 
 // ---- segments and segment lists
 
-std::vector<const SegmentMplsLabel*> segmentsById(const CoreProcess& core) {
+std::vector<const SegmentMplsLabel*> segmentsById(const ProcessEntities& core) {
    std::vector<const SegmentMplsLabel*> out;
    for (const auto& n : core.coreDedupTables->notifyingSegmentCollection()->segmentNotifier()) {
       out.push_back(static_cast<const SegmentMplsLabel*>(n->segmentRawPtr()));
@@ -164,13 +157,13 @@ std::vector<const SegmentMplsLabel*> segmentsById(const CoreProcess& core) {
    return out;
 }
 
-size_t listsUsing(const CoreProcess& core, SegmentId id) {
+size_t listsUsing(const ProcessEntities& core, SegmentId id) {
    const SegmentListCollection* c = core.segmentMap->segmentList(id);
    return c ? c->segmentListPtr().size() : 0;
 }
 
 void segmentsText(Host& host, std::string& out) {
-   const CoreProcess& core = *host.processIf<CoreProcess>();
+   const ProcessEntities& core = host.core().entities();
    auto segments = segmentsById(core);
    Mox::appendf(out, "Segments: %s (next id %u)\n", Show::count(segments.size(), "segment").c_str(),
                 core.coreDedupTables->notifyingSegmentCollection()->uniqueId().value + 1);
@@ -183,7 +176,7 @@ void segmentsText(Host& host, std::string& out) {
 }
 
 Json::Value segmentsJson(Host& host) {
-   const CoreProcess& core = *host.processIf<CoreProcess>();
+   const ProcessEntities& core = host.core().entities();
    Json::Value rows = Json::Value::array();
    for (const SegmentMplsLabel* s : segmentsById(core)) {
       Json::Value row = Json::Value::row();
@@ -196,7 +189,7 @@ Json::Value segmentsJson(Host& host) {
    return rows;
 }
 
-std::vector<const SegmentList*> segmentListsById(const CoreProcess& core) {
+std::vector<const SegmentList*> segmentListsById(const ProcessEntities& core) {
    std::vector<const SegmentList*> out;
    for (const auto& n :
         core.coreDedupTables->notifyingSegmentListCollection()->segmentListNotifier()) {
@@ -207,13 +200,13 @@ std::vector<const SegmentList*> segmentListsById(const CoreProcess& core) {
    return out;
 }
 
-std::vector<PolicyId> usersOf(const CoreProcess& core, SegmentListId id) {
+std::vector<PolicyId> usersOf(const ProcessEntities& core, SegmentListId id) {
    const SegmentListUser* user = core.segListMap->segmentListUser(id);
    return user ? sortedPolicyIds(user->policyId()) : std::vector<PolicyId>{};
 }
 
 void segmentListsText(Host& host, std::string& out) {
-   const CoreProcess& core = *host.processIf<CoreProcess>();
+   const ProcessEntities& core = host.core().entities();
    auto lists = segmentListsById(core);
    Mox::appendf(out, "Segment lists: %s (next id %u)\n",
                 Show::count(lists.size(), "segment list").c_str(),
@@ -238,7 +231,7 @@ void segmentListsText(Host& host, std::string& out) {
 }
 
 Json::Value segmentListsJson(Host& host) {
-   const CoreProcess& core = *host.processIf<CoreProcess>();
+   const ProcessEntities& core = host.core().entities();
    Json::Value rows = Json::Value::array();
    for (const SegmentList* l : segmentListsById(core)) {
       Json::Value segments = Json::Value::inlineArray();
@@ -265,7 +258,7 @@ Ipkit::MplsLabelOperation exportedLabels(const Export::SegmentList& l) {
 }
 
 void exportedText(Host& host, std::string& out) {
-   const auto& lists = host.shared<PublishedTables>().exportedSegmentListColl->segmentList();
+   const auto& lists = host.core().published().exportedSegmentListColl->segmentList();
    Mox::appendf(out, "Exported segment lists: %s\n",
                 Show::count(lists.size(), "segment list").c_str());
    Show::TextTable t({"Id", "Size", "Labels"});
@@ -278,8 +271,7 @@ void exportedText(Host& host, std::string& out) {
 
 Json::Value exportedJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it :
-        sortedByKey(host.shared<PublishedTables>().exportedSegmentListColl->segmentList())) {
+   for (auto it : sortedByKey(host.core().published().exportedSegmentListColl->segmentList())) {
       rows.push(Json::Value::row()
                     .set("segmentListId", it->first.value)
                     .set("size", uint32_t{it->second->size()})
@@ -291,7 +283,7 @@ Json::Value exportedJson(Host& host) {
 // ---- binding-SID users
 
 void bsidUsersText(Host& host, std::string& out) {
-   const PolicyInputSm& sm = *host.process<InputProcess>().policyInputSm;
+   const PolicyInputSm& sm = *host.core().policyInputSm();
    Mox::appendf(out, "SRLB: %s\n", sm.srlbConfigRange().stringValue().c_str());
    Mox::appendf(out, "Binding SID users: %s\n", Show::count(sm.bsidUser().size(), "label").c_str());
    Show::TextTable t({"BSID", "Available", "Candidate paths"});
@@ -309,7 +301,7 @@ void bsidUsersText(Host& host, std::string& out) {
 
 Json::Value bsidUsersJson(Host& host) {
    Json::Value rows = Json::Value::array();
-   for (auto it : sortedByKey(host.process<InputProcess>().policyInputSm->bsidUser())) {
+   for (auto it : sortedByKey(host.core().policyInputSm()->bsidUser())) {
       Json::Value ids = Json::Value::inlineArray();
       for (const PolicyId& id : sortedPolicyIds(it->second->policyId())) ids.push(policyIdJson(id));
       rows.push(Json::Value::row()
@@ -323,18 +315,6 @@ Json::Value bsidUsersJson(Host& host) {
 } // namespace
 
 void registerInput(Host& host) {
-   host.stageIs(StageOrder::coreEntities, "core entities",
-                [&host] { host.process<CoreProcess>(); });
-   host.stageIs(StageOrder::policyInput, "policy input", [&host] {
-      CoreProcess& core = host.process<CoreProcess>();
-      PublishedTables& published = host.shared<PublishedTables>();
-      host.process<InputProcess>().policyInputSm = policyInputSmFactory(
-          host.config(), host.policyInputSource(), host.mplsConfig(), host.mplsStatus(),
-          published.policySelectionInput, core.coreDedupTables, core.segListMap, core.segmentMap,
-          core.policyKeyToIdMap, published.exportedSegmentListColl, host.scheduler(),
-          Mox::Ptr<Kiln::AttrLogSm>(&host.attrLog()));
-   });
-
    host.showIs(
        "candidates", "per policy key, every candidate with its invalid reason, last change, BSID",
        [&host](std::string& out) { candidatesText(host, out); },

@@ -1,10 +1,11 @@
 #include "agent/Json.h"
 
 #include <charconv>
-
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+
+#include "platform/Kiln.h"
 
 namespace Json {
 
@@ -33,10 +34,18 @@ Value Value::number(double d) {
    if (!std::isfinite(d)) return null();
    Value v;
    v.kind_ = Kind::number;
-   char buf[40];
-   // Shortest text that reads back as the same double ("10", "0.1", "1e+20").
-   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d);
+   // Fixed notation with the shortest digits that read back as the same double; the largest
+   // double has 309 digits before the point.
+   char buf[400];
+   auto [end, ec] = std::to_chars(buf, buf + sizeof buf, d, std::chars_format::fixed);
    v.text_.assign(buf, ec == std::errc() ? end : buf);
+   return v;
+}
+
+Value Value::seconds(std::chrono::nanoseconds d) {
+   Value v;
+   v.kind_ = Kind::number;
+   v.text_ = Kiln::secondsText(d);
    return v;
 }
 

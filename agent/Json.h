@@ -6,6 +6,7 @@
 // greps line by line while staying valid JSON.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -25,7 +26,11 @@ class Value {
    static Value boolean(bool b);
    static Value number(uint64_t n);
    static Value number(int64_t n);
+   // Plain decimal, never an exponent: the shortest text that reads back as the same double
+   // ("0.1", "100000", "0.0000001").
    static Value number(double d);
+   // A time or delay of the scheduler's clock, exact: "0.3", "1000.1".
+   static Value seconds(std::chrono::nanoseconds d);
    static Value string(std::string_view s);
    static Value array();
    static Value inlineArray();

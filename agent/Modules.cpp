@@ -9,7 +9,8 @@ void registerModules(Host& host) {
    registerConfig(host);
    registerMpls(host);
    registerInputTables(host);
-   // Subsystems go here, in construction order.
+   // Subsystems go here. This order is that of `help` and `show all`; the state machines are
+   // built in the core's own order.
    registerInput(host);
    registerCoreTables(host);
    host.start();

@@ -1,5 +1,5 @@
-// The list of subsystems the host is made of. Each one registers its verbs, tables and stages
-// (see agent/Host.h); agent/Modules.cpp calls them in order, and that order is the order of
+// The list of subsystems the host is made of. Each one registers its verbs and tables (see
+// agent/Host.h); agent/Modules.cpp calls them in order, and that order is the order of
 // `help` and `show all`.
 #pragma once
 
@@ -14,7 +14,7 @@ void registerInput(Host& host);
 void registerInputTables(Host& host);
 void registerMpls(Host& host);
 
-// Registers every subsystem, then starts the host (builds the stages).
+// Registers every subsystem, then starts the host (its stages, then the core).
 void registerModules(Host& host);
 
 } // namespace Agent

@@ -21,7 +21,7 @@
 #include <new>
 #include <unordered_map>
 
-#include "input/SrTePolicyInputSm.h"
+#include "core/SrTePolicyCore.h"
 
 using namespace SrTePolicy;
 
@@ -136,24 +136,15 @@ int main(int argc, char** argv) {
    }
 
    Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
-   auto config = configFactory("config");
-   auto source = policyInputSourceFactory("input");
+   StandaloneRouter router;
    auto bgp = policyInputFactory("bgp");
    auto configured = policyInputFactory("static");
-   source->policyInputIs(Protocol::bgp, bgp);
-   source->policyInputIs(Protocol::staticConfig, configured);
-   auto mplsConfig = Mox::make<Mpls::Config>();
-   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys));
-   auto mplsStatus = Mox::make<Mpls::Status>();
-   auto selection = policySelectionInputFactory("selection");
-   auto exported = Export::segmentListCollectionFactory("exported");
-   auto attrLog = Mox::make<Kiln::AttrLogSm>();
-   auto dedup = Mox::make<CoreDedupTables>();
-   auto segListMap = Mox::make<SegmentListIdToPolicyMap>();
-   auto segmentMap = Mox::make<SegmentIdToSegmentList>();
-   auto keyMap = Mox::make<PolicyKeyToIdMap>();
-   auto sm = policyInputSmFactory(config, source, mplsConfig, mplsStatus, selection, dedup,
-                                  segListMap, segmentMap, keyMap, exported, scheduler, attrLog);
+   router.input->policyInputIs(Protocol::bgp, bgp);
+   router.input->policyInputIs(Protocol::staticConfig, configured);
+   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys));
+   PolicyCore core(router.tables(scheduler));
+   core.start();
+   const auto& selection = core.published().policySelectionInput;
 
    // Filling the input tables: the protocols' work, timed apart.
    auto w0 = std::chrono::steady_clock::now();
@@ -202,14 +193,14 @@ int main(int argc, char** argv) {
    // Requeue: an SRLB change that leaves every binding SID inside requeues every record.
    const size_t requeueAllocationsBefore = gAllocations;
    auto r0 = std::chrono::steady_clock::now();
-   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys + 1));
+   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys + 1));
    scheduler.runUntilIdle();
    auto r1 = std::chrono::steady_clock::now();
    const size_t requeueAllocations = gAllocations - requeueAllocationsBefore;
 
    std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
-   std::printf("segment list / label pool  %u / %u\n", pools.lists, pools.labels);
-   std::printf("distinct segment lists     %zu\n", segListMap->segmentListUser().size());
+   std::printf("distinct segment lists     %zu\n",
+               core.entities().segListMap->segmentListUser().size());
    std::printf("task runs                  %zu\n", runs);
    std::printf("filling the input tables   %.3f s\n", seconds(w0, w1));
    std::printf("input stage                %.3f s, %.2f us/path\n", runSeconds,

@@ -102,22 +102,27 @@ class PolicyInputSm::MoxTask : public Kiln::Task::Notifiee {
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-PolicyInputSm::PolicyInputSm(Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-                             Mox::Ptr<const Mpls::Config> mplsConfig,
-                             Mox::Ptr<const Mpls::Status> mplsStatus,
-                             Mox::Ptr<PolicySelectionInput> policySelectionInput,
-                             Mox::Ptr<CoreDedupTables> coreDedupTables,
-                             Mox::Ptr<SegmentListIdToPolicyMap> segListMap,
-                             Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-                             Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-                             Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl,
-                             Kiln::TaskScheduler& scheduler, Mox::Ptr<Kiln::AttrLogSm> attrLogSm)
-    : config_(std::move(config)), input_(std::move(input)), mplsConfig_(std::move(mplsConfig)),
-      mplsStatus_(std::move(mplsStatus)), policySelectionInput_(std::move(policySelectionInput)),
-      coreDedupTables_(std::move(coreDedupTables)), segListMap_(std::move(segListMap)),
-      segmentMap_(std::move(segmentMap)), policyKeyToIdMap_(std::move(policyKeyToIdMap)),
-      exportedSegmentListColl_(std::move(exportedSegmentListColl)), scheduler_(scheduler),
-      attrLogSm_(std::move(attrLogSm)) {
+namespace {
+Kiln::TaskScheduler& checkedScheduler(Kiln::TaskScheduler* scheduler) {
+   SRTE_ASSERT(scheduler, "PolicyInputSm needs a task scheduler");
+   return *scheduler;
+}
+} // namespace
+
+PolicyInputSm::PolicyInputSm(Inputs in)
+    : config_(std::move(in.config)), input_(std::move(in.input)),
+      mplsConfig_(std::move(in.mplsConfig)), mplsStatus_(std::move(in.mplsStatus)),
+      policySelectionInput_(std::move(in.policySelectionInput)),
+      coreDedupTables_(std::move(in.coreDedupTables)), segListMap_(std::move(in.segListMap)),
+      segmentMap_(std::move(in.segmentMap)), policyKeyToIdMap_(std::move(in.policyKeyToIdMap)),
+      exportedSegmentListColl_(std::move(in.exportedSegmentListColl)),
+      scheduler_(checkedScheduler(in.scheduler)), attrLogSm_(std::move(in.attrLogSm)),
+      syslog_(in.syslog ? in.syslog : &Syslog::processLog()),
+      tracer_(in.tracer ? in.tracer : &Trace::processTracer) {
+   SRTE_ASSERT(config_ && input_ && mplsConfig_ && mplsStatus_ && policySelectionInput_ &&
+                   coreDedupTables_ && segListMap_ && segmentMap_ && policyKeyToIdMap_ &&
+                   exportedSegmentListColl_ && attrLogSm_,
+               "PolicyInputSm needs every table of its Inputs");
    moxInput_ = std::make_unique<MoxInput>(*this);
    moxInput_->notifierIs(input_.get());
    for (const auto& [protocol, table] : input_->policyInput()) {
@@ -146,19 +151,8 @@ PolicyInputSm::~PolicyInputSm() {
    moxMplsStatus_.reset();
 }
 
-Mox::Ptr<PolicyInputSm> policyInputSmFactory(
-    Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-    Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
-    Mox::Ptr<PolicySelectionInput> policySelectionInput, Mox::Ptr<CoreDedupTables> coreDedupTables,
-    Mox::Ptr<SegmentListIdToPolicyMap> segListMap, Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl, Kiln::TaskScheduler& scheduler,
-    Mox::Ptr<Kiln::AttrLogSm> attrLogSm) {
-   return Mox::make<PolicyInputSm>(
-       std::move(config), std::move(input), std::move(mplsConfig), std::move(mplsStatus),
-       std::move(policySelectionInput), std::move(coreDedupTables), std::move(segListMap),
-       std::move(segmentMap), std::move(policyKeyToIdMap), std::move(exportedSegmentListColl),
-       scheduler, std::move(attrLogSm));
+Mox::Ptr<PolicyInputSm> policyInputSmFactory(PolicyInputSm::Inputs in) {
+   return Mox::make<PolicyInputSm>(std::move(in));
 }
 
 bool PolicyInputSm::isHandled(Protocol protocol) const noexcept {
@@ -190,7 +184,8 @@ BindingSidUser* PolicyInputSm::bsidUser(Ipkit::MplsLabel label) const {
 
 void PolicyInputSm::handleInitialized() {
    initialized_ = true;
-   SRTE_TRACE(3, "handleInitialized called with segmentListSharingEnabled="
+   SRTE_TRACE_TO(tracer_, 3,
+                 "handleInitialized called with segmentListSharingEnabled="
                      << (config_->segmentListSharingEnabled() ? "True" : "False"));
    if (!task_) {
       task_ = Mox::make<Kiln::Task>(scheduler_, taskPriority, taskName);
@@ -205,7 +200,7 @@ void PolicyInputSm::handleInitialized() {
    for (const auto& [id, list] : exportedSegmentListColl_->segmentList()) {
       maxExported = std::max(maxExported, id);
    }
-   SRTE_TRACE(3, "Setting starting slId to max of previous entries " << maxExported);
+   SRTE_TRACE_TO(tracer_, 3, "Setting starting slId to max of previous entries " << maxExported);
    auto* lists = coreDedupTables_->notifyingSegmentListCollection();
    // Never move the counter back: ids issued in this process are not reused either.
    lists->uniqueIdIs(std::max(lists->uniqueId(), maxExported));
@@ -226,9 +221,9 @@ void PolicyInputSm::handleSpecifiedBsidOnly() {
 
 void PolicyInputSm::handleProtocolSource(Protocol protocol) {
    if (!initialized_) return;
-   SRTE_TRACE(5, "Source change: add new policies");
+   SRTE_TRACE_TO(tracer_, 5, "Source change: add new policies");
    markTablePending(protocol, true);
-   SRTE_TRACE(5, "Source change: cleanup of stale policies");
+   SRTE_TRACE_TO(tracer_, 5, "Source change: cleanup of stale policies");
    for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) {
       if (id.protocol == protocol) markPending(id, true);
    }
@@ -237,14 +232,14 @@ void PolicyInputSm::handleProtocolSource(Protocol protocol) {
 
 void PolicyInputSm::handlePolicyEntry(const PolicyId& id) {
    if (!initialized_) return;
-   SRTE_TRACE(8, "Policy Entry: " << id << " has changed");
+   SRTE_TRACE_TO(tracer_, 8, "Policy Entry: " << id << " has changed");
    markPending(id, true);
    task_->scheduleTask();
 }
 
 void PolicyInputSm::handleLabelRange(const Mox::Name& name) {
    if (!initialized_ || name != Mpls::srlbRangeName) return;
-   SRTE_TRACE(3, "SRLB Range has changed");
+   SRTE_TRACE_TO(tracer_, 3, "SRLB Range has changed");
    readSrlbRange();
    for (const auto& [protocol, reactor] : policy_) markTablePending(protocol, false);
    scheduleIfPending();
@@ -301,7 +296,8 @@ void PolicyInputSm::handleTaskRun() {
       }
    }
    task_->taskWorkCountInc(count);
-   SRTE_TRACE(5, "Processed " << count << " input policy entries, delay task: "
+   SRTE_TRACE_TO(tracer_, 5,
+                 "Processed " << count << " input policy entries, delay task: "
                               << (delay ? "True" : "False"));
    if (pendingPolicyId_.empty()) {
       if (cleanupPending_) {
@@ -319,7 +315,7 @@ void PolicyInputSm::handleTaskRun() {
 // One candidate path
 
 void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
-   SRTE_TRACE(8, "Processing policy entry: " << id);
+   SRTE_TRACE_TO(tracer_, 8, "Processing policy entry: " << id);
    const CandidateId candidateId(id);
    Mox::Ptr<PolicyInput> table = input_->policyInput(id.protocol);
    const PolicyInputEntry* found = table ? table->policyInputEntryFind(id) : nullptr;
@@ -354,8 +350,9 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
       } else {
          BindingSidUser* user = bsidUser(bsid);
          if (!user) {
-            SRTE_TRACE(0,
-                       "BindingSid: " << bsid << "is not available in reverse mapping collection");
+            SRTE_TRACE_TO(tracer_, 0,
+                          "BindingSid: " << bsid
+                                         << "is not available in reverse mapping collection");
          }
          SRTE_ASSERT(user, "bsidUserInfo");
          reason = user->available() ? PolicyInvalidReason::usable
@@ -383,22 +380,22 @@ void PolicyInputSm::emitInvalidPolicySyslog(const PolicyInputEntry& entry,
    case PolicyInvalidReason::usable:
       return;
    case PolicyInvalidReason::bsidOutOfRange:
-      Syslog::log(SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator, bsid, base, last);
+      syslog_->log(SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE, endpoint.c_str(), color, protocol.c_str(),
+                   origin.c_str(), asn, discriminator, bsid, base, last);
       return;
    case PolicyInvalidReason::bsidMissing:
-      Syslog::log(SRTE_POLICY_INVALID_BSID_MISSING, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator);
+      syslog_->log(SRTE_POLICY_INVALID_BSID_MISSING, endpoint.c_str(), color, protocol.c_str(),
+                   origin.c_str(), asn, discriminator);
       return;
    case PolicyInvalidReason::bsidInUseOtherApplication:
-      Syslog::log(SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION, endpoint.c_str(), color,
-                  protocol.c_str(), origin.c_str(), asn, discriminator, bsid);
+      syslog_->log(SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION, endpoint.c_str(), color,
+                   protocol.c_str(), origin.c_str(), asn, discriminator, bsid);
       return;
    case PolicyInvalidReason::noSegmentLists:
       // Configured paths without segment lists are a normal step of configuring one.
       if (id.protocol == Protocol::staticConfig) return;
-      Syslog::log(SRTE_POLICY_INVALID_NO_SEGMENT_LISTS, endpoint.c_str(), color, protocol.c_str(),
-                  origin.c_str(), asn, discriminator);
+      syslog_->log(SRTE_POLICY_INVALID_NO_SEGMENT_LISTS, endpoint.c_str(), color, protocol.c_str(),
+                   origin.c_str(), asn, discriminator);
       return;
    }
 }
@@ -426,7 +423,7 @@ void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
 
 void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    const PolicyId& id = record.key();
-   SRTE_TRACE(8, "Policy Id: " << id << " added/updated");
+   SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << id << " added/updated");
    Mox::Ptr<PolicyIdEntry> entry =
        policySelectionInput_->policyIdEntryIs(id, record.preference(), record.originator());
    entry->bindingSidIs(record.bindingSid());
@@ -514,14 +511,15 @@ bool PolicyInputSm::isLabelAvailableInLfib(Ipkit::MplsLabel label) const {
 Mox::Ptr<SegmentList>
 PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
                                       const PolicyId&) {
-   SRTE_TRACE(9, "Creating dedup segmentList for label stack: " << labelStack);
+   SRTE_TRACE_TO(tracer_, 9, "Creating dedup segmentList for label stack: " << labelStack);
    return coreDedupTables_->dedupSegmentList(labelStack);
 }
 
 void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
                                                  const PolicyId& id) {
    const SegmentListId slId = list->segmentListId();
-   SRTE_TRACE(9, "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SRTE_TRACE_TO(tracer_, 9,
+                 "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
    SegmentListUser* user = segListMap_->segmentListUser(slId);
    if (!user) {
       user = segListMap_->segmentListUserIs(slId, list);
@@ -529,7 +527,8 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
       exported->sizeIs(list->size());
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId segId = list->getSegmentId(i);
-         SRTE_TRACE(9, "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
+         SRTE_TRACE_TO(tracer_, 9,
+                       "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
          SegmentListCollection* users = segmentMap_->segmentList(segId);
          if (!users) {
             segmentMap_->segmentListIs(segId, Mox::make<SegmentListCollection>());
@@ -543,7 +542,8 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
 }
 
 void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyId& id) {
-   SRTE_TRACE(9, "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
+   SRTE_TRACE_TO(tracer_, 9,
+                 "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
    SegmentListUser* user = segListMap_->segmentListUser(slId);
    if (!user) return;
    user->policyIdDel(id);
@@ -552,7 +552,8 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
    Mox::Ptr<const SegmentList> list(user->segmentList());
    for (uint32_t i = 0; i < list->size(); ++i) {
       const SegmentId segId = list->getSegmentId(i);
-      SRTE_TRACE(9, "Removing registration of Segment Id: " << segId
+      SRTE_TRACE_TO(tracer_, 9,
+                    "Removing registration of Segment Id: " << segId
                                                             << " from segmentList Id: " << slId);
       if (SegmentListCollection* users = segmentMap_->segmentList(segId)) {
          users->segmentListPtrDel(list);
@@ -564,14 +565,14 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
 }
 
 void PolicyInputSm::runCleanupJob() {
-   SRTE_TRACE(3, "Running cleanup");
+   SRTE_TRACE_TO(tracer_, 3, "Running cleanup");
    std::vector<SegmentListId> stale;
    for (const auto& [slId, list] : exportedSegmentListColl_->segmentList()) {
       if (!segListMap_->segmentListUser(slId)) stale.push_back(slId);
    }
    std::sort(stale.begin(), stale.end());
    for (SegmentListId slId : stale) {
-      SRTE_TRACE(5, "Deleting old segmentListId: " << slId);
+      SRTE_TRACE_TO(tracer_, 5, "Deleting old segmentListId: " << slId);
       exportedSegmentListColl_->segmentListDel(slId);
    }
 }
@@ -606,7 +607,7 @@ void PolicyInputSm::readSrlbRange() {
    const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
    srlbFormable_ = base <= Ipkit::MplsLabel::luWithdraw && last <= Ipkit::MplsLabel::luWithdraw;
    if (!srlbFormable_) {
-      SRTE_TRACE(3, "SRLB [" << base << ", " << last
+      SRTE_TRACE_TO(tracer_, 3, "SRLB [" << base << ", " << last
                              << "] cannot be formed: " << Ipkit::MplsLabel::rangeMessage);
    }
 }

@@ -23,6 +23,24 @@
 //    ids and exported entries do not churn;
 //  - after a restart new segment-list ids start above every id already exported, and the first
 //    full drain withdraws exactly the exported lists that no input claims.
+//
+// Re-initialisation. A change of the configuration's segmentListSharingEnabled runs
+// handleInitialized again, inside the configuration handler. Downstream machines see it as
+// ordinary changes, in this order (tests/input: SharingToggleReinitialises...):
+//  1. before the configuration setter returns, depth-first (platform/Mox.h): every candidate
+//     leaves PolicyKeyToIdMap; every segment-list user and segment registration is dropped, so
+//     every canonical segment list leaves its dedup table (its notifier leaves
+//     NotifyingSegmentListCollection), each followed by the segments that no remaining list holds
+//     (NotifyingSegmentCollection); binding-SID users are dropped. The selection input and the
+//     exported lists are left as they are: PolicyIdEntry rows still name the withdrawn ids;
+//  2. as the task drains (over several runs when it yields or the output is congested): every
+//     candidate is recorded again at the current time; each usable one gets canonical lists under
+//     fresh ids (a withdrawn id never returns), exported under those ids, and its PolicyIdEntry
+//     names them, with its version bumped once;
+//  3. after the first full drain, the exports under the old ids are withdrawn.
+// So a machine downstream treats a list id that a PolicyIdEntry names but that is no longer in the
+// notifying collection as unresolved until the entry's next version, never as an error; and a
+// tunnel id made from an old list id goes away with that list.
 #pragma once
 
 #include <array>
@@ -36,6 +54,7 @@
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
+#include "platform/Trace.h"
 #include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -99,15 +118,26 @@ class PolicyInputSm : public Mox::RefCounted {
    static constexpr std::array<Protocol, 2> handledProtocols = {Protocol::bgp,
                                                                 Protocol::staticConfig};
 
-   PolicyInputSm(Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-                 Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
-                 Mox::Ptr<PolicySelectionInput> policySelectionInput,
-                 Mox::Ptr<CoreDedupTables> coreDedupTables,
-                 Mox::Ptr<SegmentListIdToPolicyMap> segListMap,
-                 Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-                 Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-                 Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl,
-                 Kiln::TaskScheduler& scheduler, Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+   // What the machine reads and writes, by name. The tables must exist; `syslog` and `tracer`
+   // default to the process-wide ones when not given (an assembly always gives its own).
+   struct Inputs {
+      Mox::Ptr<const Config> config;
+      Mox::Ptr<const PolicyInputSource> input;
+      Mox::Ptr<const Mpls::Config> mplsConfig;
+      Mox::Ptr<const Mpls::Status> mplsStatus;
+      Mox::Ptr<PolicySelectionInput> policySelectionInput;
+      Mox::Ptr<CoreDedupTables> coreDedupTables;
+      Mox::Ptr<SegmentListIdToPolicyMap> segListMap;
+      Mox::Ptr<SegmentIdToSegmentList> segmentMap;
+      Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap;
+      Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl;
+      Kiln::TaskScheduler* scheduler = nullptr;
+      Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      Syslog::Log* syslog = nullptr;
+      Trace::Tracer* tracer = nullptr;
+   };
+
+   explicit PolicyInputSm(Inputs in);
    ~PolicyInputSm() override;
 
    // State, for the host's tables and for tests.
@@ -187,6 +217,8 @@ class PolicyInputSm : public Mox::RefCounted {
    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl_;
    Kiln::TaskScheduler& scheduler_;
    Mox::Ptr<Kiln::AttrLogSm> attrLogSm_;
+   Syslog::Log* syslog_;
+   Trace::Tracer* tracer_;
 
    Mpls::LabelRange srlbConfigRange_;
    bool srlbFormable_ = false; // both SRLB bounds are labels
@@ -206,13 +238,6 @@ class PolicyInputSm : public Mox::RefCounted {
    std::unique_ptr<MoxTask> moxTask_;
 };
 
-Mox::Ptr<PolicyInputSm> policyInputSmFactory(
-    Mox::Ptr<const Config> config, Mox::Ptr<const PolicyInputSource> input,
-    Mox::Ptr<const Mpls::Config> mplsConfig, Mox::Ptr<const Mpls::Status> mplsStatus,
-    Mox::Ptr<PolicySelectionInput> policySelectionInput, Mox::Ptr<CoreDedupTables> coreDedupTables,
-    Mox::Ptr<SegmentListIdToPolicyMap> segListMap, Mox::Ptr<SegmentIdToSegmentList> segmentMap,
-    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap,
-    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl, Kiln::TaskScheduler& scheduler,
-    Mox::Ptr<Kiln::AttrLogSm> attrLogSm);
+Mox::Ptr<PolicyInputSm> policyInputSmFactory(PolicyInputSm::Inputs in);
 
 } // namespace SrTePolicy

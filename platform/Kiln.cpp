@@ -2,9 +2,91 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cmath>
 #include <limits>
 
 namespace Kiln {
+
+namespace {
+
+constexpr int64_t nsPerSecond = 1'000'000'000;
+constexpr Duration farthest = Duration::max();
+
+// a + b for b >= 0, stopping at the end of the clock rather than wrapping.
+Duration saturatingAdd(Duration a, Duration b) noexcept {
+   if (b <= Duration::zero()) return a;
+   return a > farthest - b ? farthest : a + b;
+}
+
+} // namespace
+
+Duration durationOf(double seconds) noexcept {
+   if (!(seconds > 0)) return Duration::zero(); // negative, zero and NaN
+   const double ns = std::round(seconds * static_cast<double>(nsPerSecond));
+   // 2^63 is exactly representable; anything at or past it does not fit.
+   if (ns >= 9223372036854775808.0) return farthest;
+   return Duration(static_cast<int64_t>(ns));
+}
+
+double secondsOf(Duration d) noexcept {
+   // Below 2^53 ns (104 days) the count converts exactly and the one division rounds once, so
+   // the result is the double nearest to the exact seconds: 300000000 ns gives 0.3.
+   return static_cast<double>(d.count()) / static_cast<double>(nsPerSecond);
+}
+
+std::string secondsText(Duration d) {
+   int64_t ns = d.count();
+   std::string out;
+   uint64_t mag = static_cast<uint64_t>(ns);
+   if (ns < 0) {
+      out += '-';
+      mag = ~mag + 1; // also right for the most negative value
+   }
+   out += std::to_string(mag / nsPerSecond);
+   uint64_t frac = mag % nsPerSecond;
+   if (frac != 0) {
+      char digits[10];
+      for (int i = 8; i >= 0; --i, frac /= 10) digits[i] = static_cast<char>('0' + frac % 10);
+      int n = 9;
+      while (digits[n - 1] == '0') --n;
+      out += '.';
+      out.append(digits, n);
+   }
+   return out;
+}
+
+std::optional<Duration> parseSeconds(std::string_view text, SecondsTextError* error) {
+   auto fail = [error](SecondsTextError why) -> std::optional<Duration> {
+      if (error) *error = why;
+      return std::nullopt;
+   };
+   const size_t dot = text.find('.');
+   const std::string_view whole = text.substr(0, dot);
+   const std::string_view frac =
+       dot == std::string_view::npos ? std::string_view() : text.substr(dot + 1);
+   auto allDigits = [](std::string_view s) {
+      return std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+   };
+   if (whole.empty() && frac.empty()) return fail(SecondsTextError::notADecimal);
+   if (!allDigits(whole) || !allDigits(frac)) return fail(SecondsTextError::notADecimal);
+   // Trailing zeros add no precision: "0.5000000000" is half a second.
+   std::string_view significant = frac;
+   while (!significant.empty() && significant.back() == '0') significant.remove_suffix(1);
+   if (significant.size() > 9) return fail(SecondsTextError::finerThanNanoseconds);
+   constexpr uint64_t limit = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+   uint64_t seconds = 0;
+   for (char c : whole) {
+      seconds = seconds * 10 + static_cast<uint64_t>(c - '0');
+      if (seconds > limit / nsPerSecond) return fail(SecondsTextError::outOfRange);
+   }
+   uint64_t ns = 0;
+   for (size_t i = 0; i < 9; ++i) {
+      ns = ns * 10 + (i < significant.size() ? static_cast<uint64_t>(significant[i] - '0') : 0);
+   }
+   const uint64_t total = seconds * nsPerSecond;
+   if (total > limit - ns) return fail(SecondsTextError::outOfRange);
+   return Duration(static_cast<int64_t>(total + ns));
+}
 
 TaskScheduler::TaskScheduler(ClockMode mode)
     : mode_(mode), start_(std::chrono::steady_clock::now()) {}
@@ -17,19 +99,25 @@ TaskScheduler::~TaskScheduler() {
    }
 }
 
-double TaskScheduler::now() const noexcept {
+Duration TaskScheduler::nowNs() const noexcept {
    if (mode_ == ClockMode::virtualTime) return virtualNow_;
-   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+   return std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - start_);
 }
 
 size_t TaskScheduler::readyTaskCount() const noexcept { return ready_.size(); }
 size_t TaskScheduler::timerCount() const noexcept { return timers_.size(); }
 
-std::optional<double> TaskScheduler::nextTimerDelay() const noexcept {
+std::optional<Duration> TaskScheduler::nextTimerDelayNs() const noexcept {
    if (timers_.empty()) return std::nullopt;
-   double at = std::numeric_limits<double>::infinity();
+   Duration at = farthest;
    for (Task* t : timers_) at = std::min(at, t->timerAt_);
-   return std::max(0.0, at - now());
+   return std::max(Duration::zero(), at - nowNs());
+}
+
+std::optional<double> TaskScheduler::nextTimerDelay() const noexcept {
+   auto d = nextTimerDelayNs();
+   if (!d) return std::nullopt;
+   return secondsOf(*d);
 }
 
 void TaskScheduler::ready(Task* t) {
@@ -45,7 +133,7 @@ void TaskScheduler::unready(Task* t) {
    std::erase(ready_, t);
 }
 
-void TaskScheduler::timerIs(Task* t, double at) {
+void TaskScheduler::timerIs(Task* t, Duration at) {
    if (!t->hasTimer_) {
       t->hasTimer_ = true;
       timers_.push_back(t);
@@ -80,7 +168,7 @@ bool TaskScheduler::shouldYield() noexcept {
           std::chrono::duration<double>(realSliceSeconds);
 }
 
-void TaskScheduler::fireDueTimers(double upTo) {
+void TaskScheduler::fireDueTimers(Duration upTo) {
    // Fire in time order, then in order of request.
    std::vector<Task*> due;
    for (Task* t : timers_) {
@@ -98,7 +186,7 @@ void TaskScheduler::fireDueTimers(double upTo) {
 size_t TaskScheduler::runUntilIdle() {
    size_t runs = 0;
    for (;;) {
-      if (mode_ == ClockMode::real) fireDueTimers(now());
+      if (mode_ == ClockMode::real) fireDueTimers(nowNs());
       if (ready_.empty()) break;
       auto best = std::min_element(ready_.begin(), ready_.end(), [](Task* a, Task* b) {
          return a->priority_ != b->priority_ ? a->priority_ < b->priority_
@@ -118,12 +206,13 @@ size_t TaskScheduler::runUntilIdle() {
    return runs;
 }
 
-void TaskScheduler::advance(double seconds) {
+void TaskScheduler::advance(Duration delay) {
    assert(mode_ == ClockMode::virtualTime);
-   const double target = virtualNow_ + std::max(0.0, seconds);
+   const Duration target = saturatingAdd(virtualNow_, delay);
    runUntilIdle();
    for (;;) {
-      double next = std::numeric_limits<double>::infinity();
+      if (timers_.empty()) break;
+      Duration next = farthest;
       for (Task* t : timers_) next = std::min(next, t->timerAt_);
       if (next > target) break;
       virtualNow_ = std::max(virtualNow_, next);
@@ -155,21 +244,26 @@ void Task::unscheduleTask() {
    scheduler_->timerDel(this);
 }
 
-void Task::scheduleTaskLowestDelay(double seconds) {
+void Task::scheduleTaskLowestDelay(Duration delay) {
    if (!scheduler_ || isReady_) return; // already due now: nothing is earlier
-   double at = scheduler_->now() + std::max(0.0, seconds);
+   const Duration at = saturatingAdd(scheduler_->nowNs(), delay);
    if (hasTimer_ && timerAt_ <= at) return;
    scheduler_->timerIs(this, at);
 }
 
-std::optional<double> Task::expirationTime() const noexcept {
+std::optional<Duration> Task::expirationTimeNs() const noexcept {
    if (!hasTimer_) return std::nullopt;
    return timerAt_;
 }
 
+std::optional<double> Task::expirationTime() const noexcept {
+   if (!hasTimer_) return std::nullopt;
+   return secondsOf(timerAt_);
+}
+
 std::string Task::stringValue() const {
    return Mox::format("taskName: %s, taskPriority: %d, currentExpirationTime: %f", name_.c_str(),
-                      priority_, hasTimer_ ? timerAt_ : 0.0);
+                      priority_, hasTimer_ ? secondsOf(timerAt_) : 0.0);
 }
 
 void Task::run() {

@@ -11,13 +11,20 @@
 //    became ready there, and ends at the requested time; `runUntilIdle` never moves time;
 //  - `taskShouldYield` answers from the running task's slice: a work-unit budget on a virtual
 //    clock (deterministic), a time slice on the real one; `yieldEveryIs(n)` forces a budget;
-//  - a task may outlive its scheduler: it is then detached and its scheduling calls do nothing.
+//  - a task may outlive its scheduler: it is then detached and its scheduling calls do nothing;
+//  - time is exact: the clock and every timer are whole nanoseconds (`Duration`), so delays add up
+//    without drift and `advance(t)` fires every timer due at or before now + t, however that time
+//    was reached (three `advance(0.1)` reach exactly the timer that one `advance(0.3)` reaches).
+//    Seconds as a double exist only at the edges (`now()`, the `double` overloads), converted to
+//    the nearest nanosecond on the way in; `secondsText` and `parseSeconds` are the exact text
+//    forms.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Mox.h"
@@ -25,6 +32,22 @@
 namespace Kiln {
 
 class Task;
+
+// A time or a delay on the scheduler's clock: integer nanoseconds.
+using Duration = std::chrono::nanoseconds;
+
+// Seconds as a double, rounded to the nearest nanosecond; negative or NaN is 0, beyond the range
+// of Duration is Duration::max().
+Duration durationOf(double seconds) noexcept;
+// The double nearest to the exact number of seconds (below 2^53 ns, about 104 days).
+double secondsOf(Duration d) noexcept;
+// Plain decimal seconds, exact and without trailing zeros: "0", "0.3", "100000", "0.0000001".
+std::string secondsText(Duration d);
+// Reads plain decimal seconds ("2", "0.5", ".25", "1.000000001") exactly, without going through a
+// double. Fails (nullopt, with the reason in `error` when given) on a sign, an exponent, any
+// other character, more than nine significant fraction digits or a value beyond Duration::max().
+enum class SecondsTextError { notADecimal, finerThanNanoseconds, outOfRange };
+std::optional<Duration> parseSeconds(std::string_view text, SecondsTextError* error = nullptr);
 
 class TaskScheduler : public Mox::Entity {
  public:
@@ -34,18 +57,23 @@ class TaskScheduler : public Mox::Entity {
    ~TaskScheduler() override;
 
    ClockMode clockMode() const noexcept { return mode_; }
-   // Seconds since the scheduler was made (virtual time starts at 0).
-   double now() const noexcept;
+   // Time since the scheduler was made (virtual time starts at 0).
+   Duration nowNs() const noexcept;
+   // The same in seconds, for the edges (records that hold a double, traces).
+   double now() const noexcept { return secondsOf(nowNs()); }
 
    // Runs ready tasks until none is ready; timers fire only if due (real clock). Returns the number
    // of task runs.
    size_t runUntilIdle();
-   // Virtual clock only: moves time forward by `seconds`, firing every timer due on the way.
-   void advance(double seconds);
+   // Virtual clock only: moves time forward by `delay` (saturating at Duration::max()), firing in
+   // time order every timer due at or before the new time, with the ready work after each.
+   void advance(Duration delay);
+   void advance(double seconds) { advance(durationOf(seconds)); }
 
    size_t readyTaskCount() const noexcept;
    size_t timerCount() const noexcept;
    // Delay from now to the earliest pending timer, if any.
+   std::optional<Duration> nextTimerDelayNs() const noexcept;
    std::optional<double> nextTimerDelay() const noexcept;
 
    // Slice control. 0 restores the default (budget on a virtual clock, time slice on the real one).
@@ -58,16 +86,16 @@ class TaskScheduler : public Mox::Entity {
    friend class Task;
    void ready(Task* t);
    void unready(Task* t);
-   void timerIs(Task* t, double at);
+   void timerIs(Task* t, Duration at);
    void timerDel(Task* t);
    bool shouldYield() noexcept;
-   void fireDueTimers(double upTo);
+   void fireDueTimers(Duration upTo);
    void forget(Task* t);
    void taskIs(Task* t);
 
    ClockMode mode_;
    std::chrono::steady_clock::time_point start_;
-   double virtualNow_ = 0;
+   Duration virtualNow_{0};
    uint64_t seq_ = 0;
    std::vector<Task*> ready_;  // small: a handful of tasks per agent
    std::vector<Task*> timers_; // tasks with a pending timer
@@ -97,9 +125,13 @@ class Task : public Mox::Entity {
 
    void scheduleTask();
    void unscheduleTask();
-   void scheduleTaskLowestDelay(double seconds);
+   // Fires the task after `delay` unless it is already due earlier (see the guarantees).
+   void scheduleTaskLowestDelay(Duration delay);
+   void scheduleTaskLowestDelay(double seconds) { scheduleTaskLowestDelay(durationOf(seconds)); }
    bool isScheduled() const noexcept { return isReady_ || hasTimer_; }
    bool isReady() const noexcept { return isReady_; }
+   // The pending timer's time on the scheduler's clock, if any.
+   std::optional<Duration> expirationTimeNs() const noexcept;
    std::optional<double> expirationTime() const noexcept;
 
    bool taskShouldYield() noexcept { return scheduler_ && scheduler_->shouldYield(); }
@@ -122,7 +154,7 @@ class Task : public Mox::Entity {
    bool hasTimer_ = false;
    uint64_t readySeq_ = 0;
    uint64_t timerSeq_ = 0;
-   double timerAt_ = 0;
+   Duration timerAt_{0};
    uint64_t workCount_ = 0;
    uint64_t runCount_ = 0;
 };

@@ -60,8 +60,8 @@ void NumAllocator::statusUpdate() {
 }
 
 Number NumAllocator::getNumber() {
-   const double now = clock_->now();
-   const double expiry = config_->expiryTime();
+   const Duration now = clock_->nowNs();
+   const Duration expiry = durationOf(config_->expiryTime());
    while (!released_.empty()) {
       const uint64_t off = released_.front().offset;
       if (!stale_.empty()) {
@@ -102,7 +102,7 @@ bool NumAllocator::releaseNumber(Number n) {
    if (!p || !bit(p->inUse, off)) return false;
    bitIs(p->inUse, off, false);
    bitIs(p->ageing, off, true);
-   released_.push_back({off, clock_->now()});
+   released_.push_back({off, clock_->nowNs()});
    --inUse_;
    ++ageing_;
    statusUpdate();

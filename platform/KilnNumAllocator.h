@@ -116,7 +116,7 @@ class NumAllocator : public Mox::RefCounted {
    };
    struct Released {
       uint64_t offset;
-      double at;
+      Duration at; // exact, so that a number ages exactly the expiry time
    };
 
    Page* page(uint64_t offset) const noexcept;

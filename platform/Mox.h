@@ -4,8 +4,33 @@
 //  - intrusive reference counting (RefCounted, Ptr) with an observable count, so that a dedup table
 //    can tell the moment only its own references remain;
 //  - entities (Entity) whose attribute setters and keyed-collection mutators notify bound reactors
-//    (Notifiee) synchronously, once per changed attribute or key, in the order of the changes;
+//    (Notifiee) synchronously, once per changed attribute or key (the order is below);
 //  - small text helpers shared by dumps (indentation, printf-style formatting, True/False).
+//
+// Notification order. Delivery is synchronous and depth-first; nothing is queued by the framework:
+//  - a mutator returns only after every reactor bound and active when the change was made has run
+//    its handler for it, and after everything those handlers changed in turn has been delivered;
+//  - one change reaches the reactors of its entity in the order they were bound;
+//  - per entity and per reactor, changes arrive in the order they were made. This holds because an
+//    entity is never changed from inside the delivery of one of its own changes (re-entrance):
+//    reactors bound after the one that changed it would see the second change before the first.
+//    Debug builds abort on it ("Entity changed during its own notification"); a handler that wants
+//    the entity it is told about changed queues that work for its task;
+//  - across entities the order is depth-first, not the order of the changes: when a handler for
+//    change x of entity E changes entity F (y), every reactor of F sees y before the reactors of E
+//    bound after that handler see x, and a reactor watching both E and F can see y before x.
+//    The order in which a reactor hears of changes to different entities is therefore not the
+//    order they were made in, so a machine never infers the state of one entity from the order of
+//    another's notifications: its handlers queue keys, and its task reads the current state of
+//    everything when it runs.
+// Chains run inside the outermost mutator: a configuration handler that re-initialises a machine,
+// or a destructor that releases the last user of a canonical segment list, delivers every removal
+// it causes (lists leaving their dedup table, their segments after them) before it returns.
+//
+// Re-initialisation is not a notification of its own. A machine that re-synchronises (the input
+// stage on a change of segment-list sharing, see input/SrTePolicyInputSm.h) shows downstream only
+// the ordinary removals and insertions it makes, in the order above; a withdrawn canonical item
+// never comes back under its old id, so downstream treats a new id as a new item.
 //
 // Guarantees, each checked by tests/platform/MoxTest.cpp:
 //  - a setter given the value it already holds notifies nobody;
@@ -38,6 +63,7 @@
 #include "absl/container/flat_hash_map.h"
 #include "absl/container/flat_hash_set.h"
 #include "absl/container/inlined_vector.h"
+#include "platform/Assert.h"
 
 namespace Mox {
 
@@ -435,10 +461,14 @@ class Entity : public RefCounted {
    Entity() = default;
    ~Entity() override;
 
-   // Calls `handler(args...)` on every bound, active reactor of type N.
+   // Calls `handler(args...)` on every bound, active reactor of type N, in binding order.
    template <class N, class... P, class... A>
    void notify(void (N::*handler)(P...), const A&... args) {
       if (!reactors_) return;
+#ifndef NDEBUG
+      // Re-entrance would hand the reactors not yet called this change before the earlier one.
+      SRTE_ASSERT(reactors_->dispatchDepth == 0, "Entity changed during its own notification");
+#endif
       DispatchScope scope(*this);
       auto& items = scope.reactors.items;
       for (size_t i = 0, n = items.size(); i < n; ++i) {

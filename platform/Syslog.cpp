@@ -8,22 +8,16 @@
 
 namespace Syslog {
 
-namespace {
-// Never destroyed: a sink with static storage may unregister itself after this list would
-// otherwise have been torn down at exit.
-std::vector<Sink*>& sinks() {
-   static auto* s = new std::vector<Sink*>;
-   return *s;
-}
-} // namespace
-
 const char* severityName(Severity s) {
    static const char* names[] = {"EMERG",   "ALERT",  "CRIT", "ERR",
                                  "WARNING", "NOTICE", "INFO", "DEBUG"};
    return names[static_cast<int>(s)];
 }
 
-Sink::~Sink() { sinkDel(this); }
+Sink::~Sink() {
+   // sinkDel edits logs_, so walk a copy.
+   for (Log* log : std::vector<Log*>(logs_)) log->sinkDel(this);
+}
 
 void Capture::onRecord(const MessageDef&, const Record& record) { records_.push_back(record); }
 
@@ -32,22 +26,42 @@ void StderrSink::onRecord(const MessageDef&, const Record& record) {
                 record.text.c_str());
 }
 
-void sinkIs(Sink* sink) {
-   if (std::find(sinks().begin(), sinks().end(), sink) == sinks().end()) sinks().push_back(sink);
+Log::~Log() {
+   for (Sink* s : sinks_) std::erase(s->logs_, this);
 }
 
-void sinkDel(Sink* sink) { std::erase(sinks(), sink); }
+void Log::sinkIs(Sink* sink) {
+   if (sinkHas(sink)) return;
+   sinks_.push_back(sink);
+   sink->logs_.push_back(this);
+}
 
-void logf(const MessageDef* def, ...) {
-   if (sinks().empty()) return;
+void Log::sinkDel(Sink* sink) {
+   if (!sinkHas(sink)) return;
+   std::erase(sinks_, sink);
+   std::erase(sink->logs_, this);
+}
+
+bool Log::sinkHas(const Sink* sink) const {
+   return std::find(sinks_.begin(), sinks_.end(), sink) != sinks_.end();
+}
+
+void Log::logf(const MessageDef* def, ...) {
+   if (sinks_.empty()) return;
    va_list args;
    va_start(args, def);
    Record r{def->tag, def->severity, Mox::vformat(def->format, args)};
    va_end(args);
-   // A sink may unregister (itself or another) while records are handed out.
-   for (Sink* s : std::vector<Sink*>(sinks())) {
-      if (std::find(sinks().begin(), sinks().end(), s) != sinks().end()) s->onRecord(*def, r);
+   for (Sink* s : std::vector<Sink*>(sinks_)) {
+      if (sinkHas(s)) s->onRecord(*def, r);
    }
+}
+
+Log& processLog() {
+   // Never destroyed: a sink with static storage may unregister after this would otherwise have
+   // been torn down at exit.
+   static Log* log = new Log;
+   return *log;
 }
 
 } // namespace Syslog

@@ -1,7 +1,10 @@
 // The system log: messages with a tag, a printf-style format, an explanation and a recommended
-// action. Each message definition is a constant table row; `Syslog::log` formats it once and hands
-// the record to every registered sink (standard error, an in-memory capture for the host and
-// tests).
+// action. Each message definition is a constant table row; a `Log` formats it once and hands the
+// record to each of its sinks (standard error, an in-memory capture for the host and tests).
+//
+// Every policy core has a `Log` of its own, so two cores in one process never see each other's
+// messages. `processLog()` is the log of code outside any core; the free `log` and `sinkIs`
+// forms use it.
 #pragma once
 
 #include <string>
@@ -27,10 +30,20 @@ struct Record {
    std::string text;
 };
 
+class Log;
+
+// A sink may outlive its logs or die first: either way the pair forgets each other.
 class Sink {
  public:
+   Sink() = default;
+   Sink(const Sink&) = delete;
+   Sink& operator=(const Sink&) = delete;
    virtual ~Sink();
    virtual void onRecord(const MessageDef& def, const Record& record) = 0;
+
+ private:
+   friend class Log;
+   std::vector<Log*> logs_;
 };
 
 // Keeps every record (the host's `show syslog`, tests).
@@ -50,18 +63,42 @@ class StderrSink : public Sink {
    void onRecord(const MessageDef& def, const Record& record) override;
 };
 
-void sinkIs(Sink* sink);
-void sinkDel(Sink* sink);
+class Log {
+ public:
+   Log() = default;
+   Log(const Log&) = delete;
+   Log& operator=(const Log&) = delete;
+   ~Log();
 
-// Formats `def.format` with the arguments (printf conventions) and hands the record to the sinks.
-void logf(const MessageDef* def, ...);
-// The arguments travel through C varargs: only numbers, enumerations and C strings may be passed
-// (a std::string would be undefined behaviour, so it is refused at compile time).
+   // A sink is registered once however often it is given.
+   void sinkIs(Sink* sink);
+   void sinkDel(Sink* sink);
+   bool sinkHas(const Sink* sink) const;
+
+   // Formats `def.format` with the arguments (printf conventions) and hands the record to the
+   // sinks. A sink may unregister itself or another while records are handed out.
+   void logf(const MessageDef* def, ...);
+   // The arguments travel through C varargs: only numbers, enumerations and C strings may be
+   // passed (a std::string would be undefined behaviour, so it is refused at compile time).
+   template <class... A>
+   void log(const MessageDef& def, A... args) {
+      static_assert(((std::is_arithmetic_v<A> || std::is_enum_v<A> || std::is_pointer_v<A>)&&...),
+                    "Syslog::log takes numbers and C strings only");
+      logf(&def, args...);
+   }
+
+ private:
+   std::vector<Sink*> sinks_;
+};
+
+// The log of code that runs outside any policy core.
+Log& processLog();
+
+inline void sinkIs(Sink* sink) { processLog().sinkIs(sink); }
+inline void sinkDel(Sink* sink) { processLog().sinkDel(sink); }
 template <class... A>
 void log(const MessageDef& def, A... args) {
-   static_assert(((std::is_arithmetic_v<A> || std::is_enum_v<A> || std::is_pointer_v<A>)&&...),
-                 "Syslog::log takes numbers and C strings only");
-   logf(&def, args...);
+   processLog().log(def, args...);
 }
 
 } // namespace Syslog

@@ -7,6 +7,13 @@
 //
 // The reverse maps tell which lists use a segment (SegmentIdToSegmentList) and which candidate
 // paths use a list (SegmentListIdToPolicyMap); the input stage keeps both.
+//
+// What a reactor of NotifyingSegmentListCollection sees: one call when a list enters (its notifier
+// is then in the collection) and one when it leaves (no longer in it), delivered synchronously
+// inside whatever released the last user: a task run, a configuration handler (the input stage's
+// re-initialisation withdraws every list at once, see input/SrTePolicyInputSm.h) or a destructor.
+// A list's removal is delivered before the removals of the segments only it held. A list that left
+// never comes back: the same labels later make a new list with a new id and a new tunnel id.
 #pragma once
 
 #include <array>

@@ -124,6 +124,11 @@ TEST(Host, LineWithAnErrorChangesNothingAndNamesTheProblem) {
        {"show toy-countr", "unknown table 'toy-countr' (did you mean 'toy-counter'?); tables: all "
                            "toy-counter scheduler syslog"},
        {"advance -1", "expected seconds (a decimal number such as 2 or 0.5), got '-1'"},
+       {"advance 1e3", "expected seconds (a decimal number such as 2 or 0.5), got '1e3'"},
+       {"advance 0.0000000001",
+        "seconds 0.0000000001 is more precise than the clock (at most 9 decimals)"},
+       {"advance 9223372036.854775808", "seconds 9223372036.854775808 is out of range (at most "
+                                        "9223372036.854775807 at virtual time 0)"},
    };
    for (const auto& c : cases) {
       try {

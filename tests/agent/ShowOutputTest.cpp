@@ -33,8 +33,13 @@ TEST(ShowOutput, JsonRowsOnOneLineWithNullLabelsEscapesAndExactNumbers) {
              "}\n");
    EXPECT_EQ(Json::Value::number(1.0 / 3).text(), "0.3333333333333333");
    EXPECT_EQ(Json::Value::number(2.5).text(), "2.5");
-   EXPECT_EQ(Json::Value::number(10.0).text(), "10"); // never "1e+01"
-   EXPECT_EQ(Json::Value::number(1e20).text(), "1e+20");
+   // Plain decimals, never an exponent.
+   EXPECT_EQ(Json::Value::number(10.0).text(), "10");
+   EXPECT_EQ(Json::Value::number(100000.0).text(), "100000");
+   EXPECT_EQ(Json::Value::number(1e-7).text(), "0.0000001");
+   EXPECT_EQ(Json::Value::number(1e20).text(), "100000000000000000000");
+   // Times of the scheduler's clock are exact.
+   EXPECT_EQ(Json::Value::seconds(std::chrono::nanoseconds(1000100000000)).text(), "1000.1");
 }
 
 TEST(ShowOutput, TextColumnsAlignAndContinuationLinesStayBlankWithoutTrailingSpaces) {

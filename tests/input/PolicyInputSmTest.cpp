@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "core/SrTePolicyCore.h"
 #include "input/SrTePolicyInputSm.h"
 
 using namespace SrTePolicy;
@@ -8,52 +9,35 @@ namespace {
 
 Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
 
-// The shared tables outlive the state machine; the in-process state is rebuilt by start().
+// The input stage as the assembly builds it, over router tables the test plays itself.
 struct Env {
    Kiln::TaskScheduler scheduler;
-   Mox::Ptr<Config> config = configFactory("config");
-   Mox::Ptr<PolicyInputSource> source = policyInputSourceFactory("input");
+   StandaloneRouter router;
+   Mox::Ptr<Config> config = router.config;
+   Mox::Ptr<PolicyInputSource> source = router.input;
    Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
    Mox::Ptr<PolicyInput> configured = policyInputFactory("static");
-   Mox::Ptr<Mpls::Config> mplsConfig = Mox::make<Mpls::Config>();
-   Mox::Ptr<Mpls::Status> mplsStatus = Mox::make<Mpls::Status>();
-   Mox::Ptr<PolicySelectionInput> selection = policySelectionInputFactory("selection");
-   Mox::Ptr<Export::SegmentListCollection> exported =
-       Export::segmentListCollectionFactory("exported");
-   Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
-   Syslog::Capture syslog;
-
-   Mox::Ptr<CoreDedupTables> dedup;
-   Mox::Ptr<SegmentListIdToPolicyMap> segListMap;
-   Mox::Ptr<SegmentIdToSegmentList> segmentMap;
-   Mox::Ptr<PolicyKeyToIdMap> keyMap;
-   Mox::Ptr<PolicyInputSm> sm;
+   Mox::Ptr<Mpls::Config> mplsConfig = router.mplsConfig;
+   Mox::Ptr<Mpls::Status> mplsStatus = router.mplsStatus;
+   Mox::Ptr<Kiln::AttrLogSm> attrLog = router.attrLog;
+   PolicyCore core{router.tables(scheduler)};
+   Mox::Ptr<PolicySelectionInput> selection = core.published().policySelectionInput;
+   Mox::Ptr<Export::SegmentListCollection> exported = core.published().exportedSegmentListColl;
 
    Env() {
-      Syslog::sinkIs(&syslog);
       source->policyInputIs(Protocol::bgp, bgp);
       source->policyInputIs(Protocol::staticConfig, configured);
       mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
-      start();
+      core.start();
    }
-   ~Env() { Syslog::sinkDel(&syslog); }
 
-   void start() {
-      dedup = Mox::make<CoreDedupTables>();
-      segListMap = Mox::make<SegmentListIdToPolicyMap>();
-      segmentMap = Mox::make<SegmentIdToSegmentList>();
-      keyMap = Mox::make<PolicyKeyToIdMap>();
-      sm = policyInputSmFactory(config, source, mplsConfig, mplsStatus, selection, dedup,
-                                segListMap, segmentMap, keyMap, exported, scheduler, attrLog);
-   }
-   void restart() {
-      sm.reset();
-      keyMap.reset();
-      segmentMap.reset();
-      segListMap.reset();
-      dedup.reset();
-      start();
-   }
+   // The in-process state, rebuilt by a restart: never held across one.
+   PolicyInputSm* sm() const { return core.policyInputSm().get(); }
+   CoreDedupTables* dedup() const { return core.entities().coreDedupTables.get(); }
+   SegmentListIdToPolicyMap* segListMap() const { return core.entities().segListMap.get(); }
+   SegmentIdToSegmentList* segmentMap() const { return core.entities().segmentMap.get(); }
+   PolicyKeyToIdMap* keyMap() const { return core.entities().policyKeyToIdMap.get(); }
+   const Syslog::Capture& syslog() const { return core.syslogCapture(); }
 
    static PolicyId id(Protocol p, const char* endpoint, uint32_t color, uint32_t disc) {
       return PolicyId(PolicyKey(addr(endpoint), Color(color)), p, Discriminator(disc));
@@ -72,13 +56,13 @@ struct Env {
    PolicyInput& table(Protocol p) { return p == Protocol::bgp ? *bgp : *configured; }
    void put(const PolicyInputEntry& e) { table(e.key().protocol).policyInputEntryIs(e); }
    const PolicyCandidateInfo* candidate(const PolicyId& pid) const {
-      PolicyInfo* info = keyMap->policy(pid.key);
+      PolicyInfo* info = keyMap()->policy(pid.key);
       return info ? info->candidate(CandidateId(pid)) : nullptr;
    }
    PolicyInvalidReason reason(const PolicyId& pid) const { return candidate(pid)->reason; }
    std::vector<std::string> tags() const {
       std::vector<std::string> t;
-      for (const auto& r : syslog.records()) t.push_back(r.tag);
+      for (const auto& r : syslog().records()) t.push_back(r.tag);
       return t;
    }
    // The selection input and candidate map as one comparable text, in key order.
@@ -89,14 +73,15 @@ struct Env {
                          e->bindingSid().stringValue();
          for (const auto& [i, w] : e->wSegmentList()) {
             l += " " + w.stringValue() + "=" +
-                 segListMap->segmentListUser(w.segmentListId)
+                 segListMap()
+                     ->segmentListUser(w.segmentListId)
                      ->segmentList()
                      ->labelStack()
                      .stringValue();
          }
          lines.push_back(l);
       }
-      for (const auto& [key, info] : keyMap->policy()) {
+      for (const auto& [key, info] : keyMap()->policy()) {
          for (const auto& [cid, c] : info->candidate()) {
             lines.push_back(key.stringValue() + " " + cid.stringValue() + " " +
                             policyInvalidReasonName(c.reason));
@@ -158,7 +143,7 @@ TEST_F(InputStage, ValidationReasonsInOrderOfPrecedenceAndTheirLogMessages) {
    EXPECT_EQ(t, (std::vector<std::string>{"SRTE_POLICY_INVALID_BSID_MISSING",
                                           "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE",
                                           "SRTE_POLICY_INVALID_NO_SEGMENT_LISTS"}));
-   for (const auto& r : syslog.records()) {
+   for (const auto& r : syslog().records()) {
       if (r.tag == "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE") {
          EXPECT_EQ(r.text, "Endpoint 10.0.0.1, color 1, protocol bgp, originator 0.0.0.0(AS0), "
                            "discriminator 2 is unusable: BSID(800000) is outside SRLB [900000, "
@@ -183,10 +168,10 @@ TEST_F(InputStage, BindingSidHeldByAnotherApplicationUntilItsRouteGoes) {
    put(record(b, 900010, {{16002}}));
    scheduler.runUntilIdle();
    EXPECT_EQ(reason(a), PolicyInvalidReason::bsidInUseOtherApplication);
-   EXPECT_EQ(sm->bsidUser().size(), 1u); // one user for both paths
-   EXPECT_EQ(sm->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 2u);
-   ASSERT_EQ(syslog.records().size(), 2u);
-   std::vector<std::string> texts{syslog.records()[0].text, syslog.records()[1].text};
+   EXPECT_EQ(sm()->bsidUser().size(), 1u); // one user for both paths
+   EXPECT_EQ(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 2u);
+   ASSERT_EQ(syslog().records().size(), 2u);
+   std::vector<std::string> texts{syslog().records()[0].text, syslog().records()[1].text};
    std::sort(texts.begin(), texts.end());
    EXPECT_EQ(texts[1],
              "Endpoint 10.0.0.2, color 1, protocol bgp, originator 0.0.0.0(AS0), discriminator 1 "
@@ -203,11 +188,11 @@ TEST_F(InputStage, BindingSidHeldByAnotherApplicationUntilItsRouteGoes) {
 
    bgp->policyInputEntryDel(a);
    scheduler.runUntilIdle();
-   EXPECT_EQ(sm->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 1u);
+   EXPECT_EQ(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 1u);
    bgp->policyInputEntryDel(b);
    scheduler.runUntilIdle();
-   EXPECT_TRUE(sm->bsidUser().empty());
-   EXPECT_EQ(keyMap->policy().size(), 0u);
+   EXPECT_TRUE(sm()->bsidUser().empty());
+   EXPECT_EQ(keyMap()->policy().size(), 0u);
 }
 
 TEST_F(InputStage, SrlbChangeRequeuesEveryRecordAndOtherRangesDoNothing) {
@@ -219,9 +204,9 @@ TEST_F(InputStage, SrlbChangeRequeuesEveryRecordAndOtherRangesDoNothing) {
 
    scheduler.advance(3);
    mplsConfig->labelRangeIs("srgb", Mpls::LabelRange(16000, 8000));
-   EXPECT_TRUE(sm->pendingPolicyId().empty());
+   EXPECT_TRUE(sm()->pendingPolicyId().empty());
    mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 100));
-   EXPECT_EQ(sm->pendingPolicyId().size(), 1u);
+   EXPECT_EQ(sm()->pendingPolicyId().size(), 1u);
    scheduler.runUntilIdle();
    EXPECT_EQ(reason(a), PolicyInvalidReason::bsidOutOfRange);
    EXPECT_EQ(candidate(a)->lastModified, seen);
@@ -264,7 +249,7 @@ TEST_F(InputStage, SegmentListsAreSharedAcrossProtocolsAndBurstsProcessedOnce) {
    EXPECT_EQ(e2->wSegmentList(0)->segmentListId, shared);
    EXPECT_EQ(e1->wSegmentList(1)->weight, Weight(2));
    EXPECT_EQ(e1->wSegmentList(0)->tunnelId, shared.getTunnelId());
-   SegmentListUser* user = segListMap->segmentListUser(shared);
+   SegmentListUser* user = segListMap()->segmentListUser(shared);
    ASSERT_NE(user, nullptr);
    EXPECT_TRUE(user->policyIdHas(fromBgp) && user->policyIdHas(configuredPath));
    EXPECT_EQ(exported->segmentList().size(), 2u);
@@ -277,18 +262,18 @@ TEST_F(InputStage, SegmentListsAreSharedAcrossProtocolsAndBurstsProcessedOnce) {
    EXPECT_EQ(e1->wSegmentList().size(), 1u);
    EXPECT_EQ(e1->wSegmentList(0)->segmentListId, shared);
    EXPECT_EQ(exported->segmentList().size(), 1u);
-   EXPECT_EQ(dedup->segDedupTablePtr()->lookupByLabel(Ipkit::MplsLabel(16003)), nullptr);
-   EXPECT_EQ(segmentMap->segmentList().size(), 2u);
+   EXPECT_EQ(dedup()->segDedupTablePtr()->lookupByLabel(Ipkit::MplsLabel(16003)), nullptr);
+   EXPECT_EQ(segmentMap()->segmentList().size(), 2u);
 
    bgp->policyInputEntryDel(fromBgp);
    configured->policyInputEntryDel(configuredPath);
    scheduler.runUntilIdle();
    EXPECT_TRUE(selection->policyIdEntry().empty());
    EXPECT_TRUE(exported->segmentList().empty());
-   EXPECT_TRUE(segListMap->segmentListUser().empty());
-   EXPECT_TRUE(segmentMap->segmentList().empty());
-   EXPECT_TRUE(dedup->notifyingSegmentListCollection()->segmentListNotifier().empty());
-   EXPECT_TRUE(dedup->notifyingSegmentCollection()->segmentNotifier().empty());
+   EXPECT_TRUE(segListMap()->segmentListUser().empty());
+   EXPECT_TRUE(segmentMap()->segmentList().empty());
+   EXPECT_TRUE(dedup()->notifyingSegmentListCollection()->segmentListNotifier().empty());
+   EXPECT_TRUE(dedup()->notifyingSegmentCollection()->segmentNotifier().empty());
 }
 
 TEST_F(InputStage, CongestionAndYieldingNeverDropWork) {
@@ -303,13 +288,13 @@ TEST_F(InputStage, CongestionAndYieldingNeverDropWork) {
       put(record(id(Protocol::bgp, "10.0.0.2", i, 1), 900100 + i, {{17000 + i % 10}}));
    }
    // Congest the log after the first slice: the rest waits, retried every 0.1 s.
-   sm->task()->scheduleTask();
+   sm()->task()->scheduleTask();
    struct CongestAfterFirstRun : Kiln::Task::Notifiee {
       Kiln::AttrLogSm* log;
       void onTaskRun() override { log->attrLogOutCloggedIs(true); }
    } congest;
    congest.log = attrLog.get();
-   congest.notifierIs(sm->task());
+   congest.notifierIs(sm()->task());
    scheduler.runUntilIdle();
    congest.notifierIs(nullptr);
    EXPECT_EQ(selection->policyIdEntry().size(), 107u);
@@ -319,7 +304,7 @@ TEST_F(InputStage, CongestionAndYieldingNeverDropWork) {
    attrLog->attrLogOutCloggedIs(false);
    scheduler.advance(0.1);
    EXPECT_EQ(selection->policyIdEntry().size(), 200u);
-   EXPECT_TRUE(sm->pendingPolicyId().empty());
+   EXPECT_TRUE(sm()->pendingPolicyId().empty());
 }
 
 TEST(InputStageYield, YieldEveryKeyConvergesToSameResult) {
@@ -329,14 +314,14 @@ TEST(InputStageYield, YieldEveryKeyConvergesToSameResult) {
       Env plain;
       plain.workload();
       expected = plain.outputs();
-      messages = plain.syslog.records().size();
+      messages = plain.syslog().records().size();
    }
    Env sliced;
    sliced.scheduler.yieldEveryIs(1);
    sliced.workload();
    EXPECT_EQ(sliced.outputs(), expected);
-   EXPECT_GT(sliced.sm->task()->runCount(), 100u); // it really ran one key per slice
-   EXPECT_EQ(sliced.syslog.records().size(), messages);
+   EXPECT_GT(sliced.sm()->task()->runCount(), 100u); // it really ran one key per slice
+   EXPECT_EQ(sliced.syslog().records().size(), messages);
 }
 
 TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePath) {
@@ -352,7 +337,7 @@ TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePat
    EXPECT_EQ(reason(a), PolicyInvalidReason::bsidInUseOtherApplication);
    EXPECT_EQ(selection->policyIdEntry(a), nullptr);
    EXPECT_TRUE(exported->segmentList().empty());
-   EXPECT_TRUE(dedup->notifyingSegmentListCollection()->segmentListNotifier().empty());
+   EXPECT_TRUE(dedup()->notifyingSegmentListCollection()->segmentListNotifier().empty());
 
    // This system's own route (source 16) for the label leaves it available.
    auto own = route;
@@ -365,7 +350,7 @@ TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePat
    mplsStatus->lfibRouteIs(Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(16001)),
                                              Mpls::LFib::RouteType::unknown,
                                              Mpls::LFib::Source::unknown, Mpls::AdjacencyKey()));
-   EXPECT_TRUE(sm->pendingPolicyId().empty());
+   EXPECT_TRUE(sm()->pendingPolicyId().empty());
 }
 
 TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExports) {
@@ -375,8 +360,29 @@ TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExpor
    EXPECT_EQ(exported->segmentList().size(), 2u);
    const uint32_t version = selection->policyIdEntry(a)->version();
 
+   // What a downstream machine sees of the re-initialisation: the lists' removals, delivered
+   // inside the configuration setter, and the fresh lists' insertions only when the task runs.
+   struct Lists : NotifyingSegmentListCollection::Notifiee {
+      std::vector<std::string> seen;
+      void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
+         const bool in = notifier()->segmentListNotifierHas(n);
+         seen.push_back((in ? "+" : "-") + n->segmentListRawPtr()->segmentListId().stringValue());
+      }
+   } lists;
+   lists.notifierIs(dedup->notifyingSegmentListCollection());
    config->segmentListSharingEnabledIs(true);
+   std::sort(lists.seen.begin(), lists.seen.end());
+   EXPECT_EQ(lists.seen, (std::vector<std::string>{"-1", "-2"}));
+   EXPECT_TRUE(dedup->notifyingSegmentCollection()->segmentNotifier().empty());
+   EXPECT_TRUE(keyMap->policy().empty());
+   // Until the task runs, the selection input still names the withdrawn ids, still exported.
+   EXPECT_EQ(selection->policyIdEntry(a)->wSegmentList(0)->segmentListId, SegmentListId(1));
+   EXPECT_EQ(selection->policyIdEntry(a)->version(), version);
+   EXPECT_EQ(exported->segmentList().size(), 2u);
+   lists.seen.clear();
    scheduler.runUntilIdle();
+   std::sort(lists.seen.begin(), lists.seen.end());
+   EXPECT_EQ(lists.seen, (std::vector<std::string>{"+3", "+4"}));
    auto e = selection->policyIdEntry(a);
    EXPECT_EQ(e->version(), version + 1);
    EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(3));
@@ -396,13 +402,13 @@ TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
    const SegmentListId before = selection->policyIdEntry(kept)->wSegmentList(0)->segmentListId;
    EXPECT_EQ(exported->segmentList().size(), 2u);
 
-   sm.reset(); // the agent goes away; the input of `gone` is withdrawn meanwhile
+   core.stop(); // the agent goes away; the input of `gone` is withdrawn meanwhile
    bgp->policyInputEntryDel(gone);
-   restart();
+   core.start();
    // Before the first run: published tables are as they were.
    EXPECT_EQ(selection->policyIdEntry().size(), 2u);
    EXPECT_EQ(exported->segmentList().size(), 2u);
-   EXPECT_TRUE(sm->cleanupPending());
+   EXPECT_TRUE(sm()->cleanupPending());
    scheduler.runUntilIdle();
 
    EXPECT_EQ(selection->policyIdEntry().size(), 1u);
@@ -410,7 +416,7 @@ TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
    EXPECT_GT(after, before); // new ids start above every exported one
    EXPECT_EQ(exported->segmentList().size(), 1u);
    EXPECT_NE(exported->segmentList(after), nullptr);
-   EXPECT_FALSE(sm->cleanupPending());
+   EXPECT_FALSE(sm()->cleanupPending());
    EXPECT_EQ(reason(kept), PolicyInvalidReason::usable);
 }
 

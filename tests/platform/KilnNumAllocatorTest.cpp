@@ -92,4 +92,17 @@ TEST(NumAllocator, MillionNumbersAreDistinctAndReusable) {
    EXPECT_EQ(f.status->inUseCount(), uint64_t(million + 2));
 }
 
+// The expiry is measured on the exact clock: a number released at 0.3 s, reached in steps of
+// 0.1 s, is back exactly 300 s later, however many steps that takes.
+TEST(NumAllocator, ExpiryIsExactAfterManySmallSteps) {
+   Fixture f(NumRange(1, 1), 300.0);
+   EXPECT_EQ(f.alloc->getNumber(), 1);
+   for (int i = 0; i < 3; ++i) f.clock.advance(0.1);
+   EXPECT_TRUE(f.alloc->releaseNumber(1));
+   for (int i = 0; i < 2999; ++i) f.clock.advance(0.1); // t = 300.2
+   EXPECT_EQ(f.alloc->getNumber(), NumAllocator::invalidNumber());
+   f.clock.advance(0.1); // t = 300.3: aged exactly 300 s
+   EXPECT_EQ(f.alloc->getNumber(), 1);
+}
+
 } // namespace

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cmath>
 #include <functional>
+#include <memory>
 #include <set>
+#include <vector>
 
 #include "platform/Kiln.h"
 
@@ -196,6 +200,136 @@ TEST(Kiln, TaskGoingAwayOrOutlivingItsScheduler) {
    survivor->scheduleTaskLowestDelay(1);
    EXPECT_FALSE(survivor->isScheduled());
    EXPECT_FALSE(survivor->taskShouldYield());
+}
+
+// A task that backs off the way a congested state machine does: each run asks to run again after
+// its period, given in seconds as the machines give it.
+struct Retrier : Task::Notifiee {
+   double period;
+   std::vector<Kiln::Duration> runs;
+   Retrier(Task& t, double p) : period(p) { notifierIs(&t); }
+   void onTaskRun() override {
+      runs.push_back(notifier()->scheduler()->nowNs());
+      notifier()->scheduleTaskLowestDelay(period);
+   }
+};
+
+TEST(Kiln, TimeIsExactSoRetriesLandOnTheirTimeHoweverTimeIsAdvanced) {
+   using namespace std::chrono_literals;
+   struct Setup {
+      TaskScheduler s;
+      Mox::Ptr<Task> t = Mox::make<Task>(s, 2, "retry");
+      Retrier r{*t, 0.1};
+      Setup() {
+         t->scheduleTask();
+         s.runUntilIdle(); // the congested run at 0: next try at 0.1
+      }
+   };
+   {
+      // One step to 0.3: the third retry is due exactly then and fires.
+      Setup a;
+      a.s.advance(0.3);
+      EXPECT_EQ(a.r.runs, (std::vector<Kiln::Duration>{0ms, 100ms, 200ms, 300ms}));
+      EXPECT_EQ(a.s.nextTimerDelayNs(), 100ms);
+      EXPECT_EQ(a.s.nextTimerDelay(), 0.1);
+   }
+   {
+      // Two steps to the same time: the same runs, and the clock reads exactly 0.3.
+      Setup b;
+      b.s.advance(0.2);
+      b.s.advance(0.1);
+      EXPECT_EQ(b.r.runs.size(), 4u);
+      EXPECT_EQ(b.s.nowNs(), 300ms);
+      EXPECT_EQ(b.s.now(), 0.3);
+      EXPECT_EQ(Kiln::secondsText(b.r.runs.back()), "0.3");
+   }
+   {
+      // A long step: 10000 retries, and the next one is a whole period away.
+      Setup c;
+      c.s.advance(1000);
+      EXPECT_EQ(c.r.runs.size(), 10001u);
+      EXPECT_EQ(c.r.runs.back(), 1000s);
+      EXPECT_EQ(c.s.nextTimerDelayNs(), 100ms);
+      EXPECT_EQ(c.t->expirationTimeNs(), 1000100ms);
+   }
+}
+
+TEST(Kiln, ManyPeriodicTimersOverALongRunDoNotDrift) {
+   using namespace std::chrono_literals;
+   TaskScheduler s;
+   const double periods[] = {0.01, 0.1, 0.3, 0.7, 1.0, 7.7, 300};
+   std::vector<Mox::Ptr<Task>> tasks;
+   std::vector<std::unique_ptr<Retrier>> retriers;
+   for (double p : periods) {
+      tasks.push_back(Mox::make<Task>(s, 2, "periodic"));
+      retriers.push_back(std::make_unique<Retrier>(*tasks.back(), p));
+      tasks.back()->scheduleTaskLowestDelay(p);
+   }
+   // 3600 s in 36000 steps of 0.1 s: with a floating-point clock the sum drifts away from 3600.
+   for (int i = 0; i < 36000; ++i) s.advance(0.1);
+   EXPECT_EQ(s.nowNs(), 3600s);
+   EXPECT_EQ(Kiln::secondsText(s.nowNs()), "3600");
+   for (size_t k = 0; k < retriers.size(); ++k) {
+      const Kiln::Duration period = Kiln::durationOf(periods[k]);
+      const auto& runs = retriers[k]->runs;
+      // Every run at an exact multiple of the period, and every multiple up to 3600 s reached.
+      ASSERT_EQ(runs.size(), static_cast<size_t>(3600s / period)) << periods[k];
+      for (size_t i = 0; i < runs.size(); ++i) {
+         ASSERT_EQ(runs[i], period * static_cast<int64_t>(i + 1)) << periods[k] << " run " << i;
+      }
+   }
+}
+
+TEST(Kiln, SecondsConvertExactlyAtTheEdges) {
+   using namespace std::chrono_literals;
+   using Kiln::parseSeconds;
+   using Kiln::secondsText;
+   // Doubles round to the nearest nanosecond; what has no time in it is 0.
+   EXPECT_EQ(Kiln::durationOf(0.1), 100ms);
+   EXPECT_EQ(Kiln::durationOf(0.1 + 0.2), 300ms);
+   EXPECT_EQ(Kiln::durationOf(1e-10), 0ns);
+   EXPECT_EQ(Kiln::durationOf(-1), 0ns);
+   EXPECT_EQ(Kiln::durationOf(std::nan("")), 0ns);
+   EXPECT_EQ(Kiln::durationOf(1e300), Kiln::Duration::max());
+   EXPECT_EQ(Kiln::secondsOf(300ms), 0.3);
+
+   // Text is plain decimal, exact, without trailing zeros.
+   EXPECT_EQ(secondsText(0ns), "0");
+   EXPECT_EQ(secondsText(100000s), "100000");
+   EXPECT_EQ(secondsText(100ns), "0.0000001");
+   EXPECT_EQ(secondsText(2500ms), "2.5");
+   EXPECT_EQ(secondsText(Kiln::Duration::max()), "9223372036.854775807");
+   EXPECT_EQ(secondsText(-1500ms), "-1.5");
+
+   // Parsing reads the digits, never a double.
+   EXPECT_EQ(parseSeconds("0.3"), 300ms);
+   EXPECT_EQ(parseSeconds("2"), 2s);
+   EXPECT_EQ(parseSeconds(".25"), 250ms);
+   EXPECT_EQ(parseSeconds("1.000000001"), 1000000001ns);
+   EXPECT_EQ(parseSeconds("0.5000000000000"), 500ms); // trailing zeros add no precision
+   EXPECT_EQ(parseSeconds("9223372036.854775807"), Kiln::Duration::max());
+   for (Kiln::Duration d : {Kiln::Duration(0ns), Kiln::Duration(1ns), Kiln::Duration(300ms),
+                            Kiln::Duration(100000s), Kiln::Duration::max()}) {
+      EXPECT_EQ(parseSeconds(secondsText(d)), d);
+   }
+   using enum Kiln::SecondsTextError;
+   struct Bad {
+      const char* text;
+      Kiln::SecondsTextError why;
+   } bad[] = {{"", notADecimal},
+              {".", notADecimal},
+              {"-1", notADecimal},
+              {"+1", notADecimal},
+              {"1e5", notADecimal},
+              {"1.2.3", notADecimal},
+              {"0.0000000001", finerThanNanoseconds},
+              {"9223372036.854775808", outOfRange},
+              {"100000000000000000000", outOfRange}};
+   for (const auto& b : bad) {
+      Kiln::SecondsTextError why{};
+      EXPECT_FALSE(parseSeconds(b.text, &why)) << b.text;
+      EXPECT_EQ(why, b.why) << b.text;
+   }
 }
 
 } // namespace

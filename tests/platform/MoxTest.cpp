@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "platform/Mox.h"
 
 namespace {
@@ -156,6 +158,81 @@ TEST(Mox, DeletingByAKeyThatLivesInTheCollection) {
    // The key reference points into the member being erased; reactors must still get the key.
    while (!t->member().empty()) t->memberDel(t->member().begin()->first);
    EXPECT_EQ(seen, "48");
+}
+
+// Delivery is depth-first: a change made inside a handler reaches every reactor of its entity
+// before the outer change reaches the reactors bound after that handler. Each entity's changes
+// still reach each of its reactors in the order they were made.
+TEST(Mox, NestedDeliveryIsDepthFirstAndInOrderPerEntity) {
+   auto e = Mox::make<Thing>(), f = Mox::make<Thing>(), g = Mox::make<Thing>();
+   std::string seen;
+   struct Named : Thing::Notifiee {
+      std::string* out;
+      std::string name;
+      std::function<void(int)> then;
+      Named(std::string* o, std::string n, Thing* t) : out(o), name(std::move(n)) { notifierIs(t); }
+      void onColor() override {
+         *out += name + std::to_string(notifier()->color()) + " ";
+         if (then) then(notifier()->color());
+      }
+   };
+   // Bound in this order on e: first, chain, last. chain turns e's change into f's, and f's
+   // reactor turns it into g's: a three-deep chain.
+   Named first(&seen, "e.first:", e.get()), chain(&seen, "e.chain:", e.get());
+   Named last(&seen, "e.last:", e.get()), onF(&seen, "f:", f.get()), onG(&seen, "g:", g.get());
+   chain.then = [&](int c) { f->colorIs(c * 10); };
+   onF.then = [&](int c) { g->colorIs(c + 1); };
+   // A reactor watching both e and g (two reactors of one machine).
+   Named bothE(&seen, "both.e:", e.get()), bothG(&seen, "both.g:", g.get());
+
+   e->colorIs(1);
+   EXPECT_EQ(seen, "e.first:1 e.chain:1 f:10 g:11 both.g:11 e.last:1 both.e:1 ");
+   // The machine watching e and g saw g's change (made later) before e's.
+   EXPECT_LT(seen.find("both.g:11"), seen.find("both.e:1"));
+
+   // Two changes of e in a row: every reactor of e sees them in order, whatever runs between.
+   seen.clear();
+   e->colorIs(2);
+   e->colorIs(3);
+   EXPECT_EQ(seen, "e.first:2 e.chain:2 f:20 g:21 both.g:21 e.last:2 both.e:2 "
+                   "e.first:3 e.chain:3 f:30 g:31 both.g:31 e.last:3 both.e:3 ");
+   // A change that a handler makes to an entity already at that value is silent, so chains end.
+   seen.clear();
+   f->colorIs(30);
+   EXPECT_EQ(seen, "");
+}
+
+// What the order rule forbids: changing an entity from inside the delivery of its own change
+// would hand `after` the second change before the first. Debug builds stop there.
+TEST(MoxDeathTest, ChangingAnEntityInsideItsOwnDeliveryAbortsInDebugBuilds) {
+#ifdef NDEBUG
+   GTEST_SKIP() << "the re-entrance check is compiled out of release builds";
+#else
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   auto t = Mox::make<Thing>();
+   struct Renormalise : Thing::Notifiee {
+      void onColor() override {
+         if (notifier()->color() > 9) notifier()->colorIs(9);
+      }
+   } fixer;
+   std::string seen;
+   Log after(&seen);
+   fixer.notifierIs(t);
+   after.notifierIs(t);
+   t->colorIs(5); // no re-entrance: fine
+   EXPECT_EQ(seen, "c");
+   EXPECT_DEATH(t->colorIs(12), "Entity changed during its own notification");
+   // A different entity changed from the same handler is allowed (depth-first, above).
+   auto other = Mox::make<Thing>();
+   struct Forward : Thing::Notifiee {
+      Thing* to;
+      void onColor() override { to->colorIs(notifier()->color()); }
+   } forward;
+   forward.to = other.get();
+   forward.notifierIs(t);
+   t->colorIs(7);
+   EXPECT_EQ(other->color(), 7);
+#endif
 }
 
 } // namespace

@@ -1,0 +1,91 @@
+#include "core/SrTePolicyCore.h"
+
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+RouterTables StandaloneRouter::tables(Kiln::TaskScheduler& scheduler) const {
+   return RouterTables{
+       .config = config,
+       .status = status,
+       .colorDscpMap = colorDscpMap,
+       .input = input,
+       .mplsConfig = mplsConfig,
+       .mplsStatus = mplsStatus,
+       .hardwareStatus = hardwareStatus,
+       .counterTable = counterTable,
+       .scheduler = &scheduler,
+       .attrLog = attrLog,
+   };
+}
+
+PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
+    : router_(std::move(router)), published_(std::move(published)) {
+   SRTE_ASSERT(router_.config && router_.status && router_.colorDscpMap && router_.input &&
+                   router_.mplsConfig && router_.mplsStatus && router_.hardwareStatus &&
+                   router_.counterTable && router_.scheduler && router_.attrLog,
+               "PolicyCore needs every router table");
+   // A caller may hand in only some published tables (those found in shared memory).
+   PublishedTables made;
+   if (!published_.policySelectionInput) {
+      published_.policySelectionInput = made.policySelectionInput;
+   }
+   if (!published_.exportedSegmentListColl) {
+      published_.exportedSegmentListColl = made.exportedSegmentListColl;
+   }
+   syslog_.sinkIs(&capture_);
+}
+
+PolicyCore::~PolicyCore() { stop(); }
+
+void PolicyCore::start() {
+   if (machines_) return;
+   // An entity exists before any machine that is given it.
+   entities_ = std::make_unique<ProcessEntities>();
+   machines_ = std::make_unique<Machines>();
+   buildMachines();
+}
+
+// The construction order. Machines still to come take their places as the Machines struct lists
+// them: segment and segment-list resolution before input gathering; selection, publishing,
+// binding-SID LFIB generation and tunnel map export after it.
+void PolicyCore::buildMachines() {
+   Machines& m = *machines_;
+   const ProcessEntities& e = *entities_;
+
+   m.policyInputSm = policyInputSmFactory({
+       .config = router_.config,
+       .input = router_.input,
+       .mplsConfig = router_.mplsConfig,
+       .mplsStatus = router_.mplsStatus,
+       .policySelectionInput = published_.policySelectionInput,
+       .coreDedupTables = e.coreDedupTables,
+       .segListMap = e.segListMap,
+       .segmentMap = e.segmentMap,
+       .policyKeyToIdMap = e.policyKeyToIdMap,
+       .exportedSegmentListColl = published_.exportedSegmentListColl,
+       .scheduler = router_.scheduler,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
+}
+
+void PolicyCore::stop() {
+   // Members of Machines die in reverse declaration order, the last built first; then the
+   // entities they were given.
+   machines_.reset();
+   entities_.reset();
+}
+
+const ProcessEntities& PolicyCore::entities() const {
+   SRTE_ASSERT(entities_, "PolicyCore is not started");
+   return *entities_;
+}
+
+const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->policyInputSm;
+}
+
+} // namespace SrTePolicy

@@ -1,0 +1,152 @@
+// PolicyCore: the policy core assembled, the one front door of the library.
+//
+// A program embedding the core (the agent, `srte`, tests, benchmarks) hands it the router's tables
+// and gets every entity and state machine built in construction order, with their inputs bound by
+// name. What lives how long:
+//  - RouterTables: owned by other processes and the platform; they outlive the core.
+//  - PublishedTables: shared-memory tables this core writes and other processes read. They
+//    outlive an agent restart, and a new core may be handed those of an earlier one (a process
+//    that died and came back finds its shared memory again); made here when not handed in.
+//  - ProcessEntities: the in-process entities the machines share (dedup tables, reverse maps).
+//  - the state machines.
+// `start()` builds the process entities, then the machines; `stop()` destroys the machines, last
+// built first, then the process entities; `restart()` is both, over what survives. The machines'
+// `handleInitialized` reconciles the published tables with the input on the next start.
+//
+// Each core has its own system log (`syslog()`, with a capture of every record) and its own trace
+// context (`tracer()`): two cores in one process never see each other's messages or traces. Code
+// outside the machines (platform helpers such as the dedup facility) still traces through the
+// process tracer.
+//
+// Adding a state machine takes:
+//  1. in its own files: `struct Inputs` naming every entity it reads and writes, plus the
+//     scheduler, attribute log, `Syslog::Log*` and `Trace::Tracer*`, and `xxxSmFactory(Inputs)`;
+//  2. the tables it publishes in PublishedTables, the in-process entities it shares in
+//     ProcessEntities (each in construction order);
+//  3. a member of Machines and one block in PolicyCore::buildMachines(), both at its place in
+//     construction order (designated initialisers: every input named);
+//  4. one accessor here;
+//  5. its host commands and tables (agent/<Subsystem>Commands.cpp), which reach it through
+//     `host.core()`.
+// Nothing else builds or orders machines.
+#pragma once
+
+#include <memory>
+
+#include "input/SrTePolicyInputSm.h"
+#include "input/SrTePolicyKeyToIdMap.h"
+#include "platform/FlexCounters.h"
+#include "platform/Kiln.h"
+#include "platform/Mpls.h"
+#include "platform/RoutingHardware.h"
+#include "platform/Syslog.h"
+#include "platform/Trace.h"
+#include "publish/SrTePolicyExportTypes.h"
+#include "segment/SrTePolicyCoreDedupTable.h"
+#include "segment/SrTePolicySegmentList.h"
+#include "selection/SrTePolicyEntry.h"
+#include "types/SrTeColorDscpMap.h"
+#include "types/SrTePolicy.h"
+
+namespace SrTePolicy {
+
+// What the router hands in and keeps. Every table must be given.
+struct RouterTables {
+   Mox::Ptr<const Config> config;
+   Mox::Ptr<Status> status;
+   Mox::Ptr<const ColorDscpMap> colorDscpMap;
+   Mox::Ptr<const PolicyInputSource> input;
+   Mox::Ptr<const Mpls::Config> mplsConfig;
+   Mox::Ptr<const Mpls::Status> mplsStatus;
+   Mox::Ptr<const Routing::Hardware::Status> hardwareStatus;
+   Mox::Ptr<const FlexCounters::CounterTable> counterTable;
+   Kiln::TaskScheduler* scheduler = nullptr;
+   Mox::Ptr<Kiln::AttrLogSm> attrLog;
+};
+
+// Empty router tables under their usual names, for a program that plays the router itself
+// (`srte`, tests, benchmarks): it writes through these pointers, and `tables()` is the core's
+// read-mostly view of them.
+struct StandaloneRouter {
+   Mox::Ptr<Config> config = configFactory("config");
+   Mox::Ptr<Status> status = statusFactory("status");
+   Mox::Ptr<ColorDscpMap> colorDscpMap = colorDscpMapFactory("colorDscpMap");
+   Mox::Ptr<PolicyInputSource> input = policyInputSourceFactory("policyInputSource");
+   Mox::Ptr<Mpls::Config> mplsConfig = Mox::make<Mpls::Config>("mpls");
+   Mox::Ptr<Mpls::Status> mplsStatus = Mox::make<Mpls::Status>("mpls");
+   Mox::Ptr<Routing::Hardware::Status> hardwareStatus =
+       Mox::make<Routing::Hardware::Status>("hardware");
+   Mox::Ptr<FlexCounters::CounterTable> counterTable =
+       Mox::make<FlexCounters::CounterTable>("tunnelCounters");
+   Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
+
+   RouterTables tables(Kiln::TaskScheduler& scheduler) const;
+};
+
+// Written by the core, read by other processes; they survive a restart.
+struct PublishedTables {
+   Mox::Ptr<PolicySelectionInput> policySelectionInput =
+       policySelectionInputFactory("policySelectionInput");
+   Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl =
+       Export::segmentListCollectionFactory("exportedSegmentLists");
+};
+
+// The in-process entities every machine of one incarnation shares, in construction order. They
+// are destroyed in reverse: the maps release their segment lists before the dedup tables stop.
+struct ProcessEntities {
+   Mox::Ptr<CoreDedupTables> coreDedupTables = Mox::make<CoreDedupTables>();
+   Mox::Ptr<SegmentIdToSegmentList> segmentMap = Mox::make<SegmentIdToSegmentList>();
+   Mox::Ptr<SegmentListIdToPolicyMap> segListMap = Mox::make<SegmentListIdToPolicyMap>();
+   Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap = Mox::make<PolicyKeyToIdMap>();
+};
+
+// The state machines, declared in construction order (segment resolution, segment-list
+// resolution, input gathering, selection, publishing, binding-SID LFIB generation, tunnel map
+// export); destroyed in reverse.
+struct Machines {
+   Mox::Ptr<PolicyInputSm> policyInputSm;
+};
+
+class PolicyCore {
+ public:
+   explicit PolicyCore(RouterTables router, PublishedTables published = {});
+   ~PolicyCore();
+   PolicyCore(const PolicyCore&) = delete;
+   PolicyCore& operator=(const PolicyCore&) = delete;
+
+   // Builds the process entities, then the machines. Does nothing when started.
+   void start();
+   // Destroys the machines (last built first), then the process entities. The router and
+   // published tables stay as they are.
+   void stop();
+   void restart() {
+      stop();
+      start();
+   }
+   bool started() const noexcept { return machines_ != nullptr; }
+
+   const RouterTables& router() const noexcept { return router_; }
+   const PublishedTables& published() const noexcept { return published_; }
+   // Only while started.
+   const ProcessEntities& entities() const;
+   const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
+
+   Syslog::Log& syslog() noexcept { return syslog_; }
+   // Every record of this core's log since it was made.
+   const Syslog::Capture& syslogCapture() const noexcept { return capture_; }
+   Trace::Tracer& tracer() noexcept { return tracer_; }
+
+ private:
+   void buildMachines();
+
+   RouterTables router_;
+   PublishedTables published_;
+   // Declared before what logs and traces through them, so they outlive it.
+   Syslog::Log syslog_;
+   Syslog::Capture capture_;
+   Trace::Tracer tracer_;
+   std::unique_ptr<ProcessEntities> entities_;
+   std::unique_ptr<Machines> machines_;
+};
+
+} // namespace SrTePolicy

@@ -1,0 +1,216 @@
+// The assembled core: two cores in one process stay apart, and a restart (or a new core handed
+// the published tables of a dead one) reconverges to the same outputs.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+
+#include "core/SrTePolicyCore.h"
+
+using namespace SrTePolicy;
+
+namespace {
+
+PolicyId pathId(const char* endpoint, uint32_t color, uint32_t disc) {
+   return PolicyId(PolicyKey(*Ipkit::IpGenAddr::parse(endpoint), Color(color)), Protocol::bgp,
+                   Discriminator(disc));
+}
+
+PolicyInputEntry path(const PolicyId& id, uint32_t bsid, std::vector<std::vector<uint32_t>> lists) {
+   PolicyInputEntry e(id);
+   if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
+   for (size_t i = 0; i < lists.size(); ++i) {
+      Ipkit::MplsLabelOperation op;
+      for (uint32_t l : lists[i]) op.push(Ipkit::MplsLabel(l));
+      e.segmentListIs(SegmentListIndex(i), WeightedSegList(Weight(1 + i), op));
+   }
+   return e;
+}
+
+// One router with its own clock and a bgp input table, and the core built over it.
+struct Router {
+   Kiln::TaskScheduler scheduler;
+   StandaloneRouter tables;
+   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+   std::unique_ptr<PolicyCore> core;
+
+   explicit Router(PublishedTables published = {}) {
+      tables.input->policyInputIs(Protocol::bgp, bgp);
+      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+      core = std::make_unique<PolicyCore>(tables.tables(scheduler), std::move(published));
+      core->start();
+   }
+   void put(const PolicyInputEntry& e) { bgp->policyInputEntryIs(e); }
+
+   // What the core computed, without the segment-list ids a restart renumbers: per candidate
+   // path its reason, binding SID and weighted label stacks; the exported label stacks.
+   std::string outputs() const {
+      const ProcessEntities& e = core->entities();
+      std::vector<std::string> lines;
+      for (const auto& [key, info] : e.policyKeyToIdMap->policy()) {
+         for (const auto& [cid, c] : info->candidate()) {
+            lines.push_back("candidate " + key.stringValue() + " " + cid.stringValue() + " " +
+                            policyInvalidReasonName(c.reason));
+         }
+      }
+      for (const auto& [id, entry] : core->published().policySelectionInput->policyIdEntry()) {
+         std::string l =
+             "selected " + id.stringValue() + " bsid " + entry->bindingSid().stringValue();
+         for (const auto& [index, w] : entry->wSegmentList()) {
+            const SegmentListUser* user = e.segListMap->segmentListUser(w.segmentListId);
+            l += " w" + std::to_string(w.weight.value) + "[" +
+                 (user ? user->segmentList()->labelStack().stringValue() : "unknown list") + "]";
+         }
+         lines.push_back(l);
+      }
+      for (const auto& [slId, list] : core->published().exportedSegmentListColl->segmentList()) {
+         std::string l = "exported";
+         for (const Export::Segment& s : list->segment()) l += " " + s.mplsLabel.stringValue();
+         lines.push_back(l);
+      }
+      std::sort(lines.begin(), lines.end());
+      std::string out;
+      for (const auto& l : lines) out += l + "\n";
+      return out;
+   }
+};
+
+bool anyContains(const std::vector<std::string>& lines, const std::string& word) {
+   return std::any_of(lines.begin(), lines.end(),
+                      [&](const std::string& l) { return l.find(word) != std::string::npos; });
+}
+
+TEST(PolicyCore, TwoCoresInOneProcessSeeOnlyTheirOwnMessagesTracesAndTables) {
+   Syslog::Capture processLog;
+   Syslog::sinkIs(&processLog);
+   // The process tracer is on too: a machine tracing there instead of to its core would show.
+   std::vector<std::string> processLines;
+   Trace::captureIs(&processLines);
+   Trace::textLevelIs(9);
+   Router a, b;
+   std::vector<std::string> linesA, linesB;
+   a.core->tracer().textLevelIs(9);
+   a.core->tracer().captureIs(&linesA);
+   a.core->tracer().ringLevelIs(9);
+   b.core->tracer().textLevelIs(9);
+   b.core->tracer().captureIs(&linesB);
+
+   a.put(path(pathId("10.0.0.1", 1, 1), Ipkit::MplsLabel::null, {{16001}}));
+   a.put(path(pathId("10.0.0.1", 2, 1), 900001, {{16001, 16002}}));
+   b.put(path(pathId("10.0.0.2", 1, 1), 800000, {{16001}}));
+   b.put(path(pathId("10.0.0.2", 2, 1), 900001, {{17001}}));
+   a.scheduler.runUntilIdle();
+   b.scheduler.runUntilIdle();
+
+   ASSERT_EQ(a.core->syslogCapture().records().size(), 1u);
+   EXPECT_EQ(a.core->syslogCapture().records()[0].tag, "SRTE_POLICY_INVALID_BSID_MISSING");
+   ASSERT_EQ(b.core->syslogCapture().records().size(), 1u);
+   EXPECT_EQ(b.core->syslogCapture().records()[0].tag, "SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE");
+   EXPECT_TRUE(processLog.records().empty());
+   Syslog::sinkDel(&processLog);
+
+   EXPECT_TRUE(anyContains(linesA, "10.0.0.1"));
+   EXPECT_FALSE(anyContains(linesA, "10.0.0.2"));
+   EXPECT_TRUE(anyContains(linesB, "10.0.0.2"));
+   EXPECT_FALSE(anyContains(linesB, "10.0.0.1"));
+   // The ring holds the same words as the text trace, and only the core that turned it on has one.
+   EXPECT_EQ(a.core->tracer().ringRecords(), linesA);
+   EXPECT_TRUE(b.core->tracer().ringRecords().empty());
+   Trace::textLevelIs(-1);
+   Trace::captureIs(nullptr);
+   // Only the dedup facility, which is no machine, traced there.
+   EXPECT_FALSE(processLines.empty());
+   for (const auto& l : processLines) EXPECT_TRUE(l == "handleInsert" || l == "handleRemove") << l;
+
+   // Each core's tables hold its own paths, over dedup tables of its own.
+   EXPECT_EQ(a.outputs(), "candidate 10.0.0.1|1 bgp:1 bsidMissing\n"
+                          "candidate 10.0.0.1|2 bgp:1 usable\n"
+                          "exported 16001 16002\n"
+                          "selected 10.0.0.1|2|bgp|1 bsid 900001 w1[16001 16002]\n");
+   EXPECT_EQ(b.outputs(), "candidate 10.0.0.2|1 bgp:1 bsidOutOfRange\n"
+                          "candidate 10.0.0.2|2 bgp:1 usable\n"
+                          "exported 17001\n"
+                          "selected 10.0.0.2|2|bgp|1 bsid 900001 w1[17001]\n");
+
+   // A level that is off evaluates none of the words.
+   b.core->tracer().textLevelIs(3);
+   int evaluated = 0;
+   auto count = [&] { return ++evaluated; };
+   SRTE_TRACE_TO(&b.core->tracer(), 4, "never " << count());
+   SRTE_TRACE_TO(&b.core->tracer(), 3, "once " << count());
+   EXPECT_EQ(evaluated, 1);
+}
+
+// A mixed load: shared and private lists, an unusable path, then updates and a withdrawal.
+void load(Router& r) {
+   for (uint32_t i = 0; i < 12; ++i) {
+      r.put(path(pathId("10.0.0.1", i, 1), 900000 + i, {{16000 + i % 3, 16100}, {17000 + i % 4}}));
+   }
+   r.put(path(pathId("10.0.0.9", 1, 1), 800000, {{16001}}));
+   r.scheduler.runUntilIdle();
+   r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+   r.bgp->policyInputEntryDel(pathId("10.0.0.1", 4, 1));
+   r.scheduler.runUntilIdle();
+}
+
+SegmentListId highestExported(const PolicyCore& core) {
+   SegmentListId max;
+   for (const auto& [id, list] : core.published().exportedSegmentListColl->segmentList())
+      max = std::max(max, id);
+   return max;
+}
+
+TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutputs) {
+   // Two ways an agent comes back: a restart of the same core, and a new core handed the
+   // published tables of one that died (a new process finding its shared memory).
+   const std::vector<std::pair<const char*, std::function<void(Router&)>>> comebacks = {
+       {"restart", [](Router& r) { r.core->restart(); }},
+       {"new core",
+        [](Router& r) {
+           PublishedTables published = r.core->published();
+           r.core.reset();
+           r.core = std::make_unique<PolicyCore>(r.tables.tables(r.scheduler), published);
+           r.core->start();
+        }},
+   };
+   for (const auto& [name, comeBack] : comebacks) {
+      SCOPED_TRACE(name);
+      Router r;
+      load(r);
+      const std::string converged = r.outputs();
+      const PublishedTables published = r.core->published();
+      const size_t selected = published.policySelectionInput->policyIdEntry().size();
+      const size_t exported = published.exportedSegmentListColl->segmentList().size();
+      const SegmentListId highest = highestExported(*r.core);
+      ASSERT_EQ(selected, 11u);
+
+      // Withdrawn while the agent is away: its exported lists must go on the next drain.
+      r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
+      comeBack(r);
+
+      // The published tables are the same objects, untouched until the machines run; the
+      // process entities are new and empty.
+      EXPECT_EQ(r.core->published().policySelectionInput, published.policySelectionInput);
+      EXPECT_EQ(r.core->published().exportedSegmentListColl, published.exportedSegmentListColl);
+      EXPECT_EQ(published.policySelectionInput->policyIdEntry().size(), selected);
+      EXPECT_EQ(published.exportedSegmentListColl->segmentList().size(), exported);
+      const ProcessEntities& e = r.core->entities();
+      EXPECT_TRUE(e.policyKeyToIdMap->policy().empty());
+      EXPECT_TRUE(e.segListMap->segmentListUser().empty());
+      EXPECT_TRUE(
+          e.coreDedupTables->notifyingSegmentListCollection()->segmentListNotifier().empty());
+
+      r.scheduler.runUntilIdle();
+      r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+      r.scheduler.runUntilIdle();
+      EXPECT_EQ(r.outputs(), converged);
+      // Every list in use is exported once, under an id above all the earlier ones.
+      EXPECT_EQ(published.exportedSegmentListColl->segmentList().size(),
+                e.segListMap->segmentListUser().size());
+      for (const auto& [id, list] : published.exportedSegmentListColl->segmentList()) {
+         EXPECT_GT(id, highest);
+      }
+   }
+}
+
+} // namespace
