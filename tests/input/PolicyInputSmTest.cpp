@@ -369,12 +369,12 @@ TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExpor
          seen.push_back((in ? "+" : "-") + n->segmentListRawPtr()->segmentListId().stringValue());
       }
    } lists;
-   lists.notifierIs(dedup->notifyingSegmentListCollection());
+   lists.notifierIs(dedup()->notifyingSegmentListCollection());
    config->segmentListSharingEnabledIs(true);
    std::sort(lists.seen.begin(), lists.seen.end());
    EXPECT_EQ(lists.seen, (std::vector<std::string>{"-1", "-2"}));
-   EXPECT_TRUE(dedup->notifyingSegmentCollection()->segmentNotifier().empty());
-   EXPECT_TRUE(keyMap->policy().empty());
+   EXPECT_TRUE(dedup()->notifyingSegmentCollection()->segmentNotifier().empty());
+   EXPECT_TRUE(keyMap()->policy().empty());
    // Until the task runs, the selection input still names the withdrawn ids, still exported.
    EXPECT_EQ(selection->policyIdEntry(a)->wSegmentList(0)->segmentListId, SegmentListId(1));
    EXPECT_EQ(selection->policyIdEntry(a)->version(), version);
