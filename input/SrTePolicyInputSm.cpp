@@ -607,7 +607,8 @@ void PolicyInputSm::readSrlbRange() {
    const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
    srlbFormable_ = base <= Ipkit::MplsLabel::luWithdraw && last <= Ipkit::MplsLabel::luWithdraw;
    if (!srlbFormable_) {
-      SRTE_TRACE_TO(tracer_, 3, "SRLB [" << base << ", " << last
+      SRTE_TRACE_TO(tracer_, 3,
+                    "SRLB [" << base << ", " << last
                              << "] cannot be formed: " << Ipkit::MplsLabel::rangeMessage);
    }
 }

@@ -220,11 +220,17 @@ inline uint32_t hashCombine(uint32_t seed, uint32_t v) noexcept {
 //
 // The hash-ordered ones are Abseil's open-addressing tables: one probe of a contiguous group per
 // lookup instead of a chain of separately allocated nodes, no allocation per member, and a
-// library that large programs rely on and keep tuned. What they do not give, unlike node-based
-// tables: a member does not stay where it is when the table grows (an insert may move every
-// member, so pointers and references into the table are good only until the next insert), and
-// erase(iterator) returns nothing. Collections that must hand out stable addresses keep their
-// values behind a Ptr (most do: the value is an entity) and say so where they are declared.
+// library that large programs rely on and keep tuned; it is already the core's one dependency,
+// packaged by Debian, where Boost's flat tables would bring a second. What they do not give,
+// unlike node-based tables:
+//  - a member does not stay where it is when the table grows (an insert may move every member,
+//    so pointers and references into the table are good only until the next insert); values that
+//    must keep their address are held by Ptr (most are: the value is an entity);
+//  - erase(iterator) returns nothing (other members stay where they are);
+//  - iteration order depends on where the table's slots happen to be allocated, so it differs
+//    between two tables of the same members and from run to run. Nothing whose outcome is
+//    visible may follow it: the input stage drains its pending ids from a B-tree in hash order,
+//    dumps and shows sort their rows.
 template <class K, class V>
 using HashMap2018 = absl::flat_hash_map<K, V, Hash<K>>;
 template <class K>

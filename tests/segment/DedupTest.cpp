@@ -168,6 +168,29 @@ TEST(Dedup, AReactorThatKeepsNewItemsForAWhileNeverWithdrawsWhatAUserHolds) {
    EXPECT_EQ(tables.segListDedupTablePtr()->dedupTable().size(), 0u);
 }
 
+TEST(Dedup, AListIsFoundByItsLabelsWithoutMakingAnythingCanonical) {
+   CoreDedupTables tables;
+   auto list = tables.dedupSegmentList(stack({16001, 16002, 16003}));
+   Watch watch(tables);
+   auto* lists = tables.segListDedupTablePtr();
+
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16003}), 3).get(), list.get());
+   // A prefix, a reordering and an unknown label are other lists; none of them is created.
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16003}), 2), nullptr);
+   EXPECT_EQ(lists->lookupByLabels(stack({16002, 16001, 16003}), 3), nullptr);
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16004}), 3), nullptr);
+   EXPECT_EQ(watch.log, "");
+   // The hash a stack gives is the one the canonical list was filed under.
+   EXPECT_EQ(SegmentList::contentHash(stack({16001, 16002, 16003}), 3), list->dedupHash());
+
+   // Deduplicating a known stack makes nothing new; a new stack makes only its new segment.
+   EXPECT_EQ(tables.dedupSegmentList(stack({16001, 16002, 16003})).get(), list.get());
+   auto other = tables.dedupSegmentList(stack({16003, 16004}));
+   EXPECT_EQ(watch.log, "+s4 +l2 ");
+   EXPECT_EQ(other->segment(Ipkit::MplsStackEntryIndex(0)),
+             list->segment(Ipkit::MplsStackEntryIndex(2)));
+}
+
 TEST(Dedup, StoppingTablesWithEntriesEmptiesCollectionsWithNotifications) {
    auto tables = std::make_unique<CoreDedupTables>();
    Mox::Ptr<NotifyingSegmentCollection> segs(tables->notifyingSegmentCollection());
