@@ -92,7 +92,8 @@ TEST(KilnDedupDeathTest, MiscountedBookkeepingIsCaughtInDebugBuilds) {
           Overclaiming keeper;
           auto table = Mox::make<Kiln::DedupHashTable>();
           table->lifeTimeNotifieeIs(&keeper);
-          intern(*table, "alpha");
+          Mox::Ptr<Kiln::DedupHandle> word = Mox::make<Word>("alpha"); // one user reference
+          table->insert(word);
        },
        "new dedup entry held by no user");
 }
