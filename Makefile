@@ -40,6 +40,7 @@ sanitize: $(ASAN_BUILD)/build.ninja
 bench: build
 	./$(BUILD)/platform_bench
 	./$(BUILD)/input_bench
+	./$(BUILD)/resolution_bench 10000
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')

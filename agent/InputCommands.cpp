@@ -147,6 +147,16 @@ Json::Value selectionInputJson(Host& host) {
 
 // ---- segments and segment lists
 
+Json::Value adjKeyJson(const Mpls::AdjacencyKey& k) {
+   Json::Value row = Json::Value::row();
+   row.set("index", uint64_t{k.index()});
+   const char* name = k.type() == Mpls::AdjacencyType::nexthop       ? "nexthop"
+                      : k.type() == Mpls::AdjacencyType::externalFec ? "externalFec"
+                                                                     : "";
+   Show::enumIs(row, "type", k.type(), name);
+   return row;
+}
+
 std::vector<const SegmentMplsLabel*> segmentsById(const ProcessEntities& core) {
    std::vector<const SegmentMplsLabel*> out;
    for (const auto& n : core.coreDedupTables->notifyingSegmentCollection()->segmentNotifier()) {
@@ -167,10 +177,12 @@ void segmentsText(Host& host, std::string& out) {
    auto segments = segmentsById(core);
    Mox::appendf(out, "Segments: %s (next id %u)\n", Show::count(segments.size(), "segment").c_str(),
                 core.coreDedupTables->notifyingSegmentCollection()->uniqueId().value + 1);
-   Show::TextTable t({"Id", "Type", "Label", "Segment lists"});
+   Show::TextTable t({"Id", "Type", "Label", "Segment lists", "Resolution"});
    for (const SegmentMplsLabel* s : segments) {
+      const SegmentResolve* r = core.segmentStatus->status(s->segmentId());
       t.rowIs({s->segmentId().stringValue(), segmentTypeName(s->type()), s->label().stringValue(),
-               std::to_string(listsUsing(core, s->segmentId()))});
+               std::to_string(listsUsing(core, s->segmentId())),
+               r ? "adjacency " + r->adjKey().stringValue() : "unresolved"});
    }
    t.render(out, 2);
 }
@@ -184,6 +196,8 @@ Json::Value segmentsJson(Host& host) {
       Show::enumIs(row, "type", s->type(), segmentTypeName(s->type()));
       row.set("label", Json::Value::label(s->label()))
           .set("segmentLists", uint64_t{listsUsing(core, s->segmentId())});
+      const SegmentResolve* r = core.segmentStatus->status(s->segmentId());
+      row.set("adjKey", r ? adjKeyJson(r->adjKey()) : Json::Value::null());
       rows.push(std::move(row));
    }
    return rows;
@@ -205,25 +219,44 @@ std::vector<PolicyId> usersOf(const ProcessEntities& core, SegmentListId id) {
    return user ? sortedPolicyIds(user->policyId()) : std::vector<PolicyId>{};
 }
 
+// A list's resolution status name, or "unresolved" when it has none.
+std::string listStatusText(const PublishedTables& published, SegmentListId id) {
+   const SegmentListResolveError* e = published.segmentListStatus->status(id);
+   return e ? segmentListResolveErrorName(*e) : "unresolved";
+}
+
+// The tunnel entry's vias as "10.0.0.2 Ethernet1 push 16001 900", top label first.
+std::vector<std::string> listViasText(const PublishedTables& published, SegmentListId id) {
+   std::vector<std::string> out;
+   if (const auto* entry = published.tunnelTable->entry(id.getTunnelId())) {
+      for (const auto& [index, v] : entry->via()) {
+         out.push_back(v.nexthop.stringValue() + " " + v.intfId.stringValue() + " " +
+                       Show::impositionText(v.labelOp));
+      }
+   }
+   return out;
+}
+
 void segmentListsText(Host& host, std::string& out) {
    const ProcessEntities& core = host.core().entities();
+   const PublishedTables& published = host.core().published();
    auto lists = segmentListsById(core);
    Mox::appendf(out, "Segment lists: %s (next id %u)\n",
                 Show::count(lists.size(), "segment list").c_str(),
                 core.coreDedupTables->notifyingSegmentListCollection()->uniqueId().value + 1);
-   Show::TextTable t({"Id", "Labels", "Tunnel", "Used by"});
+   Show::TextTable t({"Id", "Labels", "Tunnel", "Used by", "Status", "Vias (top label first)"});
    for (const SegmentList* l : lists) {
-      auto users = usersOf(core, l->segmentListId());
-      std::vector<std::string> cells{l->segmentListId().stringValue(),
-                                     Show::labelStackText(l->labelStack()),
-                                     l->segmentListId().getTunnelId().stringValue()};
-      if (users.empty()) {
-         cells.push_back("");
-         t.rowIs(std::move(cells));
-      }
-      for (size_t i = 0; i < users.size(); ++i) {
-         if (i) cells.assign(3, std::string());
-         cells.push_back(policyIdText(users[i]));
+      const SegmentListId id = l->segmentListId();
+      auto users = usersOf(core, id);
+      auto vias = listViasText(published, id);
+      const size_t rows = std::max<size_t>({1, users.size(), vias.size()});
+      for (size_t i = 0; i < rows; ++i) {
+         std::vector<std::string> cells{i ? "" : id.stringValue(),
+                                        i ? "" : Show::labelStackText(l->labelStack()),
+                                        i ? "" : id.getTunnelId().stringValue(),
+                                        i < users.size() ? policyIdText(users[i]) : "",
+                                        i ? "" : listStatusText(published, id),
+                                        i < vias.size() ? vias[i] : ""};
          i ? t.continuationIs(std::move(cells)) : t.rowIs(std::move(cells));
       }
    }
@@ -232,6 +265,7 @@ void segmentListsText(Host& host, std::string& out) {
 
 Json::Value segmentListsJson(Host& host) {
    const ProcessEntities& core = host.core().entities();
+   const PublishedTables& published = host.core().published();
    Json::Value rows = Json::Value::array();
    for (const SegmentList* l : segmentListsById(core)) {
       Json::Value segments = Json::Value::inlineArray();
@@ -239,12 +273,29 @@ Json::Value segmentListsJson(Host& host) {
          segments.push(Json::Value::number(uint64_t{l->getSegmentId(i).value}));
       Json::Value users = Json::Value::inlineArray();
       for (const PolicyId& id : usersOf(core, l->segmentListId())) users.push(policyIdJson(id));
-      rows.push(Json::Value::row()
-                    .set("segmentListId", l->segmentListId().value)
-                    .set("labels", Show::labelStackJson(l->labelStack()))
-                    .set("segmentIds", std::move(segments))
-                    .set("tunnelId", l->segmentListId().getTunnelId().value)
-                    .set("policyIds", std::move(users)));
+      const SegmentListId id = l->segmentListId();
+      Json::Value row = Json::Value::row();
+      row.set("segmentListId", id.value)
+          .set("labels", Show::labelStackJson(l->labelStack()))
+          .set("segmentIds", std::move(segments))
+          .set("tunnelId", id.getTunnelId().value)
+          .set("policyIds", std::move(users));
+      if (const SegmentListResolveError* e = published.segmentListStatus->status(id)) {
+         Show::enumIs(row, "status", *e, segmentListResolveErrorName(*e));
+      } else {
+         row.set("status", Json::Value::null());
+      }
+      Json::Value vias = Json::Value::inlineArray();
+      if (const auto* entry = published.tunnelTable->entry(id.getTunnelId())) {
+         for (const auto& [index, v] : entry->via()) {
+            vias.push(Json::Value::row()
+                          .set("nexthop", Json::Value::address(v.nexthop))
+                          .set("intfId", v.intfId.stringValue())
+                          .set("labels", Show::impositionJson(v.labelOp)));
+         }
+      }
+      row.set("vias", std::move(vias));
+      rows.push(std::move(row));
    }
    return rows;
 }
@@ -328,11 +379,11 @@ void registerInput(Host& host) {
        [&host](std::string& out) { bsidUsersText(host, out); },
        [&host] { return bsidUsersJson(host); });
    host.showIs(
-       "segments", "canonical segments with ids",
+       "segments", "canonical segments with ids and their resolution",
        [&host](std::string& out) { segmentsText(host, out); },
        [&host] { return segmentsJson(host); });
    host.showIs(
-       "segment-lists", "canonical segment lists: id, labels, tunnel, users",
+       "segment-lists", "canonical segment lists: id, labels, tunnel, users, status, vias",
        [&host](std::string& out) { segmentListsText(host, out); },
        [&host] { return segmentListsJson(host); });
    host.showIs(

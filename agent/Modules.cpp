@@ -12,6 +12,7 @@ void registerModules(Host& host) {
    // Subsystems go here. This order is that of `help` and `show all`; the state machines are
    // built in the core's own order.
    registerInput(host);
+   registerResolution(host);
    registerCoreTables(host);
    host.start();
 }

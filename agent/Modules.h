@@ -13,6 +13,7 @@ void registerConfig(Host& host);
 void registerInput(Host& host);
 void registerInputTables(Host& host);
 void registerMpls(Host& host);
+void registerResolution(Host& host);
 
 // Registers every subsystem, then starts the host (its stages, then the core).
 void registerModules(Host& host);

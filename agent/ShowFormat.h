@@ -36,6 +36,24 @@ inline std::string labelStackText(const Ipkit::MplsLabelOperation& op) {
    return out;
 }
 
+// An imposition built by pushing (the last entry is the top), top of stack first.
+inline Json::Value impositionJson(const Ipkit::MplsLabelOperation& op) {
+   Json::Value a = Json::Value::inlineArray();
+   for (uint32_t i = op.stackSize(); i-- > 0;) {
+      a.push(Json::Value::label(op.label(Ipkit::MplsStackEntryIndex(i))));
+   }
+   return a;
+}
+inline std::string impositionText(const Ipkit::MplsLabelOperation& op) {
+   if (op.stackSize() == 0) return "(no labels)";
+   std::string out;
+   for (uint32_t i = op.stackSize(); i-- > 0;) {
+      out += labelText(op.label(Ipkit::MplsStackEntryIndex(i)));
+      if (i) out += ' ';
+   }
+   return out;
+}
+
 inline Json::Value originatorJson(const SrTePolicy::Originator& o) {
    return Json::Value::row().set("asn", o.asn).set("address", Json::Value::address(o.address));
 }

@@ -33,6 +33,8 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.exportedSegmentListColl) {
       published_.exportedSegmentListColl = made.exportedSegmentListColl;
    }
+   if (!published_.segmentListStatus) published_.segmentListStatus = made.segmentListStatus;
+   if (!published_.tunnelTable) published_.tunnelTable = made.tunnelTable;
    syslog_.sinkIs(&capture_);
 }
 
@@ -46,13 +48,37 @@ void PolicyCore::start() {
    buildMachines();
 }
 
-// The construction order. Machines still to come take their places as the Machines struct lists
-// them: segment and segment-list resolution before input gathering; selection, publishing,
-// binding-SID LFIB generation and tunnel map export after it.
+// The construction order. Resolution comes before input gathering, so that what the input
+// deduplicates is resolved as it appears. Machines still to come take their places as the Machines
+// struct lists them: selection, publishing, binding-SID LFIB generation and tunnel map export after
+// input gathering.
 void PolicyCore::buildMachines() {
    Machines& m = *machines_;
    const ProcessEntities& e = *entities_;
 
+   m.segmentResolver = segmentResolverFactory(router_.mplsStatus, &tracer_);
+   m.segmentSm = segmentSmFactory({
+       .notifyingSegment = e.coreDedupTables->notifyingSegmentCollection(),
+       .mplsStatus = router_.mplsStatus,
+       .segmentStatus = e.segmentStatus,
+       .coreDedupTables = e.coreDedupTables,
+       .segmentResolver = m.segmentResolver,
+       .tracer = &tracer_,
+   });
+   m.segmentListSm = segmentListSmFactory({
+       .notifyingSegmentList = e.coreDedupTables->notifyingSegmentListCollection(),
+       .segmentStatus = e.segmentStatus,
+       .segmentListStatus = published_.segmentListStatus,
+       .tunnelTable = published_.tunnelTable,
+       .scheduler = router_.scheduler,
+       .mplsStatus = router_.mplsStatus,
+       .segmentIdToSegmentList = e.segmentMap,
+       .coreDedupTables = e.coreDedupTables,
+       .routingHwStatus = router_.hardwareStatus,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
    m.policyInputSm = policyInputSmFactory({
        .config = router_.config,
        .input = router_.input,
@@ -81,6 +107,21 @@ void PolicyCore::stop() {
 const ProcessEntities& PolicyCore::entities() const {
    SRTE_ASSERT(entities_, "PolicyCore is not started");
    return *entities_;
+}
+
+const Mox::Ptr<SegmentResolver>& PolicyCore::segmentResolver() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentResolver;
+}
+
+const Mox::Ptr<SegmentSm>& PolicyCore::segmentSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentSm;
+}
+
+const Mox::Ptr<SegmentListSm>& PolicyCore::segmentListSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->segmentListSm;
 }
 
 const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {

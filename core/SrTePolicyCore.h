@@ -41,9 +41,14 @@
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
+#include "platform/TunnelTable.h"
 #include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
+#include "segment/SrTePolicySegmentListSm.h"
+#include "segment/SrTePolicySegmentListStatus.h"
+#include "segment/SrTePolicySegmentResolver.h"
+#include "segment/SrTePolicySegmentSm.h"
 #include "selection/SrTePolicyEntry.h"
 #include "types/SrTeColorDscpMap.h"
 #include "types/SrTePolicy.h"
@@ -89,6 +94,10 @@ struct PublishedTables {
        policySelectionInputFactory("policySelectionInput");
    Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl =
        Export::segmentListCollectionFactory("exportedSegmentLists");
+   Mox::Ptr<SegmentListStatus> segmentListStatus =
+       Mox::make<SegmentListStatus>("segmentListStatus");
+   Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable =
+       Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>("srTeSegmentListTunnelTable");
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
@@ -98,12 +107,16 @@ struct ProcessEntities {
    Mox::Ptr<SegmentIdToSegmentList> segmentMap = Mox::make<SegmentIdToSegmentList>();
    Mox::Ptr<SegmentListIdToPolicyMap> segListMap = Mox::make<SegmentListIdToPolicyMap>();
    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap = Mox::make<PolicyKeyToIdMap>();
+   Mox::Ptr<SegmentStatus> segmentStatus = Mox::make<SegmentStatus>("segmentStatus");
 };
 
 // The state machines, declared in construction order (segment resolution, segment-list
 // resolution, input gathering, selection, publishing, binding-SID LFIB generation, tunnel map
 // export); destroyed in reverse.
 struct Machines {
+   Mox::Ptr<SegmentResolver> segmentResolver;
+   Mox::Ptr<SegmentSm> segmentSm;
+   Mox::Ptr<SegmentListSm> segmentListSm;
    Mox::Ptr<PolicyInputSm> policyInputSm;
 };
 
@@ -129,6 +142,9 @@ class PolicyCore {
    const PublishedTables& published() const noexcept { return published_; }
    // Only while started.
    const ProcessEntities& entities() const;
+   const Mox::Ptr<SegmentResolver>& segmentResolver() const;
+   const Mox::Ptr<SegmentSm>& segmentSm() const;
+   const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }

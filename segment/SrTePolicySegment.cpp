@@ -1,6 +1,7 @@
 #include "segment/SrTePolicySegment.h"
 
 #include "platform/Assert.h"
+#include "segment/SrTePolicySegmentResolver.h"
 
 namespace SrTePolicy {
 
@@ -23,6 +24,11 @@ bool SegmentBase::compare(const Kiln::DedupHandle& other) const {
 bool SegmentBase::segmentCompare(const SegmentBase&) const {
    SRTE_ASSERT(0, "0");
    return false;
+}
+
+Mox::Ptr<const SegmentResolveResult> SegmentBase::resolveSegment(const SegmentResolver&) const {
+   SRTE_ASSERT(0, "0");
+   return nullptr;
 }
 
 std::string SegmentBase::stringValue() const {

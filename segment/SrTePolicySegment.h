@@ -17,7 +17,14 @@
 #include "platform/Mox.h"
 #include "segment/SrTePolicyDedupLifeTime.h"
 
+namespace Mpls::LFib {
+struct Route;
+}
+
 namespace SrTePolicy {
+
+class SegmentResolver;
+class SegmentResolveResult;
 
 enum class SegmentType : uint32_t { invalid = 0, mplsLabel = 1 };
 const char* segmentTypeName(SegmentType t);
@@ -47,6 +54,9 @@ class SegmentBase : public Kiln::DedupHandle {
    bool compare(const Kiln::DedupHandle& other) const final;
    // Content equality; every concrete kind overrides it.
    virtual bool segmentCompare(const SegmentBase& other) const;
+   // What the segment resolves to, or null; every concrete kind overrides it.
+   virtual Mox::Ptr<const SegmentResolveResult>
+   resolveSegment(const SegmentResolver& resolver) const;
    virtual std::string stringValue() const;
 
    static const SegmentBase* fromDedupHandle(const Kiln::DedupHandle* h) {
@@ -81,6 +91,11 @@ class SegmentMplsLabel : public SegmentBase {
    // The same, from the content alone.
    static uint32_t contentHash(SegmentType type, Ipkit::MplsLabel label) noexcept;
    std::string stringValue() const override;
+   Mox::Ptr<const SegmentResolveResult>
+   resolveSegment(const SegmentResolver& resolver) const override;
+   // Resolution against a route already looked up (an LFIB change hands it in).
+   Mox::Ptr<const SegmentResolveResult> resolveSegmentOnLFib(const SegmentResolver& resolver,
+                                                             const Mpls::LFib::Route& route) const;
 
    // The canonical segment of this content.
    Mox::Ptr<SegmentMplsLabel> dedup(SegmentDedupTable& table);

@@ -1,5 +1,5 @@
 // The assembled core: two cores in one process stay apart, and a restart (or a new core handed
-// the published tables of a dead one) reconverges to the same outputs.
+// the published tables of a dead one) reconverges to the same outputs, resolution included.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -60,6 +60,17 @@ struct Router {
             const SegmentListUser* user = e.segListMap->segmentListUser(w.segmentListId);
             l += " w" + std::to_string(w.weight.value) + "[" +
                  (user ? user->segmentList()->labelStack().stringValue() : "unknown list") + "]";
+         }
+         lines.push_back(l);
+      }
+      // Resolution: status and tunnel vias per list, by its labels.
+      for (const auto& [slId, error] : core->published().segmentListStatus->status()) {
+         const SegmentListUser* user = e.segListMap->segmentListUser(slId);
+         std::string l = "resolved [" +
+                         (user ? user->segmentList()->labelStack().stringValue() : "stale list") +
+                         "] " + segmentListResolveErrorName(error);
+         if (const auto* t = core->published().tunnelTable->entry(slId.getTunnelId())) {
+            for (const auto& [index, via] : t->via()) l += " " + via.stringValue();
          }
          lines.push_back(l);
       }
@@ -143,6 +154,20 @@ TEST(PolicyCore, TwoCoresInOneProcessSeeOnlyTheirOwnMessagesTracesAndTables) {
 
 // A mixed load: shared and private lists, an unusable path, then updates and a withdrawal.
 void load(Router& r) {
+   // Lists starting at 16000..16002 and 18000 resolve through a swap, 17000..17003 through a push.
+   Mpls::Status& mpls = *r.tables.mplsStatus;
+   const auto eth = [](uint32_t n) { return Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n); };
+   mpls.adjacencyIs(1, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000002), eth(1),
+                                  Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(16000))});
+   mpls.adjacencyIs(2, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000006), eth(2),
+                                  Ipkit::MplsLabelAction::push, Ipkit::MplsLabel(24000))});
+   const auto route = [&](uint32_t label, Mpls::AdjacencyIndex adj) {
+      mpls.lfibRouteIs(Mpls::LFib::Route(
+          Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(label)), Mpls::LFib::RouteType::unknown,
+          Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(adj, Mpls::AdjacencyType::nexthop)));
+   };
+   for (uint32_t l : {16000, 16001, 16002, 18000}) route(l, 1);
+   for (uint32_t l : {17000, 17001, 17002, 17003}) route(l, 2);
    for (uint32_t i = 0; i < 12; ++i) {
       r.put(path(pathId("10.0.0.1", i, 1), 900000 + i, {{16000 + i % 3, 16100}, {17000 + i % 4}}));
    }
@@ -183,6 +208,9 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       const size_t exported = published.exportedSegmentListColl->segmentList().size();
       const SegmentListId highest = highestExported(*r.core);
       ASSERT_EQ(selected, 11u);
+      const size_t resolved = published.segmentListStatus->status().size();
+      ASSERT_EQ(resolved, exported);
+      ASSERT_EQ(published.tunnelTable->entry().size(), exported);
 
       // Withdrawn while the agent is away: its exported lists must go on the next drain.
       r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
@@ -194,6 +222,10 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       EXPECT_EQ(r.core->published().exportedSegmentListColl, published.exportedSegmentListColl);
       EXPECT_EQ(published.policySelectionInput->policyIdEntry().size(), selected);
       EXPECT_EQ(published.exportedSegmentListColl->segmentList().size(), exported);
+      EXPECT_EQ(r.core->published().segmentListStatus, published.segmentListStatus);
+      EXPECT_EQ(r.core->published().tunnelTable, published.tunnelTable);
+      EXPECT_EQ(published.segmentListStatus->status().size(), resolved);
+      EXPECT_EQ(published.tunnelTable->entry().size(), exported);
       const ProcessEntities& e = r.core->entities();
       EXPECT_TRUE(e.policyKeyToIdMap->policy().empty());
       EXPECT_TRUE(e.segListMap->segmentListUser().empty());
@@ -208,6 +240,12 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       EXPECT_EQ(published.exportedSegmentListColl->segmentList().size(),
                 e.segListMap->segmentListUser().size());
       for (const auto& [id, list] : published.exportedSegmentListColl->segmentList()) {
+         EXPECT_GT(id, highest);
+      }
+      // Statuses and tunnel entries of the earlier ids are gone, the new ones are there.
+      EXPECT_EQ(published.segmentListStatus->status().size(), exported);
+      EXPECT_EQ(published.tunnelTable->entry().size(), exported);
+      for (const auto& [id, error] : published.segmentListStatus->status()) {
          EXPECT_GT(id, highest);
       }
    }
