@@ -49,7 +49,9 @@ struct PolicyView {
    std::vector<CandidateView> candidates;
 };
 
-// The deciding criterion when `active` beats `other`; "sticky" when it does not.
+// The deciding criterion when `active` beats `other`; "sticky" when `other` is better only by
+// discriminator (the active one was kept); empty when `other` is better otherwise, which lasts
+// only until selection runs.
 const char* criterionName(const Priority& active, const Priority& other) {
    switch (active.compare(other)) {
    case PriorityCompareResult::isHigherPreference:
@@ -61,7 +63,7 @@ const char* criterionName(const Priority& active, const Priority& other) {
    case PriorityCompareResult::isHigherDiscriminator:
       return "discriminator";
    default:
-      return "sticky";
+      return active.sameExceptDiscriminator(other) ? "sticky" : "";
    }
 }
 
@@ -104,8 +106,8 @@ PolicyView policyView(Host& host, const PolicyKey& key) {
          c.input = inputOf(c.id).get();
          c.active = policy->active() == entry;
          if (!c.active && policy->active()) {
-            c.reason = "notPreferred";
             c.criterion = criterionName(policy->active()->priority(), priority);
+            c.reason = c.criterion.empty() ? "pending" : "notPreferred";
          } else if (!c.active) {
             c.reason = "pending";
          }
