@@ -1,9 +1,10 @@
 # Thin wrapper around CMake + Ninja. `make demo` runs the demo, `make test` runs every test.
 BUILD ?= build
 ASAN_BUILD ?= build-asan
+RELEASE_BUILD ?= build-release
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build demo test sanitize bench format clean
+.PHONY: all deps build demo test sanitize release bench format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
 DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev
@@ -37,6 +38,18 @@ sanitize: $(ASAN_BUILD)/build.ninja
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
+# A packager's build: Release, the library and srte only; installed into a staging prefix, then
+# used through its CMake package by a program outside the tree.
+release: | deps
+	cmake -S . -B $(RELEASE_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DSRTE_TESTS=OFF -DSRTE_BENCH=OFF
+	cmake --build $(RELEASE_BUILD) -j $(JOBS)
+	rm -rf $(RELEASE_BUILD)/stage
+	cmake --install $(RELEASE_BUILD) --prefix $(CURDIR)/$(RELEASE_BUILD)/stage
+	cmake -S tests/package -B $(RELEASE_BUILD)/consumer -G Ninja -DCMAKE_PREFIX_PATH=$(CURDIR)/$(RELEASE_BUILD)/stage
+	cmake --build $(RELEASE_BUILD)/consumer
+	./$(RELEASE_BUILD)/consumer/consumer
+	echo 'show mpls json' | ./$(RELEASE_BUILD)/stage/bin/srte - > /dev/null
+
 bench: build
 	./$(BUILD)/platform_bench
 	./$(BUILD)/input_bench
@@ -46,4 +59,4 @@ format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(RELEASE_BUILD)

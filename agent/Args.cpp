@@ -1,8 +1,88 @@
 #include "agent/Args.h"
 
 #include <algorithm>
+#include <cstdio>
 
 namespace Agent {
+
+namespace {
+// Length of the UTF-8 sequence starting text[i], or 0 when it is not a valid one (overlong forms,
+// surrogates and code points above U+10FFFF included).
+size_t utf8Length(std::string_view text, size_t i) noexcept {
+   const auto b = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+   const unsigned char c = b(i);
+   if (c < 0x80) return 1;
+   size_t n = 0;
+   uint32_t cp = 0;
+   if ((c & 0xe0) == 0xc0) {
+      n = 2, cp = c & 0x1f;
+   } else if ((c & 0xf0) == 0xe0) {
+      n = 3, cp = c & 0x0f;
+   } else if ((c & 0xf8) == 0xf0) {
+      n = 4, cp = c & 0x07;
+   } else {
+      return 0;
+   }
+   if (i + n > text.size()) return 0;
+   for (size_t k = 1; k < n; ++k) {
+      if ((b(i + k) & 0xc0) != 0x80) return 0;
+      cp = (cp << 6) | (b(i + k) & 0x3f);
+   }
+   static constexpr uint32_t minOf[] = {0, 0, 0x80, 0x800, 0x10000};
+   if (cp < minOf[n] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return 0;
+   return n;
+}
+
+bool isControl(unsigned char c) noexcept { return c < 0x20 || c == 0x7f; }
+
+// Words in messages longer than this are cut: a line of garbage must not flood the screen.
+constexpr size_t kLongWord = 48;
+constexpr size_t kShortenedTo = 32;
+} // namespace
+
+bool isCleanUtf8(std::string_view text) noexcept {
+   for (size_t i = 0; i < text.size();) {
+      const size_t n = utf8Length(text, i);
+      if (n == 0 || (n == 1 && isControl(static_cast<unsigned char>(text[i])))) return false;
+      i += n;
+   }
+   return true;
+}
+
+std::string printable(std::string_view text) {
+   std::string out;
+   size_t wordLength = 0; // characters since the last blank or quote
+   for (size_t i = 0; i < text.size();) {
+      size_t n = utf8Length(text, i);
+      const auto c = static_cast<unsigned char>(text[i]);
+      if (c == ' ' || c == '\'') {
+         wordLength = 0;
+      } else if (++wordLength > kShortenedTo) {
+         // Skip the rest of the word when it is long; keep it whole when it is only a little over.
+         size_t end = i;
+         while (end < text.size() && text[end] != ' ' && text[end] != '\'') ++end;
+         if (end - i + kShortenedTo > kLongWord) {
+            out += "...";
+            i = end;
+            wordLength = 0;
+            continue;
+         }
+      }
+      if (n == 0 || (n == 1 && isControl(c))) {
+         char buf[5];
+         std::snprintf(buf, sizeof buf, "\\x%02x", c);
+         out += buf;
+         n = 1;
+      } else {
+         out.append(text.substr(i, n));
+      }
+      i += n;
+   }
+   return out;
+}
+
+ScriptError::ScriptError(std::string_view message, size_t token)
+    : std::runtime_error(printable(message)), token_(token) {}
 
 std::vector<std::string> tokenize(std::string_view line) {
    std::vector<std::string> out;
@@ -48,6 +128,10 @@ size_t editDistance(std::string_view a, std::string_view b) {
 } // namespace
 
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates) {
+   size_t longest = 0;
+   for (const auto& c : candidates) longest = std::max(longest, c.size());
+   // Beyond this no candidate is within the allowed distance: skip the quadratic work.
+   if (word.size() > longest + 3) return std::string();
    std::string best;
    size_t bestDistance = ~size_t{0};
    for (const auto& c : candidates) {
@@ -63,16 +147,41 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
    return bestDistance <= allowed ? best : std::string();
 }
 
+std::string lowercase(std::string_view text) {
+   std::string out(text);
+   for (char& c : out) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+   }
+   return out;
+}
+
+std::string matchWord(std::string_view typed, const std::vector<std::string>& choices,
+                      std::vector<std::string>* ambiguous) {
+   if (typed.empty()) return std::string();
+   const std::string t = lowercase(typed);
+   std::vector<std::string> begun;
+   for (const auto& c : choices) {
+      const std::string lc = lowercase(c);
+      if (lc == t) return c;
+      if (lc.compare(0, t.size(), t) == 0) begun.push_back(c);
+   }
+   if (begun.size() == 1) return begun.front();
+   std::sort(begun.begin(), begun.end());
+   if (ambiguous) *ambiguous = std::move(begun);
+   return std::string();
+}
+
 Args::Args(std::vector<std::string> tokens, size_t first, std::string usage)
-    : tokens_(std::move(tokens)), pos_(first), usage_(std::move(usage)) {}
+    : tokens_(std::move(tokens)), pos_(first), first_(first), usage_(std::move(usage)) {}
 
 std::string_view Args::peek() const noexcept {
    return done() ? std::string_view() : std::string_view(tokens_[pos_]);
 }
 
 bool Args::accept(std::string_view word) {
-   if (done() || tokens_[pos_] != word) return false;
-   lastKeyword_ = tokens_[pos_++];
+   if (done() || matchWord(tokens_[pos_], {std::string(word)}).empty()) return false;
+   lastKeyword_ = word;
+   ++pos_;
    return true;
 }
 
@@ -85,27 +194,45 @@ std::string Args::word(std::string_view what) {
    return tokens_[pos_++];
 }
 
+std::string Args::name(std::string_view what) {
+   std::string text = word(what);
+   if (!isCleanUtf8(text)) {
+      fail("a " + std::string(what) + " is text (UTF-8, no control characters), got '" + text +
+           "'");
+   }
+   return text;
+}
+
 void Args::expect(std::string_view keyword) {
    if (done()) failUsage("missing '" + std::string(keyword) + "'");
-   if (tokens_[pos_] != keyword) {
-      failUsage("expected '" + std::string(keyword) + "', got '" + tokens_[pos_] + "'");
+   if (matchWord(tokens_[pos_], {std::string(keyword)}).empty()) {
+      ++pos_; // the fault is this word
+      failUsage("expected '" + std::string(keyword) + "', got '" + tokens_[pos_ - 1] + "'");
    }
-   lastKeyword_ = tokens_[pos_++];
+   lastKeyword_ = keyword;
+   ++pos_;
 }
 
 std::string Args::keyword(std::initializer_list<std::string_view> once,
                           std::initializer_list<std::string_view> repeatable) {
-   std::string w = word("keyword");
-   const bool isOnce = std::find(once.begin(), once.end(), w) != once.end();
-   const bool isRepeatable = std::find(repeatable.begin(), repeatable.end(), w) != repeatable.end();
-   if (!isOnce && !isRepeatable) {
-      std::vector<std::string> all(once.begin(), once.end());
-      all.insert(all.end(), repeatable.begin(), repeatable.end());
-      std::string msg = "unexpected '" + w + "'";
-      std::string guess = nearest(w, all);
-      if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
+   const std::string typed = word("keyword");
+   std::vector<std::string> all(once.begin(), once.end());
+   all.insert(all.end(), repeatable.begin(), repeatable.end());
+   std::vector<std::string> ambiguous;
+   const std::string w = matchWord(typed, all, &ambiguous);
+   if (w.empty()) {
+      std::string msg;
+      if (ambiguous.size() > 1) {
+         msg = "ambiguous '" + typed + "': it begins";
+         for (const auto& c : ambiguous) msg += " " + c;
+      } else {
+         msg = "unexpected '" + typed + "'";
+         std::string guess = nearest(typed, all);
+         if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
+      }
       failUsage(msg);
    }
+   const bool isOnce = std::find(once.begin(), once.end(), w) != once.end();
    if (isOnce && !seenKeywords_.insert(w).second) fail("'" + w + "' given twice");
    lastKeyword_ = w;
    return w;
@@ -162,9 +289,11 @@ Ipkit::MplsLabelOperation Args::labelStack() {
    for (;;) {
       std::string_view next = peek();
       uint64_t ignored = 0;
-      if (next.empty() || (next != "none" && parseDecimal(next, ignored) == Decimal::notANumber)) {
-         break;
+      if (next == "none") {
+         word("label");
+         fail("'none' in a label stack: a stack holds labels (0 to 1048575) only");
       }
+      if (next.empty() || parseDecimal(next, ignored) == Decimal::notANumber) break;
       Ipkit::MplsLabel l = label("label");
       try {
          op.labelIs(Ipkit::MplsStackEntryIndex(n), l);
@@ -190,9 +319,11 @@ Ipkit::IntfId Args::interface(std::string_view what) {
    std::string text = word(what);
    auto i = Ipkit::IntfId::parse(text);
    if (!i) {
+      // The platform numbers interfaces as a kind and one number: slot/port and sub-interface
+      // forms have no encoding, so say the rule rather than only show examples.
       fail("expected an interface name for " + std::string(what) +
-           " (Ethernet1, Vlan10, Loopback0, Port-Channel2, NexthopGroup7, DynamicTunnel3, "
-           "Fec4), got '" +
+           ": one of Ethernet, Vlan, Loopback, Port-Channel, NexthopGroup, DynamicTunnel, Fec "
+           "followed by a number 0 to 16777215 (Ethernet1, Port-Channel2), got '" +
            text + "'");
    }
    return *i;
@@ -200,8 +331,8 @@ Ipkit::IntfId Args::interface(std::string_view what) {
 
 bool Args::onOff(std::string_view what) {
    std::string text = word(what);
-   if (text == "on") return true;
-   if (text == "off") return false;
+   if (lowercase(text) == "on") return true;
+   if (lowercase(text) == "off") return false;
    fail("expected on or off for " + std::string(what) + ", got '" + text + "'");
 }
 
@@ -218,8 +349,9 @@ std::vector<std::string> protocolNames() {
 
 SrTePolicy::Protocol Args::protocol() {
    std::string text = word("protocol");
-   if (auto p = SrTePolicy::sequenceToValue(text)) return *p;
    static const std::vector<std::string> names = protocolNames();
+   const std::string named = matchWord(text, names);
+   if (auto p = SrTePolicy::sequenceToValue(named.empty() ? text : named)) return *p;
    std::string msg = "unknown protocol '" + text + "'";
    std::string guess = nearest(text, names);
    if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
@@ -234,10 +366,15 @@ SrTePolicy::Originator Args::originator() {
 }
 
 void Args::end() const {
-   if (!done()) failUsage("unexpected '" + tokens_[pos_] + "'");
+   if (done()) return;
+   std::string message = "unexpected '" + tokens_[pos_] + "'";
+   if (!usage_.empty()) message += "; usage: " + usage_;
+   throw ScriptError(message, pos_);
 }
 
-void Args::fail(const std::string& message) const { throw ScriptError(message); }
+void Args::fail(const std::string& message) const {
+   throw ScriptError(message, pos_ > first_ ? pos_ - 1 : first_);
+}
 
 void Args::failUsage(const std::string& message) const {
    if (usage_.empty()) fail(message);

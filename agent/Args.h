@@ -21,17 +21,39 @@
 
 namespace Agent {
 
+// A refused line. The message is made fit for a terminal: control and non-UTF-8 bytes are shown
+// as \xNN and overlong words are shortened, so that garbage input cannot garble or flood the
+// screen. `token` is the index of the word the fault was found at, when known (a command
+// continued over several lines reports the line holding that word).
 class ScriptError : public std::runtime_error {
  public:
-   using std::runtime_error::runtime_error;
+   static constexpr size_t noToken = ~size_t{0};
+   explicit ScriptError(std::string_view message, size_t token = noToken);
+   size_t token() const noexcept { return token_; }
+
+ private:
+   size_t token_;
 };
+
+// `text` fit for a message: see ScriptError.
+std::string printable(std::string_view text);
+// Whether `text` is valid UTF-8 without control characters.
+bool isCleanUtf8(std::string_view text) noexcept;
 
 // Splits a line at blanks; `#` starts a comment that runs to the end of the line.
 std::vector<std::string> tokenize(std::string_view line);
 
 // The candidate closest to `word` by edit distance, or empty when none is close enough to be a
-// plausible typo.
+// plausible typo. A word much longer than every candidate gets no suggestion (and costs nothing).
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
+
+// How a typed word names one of `choices`. Keywords are case-insensitive, and a word that begins
+// exactly one choice stands for it ("sh" for "show"); an exact match wins over longer choices
+// ("adjacency" rather than "adjacency-ext"). Returns the choice, or empty: then `ambiguous` (when
+// given) holds the choices the word begins, if several.
+std::string matchWord(std::string_view typed, const std::vector<std::string>& choices,
+                      std::vector<std::string>* ambiguous = nullptr);
+std::string lowercase(std::string_view text);
 
 class Args {
  public:
@@ -40,9 +62,12 @@ class Args {
    bool done() const noexcept { return pos_ >= tokens_.size(); }
    // The next word, or empty at the end of the line.
    std::string_view peek() const noexcept;
-   // Consumes the next word when it equals `word`.
+   // Consumes the next word when it names `word` (in any case, or abbreviated).
    bool accept(std::string_view word);
    std::string word(std::string_view what);
+   // A name the user chooses (a label range's): valid UTF-8 text, so that every table and its
+   // JSON can show it.
+   std::string name(std::string_view what);
    void expect(std::string_view keyword);
    // Reads one keyword of a keyword-value list. A keyword outside `once` and `repeatable` is an
    // error that names the allowed ones; a keyword of `once` given twice is an error.
@@ -67,7 +92,8 @@ class Args {
    // 0..1048575, or `none` for the null label.
    Ipkit::MplsLabel label(std::string_view what);
    // The run of labels after `labels`, top of stack first; ends at the first word that is not a
-   // label. An empty run is allowed (a segment list without labels is an input like any other).
+   // label. An empty run is allowed (a segment list without labels is an input like any other);
+   // `none` is refused: a stack holds labels only.
    Ipkit::MplsLabelOperation labelStack();
    Ipkit::IpGenAddr address(std::string_view what);
    Ipkit::IntfId interface(std::string_view what);
@@ -77,6 +103,7 @@ class Args {
    // Fails unless every word has been read.
    void end() const;
 
+   // Refuses the line; the fault is placed at the word read last.
    [[noreturn]] void fail(const std::string& message) const;
    // Like fail, with the verb's usage appended: for missing or misplaced words.
    [[noreturn]] void failUsage(const std::string& message) const;
@@ -90,6 +117,7 @@ class Args {
 
    std::vector<std::string> tokens_;
    size_t pos_;
+   size_t first_;
    std::string usage_;
    std::set<std::string> seenKeywords_;
    std::string lastKeyword_; // the keyword whose value comes next, for "missing value" messages

@@ -97,7 +97,7 @@ void registerFlag(Host& host, const char* word, const char* summary, void (Confi
 // DSCP values: numbers 0..63 or names (ef, af41, cs3, ...).
 Ipkit::DscpValue readDscp(Args& a) {
    std::string text(a.peek());
-   if (auto named = Ipkit::DscpValue::fromName(text)) {
+   if (auto named = Ipkit::DscpValue::fromName(lowercase(text))) {
       a.word("dscp");
       return *named;
    }

@@ -97,11 +97,18 @@ void registerCore(Host& host) {
                [&host](Args& a) -> Host::Apply {
                   std::string table = a.word("table name; 'help show' lists the tables");
                   const bool json = a.accept("json");
-                  if (table == "all") return [&host, json] { showAll(host, json); };
-                  const Host::Show* s = host.show(table);
+                  std::vector<std::string> names{"all"};
+                  for (const auto& t : host.shows()) names.push_back(t.table);
+                  std::vector<std::string> ambiguous;
+                  const std::string named = matchWord(table, names, &ambiguous);
+                  if (named == "all") return [&host, json] { showAll(host, json); };
+                  const Host::Show* s = host.show(named);
+                  if (!s && ambiguous.size() > 1) {
+                     std::string msg = "ambiguous table '" + table + "': it begins";
+                     for (const auto& n : ambiguous) msg += " " + n;
+                     a.fail(msg);
+                  }
                   if (!s) {
-                     std::vector<std::string> names{"all"};
-                     for (const auto& t : host.shows()) names.push_back(t.table);
                      std::string msg = "unknown table '" + table + "'";
                      std::string guess = nearest(table, names);
                      if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
@@ -133,12 +140,14 @@ void registerCore(Host& host) {
                 tables.rowIs({"all", "every table above"});
                 tables.render(text);
              }
-             if (text.empty()) text = "no command starts with '" + word + "'\n";
+             if (text.empty()) text = "no command starts with '" + printable(word) + "'\n";
              host.out() << text;
           };
        });
 
    host.verbIs("quit", "quit", "stop reading commands",
+               [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
+   host.verbIs("exit", "exit", "stop reading commands (as quit)",
                [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
 }
 
@@ -154,7 +163,7 @@ void registerCoreTables(Host& host) {
              Mox::appendf(out, " (next in %s s)", Kiln::secondsText(*d).c_str());
           }
           Mox::appendf(out, "\nAttribute log congested: %s\n",
-                       Mox::trueFalse(host.attrLog().isAttrLogOutClogged()));
+                       Show::onOff(host.attrLog().isAttrLogOutClogged()));
           Mox::appendf(out, "Restarts: %u\n", host.restartCount());
        },
        [&host] {

@@ -85,51 +85,81 @@ namespace {
 std::vector<std::string> wordsOf(const std::string& name) { return tokenize(name); }
 } // namespace
 
+Host::VerbMatch Host::matchVerb(const std::vector<std::string>& tokens) const {
+   // Word by word: the typed word names one of the words that registered verbs have at that
+   // place, given the words before. The longest verb whose words all matched wins.
+   VerbMatch m;
+   for (size_t i = 0;; ++i) {
+      std::vector<std::string> choices;
+      for (const auto& v : verbs_) {
+         const auto words = wordsOf(v.name);
+         if (words.size() < i || !std::equal(m.words.begin(), m.words.end(), words.begin())) {
+            continue;
+         }
+         if (words.size() == i) {
+            m.verb = &v;
+            m.verbWords = i;
+         } else if (words.size() > i &&
+                    std::find(choices.begin(), choices.end(), words[i]) == choices.end()) {
+            choices.push_back(words[i]);
+         }
+      }
+      m.choices = choices;
+      if (i >= tokens.size() || choices.empty()) break;
+      std::vector<std::string> ambiguous;
+      std::string w = matchWord(tokens[i], choices, &ambiguous);
+      m.ambiguous = std::move(ambiguous);
+      if (w.empty()) break;
+      m.words.push_back(std::move(w));
+   }
+   if (m.verb && m.verbWords < m.words.size()) {
+      // The words went past a complete verb without reaching a longer one: they are arguments.
+      m.words.resize(m.verbWords);
+   }
+   return m;
+}
+
 Host::Apply Host::parse(std::string_view line) const {
    std::vector<std::string> tokens = tokenize(line);
    if (tokens.empty()) return {};
 
-   // The longest registered verb whose words begin the line.
-   const Verb* verb = nullptr;
-   size_t verbWords = 0;
-   for (const auto& v : verbs_) {
-      const auto words = wordsOf(v.name);
-      if (words.size() > tokens.size() || words.size() <= verbWords) continue;
-      if (std::equal(words.begin(), words.end(), tokens.begin())) {
-         verb = &v;
-         verbWords = words.size();
-      }
-   }
+   const VerbMatch m = matchVerb(tokens);
+   const Verb* verb = m.verb;
+   const size_t verbWords = m.verbWords;
    if (!verb) {
-      // Either the first word is unknown, or it starts multi-word verbs and the next is wrong.
-      std::vector<std::string> firsts, seconds;
-      for (const auto& v : verbs_) {
-         const auto words = wordsOf(v.name);
-         if (std::find(firsts.begin(), firsts.end(), words[0]) == firsts.end()) {
-            firsts.push_back(words[0]);
-         }
-         if (words[0] == tokens[0] && words.size() > 1) seconds.push_back(words[1]);
-      }
-      if (!seconds.empty()) {
-         std::sort(seconds.begin(), seconds.end());
-         seconds.erase(std::unique(seconds.begin(), seconds.end()), seconds.end());
+      const size_t at = m.words.size(); // the first word that named no verb
+      std::string typed, known;
+      for (size_t i = 0; i < at; ++i) known += (i ? " " : "") + m.words[i];
+      std::vector<std::string> choices = m.choices;
+      std::sort(choices.begin(), choices.end());
+      if (at == 0) {
          std::string msg;
-         if (tokens.size() < 2) {
-            msg = "'" + tokens[0] + "' needs one of:";
+         if (m.ambiguous.size() > 1) {
+            msg = "ambiguous command '" + tokens[0] + "': it begins";
+            for (const auto& c : m.ambiguous) msg += " " + c;
          } else {
-            msg = "unknown command '" + tokens[0] + " " + tokens[1] + "'";
-            std::string guess = nearest(tokens[1], seconds);
-            if (!guess.empty()) msg += " (did you mean '" + tokens[0] + " " + guess + "'?)";
-            msg += "; '" + tokens[0] + "' takes one of:";
+            msg = "unknown command '" + tokens[0] + "'";
+            std::string guess = nearest(tokens[0], choices);
+            if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
          }
-         for (const auto& s : seconds) msg += " " + s;
-         throw ScriptError(msg);
+         msg += "; 'help' lists the commands";
+         throw ScriptError(msg, 0);
       }
-      std::string msg = "unknown command '" + tokens[0] + "'";
-      std::string guess = nearest(tokens[0], firsts);
-      if (!guess.empty()) msg += " (did you mean '" + guess + "'?)";
-      msg += "; 'help' lists the commands";
-      throw ScriptError(msg);
+      std::string msg;
+      if (tokens.size() <= at) {
+         msg = "'" + known + "' needs one of:";
+      } else {
+         if (m.ambiguous.size() > 1) {
+            msg = "ambiguous command '" + known + " " + tokens[at] + "'";
+         } else {
+            msg = "unknown command '" + known + " " + tokens[at] + "'";
+            std::string guess = nearest(tokens[at], choices);
+            if (!guess.empty()) msg += " (did you mean '" + known + " " + guess + "'?)";
+         }
+         msg += "; '" + known + "' takes one of:";
+      }
+      for (const auto& c : choices) msg += " " + c;
+      throw ScriptError(msg, std::min(at, tokens.size() - 1));
    }
    Args args(std::move(tokens), verbWords, verb->usage);
    Apply apply = verb->parse(args);

@@ -16,7 +16,8 @@
 //  2. its verbs: `host.verbIs("lfib route", usage, summary, parse)`; the parser reads the words
 //     through Args and returns the change as a closure, which the host runs only if the whole
 //     line parsed (a line with an error changes nothing). Multi-word verbs ("no input") are
-//     matched on their longest registered prefix;
+//     matched on their longest registered prefix, word by word, in any case and abbreviated
+//     when unambiguous (see matchWord); the shell completes them from the same registrations;
 //  3. its tables: `host.showIs("segments", summary, readable, json)`; `show segments [json]` and
 //     `show all [json]` then include them (in registration order);
 //  4. its state machines and the tables they share or publish live in the core, not here: add
@@ -120,6 +121,17 @@ class Host {
    // Parses one line; the returned change is empty for a blank or comment line. Throws
    // ScriptError.
    Apply parse(std::string_view line) const;
+   // The verb that the first words of a line name (see matchWord), for the parser and for
+   // completion. `words` are the verb words matched so far (full words), `choices` the words
+   // that could come next among verbs, `ambiguous` what the first unmatched word begins.
+   struct VerbMatch {
+      const Verb* verb = nullptr;
+      size_t verbWords = 0;
+      std::vector<std::string> words;
+      std::vector<std::string> choices;
+      std::vector<std::string> ambiguous;
+   };
+   VerbMatch matchVerb(const std::vector<std::string>& tokens) const;
    void execute(std::string_view line) {
       if (auto a = parse(line)) a();
    }

@@ -114,7 +114,7 @@ void selectionInputText(Host& host, std::string& out) {
          if (!first) cells.assign(7, std::string());
          cells.push_back(std::to_string(w.weight.value));
          cells.push_back(w.segmentListId.stringValue());
-         cells.push_back(w.tunnelId.stringValue());
+         cells.push_back(Show::tunnelText(w.tunnelId));
          first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
          first = false;
       }
@@ -253,7 +253,7 @@ void segmentListsText(Host& host, std::string& out) {
       for (size_t i = 0; i < rows; ++i) {
          std::vector<std::string> cells{i ? "" : id.stringValue(),
                                         i ? "" : Show::labelStackText(l->labelStack()),
-                                        i ? "" : id.getTunnelId().stringValue(),
+                                        i ? "" : Show::tunnelText(id.getTunnelId()),
                                         i < users.size() ? policyIdText(users[i]) : "",
                                         i ? "" : listStatusText(published, id),
                                         i < vias.size() ? vias[i] : ""};

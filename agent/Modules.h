@@ -9,6 +9,7 @@ class Host;
 
 void registerCore(Host& host);
 void registerCoreTables(Host& host);
+void registerRunningConfig(Host& host);
 void registerConfig(Host& host);
 void registerInput(Host& host);
 void registerInputTables(Host& host);

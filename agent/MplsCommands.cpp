@@ -49,7 +49,7 @@ E readEnum(Args& a, const char* what, const EnumName<E> (&names)[N]) {
    std::string text(a.peek());
    std::vector<std::string> known;
    for (const auto& n : names) {
-      if (text == n.name) {
+      if (lowercase(text) == lowercase(n.name)) {
          a.word(what);
          return n.value;
       }
@@ -69,7 +69,7 @@ E readEnum(Args& a, const char* what, const EnumName<E> (&names)[N]) {
 
 Ipkit::MplsLabelAction readAction(Args& a) {
    std::string text(a.peek());
-   if (auto named = Ipkit::mplsLabelActionFromName(text)) {
+   if (auto named = Ipkit::mplsLabelActionFromName(lowercase(text))) {
       a.word("action");
       return *named;
    }
@@ -101,6 +101,19 @@ Mpls::ViaSet readVias(Args& a) {
       if (!vias.viaIs(v)) a.fail("via " + v.stringValue() + " given twice");
    }
    return vias;
+}
+
+// A label of a label range (its base or its last label): 0 to 1048575, never none.
+uint32_t readRangeLabel(const Args& a, const std::string& what, const std::string& text) {
+   uint64_t v = 0;
+   const Args::Decimal d = Args::parseDecimal(text, v);
+   if (d == Args::Decimal::notANumber) {
+      a.fail("expected a label for " + what + " (0 to 1048575), got '" + text + "'");
+   }
+   if (d == Args::Decimal::tooLarge || v > Ipkit::MplsLabel::maxLabel) {
+      a.fail(what + " " + text + " is out of range: a label is 0 to 1048575");
+   }
+   return static_cast<uint32_t>(v);
 }
 
 Mpls::AdjacencyIndex readAdjacencyIndex(Args& a) { return a.number("adjacency index"); }
@@ -204,7 +217,7 @@ void mplsText(Host& host, std::string& out) {
    Show::TextTable ct({"Tunnel", "Type", "Index", "Packets", "Bytes"});
    for (const auto& id : keysInOrder(counters)) {
       const auto& c = counters.at(id);
-      ct.rowIs({id.stringValue(), tunnelTypeText(id), std::to_string(id.index()),
+      ct.rowIs({Show::tunnelText(id), tunnelTypeText(id), std::to_string(id.index()),
                 std::to_string(c.packets), std::to_string(c.bytes)});
    }
    ct.render(out, 2);
@@ -267,14 +280,23 @@ void registerMpls(Host& host) {
    host.verbIs("label-range", "label-range <name> base <b> size <s>",
                "configure a named MPLS label range (srlb: where binding SIDs come from)",
                [&host](Args& a) -> Host::Apply {
-                  const std::string name = a.word("range name");
+                  const std::string name = a.name("range name");
                   std::optional<uint32_t> base, size;
                   while (!a.done()) {
                      const std::string k = a.keyword({"base", "size"});
-                     const auto v = static_cast<uint32_t>(a.number(k, 0xffffffffu));
-                     (k == "base" ? base : size) = v;
+                     if (k == "base") {
+                        base = readRangeLabel(a, "base", a.word("base"));
+                     } else {
+                        size = static_cast<uint32_t>(
+                            a.number("size", uint64_t{Ipkit::MplsLabel::maxLabel} + 1));
+                        if (*size == 0) a.fail("size 0: a label range holds at least one label");
+                     }
                   }
-                  const Mpls::LabelRange r(need(a, base, "base"), need(a, size, "size"));
+                  const uint32_t first = need(a, base, "base"), n = need(a, size, "size");
+                  // The whole range lies in the label space: its last label is a label too.
+                  readRangeLabel(a, "last label (base + size - 1)",
+                                 std::to_string(uint64_t{first} + n - 1));
+                  const Mpls::LabelRange r(first, n);
                   return [&host, name, r] { host.mplsConfig()->labelRangeIs(name, r); };
                });
    host.verbIs("no label-range", "no label-range <name>", "remove a label range",
@@ -285,8 +307,9 @@ void registerMpls(Host& host) {
                });
 
    host.verbIs("adjacency",
-               "adjacency <index> via <nexthop> <interface> action <a> [label <l>] [via ...]...",
-               "set an adjacency's vias (replacing earlier ones)", [&host](Args& a) -> Host::Apply {
+               "adjacency <index> [via <nexthop> <interface> action <a> [label <l>]]...",
+               "set an adjacency's vias, none or more (replacing earlier ones)",
+               [&host](Args& a) -> Host::Apply {
                   const Mpls::AdjacencyIndex index = readAdjacencyIndex(a);
                   const Mpls::ViaSet vias = readVias(a);
                   return [&host, index, vias] { host.mplsStatus()->adjacencyIs(index, vias); };
@@ -300,8 +323,8 @@ void registerMpls(Host& host) {
                   return [&host, index] { host.mplsStatus()->adjacencyDel(index); };
                });
    host.verbIs("adjacency-ext",
-               "adjacency-ext <index> fec <fecId> via <nexthop> <interface> action <a> [label "
-               "<l>] [via ...]...",
+               "adjacency-ext <index> fec <fecId> [via <nexthop> <interface> action <a> [label "
+               "<l>]]...",
                "set an external-FEC adjacency: the FEC and the vias it resolves to",
                [&host](Args& a) -> Host::Apply {
                   const Mpls::AdjacencyIndex index = readAdjacencyIndex(a);

@@ -1,26 +1,88 @@
-// Runs scenario lines from a stream against a Host.
+// Runs scenario lines against a Host.
 //
-// A script (a file, or standard input that is not a terminal) stops at its first error with
-// status 1; the interactive shell prints a prompt, reports errors and reads on. Errors are written
-// as "<name>:<line>: error: <what>". A line that ends in a backslash continues on the next one;
-// errors name the first line of the command.
+// Lines come from a LineSource: a file or standard input read as a script, a string (tests, the
+// built-in demo) or the interactive shell (agent/Shell.h). A script stops at its first error; the
+// shell reports errors and reads on. Errors are written as "<name>:<line>: error: <what>". A line
+// that ends in a backslash continues on the next one; an error names the line holding the word at
+// fault, and input that ends in the middle of a continued command is an error.
 #pragma once
 
 #include <iosfwd>
+#include <stdexcept>
 #include <string>
 
 namespace Agent {
 
 class Host;
 
-struct ScriptOptions {
-   std::string name;         // shown in error messages: a file name, or "<stdin>"
-   bool interactive = false; // prompt and keep going after errors
-   const char* prompt = "srte> ";
-   const char* continuationPrompt = "....> ";
+// The exit statuses of srte.
+enum ExitStatus : int {
+   exitOk = 0,        // every command ran
+   exitRefused = 1,   // the script stopped at a command it refused
+   exitCannotRun = 2, // bad arguments, or the input could not be opened or read
 };
 
-// Returns the exit status: 0, or 1 when a script stopped at an error.
-int runScript(Host& host, std::istream& in, std::ostream& err, const ScriptOptions& options);
+// The input cannot be read (a directory, an I/O error): not the script's fault, and not an
+// empty script either.
+class ReadError : public std::runtime_error {
+ public:
+   using std::runtime_error::runtime_error;
+};
+
+class LineSource {
+ public:
+   enum class Read { line, end, cancelled };
+   virtual ~LineSource() = default;
+   // Reads the next line, without its end, into `line`. `continued`: the line before asked for
+   // more (a shell shows another prompt). `cancelled` (an interactive interrupt) drops the
+   // command being typed. Throws ReadError.
+   virtual Read next(std::string& line, bool continued) = 0;
+   // Errors do not end an interactive session.
+   virtual bool interactive() const { return false; }
+   // Called once a command has run: a shell takes its interrupt back and keeps history here.
+   virtual void commandDone(const std::string& /*command*/) {}
+};
+
+// Lines of a C++ stream (strings in tests, the demo). With `prompt`, an interactive session that
+// prints prompts on `promptOut`.
+class StreamLines : public LineSource {
+ public:
+   explicit StreamLines(std::istream& in) : in_(&in) {}
+   StreamLines(std::istream& in, std::ostream& promptOut) : in_(&in), promptOut_(&promptOut) {}
+   Read next(std::string& line, bool continued) override;
+   bool interactive() const override { return promptOut_ != nullptr; }
+
+ private:
+   std::istream* in_;
+   std::ostream* promptOut_ = nullptr;
+   bool ended_ = false;
+};
+
+// Lines of a file descriptor, read with read(2) so that a directory or an I/O error is reported
+// rather than taken for the end of the input. `what` names the input in errors.
+class FileLines : public LineSource {
+ public:
+   FileLines(int fd, std::string what) : fd_(fd), what_(std::move(what)) {}
+   Read next(std::string& line, bool continued) override;
+
+ private:
+   bool fill();
+   int fd_;
+   std::string what_;
+   std::string buffer_;
+   size_t pos_ = 0;
+   bool eof_ = false;
+};
+
+struct ScriptOptions {
+   std::string name; // shown in error messages: a file name, or "<stdin>"
+};
+
+// Returns the exit status (ExitStatus).
+int runScript(Host& host, LineSource& lines, std::ostream& err, const ScriptOptions& options);
+
+// A stream as a script, or, when `interactive`, as a session with prompts on host.out().
+int runScript(Host& host, std::istream& in, std::ostream& err, const ScriptOptions& options,
+              bool interactive = false);
 
 } // namespace Agent

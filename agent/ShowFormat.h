@@ -6,6 +6,7 @@
 
 #include "agent/Json.h"
 #include "platform/Ipkit.h"
+#include "platform/Tunnel.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace Show {
@@ -13,6 +14,13 @@ namespace Show {
 // A label's number, or "none" for the null label.
 inline std::string labelText(Ipkit::MplsLabel l) { return l.isNull() ? "none" : l.stringValue(); }
 inline const char* onOff(bool b) { return b ? "on" : "off"; }
+// A tunnel id as the segment list it stands for ("sl 3"), or its number for other tunnels. The
+// JSON forms keep the number.
+inline std::string tunnelText(Tunnel::TunnelTable::TunnelId id) {
+   using Id = Tunnel::TunnelTable::TunnelId;
+   return id.type() == Id::Type::srTeSegmentList ? "sl " + std::to_string(id.index())
+                                                 : id.stringValue();
+}
 // "1 record", "2 records".
 inline std::string count(size_t n, const char* noun) {
    return std::to_string(n) + " " + noun + (n == 1 ? "" : "s");

@@ -187,7 +187,7 @@ size_t TaskScheduler::runUntilIdle() {
    size_t runs = 0;
    for (;;) {
       if (mode_ == ClockMode::real) fireDueTimers(nowNs());
-      if (ready_.empty()) break;
+      if (ready_.empty() || interrupted()) break;
       auto best = std::min_element(ready_.begin(), ready_.end(), [](Task* a, Task* b) {
          return a->priority_ != b->priority_ ? a->priority_ < b->priority_
                                              : a->readySeq_ < b->readySeq_;
@@ -210,6 +210,7 @@ void TaskScheduler::advance(Duration delay) {
    assert(mode_ == ClockMode::virtualTime);
    const Duration target = saturatingAdd(virtualNow_, delay);
    runUntilIdle();
+   if (interrupted()) return;
    for (;;) {
       if (timers_.empty()) break;
       Duration next = farthest;
@@ -218,6 +219,7 @@ void TaskScheduler::advance(Duration delay) {
       virtualNow_ = std::max(virtualNow_, next);
       fireDueTimers(virtualNow_);
       runUntilIdle();
+      if (interrupted()) return;
    }
    virtualNow_ = target;
    runUntilIdle();

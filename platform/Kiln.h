@@ -20,6 +20,7 @@
 //    forms.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -76,6 +77,14 @@ class TaskScheduler : public Mox::Entity {
    std::optional<Duration> nextTimerDelayNs() const noexcept;
    std::optional<double> nextTimerDelay() const noexcept;
 
+   // An interrupt (an operator's Ctrl-C): once `*flag` is set, runUntilIdle and advance return
+   // between two task runs. What did not run stays ready and time stays at the last timer fired,
+   // so the state is consistent and a later run or advance goes on from there.
+   void interruptFlagIs(const std::atomic<bool>* flag) noexcept { interrupt_ = flag; }
+   bool interrupted() const noexcept {
+      return interrupt_ && interrupt_->load(std::memory_order_relaxed);
+   }
+
    // Slice control. 0 restores the default (budget on a virtual clock, time slice on the real one).
    void yieldEveryIs(uint32_t calls) noexcept { yieldEvery_ = calls; }
    uint32_t yieldEvery() const noexcept { return yieldEvery_; }
@@ -104,6 +113,7 @@ class TaskScheduler : public Mox::Entity {
    uint32_t sliceCalls_ = 0;
    std::chrono::steady_clock::time_point sliceStart_;
    uint32_t yieldEvery_ = 0;
+   const std::atomic<bool>* interrupt_ = nullptr;
 };
 
 // A cooperative task: reactors bound to it get onTaskRun() when the scheduler runs it. The same

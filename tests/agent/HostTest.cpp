@@ -74,8 +74,7 @@ struct ToyHost {
       std::istringstream in(script);
       Agent::ScriptOptions o;
       o.name = "toy.srte";
-      o.interactive = interactive;
-      return Agent::runScript(host, in, err, o);
+      return Agent::runScript(host, in, err, o, interactive);
    }
 };
 
@@ -117,7 +116,7 @@ TEST(Host, LineWithAnErrorChangesNothingAndNamesTheProblem) {
        {"counter add", "missing amount; usage: counter add <n>"},
        {"counter add five", "expected a number for amount, got 'five'"},
        {"counter add 1001", "amount 1001 is out of range (0 to 1000)"},
-       {"counter ad 5", "unknown command 'counter ad' (did you mean 'counter add'?); 'counter' "
+       {"counter dd 5", "unknown command 'counter dd' (did you mean 'counter add'?); 'counter' "
                         "takes one of: add"},
        {"counetr add 5", "unknown command 'counetr' (did you mean 'counter'?); 'help' lists the "
                          "commands"},
@@ -164,12 +163,24 @@ TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
       EXPECT_EQ(t.out.str().rfind("srte> ", 0), 0u);
    }
    {
-      // A continued command counts as one, and its errors name its first line.
+      // A continued command counts as one; its error names the line holding the faulty word.
       ToyHost t;
       std::ostringstream err;
       EXPECT_EQ(t.run("counter \\\n  add 2  # continued\ncounter add \\\n 2 \\\n 3\n", err), 1);
-      EXPECT_EQ(err.str(), "toy.srte:3: error: unexpected '3'; usage: counter add <n>\n");
+      EXPECT_EQ(err.str(), "toy.srte:5: error: unexpected '3'; usage: counter add <n>\n");
       EXPECT_EQ(t.host.shared<CounterTable>().value, 2u);
+   }
+   {
+      // Input that ends after a backslash is an error, not silence; in the shell too.
+      for (bool interactive : {false, true}) {
+         ToyHost t;
+         std::ostringstream err;
+         EXPECT_EQ(t.run("counter add 2\ncounter \\\n add 3 \\\n", err, interactive),
+                   interactive ? 0 : 1);
+         EXPECT_EQ(err.str(), "toy.srte:3: error: the command continued with '\\' but the input "
+                              "ends here\n");
+         EXPECT_EQ(t.host.shared<CounterTable>().value, 2u);
+      }
    }
 }
 

@@ -100,13 +100,13 @@ TEST(InputGathering, AnInputLineCanExpressEveryFieldOfTheRecord) {
    }
    // The same line again replaces the record whole; a shorter one leaves no stale slots.
    a.host.execute("input bgp 2001:db8::7 color 4294967295 discriminator 4294967295 "
-                  "segment-list labels none");
+                  "segment-list labels 16");
    const PolicyInputEntry& f = *table->policyInputEntry().begin();
    EXPECT_EQ(f.segmentListCount(), 1u);
    EXPECT_TRUE(f.bindingSid().isNull());
    EXPECT_EQ(f.preference().value, 100u);
    EXPECT_EQ(f.segmentList(SegmentListIndex(0)).segList.label(Ipkit::MplsStackEntryIndex(0)),
-             Ipkit::MplsLabel());
+             Ipkit::MplsLabel(16));
 }
 
 } // namespace

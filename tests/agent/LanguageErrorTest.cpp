@@ -78,15 +78,15 @@ TEST(LanguageError, TyposAndMisplacedWordsSuggestTheIntendedOne) {
        s, {
               {"cofnig enabled on",
                "unknown command 'cofnig' (did you mean 'config'?); 'help' lists the commands"},
-              {"config enable on", "unknown command 'config enable' (did you mean 'config "
+              {"config enbled on", "unknown command 'config enbled' (did you mean 'config "
                                    "enabled'?); 'config' takes one of: discriminator-tie-break "
                                    "enabled segment-list-sharing specified-bsid-only"},
               {"config enabled yes", "expected on or off for config enabled, got 'yes'"},
               {"static policy 10.0.0.2 colour 100",
                "unexpected 'colour' (did you mean 'color'?); usage: static policy <endpoint> "
                "color <c> [bsid <label>]"},
-              {"no stati policy 10.0.0.2 color 100",
-               "unknown command 'no stati' (did you mean 'no static'?); 'no' takes one of: ..."},
+              {"no sttaic policy 10.0.0.2 color 100",
+               "unknown command 'no sttaic' (did you mean 'no static'?); 'no' takes one of: ..."},
               {"show confg", "unknown table 'confg' (did you mean 'config'?); tables: all config "
                              "color-dscp mpls input ..."},
               {"adjacency 1 via 10.1.0.2 Ethernet1 action swp",
@@ -94,9 +94,10 @@ TEST(LanguageError, TyposAndMisplacedWordsSuggestTheIntendedOne) {
                "swap push forward"},
               {"lfib route 16002 adjacency 1 source bogus",
                "unknown source 'bogus'; a number or one of: unknown srTePolicy"},
-              {"adjacency 1 via 10.1.0.2 Eth1 action swap",
-               "expected an interface name for via interface (Ethernet1, Vlan10, Loopback0, "
-               "Port-Channel2, NexthopGroup7, DynamicTunnel3, Fec4), got 'Eth1'"},
+              {"adjacency 1 via 10.1.0.2 Ethernet1/1 action swap",
+               "expected an interface name for via interface: one of Ethernet, Vlan, Loopback, "
+               "Port-Channel, NexthopGroup, DynamicTunnel, Fec followed by a number 0 to 16777215 "
+               "(Ethernet1, Port-Channel2), got 'Ethernet1/1'"},
               {"input bgpp 10.0.0.3 color 7 discriminator 1",
                "unknown protocol 'bgpp' (did you mean 'bgp'?); a protocol is a number or one of: "
                "unknown pcep bgp static"},
@@ -126,8 +127,8 @@ TEST(LanguageError, MissingAndRepeatedValues) {
               {"color-dscp 5 dscp", "missing DSCP value; usage: color-dscp <color> dscp "
                                     "<value>... [symbolic]"},
               {"adjacency 1 via 10.1.0.2 Ethernet1", "missing 'action'; usage: adjacency <index> "
-                                                     "via <nexthop> <interface> action <a> [label "
-                                                     "<l>] [via ...]..."},
+                                                     "[via <nexthop> <interface> action <a> [label "
+                                                     "<l>]]..."},
               {"adjacency 1 via 10.1.0.2 Ethernet1 action swap via 10.1.0.2 Ethernet1 action swap",
                "via 10.1.0.2 Ethernet1 swap given twice"},
               {"lfib route 16002", "missing 'adjacency'; usage: lfib route <label> adjacency "
@@ -202,6 +203,88 @@ TEST(LanguageError, RemovingOrCreatingWhatIsNotThereOrAlreadyIs) {
               {"no platform max-label-depth", "the platform reports no max-label-depth"},
               {"no counter tunnel segment-list 4", "no counter for tunnel 21474836484"},
           });
+}
+
+TEST(LanguageError, LabelRangesStackAndNamesStayInTheLabelSpaceAndInText) {
+   Shell s;
+   populate(s);
+   expectRefused(
+       s, {
+              {"label-range srlb base 1048576 size 1",
+               "base 1048576 is out of range: a label is 0 to 1048575"},
+              {"label-range srgb base 4294967295 size 4294967295",
+               "base 4294967295 is out of range: a label is 0 to 1048575"},
+              {"label-range srgb base 16000 size 4294967295",
+               "size 4294967295 is out of range (0 to 1048576)"},
+              {"label-range x base 15000 size 0", "size 0: a label range holds at least one label"},
+              {"label-range x base 1048000 size 577",
+               "last label (base + size - 1) 1048576 is out of range: a label is 0 to 1048575"},
+              {"input bgp 10.0.0.3 color 7 discriminator 1 segment-list labels 16004 none",
+               "'none' in a label stack: a stack holds labels (0 to 1048575) only"},
+              {"static segment-list 10.0.0.2 color 100 preference 1 labels none",
+               "'none' in a label stack: a stack holds labels (0 to 1048575) only"},
+              // A name every table and its JSON can show: no broken UTF-8, no control bytes.
+              {"label-range \xff\xfe base 1 size 2",
+               "a range name is text (UTF-8, no control characters), got '\\xff\\xfe'"},
+              {"label-range a\x01"
+               "b base 1 size 2",
+               "a range name is text (UTF-8, no control characters), got 'a\\x01b'"},
+          });
+   // The whole label space is one valid range; a UTF-8 name is a name like any other.
+   s.host.execute("label-range all base 0 size 1048576");
+   s.host.execute("label-range \xc3\xa9t\xc3\xa9 base 1048575 size 1");
+   EXPECT_NE(s.state().find("{\"name\": \"\xc3\xa9t\xc3\xa9\", \"base\": 1048575, \"size\": 1}"),
+             std::string::npos);
+}
+
+TEST(LanguageError, GarbageIsRefusedQuicklyWithAShortPrintableMessage) {
+   Shell s;
+   // A 4 MB word: no suggestion is searched for, and the message names it in a few bytes.
+   std::string garbage(4 << 20, 'q');
+   garbage[3] = '\0';
+   garbage[5] = '\x1b';
+   for (const std::string& line : {garbage, "show " + garbage, "config " + garbage}) {
+      const std::string message = s.refuse(line);
+      EXPECT_LT(message.size(), 300u) << message.substr(0, 300);
+      EXPECT_EQ(message.find('\x1b'), std::string::npos);
+      EXPECT_NE(message.find("qqq\\x00q\\x1bqq"), std::string::npos) << message;
+   }
+   EXPECT_EQ(Agent::printable("caf\xc3\xa9 \xc3(\x7f"), "caf\xc3\xa9 \\xc3(\\x7f");
+}
+
+TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
+   Shell s;
+   populate(s);
+   // Abbreviated or capitalised, a line does what the full line does.
+   Shell full;
+   populate(full);
+   for (const auto& [shortLine, fullLine] :
+        std::initializer_list<std::pair<const char*, const char*>>{
+            {"CONFIG SPEC OFF", "config specified-bsid-only off"},
+            {"stat seg 10.0.0.9 col 5 pref 1 lab 16 w 3", "static segment-list 10.0.0.9 color 5 "
+                                                          "preference 1 labels 16 weight 3"},
+            {"input BGP 10.0.0.4 c 1 d 2 s w 2 l 17", "input bgp 10.0.0.4 color 1 discriminator 2 "
+                                                      "segment-list weight 2 labels 17"},
+            {"no lab srlb", "no label-range srlb"},
+            {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP", "adjacency 2 via 10.1.0.3 Ethernet2 "
+                                                            "action swap"},
+        }) {
+      s.host.execute(shortLine);
+      full.host.execute(fullLine);
+      EXPECT_EQ(s.state(), full.state()) << shortLine;
+   }
+   s.out.str("");
+   s.host.execute("sh conf");
+   EXPECT_EQ(s.out.str().rfind("SR-TE configuration\n", 0), 0u);
+   expectRefused(s, {
+                        {"s", "ambiguous command 's': it begins show static; 'help' lists "
+                              "the commands"},
+                        {"adj", "ambiguous command 'adj': it begins adjacency adjacency-ext; "
+                                "'help' lists the commands"},
+                        {"no in bgp 10.0.0.3 color 7 discriminator 1",
+                         "ambiguous command 'no in'; 'no' takes one of: ..."},
+                        {"static policy 10.0.0.2 c 100 b 5 bsid 6", "'bsid' given twice"},
+                    });
 }
 
 } // namespace

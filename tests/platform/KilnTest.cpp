@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -252,6 +253,42 @@ TEST(Kiln, TimeIsExactSoRetriesLandOnTheirTimeHoweverTimeIsAdvanced) {
       EXPECT_EQ(c.s.nextTimerDelayNs(), 100ms);
       EXPECT_EQ(c.t->expirationTimeNs(), 1000100ms);
    }
+}
+
+// An operator's interrupt arriving during the fifth run of a task that retries every 0.1 s.
+struct InterruptedRetrier : Task::Notifiee {
+   std::atomic<bool>* interrupt;
+   int runs = 0;
+   InterruptedRetrier(Task& t, std::atomic<bool>* i) : interrupt(i) { notifierIs(&t); }
+   void onTaskRun() override {
+      if (++runs == 5) interrupt->store(true);
+      notifier()->scheduleTaskLowestDelay(0.1);
+   }
+};
+
+TEST(Kiln, AnInterruptStopsRunAndAdvanceBetweenTwoTaskRunsAndTheyGoOnLater) {
+   using namespace std::chrono_literals;
+   TaskScheduler s;
+   std::atomic<bool> interrupt{false};
+   s.interruptFlagIs(&interrupt);
+   auto t = Mox::make<Task>(s, 2, "retry");
+   InterruptedRetrier r(*t, &interrupt);
+   t->scheduleTask();
+   // Runs at 0, 0.1, ..., 0.4, then stops: time stays at the last timer fired, the next retry
+   // stays pending.
+   s.advance(1000);
+   EXPECT_EQ(r.runs, 5);
+   EXPECT_EQ(s.nowNs(), 400ms);
+   EXPECT_EQ(s.nextTimerDelayNs(), 100ms);
+   // While the interrupt stands nothing runs, and ready work stays ready.
+   t->scheduleTask();
+   EXPECT_EQ(s.runUntilIdle(), 0u);
+   EXPECT_EQ(s.readyTaskCount(), 1u);
+   // Taken back, the machines go on from where they stopped.
+   interrupt.store(false);
+   s.advance(0.2);
+   EXPECT_EQ(r.runs, 8); // the ready run at 0.4, then 0.5 and 0.6
+   EXPECT_EQ(s.nowNs(), 600ms);
 }
 
 TEST(Kiln, ManyPeriodicTimersOverALongRunDoNotDrift) {

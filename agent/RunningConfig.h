@@ -1,0 +1,18 @@
+// `show running-config` and `write FILE`: the current inputs as a script.
+//
+// The script holds everything other processes and the platform gave the core: configuration
+// flags, static policies, the color-to-DSCP map, label ranges, LFIB routes, adjacencies and their
+// extensions, the platform's label depth, tunnel counters, attribute-log congestion, and the input
+// tables with every record. Run in a fresh srte, it rebuilds the same inputs (what the core
+// computed from them follows at the next `run`). Virtual time and tracing are not inputs.
+#pragma once
+
+#include <string>
+
+namespace Agent {
+
+class Host;
+
+std::string runningConfig(Host& host);
+
+} // namespace Agent
