@@ -212,7 +212,7 @@ void policiesText(Host& host, std::string& out, const std::vector<PolicyKey>& ke
          };
          if (held && !c.entry->wTunnelId().empty()) {
             for (const auto& [index, w] : c.entry->wTunnelId()) {
-               emit(std::to_string(w.weight.value), w.tunnelId.stringValue());
+               emit(std::to_string(w.weight.value), Show::tunnelText(w.tunnelId));
             }
          } else {
             emit("", "");
