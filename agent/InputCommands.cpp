@@ -48,7 +48,7 @@ Json::Value policyIdJson(const PolicyId& id) {
    return row;
 }
 
-std::vector<PolicyId> sortedPolicyIds(const Mox::HashSet<PolicyId>& ids) {
+std::vector<PolicyId> sortedPolicyIds(const PolicyIdSet& ids) {
    std::vector<PolicyId> out(ids.begin(), ids.end());
    std::sort(out.begin(), out.end());
    return out;

@@ -1,31 +1,86 @@
-// Scale benchmark of the core from input records to a converged EcPolicy: N candidate paths (two
-// per policy key, two segment lists each, every label with an LFIB route) written into the input
-// tables, then the event loop run until idle: input gathering, segment and segment-list
-// resolution, selection. Prints candidate paths per second, resident memory per candidate path
-// (the input tables excluded), the share of each task's runs, and, measured in the same run, a
-// floor: copying every input record and inserting its PolicyId into a std::unordered_map.
-// Resolution of a new list happens as the input stage creates it, so it counts in InputSmTask; a
-// task that never runs is not listed.
+// Scale benchmark of the input stage: N candidate paths written into the input tables, then the
+// event loop run until idle. N/2 policy keys x protocols 20 and 30, each path with 2 segment lists
+// drawn from N/5 distinct lists over N/50 labels, each key with its own binding SID inside an SRLB
+// sized to N.
 //
-//   input_bench [paths]        default 100000 (50000 policy keys x protocols 20 and 30)
-#include <algorithm>
+// Printed, each measured in this run:
+//  - filling the input tables (timed apart: it is the protocols' work, not ours);
+//  - convergence: the input stage from the first task run until idle, per path;
+//  - the floor: for each record, copy it out of its input table and insert its PolicyId into a
+//    std::unordered_map<PolicyId, uint32_t> reserved for N;
+//  - heap allocations and live heap bytes per path during convergence (a replaced global operator
+//    new counts them), and resident memory per path beyond the input tables;
+//  - a requeue of every record by an SRLB change that leaves every binding SID inside.
+//
+//   input_bench [paths]        default 100000
+#include <malloc.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
-#include <string>
+#include <new>
 #include <unordered_map>
-#include <vector>
 
 #include "core/SrTePolicyCore.h"
 
 using namespace SrTePolicy;
 
+// ---------------------------------------------------------------------------------------------
+// Allocation counting: every allocation of the process, the core library's included, comes here.
+
+namespace {
+size_t gAllocations = 0;
+long gLiveBytes = 0;
+
+void* countedAlloc(size_t n, size_t align) {
+   void* p = align > alignof(std::max_align_t)
+                 ? std::aligned_alloc(align, (n + align - 1) / align * align)
+                 : std::malloc(n ? n : 1);
+   if (!p) throw std::bad_alloc();
+   ++gAllocations;
+   gLiveBytes += static_cast<long>(malloc_usable_size(p));
+   return p;
+}
+void countedFree(void* p) noexcept {
+   if (!p) return;
+   gLiveBytes -= static_cast<long>(malloc_usable_size(p));
+   std::free(p);
+}
+} // namespace
+
+void* operator new(size_t n) { return countedAlloc(n, 0); }
+void* operator new[](size_t n) { return countedAlloc(n, 0); }
+void* operator new(size_t n, std::align_val_t a) { return countedAlloc(n, static_cast<size_t>(a)); }
+void* operator new[](size_t n, std::align_val_t a) {
+   return countedAlloc(n, static_cast<size_t>(a));
+}
+void* operator new(size_t n, const std::nothrow_t&) noexcept {
+   try {
+      return countedAlloc(n, 0);
+   } catch (...) {
+      return nullptr;
+   }
+}
+void* operator new[](size_t n, const std::nothrow_t&) noexcept {
+   try {
+      return countedAlloc(n, 0);
+   } catch (...) {
+      return nullptr;
+   }
+}
+void operator delete(void* p) noexcept { countedFree(p); }
+void operator delete[](void* p) noexcept { countedFree(p); }
+void operator delete(void* p, size_t) noexcept { countedFree(p); }
+void operator delete[](void* p, size_t) noexcept { countedFree(p); }
+void operator delete(void* p, std::align_val_t) noexcept { countedFree(p); }
+void operator delete[](void* p, std::align_val_t) noexcept { countedFree(p); }
+void operator delete(void* p, size_t, std::align_val_t) noexcept { countedFree(p); }
+void operator delete[](void* p, size_t, std::align_val_t) noexcept { countedFree(p); }
+
 namespace {
 
-constexpr uint32_t kDistinctLists = 20000;
-constexpr uint32_t kLabels = 2000;
-constexpr uint32_t kSrlbBase = 100000; // room for a binding SID per key up to 1,000,000 paths
+constexpr uint32_t kSrlbBase = 100000; // above the segment labels, room for 900,000 binding SIDs
+constexpr uint32_t kLabelBase = 16000;
 
 long residentBytes() {
    long pages = 0, resident = 0;
@@ -40,49 +95,32 @@ double seconds(std::chrono::steady_clock::time_point a, std::chrono::steady_cloc
    return std::chrono::duration<double>(b - a).count();
 }
 
-Ipkit::MplsLabelOperation listFromPool(uint32_t j) {
+struct Pools {
+   uint32_t lists;
+   uint32_t labels;
+};
+
+// List j of the pool: three labels of the label pool.
+Ipkit::MplsLabelOperation listFromPool(const Pools& pools, uint32_t j) {
+   const uint64_t l = pools.labels;
    Ipkit::MplsLabelOperation op;
-   op.push(Ipkit::MplsLabel(16000 + (j * 7) % kLabels));
-   op.push(Ipkit::MplsLabel(16000 + (j * 13 + 1) % kLabels));
-   op.push(Ipkit::MplsLabel(16000 + (j / kLabels + j * 31 + 5) % kLabels));
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 7) % l));
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 13 + 1) % l));
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) / l + uint64_t(j) * 31 + 5) % l));
    return op;
 }
 
-PolicyInputEntry makeRecord(uint32_t keyIndex, Protocol protocol) {
+PolicyInputEntry makeRecord(const Pools& pools, uint32_t keyIndex, Protocol protocol) {
    PolicyKey key(Ipkit::IpGenAddr::v4(0x0a000000u + keyIndex / 16), Color(keyIndex % 16 + 1));
    PolicyInputEntry e(PolicyId(key, protocol, Discriminator(1)));
    e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
    const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
    for (uint32_t s = 0; s < 2; ++s) {
-      uint32_t j = (keyIndex * 2 + s + salt) % kDistinctLists;
-      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(j)));
+      uint32_t j = static_cast<uint32_t>((uint64_t(keyIndex) * 2 + s + salt) % pools.lists);
+      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(pools, j)));
    }
    return e;
 }
-
-// Attributes the time between two task runs' ends to the task that just ran: the scheduler runs
-// one task after the other, so that is the task's run (and the scheduler's small share).
-struct Stopwatch {
-   using Clock = std::chrono::steady_clock;
-   Clock::time_point last = Clock::now();
-   std::map<std::string, double> spent;
-   struct Reactor : Kiln::Task::Notifiee {
-      Stopwatch* watch = nullptr;
-      void onTaskRun() override {
-         const auto now = Clock::now();
-         watch->spent[notifier()->name()] +=
-             std::chrono::duration<double>(now - watch->last).count();
-         watch->last = now;
-      }
-   };
-   std::vector<std::unique_ptr<Reactor>> reactors;
-   void watch(Kiln::Task* task) {
-      auto r = std::make_unique<Reactor>();
-      r->watch = this;
-      r->notifierIs(task);
-      reactors.push_back(std::move(r));
-   }
-};
 
 } // namespace
 
@@ -90,24 +128,12 @@ int main(int argc, char** argv) {
    const uint32_t paths =
        argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
    const uint32_t keys = paths / 2;
-
-   std::vector<PolicyInputEntry> records;
-   records.reserve(paths);
-   for (uint32_t k = 0; k < keys; ++k) {
-      records.push_back(makeRecord(k, Protocol::bgp));
-      records.push_back(makeRecord(k, Protocol::staticConfig));
+   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50)};
+   if (keys == 0 || kSrlbBase + keys > Ipkit::MplsLabel::maxLabel) {
+      std::fprintf(stderr, "paths must be between 2 and %u\n",
+                   2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
+      return 2;
    }
-
-   // Floor: copy each record and insert its id into a plain hash map.
-   auto f0 = std::chrono::steady_clock::now();
-   {
-      std::unordered_map<PolicyId, PolicyInputEntry, Mox::Hash<PolicyId>> floor;
-      floor.reserve(paths);
-      for (const auto& r : records) floor.emplace(r.key(), r);
-      if (floor.size() != paths) std::fprintf(stderr, "floor lost records\n");
-   }
-   auto f1 = std::chrono::steady_clock::now();
-   const double floorSeconds = seconds(f0, f1);
 
    Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
    StandaloneRouter router;
@@ -115,43 +141,47 @@ int main(int argc, char** argv) {
    auto configured = policyInputFactory("static");
    router.input->policyInputIs(Protocol::bgp, bgp);
    router.input->policyInputIs(Protocol::staticConfig, configured);
-   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, std::max(65536u, keys)));
-   // Every pool label resolves, over 16 two-way ECMP adjacencies.
-   for (Mpls::AdjacencyIndex a = 1; a <= 16; ++a) {
-      auto via = [a](uint32_t v) {
-         return Mpls::Via(Ipkit::IpGenAddr::v4(0x0b000000u + 2 * a + v),
-                          Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 2 * a + v),
-                          Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(17000 + a));
-      };
-      router.mplsStatus->adjacencyIs(a, {via(0), via(1)});
-   }
-   for (uint32_t l = 0; l < kLabels; ++l) {
-      router.mplsStatus->lfibRouteIs(
-          Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(16000 + l)),
-                            Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
-                            Mpls::AdjacencyKey(1 + l % 16, Mpls::AdjacencyType::nexthop)));
-   }
+   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys));
    PolicyCore core(router.tables(scheduler));
    core.start();
    const auto& selection = core.published().policySelectionInput;
-   const auto& ecPolicy = core.published().ecPolicy;
-   Stopwatch stopwatch;
-   stopwatch.watch(core.policyInputSm()->task());
-   stopwatch.watch(core.segmentListSm()->task());
-   stopwatch.watch(core.policySelectionSm()->task());
 
-   for (const auto& r : records) {
-      (r.key().protocol == Protocol::bgp ? bgp : configured)->policyInputEntryIs(r);
+   // Filling the input tables: the protocols' work, timed apart.
+   auto w0 = std::chrono::steady_clock::now();
+   for (uint32_t k = 0; k < keys; ++k) {
+      bgp->policyInputEntryIs(makeRecord(pools, k, Protocol::bgp));
+      configured->policyInputEntryIs(makeRecord(pools, k, Protocol::staticConfig));
    }
-   records.clear();
-   records.shrink_to_fit();
-   const long before = residentBytes();
+   auto w1 = std::chrono::steady_clock::now();
 
+   // Floor, in the same run: copy each record out of its table, insert its id into a map.
+   auto f0 = std::chrono::steady_clock::now();
+   {
+      std::unordered_map<PolicyId, uint32_t, Mox::Hash<PolicyId>> floor;
+      floor.reserve(paths);
+      uint32_t n = 0;
+      for (const auto* table : {bgp.get(), configured.get()}) {
+         for (const PolicyInputEntry& r : table->policyInputEntry()) {
+            const PolicyInputEntry copy = r;
+            floor.emplace(copy.key(), n++);
+         }
+      }
+      if (floor.size() != paths) std::fprintf(stderr, "floor lost records\n");
+   }
+   auto f1 = std::chrono::steady_clock::now();
+   const double floorSeconds = seconds(f0, f1);
+
+   malloc_trim(0);
+   const long residentBefore = residentBytes();
+   const long liveBefore = gLiveBytes;
+   const size_t allocationsBefore = gAllocations;
    auto t0 = std::chrono::steady_clock::now();
-   stopwatch.last = t0;
    size_t runs = scheduler.runUntilIdle();
    auto t1 = std::chrono::steady_clock::now();
-   const long after = residentBytes();
+   const size_t allocations = gAllocations - allocationsBefore;
+   const long liveBytes = gLiveBytes - liveBefore;
+   malloc_trim(0);
+   const long residentAfter = residentBytes();
    const double runSeconds = seconds(t0, t1);
 
    if (selection->policyIdEntry().size() != paths) {
@@ -159,29 +189,31 @@ int main(int argc, char** argv) {
                    selection->policyIdEntry().size());
       return 1;
    }
-   size_t candidates = 0, active = 0;
-   for (const auto& [key, policy] : ecPolicy->policy()) {
-      candidates += policy->candidate().size();
-      active += policy->active() && policy->active()->wTunnelId().size() == 2;
-   }
-   if (ecPolicy->policy().size() != keys || candidates != paths || active != keys) {
-      std::fprintf(stderr, "EcPolicy not converged: %zu policies, %zu candidates, %zu active\n",
-                   ecPolicy->policy().size(), candidates, active);
-      return 1;
-   }
+
+   // Requeue: an SRLB change that leaves every binding SID inside requeues every record.
+   const size_t requeueAllocationsBefore = gAllocations;
+   auto r0 = std::chrono::steady_clock::now();
+   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys + 1));
+   scheduler.runUntilIdle();
+   auto r1 = std::chrono::steady_clock::now();
+   const size_t requeueAllocations = gAllocations - requeueAllocationsBefore;
+
    std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
    std::printf("distinct segment lists     %zu\n",
                core.entities().segListMap->segmentListUser().size());
    std::printf("task runs                  %zu\n", runs);
-   std::printf("input to converged EcPolicy %.3f s, %.0f paths/s\n", runSeconds,
-               paths / runSeconds);
-   for (const auto& [task, spent] : stopwatch.spent) {
-      std::printf("  %-24s %.3f s (%.0f%%)\n", task.c_str(), spent, 100 * spent / runSeconds);
-   }
-   std::printf("floor (copy + map insert)  %.3f s, %.0f paths/s\n", floorSeconds,
-               paths / floorSeconds);
+   std::printf("filling the input tables   %.3f s\n", seconds(w0, w1));
+   std::printf("input stage                %.3f s, %.2f us/path\n", runSeconds,
+               runSeconds * 1e6 / paths);
+   std::printf("floor (copy + map insert)  %.3f s, %.2f us/path\n", floorSeconds,
+               floorSeconds * 1e6 / paths);
    std::printf("ratio to floor             %.1f\n", runSeconds / floorSeconds);
-   std::printf("resident memory per path   %.0f bytes (input tables excluded)\n",
-               static_cast<double>(after - before) / paths);
+   std::printf("heap allocations per path  %.2f\n", static_cast<double>(allocations) / paths);
+   std::printf("live heap bytes per path   %.0f\n", static_cast<double>(liveBytes) / paths);
+   std::printf("resident bytes per path    %.0f (input tables excluded)\n",
+               static_cast<double>(residentAfter - residentBefore) / paths);
+   std::printf("requeue by SRLB change     %.3f s, %.2f us/path, %.2f allocations/path\n",
+               seconds(r0, r1), seconds(r0, r1) * 1e6 / paths,
+               static_cast<double>(requeueAllocations) / paths);
    return 0;
 }

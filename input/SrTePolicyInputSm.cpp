@@ -252,7 +252,7 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
       if (available != user->available()) {
          user->availableIs(available);
          for (const PolicyId& id : user->policyId()) {
-            if (!pendingPolicyId_.count(id)) markPending(id, false);
+            if (!pendingPolicyId_.count(PendingPolicyKey(id))) markPending(id, false);
          }
       }
    }
@@ -261,9 +261,12 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
 
 void PolicyInputSm::handleTaskRun() {
    if (!initialized_) return;
-   auto it = pendingPolicyId_.end();
-   if (!(pendingBookmark_ == PolicyId())) it = pendingPolicyId_.find(pendingBookmark_);
-   if (it == pendingPolicyId_.end()) it = pendingPolicyId_.begin();
+   // Resume where the last run stopped; what was queued behind the bookmark meanwhile waits for
+   // the next pass.
+   auto it = pendingPolicyId_.begin();
+   if (!(pendingBookmark_ == PolicyId())) {
+      it = pendingPolicyId_.lower_bound(PendingPolicyKey(pendingBookmark_));
+   }
    pendingBookmark_ = PolicyId();
 
    uint64_t count = 0;
@@ -271,18 +274,24 @@ void PolicyInputSm::handleTaskRun() {
    while (it != pendingPolicyId_.end()) {
       if (attrLogSm_->isAttrLogOutClogged()) {
          delay = true;
-         pendingBookmark_ = it->first;
+         pendingBookmark_ = it->first.id;
          break;
       }
-      const PolicyId id = it->first;
+      const PendingPolicyKey key = it->first;
       const bool policyChanged = it->second;
-      processPolicyEntry(id, policyChanged);
-      // Processing never queues ids, but look the id up again rather than trust the iterator.
-      it = pendingPolicyId_.find(id);
-      if (it != pendingPolicyId_.end()) it = pendingPolicyId_.erase(it);
+      const uint64_t queuedBefore = pendingQueued_;
+      processPolicyEntry(key.id, policyChanged);
+      if (pendingQueued_ == queuedBefore) {
+         it = pendingPolicyId_.erase(it); // nothing was queued: the iterator still stands
+      } else {
+         // Processing queued ids (it does not today): the tree may have moved, look again.
+         it = pendingPolicyId_.find(key);
+         it = it != pendingPolicyId_.end() ? pendingPolicyId_.erase(it)
+                                           : pendingPolicyId_.upper_bound(key);
+      }
       ++count;
       if (task_->taskShouldYield()) {
-         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first;
+         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first.id;
          break;
       }
    }
@@ -334,16 +343,8 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
    if (bsid.isNull()) {
       if (config_->specifiedBsidOnly()) reason = PolicyInvalidReason::bsidMissing;
    } else {
-      const uint32_t base = srlbConfigRangeBase();
-      const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
-      bool inside = false;
-      try {
-         inside = !(bsid < Ipkit::MplsLabel(base)) && !(Ipkit::MplsLabel(last) < bsid);
-      } catch (const Mox::RangeError& e) {
-         // An SRLB that reaches past the label space (or none at all) holds no usable label.
-         SRTE_TRACE_TO(tracer_, 3,
-                       "SRLB [" << base << ", " << last << "] cannot be formed: " << e.what());
-      }
+      const bool inside = srlbFormable_ && bsid.value() >= srlbConfigRangeBase() &&
+                          bsid.value() <= srlbConfigRangeBase() + srlbConfigRangeSize() - 1;
       if (!inside) {
          reason = PolicyInvalidReason::bsidOutOfRange;
       } else {
@@ -428,10 +429,11 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    entry->bindingSidIs(record.bindingSid());
 
    // Register the new lists before letting go of the old ones, so that a list the update keeps
-   // never leaves the dedup table in between.
-   std::vector<SegmentListId> previous;
+   // never leaves the dedup table in between. A path has at most 16 lists: fixed arrays, no
+   // allocation per path.
+   SegmentListIds previous;
    for (const auto& [index, wsl] : entry->wSegmentList()) previous.push_back(wsl.segmentListId);
-   std::vector<SegmentListId> current;
+   SegmentListIds current;
    const uint32_t count =
        std::min(record.segmentListCount(), PolicyInputEntry::segmentListCapacity);
    for (uint32_t i = 0; i < count; ++i) {
@@ -443,11 +445,14 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
       entry->wSegmentListIs(static_cast<uint8_t>(i),
                             WeightedSegmentListId(slot.weight, slId, slId.getTunnelId()));
    }
-   std::vector<uint8_t> surplus;
-   for (const auto& [index, wsl] : entry->wSegmentList()) {
-      if (index >= count) surplus.push_back(index);
+   // Slots past the new count go, lowest index first (rows are index-ordered).
+   for (;;) {
+      const auto& rows = entry->wSegmentList();
+      auto surplus = std::find_if(rows.begin(), rows.end(),
+                                  [count](const auto& row) { return row.first >= count; });
+      if (surplus == rows.end()) break;
+      entry->wSegmentListDel(surplus->first);
    }
-   for (uint8_t index : surplus) entry->wSegmentListDel(index);
    for (SegmentListId old : previous) {
       if (std::find(current.begin(), current.end(), old) == current.end()) {
          deregisterSegmentListForPolicy(old, id);
@@ -459,7 +464,7 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
 void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
    Mox::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(id);
    if (!entry) return;
-   std::vector<SegmentListId> lists;
+   SegmentListIds lists;
    for (const auto& [index, wsl] : entry->wSegmentList()) lists.push_back(wsl.segmentListId);
    for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, id);
    policySelectionInput_->policyIdEntryDel(id);
@@ -576,7 +581,8 @@ void PolicyInputSm::runCleanupJob() {
 // Queueing
 
 void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
-   auto [it, inserted] = pendingPolicyId_.try_emplace(id, policyChanged);
+   auto [it, inserted] = pendingPolicyId_.try_emplace(PendingPolicyKey(id), policyChanged);
+   pendingQueued_ += inserted;
    if (!inserted && policyChanged) it->second = true;
 }
 
@@ -595,6 +601,16 @@ void PolicyInputSm::scheduleIfPending() {
 void PolicyInputSm::readSrlbRange() {
    const Mpls::LabelRange* range = mplsConfig_->labelRange(Mpls::srlbRangeName);
    srlbConfigRange_ = range ? *range : Mpls::LabelRange(0, 0);
+   // Both bounds must be labels; an SRLB that reaches past the label space (or none at all, whose
+   // last label wraps) holds no usable label. Decided once here, not per candidate path.
+   const uint32_t base = srlbConfigRangeBase();
+   const uint32_t last = base + srlbConfigRangeSize() - 1; // wraps for an empty range
+   srlbFormable_ = base <= Ipkit::MplsLabel::luWithdraw && last <= Ipkit::MplsLabel::luWithdraw;
+   if (!srlbFormable_) {
+      SRTE_TRACE_TO(tracer_, 3,
+                    "SRLB [" << base << ", " << last
+                             << "] cannot be formed: " << Ipkit::MplsLabel::rangeMessage);
+   }
 }
 
 void PolicyInputSm::dump(std::string& out, int depth) const {

@@ -48,6 +48,7 @@
 #include <optional>
 #include <string>
 
+#include "absl/container/btree_map.h"
 #include "input/SrTePolicyKeyToIdMap.h"
 #include "platform/Kiln.h"
 #include "platform/Mox.h"
@@ -76,7 +77,7 @@ class BindingSidUser : public Mox::Entity {
    Ipkit::MplsLabel label() const noexcept { return label_; }
    bool available() const noexcept { return available_; }
    void availableIs(bool a) { attrIs(available_, a, &Notifiee::onAvailable); }
-   const Mox::HashSet<PolicyId>& policyId() const noexcept { return policyId_; }
+   const PolicyIdSet& policyId() const noexcept { return policyId_; }
    bool policyIdHas(const PolicyId& id) const { return policyId_.count(id) != 0; }
    void policyIdIs(const PolicyId& id) { setIs(policyId_, id, &Notifiee::onPolicyId); }
    void policyIdDel(const PolicyId& id) { collDel(policyId_, id, &Notifiee::onPolicyId); }
@@ -85,10 +86,25 @@ class BindingSidUser : public Mox::Entity {
  private:
    Ipkit::MplsLabel label_;
    bool available_ = false;
-   Mox::HashSet<PolicyId> policyId_;
+   PolicyIdSet policyId_;
 };
 
 // The system-log messages of unusable candidate paths.
+// The pending candidate paths, in hash order: ordered by the id's hash (then the id), so that the
+// order of a drain is a function of what is pending alone. Not a hash table: a flat table's order
+// also depends on its insertion history and, for Abseil's, on where its slots happen to live in
+// memory, and the processing order decides which segment list gets which id; every run of the same
+// inputs must give the same ids. A B-tree keeps members in nodes of several, so it allocates
+// rarely, and a bookmark is a position that stays meaningful across inserts and erases.
+struct PendingPolicyKey {
+   uint32_t hash;
+   PolicyId id;
+   explicit PendingPolicyKey(const PolicyId& p) : hash(p.hash()), id(p) {}
+   friend bool operator==(const PendingPolicyKey&, const PendingPolicyKey&) = default;
+   friend auto operator<=>(const PendingPolicyKey&, const PendingPolicyKey&) = default;
+};
+using PendingPolicyIdMap = absl::btree_map<PendingPolicyKey, bool>;
+
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE;
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_MISSING;
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION;
@@ -132,9 +148,7 @@ class PolicyInputSm : public Mox::RefCounted {
       return bsidUser_;
    }
    BindingSidUser* bsidUser(Ipkit::MplsLabel label) const;
-   const Mox::HashMap2018<PolicyId, bool>& pendingPolicyId() const noexcept {
-      return pendingPolicyId_;
-   }
+   const PendingPolicyIdMap& pendingPolicyId() const noexcept { return pendingPolicyId_; }
    const PolicyId& pendingBookmark() const noexcept { return pendingBookmark_; }
    bool cleanupPending() const noexcept { return cleanupPending_; }
    bool initialized() const noexcept { return initialized_; }
@@ -176,6 +190,7 @@ class PolicyInputSm : public Mox::RefCounted {
    bool isLabelAvailableInLfib(Ipkit::MplsLabel label) const;
 
    // Segment lists.
+   using SegmentListIds = absl::InlinedVector<SegmentListId, PolicyInputEntry::segmentListCapacity>;
    Mox::Ptr<SegmentList> createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
                                                 const PolicyId& id);
    void registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& segmentList, const PolicyId& id);
@@ -206,9 +221,11 @@ class PolicyInputSm : public Mox::RefCounted {
    Trace::Tracer* tracer_;
 
    Mpls::LabelRange srlbConfigRange_;
+   bool srlbFormable_ = false; // both SRLB bounds are labels
    Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
    Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
-   Mox::HashMap2018<PolicyId, bool> pendingPolicyId_;
+   PendingPolicyIdMap pendingPolicyId_;
+   uint64_t pendingQueued_ = 0; // ids ever queued: tells a drain whether its iterator still stands
    PolicyId pendingBookmark_;
    bool cleanupPending_ = false;
    bool initialized_ = false;

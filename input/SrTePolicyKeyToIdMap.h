@@ -20,7 +20,8 @@ struct PolicyCandidateInfo {
 
 class PolicyInfo : public Mox::Entity {
  public:
-   using Map = Mox::RbTreeMap<CandidateId, PolicyCandidateInfo>;
+   // One or two candidates per key as a rule: inline, in key order.
+   using Map = Mox::SmallMap<CandidateId, PolicyCandidateInfo>;
    class Notifiee : public Mox::NotifieeOf<PolicyInfo> {
     public:
       virtual void onCandidate(const CandidateId&) {}
@@ -59,10 +60,12 @@ class PolicyKeyToIdMap : public Mox::Entity {
    }
    // The entry of a key, created when absent.
    PolicyInfo* policyIs(const PolicyKey& key) {
-      if (PolicyInfo* p = policy(key)) return p;
-      auto info = Mox::make<PolicyInfo>(key);
-      collIs(policy_, key, info, &Notifiee::onPolicy);
-      return info.get();
+      auto [it, inserted] = policy_.try_emplace(key); // one lookup either way
+      if (!inserted) return it->second.get();
+      it->second = Mox::make<PolicyInfo>(key);
+      PolicyInfo* info = it->second.get(); // before notifying: reactors may grow the map
+      notify(&Notifiee::onPolicy, key);
+      return info;
    }
    void policyDel(const PolicyKey& key) { collDel(policy_, key, &Notifiee::onPolicy); }
    void policyDelAll() { collDelAll(policy_, &Notifiee::onPolicy); }

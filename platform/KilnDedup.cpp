@@ -2,6 +2,11 @@
 
 namespace Kiln {
 
+DedupHandle::~DedupHandle() {
+   // The table's own reference keeps a listed entry alive.
+   debugCheck(table_ == nullptr, "dedup entry destroyed while in its table");
+}
+
 void DedupHandle::onRefCountWatched() {
    if (table_) table_->remove(this);
 }
@@ -21,13 +26,17 @@ Mox::Ptr<DedupHandle> DedupHashTable::insert(const Mox::Ptr<DedupHandle>& candid
    candidate->cachedHash_ = candidate->hash();
    auto it = entries_.find(candidate.get());
    if (it != entries_.end()) return Mox::Ptr<DedupHandle>(*it);
-   const uint32_t userRefs = candidate->refCount();
    candidate->ref();
    candidate->table_ = this;
    entries_.insert(candidate.get());
    if (notifiee_) notifiee_->handleInsert(candidate);
-   // From now on the entry leaves when only the table's and the notifiee's references remain.
-   candidate->refCountWatchIs(candidate->refCount() - userRefs);
+   // The mark is what the bookkeeping holds, not the count seen now: a reactor may have kept a
+   // reference from the insert notification, and that one must not pass for the table's. The
+   // mark is set only now so that a reactor's passing reference inside handleInsert cannot fire
+   // it before the notifier exists.
+   const uint32_t mark = 1 + (notifiee_ ? notifiee_->referencesKeptPerEntry() : 0);
+   debugCheck(candidate->refCount() > mark, "new dedup entry held by no user");
+   candidate->refCountWatchIs(mark);
    return candidate;
 }
 
@@ -35,6 +44,12 @@ Mox::Ptr<DedupHandle> DedupHashTable::lookup(const DedupHandle& probe) const {
    auto& p = const_cast<DedupHandle&>(probe);
    p.cachedHash_ = p.hash();
    auto it = entries_.find(&p);
+   if (it == entries_.end()) return nullptr;
+   return Mox::Ptr<DedupHandle>(*it);
+}
+
+Mox::Ptr<DedupHandle> DedupHashTable::lookup(const DedupProbe& probe) const {
+   auto it = entries_.find(probe);
    if (it == entries_.end()) return nullptr;
    return Mox::Ptr<DedupHandle>(*it);
 }

@@ -2,14 +2,20 @@
 // the canonical instance of that content (the candidate itself when the content is new); the
 // table's lifetime notifiee hears of every entry that enters (handleInsert, before insert returns)
 // and leaves (handleRemove). An entry leaves at the moment only the references held by the table's
-// own bookkeeping remain (the table's, plus whatever the notifiee took in handleInsert), that is,
-// synchronously inside the release of its last user reference. A removed entry never re-enters:
-// the same content inserted later gets a fresh canonical instance.
+// own bookkeeping remain, that is, synchronously inside the release of the last other reference.
+// The bookkeeping is a fixed number per entry: the table's own reference plus the ones the notifiee
+// declares it keeps (referencesKeptPerEntry). Anything else that holds an entry, a user or a
+// reactor that kept it from the insert notification and lets go later, keeps it listed; so an
+// entry never leaves while a user holds it, whatever order the holders release in. A removed entry
+// never re-enters: the same content inserted later gets a fresh canonical instance.
+//
+// Checked in debug builds: a listed entry's count never falls below its mark, and an entry is never
+// destroyed while listed.
 #pragma once
 
 #include <cstdint>
-#include <unordered_set>
 
+#include "absl/container/flat_hash_set.h"
 #include "platform/Mox.h"
 
 namespace Kiln {
@@ -19,6 +25,7 @@ class DedupHashTable;
 // Base of every deduplicated object: its content decides equality and hash.
 class DedupHandle : public Mox::Entity {
  public:
+   ~DedupHandle() override;
    virtual bool compare(const DedupHandle& other) const = 0;
    virtual uint32_t hash() const = 0;
    bool isInDedupTable() const noexcept { return table_ != nullptr; }
@@ -38,9 +45,19 @@ class DedupHandle : public Mox::Entity {
 class DedupHashTableLifeTimeNotifiee {
  public:
    virtual ~DedupHashTableLifeTimeNotifiee() = default;
+   // The references handleInsert keeps on each entry until handleRemove, whatever reactors do.
+   virtual uint32_t referencesKeptPerEntry() const noexcept = 0;
    virtual void handleInsert(const Mox::Ptr<DedupHandle>& handle) = 0;
    virtual void handleRemove(DedupHandle* rawHandle) = 0;
    virtual void handleNotificationStop(DedupHashTable& table) = 0;
+};
+
+// A content to look for without building a candidate: the hash its entry would have, and a test
+// of a listed entry against it.
+struct DedupProbe {
+   uint32_t hash;
+   const void* content;
+   bool (*matches)(const void* content, const DedupHandle& entry);
 };
 
 class DedupHashTable : public Mox::RefCounted {
@@ -52,6 +69,8 @@ class DedupHashTable : public Mox::RefCounted {
    Mox::Ptr<DedupHandle> insert(const Mox::Ptr<DedupHandle>& candidate);
    // The canonical entry equal to `probe`, or null; never inserts. The probe may live on the stack.
    Mox::Ptr<DedupHandle> lookup(const DedupHandle& probe) const;
+   // The same by a probe; one lookup, nothing built.
+   Mox::Ptr<DedupHandle> lookup(const DedupProbe& probe) const;
 
    void lifeTimeNotifieeIs(DedupHashTableLifeTimeNotifiee* n) noexcept { notifiee_ = n; }
    DedupHashTableLifeTimeNotifiee* lifeTimeNotifiee() const noexcept { return notifiee_; }
@@ -71,16 +90,28 @@ class DedupHashTable : public Mox::RefCounted {
    void detachAll();
 
    struct HashOf {
-      size_t operator()(const DedupHandle* h) const noexcept { return h->cachedHash_; }
+      using is_transparent = void;
+      size_t operator()(const DedupHandle* h) const noexcept {
+         return Mox::spreadHash(h->cachedHash_);
+      }
+      size_t operator()(const DedupProbe& p) const noexcept { return Mox::spreadHash(p.hash); }
    };
    struct SameContent {
+      using is_transparent = void;
       bool operator()(const DedupHandle* a, const DedupHandle* b) const {
          return a == b || a->compare(*b);
       }
+      bool operator()(const DedupProbe& p, const DedupHandle* h) const {
+         return p.matches(p.content, *h);
+      }
+      bool operator()(const DedupHandle* h, const DedupProbe& p) const {
+         return p.matches(p.content, *h);
+      }
    };
    // The table holds one reference on each entry (taken by hand: the set keys are raw pointers
-   // so that a stack probe can be looked up).
-   std::unordered_set<DedupHandle*, HashOf, SameContent> entries_;
+   // so that a stack probe can be looked up). Entries are pointers, so nothing moves that a user
+   // sees when the table grows.
+   absl::flat_hash_set<DedupHandle*, HashOf, SameContent> entries_;
    DedupHashTableLifeTimeNotifiee* notifiee_ = nullptr;
 };
 

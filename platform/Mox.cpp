@@ -1,9 +1,15 @@
 #include "platform/Mox.h"
 
+#include "platform/Assert.h"
+
 #include <algorithm>
 #include <cstdio>
 
 namespace Mox {
+
+void RefCounted::refCountCheckFailed(const char* text) noexcept {
+   assertionFailed(text, __FILE__, __LINE__);
+}
 
 NotifieeBase::~NotifieeBase() { bind(nullptr); }
 

@@ -46,20 +46,23 @@
 //    object is still deleted when the count reaches zero.
 #pragma once
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "absl/container/flat_hash_map.h"
+#include "absl/container/flat_hash_set.h"
+#include "absl/container/inlined_vector.h"
 #include "platform/Assert.h"
 
 namespace Mox {
@@ -91,13 +94,27 @@ class RefCounted {
             delete this;
          } else if (refs_ == watchAt_) {
             const_cast<RefCounted*>(this)->onRefCountWatched();
+         } else {
+            // Between zero and the mark: someone released a reference the watcher counts as its
+            // own, so the watcher will never hear that its entry is free.
+            debugCheck(false, "reference count fell below its watch mark");
          }
       }
    }
 
  protected:
    RefCounted() = default;
-   virtual ~RefCounted() = default;
+   virtual ~RefCounted() {
+      // A holder still points here: the object was destroyed by hand, not by its last release.
+      debugCheck(refs_ == 0, "object destroyed while referenced");
+   }
+   // Checks that cost nothing in release builds.
+   static void debugCheck([[maybe_unused]] bool ok, [[maybe_unused]] const char* text) noexcept {
+#ifndef NDEBUG
+      if (!ok) refCountCheckFailed(text);
+#endif
+   }
+   [[noreturn]] static void refCountCheckFailed(const char* text) noexcept;
    // When the count falls to `count` (non-zero), onRefCountWatched() runs. A dedup table sets it to
    // the number of references its own bookkeeping holds.
    void refCountWatchIs(uint32_t count) noexcept { watchAt_ = count; }
@@ -153,26 +170,37 @@ Ptr<T> ptrCast(const Ptr<U>& p) {
 
 // ---------------------------------------------------------------------------------------------
 // Hashing for keyed collections: a key offers `uint32_t hash() const`, or std::hash applies.
+//
+// The flat tables below take a slot from the hash's high bits and a 7-bit tag from its low bits,
+// and do not mix it again: a key's hash is spread over the whole word here, so that small integers
+// and aligned pointers (whose std::hash is the value itself) do not pile up in a few groups.
 
 template <class K>
 concept HasHashMember = requires(const K& k) {
    k.hash();
 };
 
+inline size_t spreadHash(uint64_t h) noexcept {
+   h *= 0x9e3779b97f4a7c15ull;
+   return static_cast<size_t>(h ^ (h >> 32));
+}
+
 template <class K>
 struct Hash {
    size_t operator()(const K& k) const noexcept {
       if constexpr (HasHashMember<K>) {
-         return k.hash();
+         return spreadHash(k.hash());
       } else {
-         return std::hash<K>{}(k);
+         return spreadHash(std::hash<K>{}(k));
       }
    }
 };
 
 template <class K>
 struct Hash<Ptr<K>> {
-   size_t operator()(const Ptr<K>& k) const noexcept { return std::hash<const void*>{}(k.get()); }
+   size_t operator()(const Ptr<K>& k) const noexcept {
+      return spreadHash(reinterpret_cast<uintptr_t>(k.get()));
+   }
 };
 
 // Murmur3's finaliser: a good 32-bit mix for combining field hashes.
@@ -189,12 +217,193 @@ inline uint32_t hashCombine(uint32_t seed, uint32_t v) noexcept {
 }
 
 // Hash-ordered (iteration order unspecified) and key-ordered collections.
+//
+// The hash-ordered ones are Abseil's open-addressing tables: one probe of a contiguous group per
+// lookup instead of a chain of separately allocated nodes, no allocation per member, and a
+// library that large programs rely on and keep tuned; it is already the core's one dependency,
+// packaged by Debian, where Boost's flat tables would bring a second. What they do not give,
+// unlike node-based tables:
+//  - a member does not stay where it is when the table grows (an insert may move every member,
+//    so pointers and references into the table are good only until the next insert); values that
+//    must keep their address are held by Ptr (most are: the value is an entity);
+//  - erase(iterator) returns nothing (other members stay where they are);
+//  - iteration order depends on where the table's slots happen to be allocated, so it differs
+//    between two tables of the same members and from run to run. Nothing whose outcome is
+//    visible may follow it: the input stage drains its pending ids from a B-tree in hash order,
+//    dumps and shows sort their rows.
 template <class K, class V>
-using HashMap2018 = std::unordered_map<K, V, Hash<K>>;
+using HashMap2018 = absl::flat_hash_map<K, V, Hash<K>>;
 template <class K>
-using HashSet = std::unordered_set<K, Hash<K>>;
+using HashSet = absl::flat_hash_set<K, Hash<K>>;
 template <class K, class V>
 using RbTreeMap = std::map<K, V>;
+
+// A set that is usually one or two members (the candidate paths naming one binding SID or one
+// segment list): up to `Inline` members live inline and are searched linearly, so the common case
+// has no table and no allocation; past that the members move to a flat table, so a list that a
+// thousand paths share does not cost a linear search per change. Iteration order is unspecified.
+template <class K, size_t Inline = 2, size_t Linear = 8>
+class SmallSet {
+   using Vec = absl::InlinedVector<K, Inline>;
+   using Big = absl::flat_hash_set<K, Hash<K>>;
+
+ public:
+   using key_type = K;
+   using value_type = K;
+
+   class const_iterator {
+    public:
+      using value_type = K;
+      using difference_type = std::ptrdiff_t;
+      using reference = const K&;
+      using pointer = const K*;
+      using iterator_category = std::forward_iterator_tag;
+      const_iterator() = default;
+      const K& operator*() const noexcept { return small_ ? *small_ : *big_; }
+      const K* operator->() const noexcept { return &**this; }
+      const_iterator& operator++() noexcept {
+         if (small_) {
+            ++small_;
+         } else {
+            ++big_;
+         }
+         return *this;
+      }
+      const_iterator operator++(int) noexcept {
+         auto old = *this;
+         ++*this;
+         return old;
+      }
+      friend bool operator==(const const_iterator& a, const const_iterator& b) noexcept {
+         return a.small_ == b.small_ && (a.small_ || a.big_ == b.big_);
+      }
+
+    private:
+      friend class SmallSet;
+      explicit const_iterator(const K* p) : small_(p) {}
+      explicit const_iterator(typename Big::const_iterator it) : big_(it) {}
+      const K* small_ = nullptr;
+      typename Big::const_iterator big_{};
+   };
+   using iterator = const_iterator;
+
+   SmallSet() = default;
+   SmallSet(const SmallSet& o) : small_(o.small_) {
+      if (o.big_) big_ = std::make_unique<Big>(*o.big_);
+   }
+   SmallSet(SmallSet&&) noexcept = default;
+   SmallSet& operator=(SmallSet o) noexcept {
+      small_.swap(o.small_);
+      big_.swap(o.big_);
+      return *this;
+   }
+
+   const_iterator begin() const noexcept {
+      return big_ ? const_iterator(big_->begin()) : const_iterator(small_.data());
+   }
+   const_iterator end() const noexcept {
+      return big_ ? const_iterator(big_->end()) : const_iterator(small_.data() + small_.size());
+   }
+   size_t size() const noexcept { return big_ ? big_->size() : small_.size(); }
+   bool empty() const noexcept { return size() == 0; }
+   const_iterator find(const K& k) const {
+      if (big_) return const_iterator(big_->find(k));
+      return const_iterator(std::find(small_.begin(), small_.end(), k));
+   }
+   size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
+   bool contains(const K& k) const { return find(k) != end(); }
+   std::pair<const_iterator, bool> insert(const K& k) {
+      if (big_) {
+         auto [it, inserted] = big_->insert(k);
+         return {const_iterator(it), inserted};
+      }
+      auto it = std::find(small_.begin(), small_.end(), k);
+      if (it != small_.end()) return {const_iterator(&*it), false};
+      if (small_.size() < Linear) {
+         small_.push_back(k);
+         return {const_iterator(&small_.back()), true};
+      }
+      big_ = std::make_unique<Big>();
+      big_->reserve(small_.size() + 1);
+      for (auto& m : small_) big_->insert(std::move(m));
+      small_.clear();
+      small_.shrink_to_fit();
+      return insert(k);
+   }
+   void erase(const_iterator it) {
+      if (big_) {
+         big_->erase(it.big_);
+         if (big_->empty()) big_.reset();
+         return;
+      }
+      auto pos = small_.begin() + (it.small_ - small_.data());
+      if (pos != small_.end() - 1) *pos = std::move(small_.back());
+      small_.pop_back();
+   }
+   size_t erase(const K& k) {
+      auto it = find(k);
+      if (it == end()) return 0;
+      erase(it);
+      return 1;
+   }
+   void clear() noexcept {
+      small_.clear();
+      big_.reset();
+   }
+
+ private:
+   Vec small_;
+   std::unique_ptr<Big> big_;
+};
+
+// A key-ordered map that is usually a member or two (the candidates of one policy key): kept
+// sorted in one inline block, so the common case allocates nothing. Insert and erase move the
+// members behind: meant for a handful, not for thousands.
+template <class K, class V, size_t Inline = 2>
+class SmallMap {
+ public:
+   using key_type = K;
+   using mapped_type = V;
+   using value_type = std::pair<K, V>;
+   using Vec = absl::InlinedVector<value_type, Inline>;
+   using iterator = typename Vec::iterator;
+   using const_iterator = typename Vec::const_iterator;
+
+   iterator begin() noexcept { return items_.begin(); }
+   iterator end() noexcept { return items_.end(); }
+   const_iterator begin() const noexcept { return items_.begin(); }
+   const_iterator end() const noexcept { return items_.end(); }
+   size_t size() const noexcept { return items_.size(); }
+   bool empty() const noexcept { return items_.empty(); }
+   iterator find(const K& k) {
+      auto it = lowerBound(k);
+      return it != items_.end() && it->first == k ? it : items_.end();
+   }
+   const_iterator find(const K& k) const { return const_cast<SmallMap*>(this)->find(k); }
+   size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
+   bool contains(const K& k) const { return find(k) != end(); }
+   template <class A>
+   std::pair<iterator, bool> try_emplace(const K& k, A&& v) {
+      auto it = lowerBound(k);
+      if (it != items_.end() && it->first == k) return {it, false};
+      return {items_.emplace(it, k, std::forward<A>(v)), true};
+   }
+   iterator erase(const_iterator it) { return items_.erase(it); }
+   size_t erase(const K& k) {
+      auto it = find(k);
+      if (it == items_.end()) return 0;
+      items_.erase(it);
+      return 1;
+   }
+   void clear() noexcept { items_.clear(); }
+
+ private:
+   iterator lowerBound(const K& k) {
+      return std::lower_bound(items_.begin(), items_.end(), k,
+                              [](const value_type& a, const K& b) { return a.first < b; });
+   }
+   Vec items_;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Entities and reactors
@@ -314,10 +523,21 @@ class Entity : public RefCounted {
    }
    template <class M, class K, class N>
    void collDelAll(M& map, void (N::*handler)(const K&)) {
+      // The keys are taken first: a flat table's begin() scans from its first slot, so erasing
+      // at begin() one member at a time would cost the square of the size. Reactors may add
+      // members meanwhile: go round until none is left.
+      std::vector<typename M::key_type> keys;
       while (!map.empty()) {
-         auto keep = std::move(*map.begin());
-         map.erase(map.begin());
-         notify(handler, keyOf(keep));
+         keys.clear();
+         keys.reserve(map.size());
+         for (const auto& kv : map) keys.push_back(keyOf(kv));
+         for (const auto& k : keys) {
+            auto it = map.find(k);
+            if (it == map.end()) continue;
+            auto keep = std::move(*it);
+            map.erase(it);
+            notify(handler, keyOf(keep));
+         }
       }
    }
 

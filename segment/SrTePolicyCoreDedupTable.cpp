@@ -55,18 +55,14 @@ Mox::Ptr<SegmentMplsLabel> CoreDedupTables::dedupSegment(Ipkit::MplsLabel label)
 }
 
 Mox::Ptr<SegmentList> CoreDedupTables::dedupSegmentList(const Ipkit::MplsLabelOperation& stack) {
-   // Look up with a probe on the stack first: most lists of a large input already exist.
-   SegmentList probe;
+   // Most lists of a large input already exist: find them by their labels in one lookup, and
+   // make segments canonical only for a list that is new.
    const uint32_t n = std::min(stack.stackSize(), SegmentList::maxSegments);
-   for (uint32_t i = 0; i < n; ++i) {
-      Ipkit::MplsStackEntryIndex index(i);
-      probe.segmentIs(index, dedupSegment(stack.label(index)));
-   }
-   if (auto found = segListDedupTablePtr_->lookup(probe)) return found;
+   if (auto found = segListDedupTablePtr_->lookupByLabels(stack, n)) return found;
    auto candidate = Mox::make<SegmentList>();
    for (uint32_t i = 0; i < n; ++i) {
       Ipkit::MplsStackEntryIndex index(i);
-      candidate->segmentIs(index, Mox::Ptr<const SegmentBase>(probe.segment(index)));
+      candidate->segmentIs(index, dedupSegment(stack.label(index)));
    }
    return candidate->dedup(*segListDedupTablePtr_);
 }

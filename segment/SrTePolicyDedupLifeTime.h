@@ -31,6 +31,9 @@ class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
 
    Collection* collection() const noexcept { return collection_.get(); }
 
+   // The lifetime notifier's handle.
+   uint32_t referencesKeptPerEntry() const noexcept override { return 1; }
+
    void handleInsert(const Mox::Ptr<Kiln::DedupHandle>& handle) override {
       SRTE_TRACE(8, "handleInsert");
       Item* item = Traits::item(handle.get());

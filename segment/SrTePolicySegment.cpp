@@ -40,7 +40,9 @@ bool SegmentMplsLabel::segmentCompare(const SegmentBase& other) const {
    return static_cast<const SegmentMplsLabel&>(other).label_ == label_;
 }
 
-uint32_t SegmentMplsLabel::hash() const {
+uint32_t SegmentMplsLabel::hash() const { return contentHash(type(), label_); }
+
+uint32_t SegmentMplsLabel::contentHash(SegmentType type, Ipkit::MplsLabel label) noexcept {
    uint32_t h = 0;
    auto mixIn = [&h](uint32_t word) {
       for (int i = 0; i < 4; ++i) {
@@ -49,8 +51,8 @@ uint32_t SegmentMplsLabel::hash() const {
          h ^= h >> 6;
       }
    };
-   mixIn(static_cast<uint32_t>(type()));
-   mixIn(label_.value());
+   mixIn(static_cast<uint32_t>(type));
+   mixIn(label.value());
    h += h << 3;
    h ^= h >> 11;
    h += h << 15;
@@ -72,7 +74,15 @@ void NotifyingSegmentCollection::dump(std::string& out, int depth) const {
 }
 
 Mox::Ptr<SegmentMplsLabel> SegmentDedupTable::lookupByLabel(Ipkit::MplsLabel label) const {
-   return lookup(SegmentMplsLabel(SegmentType::mplsLabel, label));
+   Kiln::DedupProbe probe{SegmentMplsLabel::contentHash(SegmentType::mplsLabel, label), &label,
+                          [](const void* content, const Kiln::DedupHandle& entry) {
+                             const auto& s = *SegmentBase::fromDedupHandle(&entry);
+                             return s.type() == SegmentType::mplsLabel &&
+                                    static_cast<const SegmentMplsLabel&>(s).label() ==
+                                        *static_cast<const Ipkit::MplsLabel*>(content);
+                          }};
+   auto found = dedupTable().lookup(probe);
+   return Mox::Ptr<SegmentMplsLabel>(static_cast<SegmentMplsLabel*>(found.get()));
 }
 
 void SegmentDedupTable::dump(std::string& out, int depth) const {

@@ -88,6 +88,8 @@ class SegmentMplsLabel : public SegmentBase {
    bool segmentCompare(const SegmentBase& other) const override;
    // One-at-a-time hash over the type's 4 bytes then the label's, least significant byte first.
    uint32_t hash() const override;
+   // The same, from the content alone.
+   static uint32_t contentHash(SegmentType type, Ipkit::MplsLabel label) noexcept;
    std::string stringValue() const override;
    Mox::Ptr<const SegmentResolveResult>
    resolveSegment(const SegmentResolver& resolver) const override;

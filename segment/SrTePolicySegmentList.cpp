@@ -6,6 +6,10 @@ namespace SrTePolicy {
 
 void SegmentList::segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const SegmentBase> segment) {
    segment_[index.value] = std::move(segment);
+   const SegmentBase* s = segment_[index.value].get();
+   label_[index.value] = s && s->type() == SegmentType::mplsLabel
+                             ? static_cast<const SegmentMplsLabel*>(s)->label().value()
+                             : noLabel;
    if (index.value >= size_) size_ = static_cast<uint8_t>(index.value + 1);
    notify(&Notifiee::onSegment, index.value);
 }
@@ -13,6 +17,7 @@ void SegmentList::segmentIs(Ipkit::MplsStackEntryIndex index, Mox::Ptr<const Seg
 void SegmentList::segmentDel(Ipkit::MplsStackEntryIndex index) {
    if (index.value >= size_) return;
    segment_[index.value].reset();
+   label_[index.value] = noLabel;
    while (size_ > 0 && !segment_[size_ - 1]) --size_;
    notify(&Notifiee::onSegment, index.value);
 }
@@ -53,13 +58,43 @@ bool SegmentList::compare(const Kiln::DedupHandle& other) const {
 }
 
 uint32_t SegmentList::hash() const {
-   // Segments are canonical: the hash they got on entering their table stands for their content.
+   // Over the labels: equal lists hold the same segments, hence the same labels, and a lookup by
+   // a label stack can compute the same value without making any segment canonical.
    uint32_t h = Mox::mix32(size_);
-   for (uint32_t i = 0; i < size_; ++i) {
-      const SegmentBase* s = segment_[i].get();
-      h = Mox::hashCombine(h, s ? s->dedupHash() : 0);
+   for (uint32_t i = 0; i < size_; ++i) h = Mox::hashCombine(h, label_[i]);
+   return h;
+}
+
+uint32_t SegmentList::contentHash(const Ipkit::MplsLabelOperation& stack, uint32_t n) noexcept {
+   uint32_t h = Mox::mix32(n);
+   for (uint32_t i = 0; i < n; ++i) {
+      h = Mox::hashCombine(h, stack.label(Ipkit::MplsStackEntryIndex(i)).value());
    }
    return h;
+}
+
+bool SegmentList::holdsLabels(const Ipkit::MplsLabelOperation& stack, uint32_t n) const noexcept {
+   if (size_ != n) return false;
+   for (uint32_t i = 0; i < n; ++i) {
+      if (label_[i] != stack.label(Ipkit::MplsStackEntryIndex(i)).value()) return false;
+   }
+   return true;
+}
+
+Mox::Ptr<SegmentList> SegmentListDedupTable::lookupByLabels(const Ipkit::MplsLabelOperation& stack,
+                                                            uint32_t n) const {
+   struct Content {
+      const Ipkit::MplsLabelOperation& stack;
+      uint32_t n;
+   } content{stack, n};
+   Kiln::DedupProbe probe{SegmentList::contentHash(stack, n), &content,
+                          [](const void* c, const Kiln::DedupHandle& entry) {
+                             const auto& want = *static_cast<const Content*>(c);
+                             return static_cast<const SegmentList&>(entry).holdsLabels(want.stack,
+                                                                                       want.n);
+                          }};
+   auto found = dedupTable().lookup(probe);
+   return Mox::Ptr<SegmentList>(static_cast<SegmentList*>(found.get()));
 }
 
 Mox::Ptr<SegmentList> SegmentList::dedup(SegmentListDedupTable& table) {

@@ -34,6 +34,9 @@ namespace SrTePolicy {
 class SegmentListLifeTimeNotifier;
 class SegmentListDedupTable;
 
+// The candidate paths that use one thing (a segment list, a binding SID): one or two as a rule.
+using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 4>;
+
 class SegmentList : public Kiln::DedupHandle {
  public:
    static constexpr uint32_t maxSegments = Ipkit::MplsLabelOperation::capacity;
@@ -68,6 +71,10 @@ class SegmentList : public Kiln::DedupHandle {
    bool segmentListCompare(const SegmentList& other) const noexcept;
    bool compare(const Kiln::DedupHandle& other) const override;
    uint32_t hash() const override;
+   // The hash of a list of the first `n` labels of a stack, from the labels alone.
+   static uint32_t contentHash(const Ipkit::MplsLabelOperation& stack, uint32_t n) noexcept;
+   // Whether this list holds exactly the first `n` labels of a stack, in order.
+   bool holdsLabels(const Ipkit::MplsLabelOperation& stack, uint32_t n) const noexcept;
    Mox::Ptr<SegmentList> dedup(SegmentListDedupTable& table);
 
    static SegmentList* fromDedupHandleNonConst(Kiln::DedupHandle* h) {
@@ -81,6 +88,15 @@ class SegmentList : public Kiln::DedupHandle {
  private:
    friend struct SegmentListDedupTraits;
    std::array<Mox::Ptr<const SegmentBase>, maxSegments> segment_;
+   // The label of each entry (noLabel where there is none), beside the segments, so that finding a
+   // list by its labels does not visit every segment it holds.
+   static constexpr uint32_t noLabel = ~0u;
+   std::array<uint32_t, maxSegments> label_ = filledLabels();
+   static constexpr std::array<uint32_t, maxSegments> filledLabels() {
+      std::array<uint32_t, maxSegments> a{};
+      a.fill(noLabel);
+      return a;
+   }
    uint8_t size_ = 0;
    SegmentListId segmentListId_;
    Mox::Ptr<SegmentListLifeTimeNotifier> segmentListLifeTimeNotifier_;
@@ -163,6 +179,8 @@ class SegmentListLifeTimeNotifiee : public DedupLifeTimeNotifiee<SegmentListDedu
 class SegmentListDedupTable : public DedupTableOf<SegmentListLifeTimeNotifiee, SegmentList> {
  public:
    using DedupTableOf::DedupTableOf;
+   // The canonical list of the first `n` labels of a stack, or null: one lookup, nothing built.
+   Mox::Ptr<SegmentList> lookupByLabels(const Ipkit::MplsLabelOperation& stack, uint32_t n) const;
    void dump(std::string& out, int depth) const;
 };
 
@@ -222,7 +240,7 @@ class SegmentListUser : public Mox::Entity {
 
    SegmentListId id() const noexcept { return id_; }
    const SegmentList* segmentList() const noexcept { return segmentList_.get(); }
-   const Mox::HashSet<PolicyId>& policyId() const noexcept { return policyId_; }
+   const PolicyIdSet& policyId() const noexcept { return policyId_; }
    bool policyIdHas(const PolicyId& p) const { return policyId_.count(p) != 0; }
    void policyIdIs(const PolicyId& p) { setIs(policyId_, p, &Notifiee::onPolicyId); }
    void policyIdDel(const PolicyId& p) { collDel(policyId_, p, &Notifiee::onPolicyId); }
@@ -232,7 +250,7 @@ class SegmentListUser : public Mox::Entity {
  private:
    SegmentListId id_;
    Mox::Ptr<const SegmentList> segmentList_;
-   Mox::HashSet<PolicyId> policyId_;
+   PolicyIdSet policyId_;
 };
 
 class SegmentListIdToPolicyMap : public Mox::Entity {

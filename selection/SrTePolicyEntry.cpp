@@ -194,14 +194,15 @@ Mox::Ptr<PolicyIdEntry> PolicySelectionInput::policyIdEntry(const PolicyId& id) 
 Mox::Ptr<PolicyIdEntry> PolicySelectionInput::policyIdEntryIs(const PolicyId& id,
                                                               Preference preference,
                                                               const Originator& originator) {
-   if (auto it = policyIdEntry_.find(id); it != policyIdEntry_.end()) {
+   auto [it, inserted] = policyIdEntry_.try_emplace(id); // one lookup either way
+   if (!inserted) {
       Mox::Ptr<PolicyIdEntry> entry = it->second;
       entry->preferenceIs(preference);
       entry->originatorIs(originator);
       return entry;
    }
    auto entry = Mox::make<PolicyIdEntry>(id, preference, originator);
-   policyIdEntry_.emplace(id, entry);
+   it->second = entry;
    notify(&Notifiee::onPolicyIdEntry, id);
    return entry;
 }

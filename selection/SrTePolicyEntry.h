@@ -33,7 +33,7 @@ namespace SrTePolicy {
 
 // ---------------------------------------------------------------------------------------------
 // Rows keyed by a small index (segment-list slots of one candidate path), kept sorted in one
-// contiguous block: a path has at most 16 of them, so one allocation beats a node per row. The
+// contiguous block: a path has at most 16 of them, so one block beats a node per row. The
 // interface is the subset of a map that the entity collection helpers and readers use. Rows are
 // plain values, so removing one needs no keep-alive: `erase(key)` serves the `...Del` setters.
 template <class V>
@@ -42,8 +42,8 @@ class IndexedRows {
    using key_type = uint8_t;
    using mapped_type = V;
    using value_type = std::pair<uint8_t, V>;
-   using iterator = typename std::vector<value_type>::iterator;
-   using const_iterator = typename std::vector<value_type>::const_iterator;
+   using iterator = typename absl::InlinedVector<value_type, 2>::iterator;
+   using const_iterator = typename absl::InlinedVector<value_type, 2>::const_iterator;
 
    iterator begin() noexcept { return rows_.begin(); }
    iterator end() noexcept { return rows_.end(); }
@@ -79,7 +79,8 @@ class IndexedRows {
       while (it != rows_.end() && it->first < k) ++it; // 16 rows at most: a scan is fastest
       return it;
    }
-   std::vector<value_type> rows_;
+   // Most paths have one or two segment lists: those need no allocation.
+   absl::InlinedVector<value_type, 2> rows_;
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+
 #include "core/SrTePolicyCore.h"
 #include "input/SrTePolicyInputSm.h"
 
@@ -222,6 +225,10 @@ TEST_F(InputStage, SrlbChangeRequeuesEveryRecordAndOtherRangesDoNothing) {
    mplsConfig->labelRangeDel("srlb");
    scheduler.runUntilIdle();
    EXPECT_EQ(reason(a), PolicyInvalidReason::bsidOutOfRange);
+   // Nor does one whose first label is one but whose last is past the label space.
+   mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 8000000));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(reason(a), PolicyInvalidReason::bsidOutOfRange);
    mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
    scheduler.runUntilIdle();
    EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
@@ -322,6 +329,28 @@ TEST(InputStageYield, YieldEveryKeyConvergesToSameResult) {
    EXPECT_EQ(sliced.outputs(), expected);
    EXPECT_GT(sliced.sm()->task()->runCount(), 100u); // it really ran one key per slice
    EXPECT_EQ(sliced.syslog().records().size(), messages);
+}
+
+TEST(InputStageOrder, SegmentListIdsDependOnTheInputsNotOnTheOrderTheyArrived) {
+   // Ids are issued in processing order; two agents given the same records in opposite orders,
+   // with their tables at different addresses, must still number every list alike.
+   auto load = [](Env& env, bool reversed) {
+      std::vector<PolicyInputEntry> records;
+      for (uint32_t i = 0; i < 200; ++i) {
+         records.push_back(Env::record(Env::id(Protocol::bgp, "10.0.0.1", i, 1), 900000 + i,
+                                       {{16000 + i % 13, 16100 + i % 7}, {17000 + i % 11}}));
+      }
+      if (reversed) std::reverse(records.begin(), records.end());
+      for (const auto& r : records) env.put(r);
+      env.scheduler.runUntilIdle();
+   };
+   Env forward;
+   load(forward, false);
+   auto ballast = std::make_unique<Env>(); // moves the second agent's tables elsewhere
+   Env backward;
+   load(backward, true);
+   EXPECT_EQ(backward.outputs(), forward.outputs());
+   EXPECT_EQ(backward.syslog().records().size(), forward.syslog().records().size());
 }
 
 TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePath) {

@@ -22,6 +22,7 @@ struct Word : Kiln::DedupHandle {
 struct Keeper : Kiln::DedupHashTableLifeTimeNotifiee {
    std::string log;
    std::vector<Mox::Ptr<Kiln::DedupHandle>> held;
+   uint32_t referencesKeptPerEntry() const noexcept override { return 1; }
    void handleInsert(const Mox::Ptr<Kiln::DedupHandle>& h) override {
       log += "+" + static_cast<Word&>(*h).text + " ";
       held.push_back(h);
@@ -78,6 +79,25 @@ TEST(KilnDedup, InternsByContentAndWithdrawsOnLastUserRelease) {
    }
    EXPECT_EQ(Word::live, before);
 }
+
+#ifndef NDEBUG
+TEST(KilnDedupDeathTest, MiscountedBookkeepingIsCaughtInDebugBuilds) {
+   // A notifiee that claims two references per entry but keeps one would have its entries leave
+   // while a user still holds them.
+   struct Overclaiming : Keeper {
+      uint32_t referencesKeptPerEntry() const noexcept override { return 2; }
+   };
+   EXPECT_DEATH(
+       {
+          Overclaiming keeper;
+          auto table = Mox::make<Kiln::DedupHashTable>();
+          table->lifeTimeNotifieeIs(&keeper);
+          Mox::Ptr<Kiln::DedupHandle> word = Mox::make<Word>("alpha"); // one user reference
+          table->insert(word);
+       },
+       "new dedup entry held by no user");
+}
+#endif
 
 TEST(KilnDedup, TableGoingFirstLeavesUsersWithPlainObjects) {
    const int before = Word::live;

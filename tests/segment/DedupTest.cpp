@@ -111,6 +111,86 @@ TEST(Dedup, WithdrawnSegmentLivesOnWhileAReactorHoldsIt) {
    EXPECT_EQ(tables.dedupSegment(Ipkit::MplsLabel(17000))->segmentId(), SegmentId(2));
 }
 
+// A reactor like the resolution stages' pending sets: it queues every new canonical segment and
+// list it hears of, holding a reference, and drops the queue whenever it has worked through it.
+struct PendingSets : NotifyingSegmentCollection::Notifiee,
+                     NotifyingSegmentListCollection::Notifiee {
+   std::vector<Mox::Ptr<SegmentBase>> segments;
+   std::vector<Mox::Ptr<SegmentList>> lists;
+   explicit PendingSets(const CoreDedupTables& tables) {
+      NotifyingSegmentCollection::Notifiee::notifierIs(tables.notifyingSegmentCollection());
+      NotifyingSegmentListCollection::Notifiee::notifierIs(tables.notifyingSegmentListCollection());
+   }
+   void onSegmentNotifier(const Mox::Ptr<SegmentLifeTimeNotifier>& n) override {
+      if (NotifyingSegmentCollection::Notifiee::notifier()->segmentNotifierHas(n))
+         segments.emplace_back(n->segmentRawPtr());
+   }
+   void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
+      if (NotifyingSegmentListCollection::Notifiee::notifier()->segmentListNotifierHas(n))
+         lists.emplace_back(n->segmentListRawPtr());
+   }
+};
+
+TEST(Dedup, AReactorThatKeepsNewItemsForAWhileNeverWithdrawsWhatAUserHolds) {
+   CoreDedupTables tables;
+   Watch watch(tables);
+   PendingSets pending(tables);
+
+   // The reactor lets go first: the user still holds the list and its segments.
+   auto list = tables.dedupSegmentList(stack({16001, 16002}));
+   auto seg = tables.dedupSegment(Ipkit::MplsLabel(16003));
+   pending.lists.clear();
+   pending.segments.clear();
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 ");
+   EXPECT_EQ(tables.notifyingSegmentListCollection()->segmentListNotifier().size(), 1u);
+   EXPECT_EQ(tables.notifyingSegmentCollection()->segmentNotifier().size(), 3u);
+   auto again = tables.dedupSegmentList(stack({16001, 16002}));
+   EXPECT_EQ(again.get(), list.get()); // one object, one id
+   EXPECT_EQ(tables.dedupSegment(Ipkit::MplsLabel(16003)).get(), seg.get());
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 ");
+
+   // The users let go first: the entries stay until the reactor is done with them too, then leave
+   // with the usual notifications, a list before the segments it holds.
+   auto late = tables.dedupSegmentList(stack({16004}));
+   late.reset();
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +s4 +l2 ");
+   seg.reset(); // no longer queued: its last user's release withdraws it at once
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +s4 +l2 -s3 ");
+   pending.lists.clear();
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +s4 +l2 -s3 -l2 ");
+   pending.segments.clear();
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +s4 +l2 -s3 -l2 -s4 ");
+
+   list.reset();
+   again.reset();
+   EXPECT_EQ(watch.log, "+s1 +s2 +l1 +s3 +s4 +l2 -s3 -l2 -s4 -l1 -s2 -s1 ");
+   EXPECT_TRUE(tables.notifyingSegmentCollection()->segmentNotifier().empty());
+   EXPECT_EQ(tables.segListDedupTablePtr()->dedupTable().size(), 0u);
+}
+
+TEST(Dedup, AListIsFoundByItsLabelsWithoutMakingAnythingCanonical) {
+   CoreDedupTables tables;
+   auto list = tables.dedupSegmentList(stack({16001, 16002, 16003}));
+   Watch watch(tables);
+   auto* lists = tables.segListDedupTablePtr();
+
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16003}), 3).get(), list.get());
+   // A prefix, a reordering and an unknown label are other lists; none of them is created.
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16003}), 2), nullptr);
+   EXPECT_EQ(lists->lookupByLabels(stack({16002, 16001, 16003}), 3), nullptr);
+   EXPECT_EQ(lists->lookupByLabels(stack({16001, 16002, 16004}), 3), nullptr);
+   EXPECT_EQ(watch.log, "");
+   // The hash a stack gives is the one the canonical list was filed under.
+   EXPECT_EQ(SegmentList::contentHash(stack({16001, 16002, 16003}), 3), list->dedupHash());
+
+   // Deduplicating a known stack makes nothing new; a new stack makes only its new segment.
+   EXPECT_EQ(tables.dedupSegmentList(stack({16001, 16002, 16003})).get(), list.get());
+   auto other = tables.dedupSegmentList(stack({16003, 16004}));
+   EXPECT_EQ(watch.log, "+s4 +l2 ");
+   EXPECT_EQ(other->segment(Ipkit::MplsStackEntryIndex(0)),
+             list->segment(Ipkit::MplsStackEntryIndex(2)));
+}
+
 TEST(Dedup, StoppingTablesWithEntriesEmptiesCollectionsWithNotifications) {
    auto tables = std::make_unique<CoreDedupTables>();
    Mox::Ptr<NotifyingSegmentCollection> segs(tables->notifyingSegmentCollection());
