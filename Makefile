@@ -53,6 +53,7 @@ release: | deps
 bench: build
 	./$(BUILD)/platform_bench
 	./$(BUILD)/input_bench
+	./$(BUILD)/selection_bench
 	./$(BUILD)/resolution_bench 10000
 
 format:

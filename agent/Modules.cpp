@@ -13,6 +13,7 @@ void registerModules(Host& host) {
    // built in the core's own order.
    registerInput(host);
    registerResolution(host);
+   registerSelection(host);
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();

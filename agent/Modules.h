@@ -15,6 +15,7 @@ void registerInput(Host& host);
 void registerInputTables(Host& host);
 void registerMpls(Host& host);
 void registerResolution(Host& host);
+void registerSelection(Host& host);
 
 // Registers every subsystem, then starts the host (its stages, then the core).
 void registerModules(Host& host);

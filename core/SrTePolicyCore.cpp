@@ -35,6 +35,7 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    }
    if (!published_.segmentListStatus) published_.segmentListStatus = made.segmentListStatus;
    if (!published_.tunnelTable) published_.tunnelTable = made.tunnelTable;
+   if (!published_.ecPolicy) published_.ecPolicy = made.ecPolicy;
    syslog_.sinkIs(&capture_);
 }
 
@@ -49,9 +50,9 @@ void PolicyCore::start() {
 }
 
 // The construction order. Resolution comes before input gathering, so that what the input
-// deduplicates is resolved as it appears. Machines still to come take their places as the Machines
-// struct lists them: selection, publishing, binding-SID LFIB generation and tunnel map export after
-// input gathering.
+// deduplicates is resolved as it appears; selection follows input gathering. Machines still to come
+// take their places as the Machines struct lists them: publishing, binding-SID LFIB generation and
+// tunnel map export after selection.
 void PolicyCore::buildMachines() {
    Machines& m = *machines_;
    const ProcessEntities& e = *entities_;
@@ -95,6 +96,16 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   m.policySelectionSm = policySelectionSmFactory({
+       .config = router_.config,
+       .policySelectionInput = published_.policySelectionInput,
+       .segmentListStatus = published_.segmentListStatus,
+       .segmentListIdToPolicyMap = e.segListMap,
+       .ecPolicy = published_.ecPolicy,
+       .scheduler = router_.scheduler,
+       .attrLogSm = router_.attrLog,
+       .tracer = &tracer_,
+   });
 }
 
 void PolicyCore::stop() {
@@ -127,6 +138,11 @@ const Mox::Ptr<SegmentListSm>& PolicyCore::segmentListSm() const {
 const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->policyInputSm;
+}
+
+const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->policySelectionSm;
 }
 
 } // namespace SrTePolicy

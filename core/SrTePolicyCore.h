@@ -52,6 +52,7 @@
 #include "segment/SrTePolicySegmentResolver.h"
 #include "segment/SrTePolicySegmentSm.h"
 #include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicySelectionSm.h"
 #include "types/SrTeColorDscpMap.h"
 #include "types/SrTePolicy.h"
 
@@ -100,6 +101,7 @@ struct PublishedTables {
        Mox::make<SegmentListStatus>("segmentListStatus");
    Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable =
        Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>("srTeSegmentListTunnelTable");
+   Mox::Ptr<EcPolicy> ecPolicy = ecPolicyFactory("ecPolicy");
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
@@ -120,6 +122,7 @@ struct Machines {
    Mox::Ptr<SegmentSm> segmentSm;
    Mox::Ptr<SegmentListSm> segmentListSm;
    Mox::Ptr<PolicyInputSm> policyInputSm;
+   Mox::Ptr<PolicySelectionSm> policySelectionSm;
 };
 
 class PolicyCore {
@@ -148,6 +151,7 @@ class PolicyCore {
    const Mox::Ptr<SegmentSm>& segmentSm() const;
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
+   const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
    // Every record of this core's log since it was made.

@@ -33,9 +33,10 @@ TEST(Completion, OffersWhatTheParserWouldTakeNext) {
    EXPECT_EQ(words(host, "config enabled "), "on off <cr>");
    EXPECT_EQ(words(host, "sh sel"), "selection-input");
    EXPECT_EQ(words(host, "show config "), "json <cr>");
-   // `show` takes tables, and the running configuration is a verb of its own.
+   // `show` takes tables; the running configuration and one policy are verbs of their own, offered
+   // before the tables.
    const std::string tables = words(host, "show ");
-   EXPECT_EQ(tables.rfind("running-config config color-dscp mpls input", 0), 0u)
+   EXPECT_EQ(tables.rfind("policy running-config config color-dscp mpls input", 0), 0u)
        << "[" << tables << "]";
    EXPECT_NE(tables.find(" syslog all"), std::string::npos) << tables;
    EXPECT_EQ(words(host, "cofnig "), "");

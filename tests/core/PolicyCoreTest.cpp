@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <map>
 
 #include "core/SrTePolicyCore.h"
 
@@ -78,6 +79,14 @@ struct Router {
          std::string l = "exported";
          for (const Export::Segment& s : list->segment()) l += " " + s.mplsLabel.stringValue();
          lines.push_back(l);
+      }
+      // Selection: every candidate, the active one marked, and how many tunnels it has.
+      for (const auto& [key, policy] : core->published().ecPolicy->policy()) {
+         for (const auto& [priority, entry] : policy->candidate()) {
+            lines.push_back("policy " + key.stringValue() + " " + priority.stringValue() +
+                            (policy->active() == entry ? " active" : "") + " tunnels " +
+                            std::to_string(entry->wTunnelId().size()));
+         }
       }
       std::sort(lines.begin(), lines.end());
       std::string out;
@@ -212,6 +221,14 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       ASSERT_EQ(resolved, exported);
       ASSERT_EQ(published.tunnelTable->entry().size(), exported);
 
+      // The active entries of the policies untouched while away must stay the same objects.
+      const PolicyKey away = pathId("10.0.0.1", 3, 1).key;
+      std::map<PolicyKey, Mox::Ptr<PolicyEntry>> actives;
+      for (const auto& [key, policy] : published.ecPolicy->policy()) {
+         if (!(key == away)) actives[key] = policy->active();
+      }
+      ASSERT_FALSE(actives.empty());
+
       // Withdrawn while the agent is away: its exported lists must go on the next drain.
       r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
       comeBack(r);
@@ -236,6 +253,12 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
       r.scheduler.runUntilIdle();
       EXPECT_EQ(r.outputs(), converged);
+      EXPECT_EQ(r.core->published().ecPolicy, published.ecPolicy);
+      for (const auto& [key, active] : actives) {
+         auto policy = published.ecPolicy->policy(key);
+         ASSERT_TRUE(policy) << key.stringValue();
+         EXPECT_EQ(policy->active(), active) << key.stringValue();
+      }
       // Every list in use is exported once, under an id above all the earlier ones.
       EXPECT_EQ(published.exportedSegmentListColl->segmentList().size(),
                 e.segListMap->segmentListUser().size());

@@ -1,0 +1,353 @@
+#include "selection/SrTePolicySelectionSm.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+// ---------------------------------------------------------------------------------------------
+// Reactors: each forwards to one handler.
+
+class PolicySelectionSm::MoxConfig : public Config::Notifiee {
+ public:
+   explicit MoxConfig(PolicySelectionSm& sm) : sm_(sm) {}
+   void onUseDiscriminatorInTieBreaking() override { sm_.handleTieBreakingLogicChange(); }
+
+ private:
+   PolicySelectionSm& sm_;
+};
+
+class PolicySelectionSm::MoxPolicyId : public PolicySelectionInput::Notifiee {
+ public:
+   explicit MoxPolicyId(PolicySelectionSm& sm) : sm_(sm) {}
+   void onPolicyIdEntry(const PolicyId& id) override {
+      sm_.handlePolicyEntry(id);
+      if (Mox::Ptr<PolicyIdEntry> entry = sm_.in_.policySelectionInput->policyIdEntry(id)) {
+         sm_.policyIdEntryIs(entry);
+      } else {
+         sm_.policyIdEntryDel(id);
+      }
+   }
+
+ private:
+   PolicySelectionSm& sm_;
+};
+
+class PolicySelectionSm::MoxPolicyIdEntry : public PolicyIdEntry::Notifiee {
+ public:
+   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm), id_(entry->id()) {
+      notifierIs(entry);
+   }
+   void onVersion() override { sm_.handlePolicyEntry(id_); }
+   void onBindingSid() override { sm_.handleBindingSid(id_); }
+
+ private:
+   PolicySelectionSm& sm_;
+   PolicyId id_;
+};
+
+class PolicySelectionSm::MoxResSegList : public SegmentListStatus::Notifiee {
+ public:
+   explicit MoxResSegList(PolicySelectionSm& sm) : sm_(sm) {}
+   void onStatus(const SegmentListId& id) override { sm_.handleResolvedSegmentList(id); }
+
+ private:
+   PolicySelectionSm& sm_;
+};
+
+class PolicySelectionSm::MoxTask : public Kiln::Task::Notifiee {
+ public:
+   explicit MoxTask(PolicySelectionSm& sm) : sm_(sm) {}
+   void onTaskRun() override { sm_.handleTaskRun(); }
+
+ private:
+   PolicySelectionSm& sm_;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+PolicySelectionSm::PolicySelectionSm(Inputs in)
+    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+   SRTE_ASSERT(in_.config && in_.policySelectionInput && in_.segmentListStatus &&
+                   in_.segmentListIdToPolicyMap && in_.ecPolicy && in_.scheduler && in_.attrLogSm,
+               "PolicySelectionSm needs every table of its Inputs");
+   moxConfig_ = std::make_unique<MoxConfig>(*this);
+   moxConfig_->notifierIs(in_.config.get());
+   moxPolicyId_ = std::make_unique<MoxPolicyId>(*this);
+   moxPolicyId_->notifierIs(in_.policySelectionInput.get());
+   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) policyIdEntryIs(entry);
+   moxResSegList_ = std::make_unique<MoxResSegList>(*this);
+   moxResSegList_->notifierIs(in_.segmentListStatus.get());
+   handleInitialized();
+}
+
+PolicySelectionSm::~PolicySelectionSm() {
+   // EcPolicy stays as it is for the next start to reconcile.
+   if (task_) task_->unscheduleTask();
+   moxTask_.reset();
+   moxResSegList_.reset();
+   policyIdEntry_.clear();
+   moxPolicyId_.reset();
+   moxConfig_.reset();
+}
+
+Mox::Ptr<PolicySelectionSm> policySelectionSmFactory(PolicySelectionSm::Inputs in) {
+   return Mox::make<PolicySelectionSm>(std::move(in));
+}
+
+void PolicySelectionSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
+   if (!entry) throw std::invalid_argument(nullPolicyIdEntryMessage);
+   auto& reactor = policyIdEntry_[entry->id()];
+   // An entry removed and made again under the same id is a new object: watch that one.
+   if (reactor && reactor->notifier() == entry.get()) return;
+   reactor = std::make_unique<MoxPolicyIdEntry>(*this, entry.get());
+}
+
+void PolicySelectionSm::policyIdEntryDel(const PolicyId& id) { policyIdEntry_.erase(id); }
+
+// ---------------------------------------------------------------------------------------------
+// Handlers
+
+void PolicySelectionSm::handleInitialized() {
+   SRTE_TRACE_TO(tracer_, 9, "handleInitialized");
+   if (!task_) {
+      task_ = Mox::make<Kiln::Task>(*in_.scheduler, taskPriority, taskName);
+      moxTask_ = std::make_unique<MoxTask>(*this);
+      moxTask_->notifierIs(task_);
+   }
+   initialized_ = true;
+   // What an earlier life left in EcPolicy is checked again, whether or not its entry is still
+   // there.
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) {
+      for (const auto& [priority, candidate] : policy->candidate()) {
+         pendingPolicyId_.insert(PolicyId(key, priority.protocol, priority.discriminator));
+      }
+   }
+   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) {
+      pendingPolicyId_.insert(id);
+   }
+   scheduleTask();
+}
+
+void PolicySelectionSm::handlePolicyEntry(const PolicyId& id) {
+   SRTE_TRACE_TO(tracer_, 9, "Policy: " << id << " has changed");
+   pendingPolicyId_.insert(id);
+   if (task_) task_->scheduleTask();
+}
+
+void PolicySelectionSm::handleResolvedSegmentList(SegmentListId id) {
+   if (!initialized_) return;
+   SRTE_TRACE_TO(tracer_, 6, "Applying status change of SegmentList Id: " << id);
+   const SegmentListUser* users = in_.segmentListIdToPolicyMap->segmentListUser(id);
+   if (!users) return;
+   for (const PolicyId& policyId : users->policyId()) pendingPolicyId_.insert(policyId);
+   scheduleTask();
+   SRTE_TRACE_TO(tracer_, 9, "Scheduled task for handling status change to segmentList " << id);
+}
+
+void PolicySelectionSm::handleBindingSid(const PolicyId& id) {
+   SRTE_TRACE_TO(tracer_, 9, "Updating Binding SID for policy Id: " << id);
+   Mox::Ptr<PolicyIdEntry> entry = in_.policySelectionInput->policyIdEntry(id);
+   Mox::Ptr<Policy> policy = in_.ecPolicy->policy(id.key);
+   if (!entry || !policy) return;
+   const CandidateId candidateId(id);
+   for (const auto& [priority, candidate] : policy->candidate()) {
+      if (candidate->candidateId() == candidateId) {
+         candidate->bindingSidIs(entry->bindingSid());
+         return;
+      }
+   }
+}
+
+void PolicySelectionSm::handleTieBreakingLogicChange() {
+   if (!initialized_) return;
+   SRTE_TRACE_TO(tracer_, 9, "Handling tie-breaking logic change");
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) {
+      for (const auto& [priority, candidate] : policy->candidate()) {
+         pendingPolicyId_.insert(PolicyId(key, priority.protocol, priority.discriminator));
+      }
+   }
+   scheduleTask();
+}
+
+void PolicySelectionSm::handleTaskRun() {
+   if (!initialized_) return;
+   auto it = pendingPolicyId_.end();
+   if (!(pendingBookmark_ == PolicyId())) it = pendingPolicyId_.find(pendingBookmark_);
+   if (it == pendingPolicyId_.end()) it = pendingPolicyId_.begin();
+   pendingBookmark_ = PolicyId();
+
+   uint64_t count = 0;
+   bool delay = false;
+   while (it != pendingPolicyId_.end()) {
+      if (in_.attrLogSm->isAttrLogOutClogged()) {
+         delay = true;
+         pendingBookmark_ = *it;
+         break;
+      }
+      const PolicyId id = *it;
+      processPolicyEntry(id);
+      // Reactors downstream may have queued ids meanwhile: find the id again rather than trust
+      // the iterator.
+      it = pendingPolicyId_.find(id);
+      if (it != pendingPolicyId_.end()) {
+         auto next = std::next(it);
+         pendingPolicyId_.erase(it);
+         it = next;
+      }
+      ++count;
+      if (task_->taskShouldYield()) {
+         if (it != pendingPolicyId_.end()) pendingBookmark_ = *it;
+         break;
+      }
+   }
+   task_->taskWorkCountInc(count);
+   SRTE_TRACE_TO(tracer_, 9,
+                 "Processed " << count
+                              << " selection entries, delay task: " << (delay ? "True" : "False"));
+   if (pendingPolicyId_.empty()) return;
+   if (delay) {
+      task_->scheduleTaskLowestDelay(congestionDelay);
+   } else {
+      task_->scheduleTask();
+   }
+   SRTE_TRACE_TO(tracer_, 9, "PS sm Bookmark placed at Id: " << pendingBookmark_);
+}
+
+void PolicySelectionSm::handleDel() {
+   if (!initialized_) return;
+   if (task_) task_->unscheduleTask();
+   pendingPolicyId_.clear();
+   pendingBookmark_ = PolicyId();
+   in_.ecPolicy->policyDelAll();
+}
+
+void PolicySelectionSm::scheduleTask() {
+   if (!pendingPolicyId_.empty() && task_) task_->scheduleTask();
+}
+
+// ---------------------------------------------------------------------------------------------
+// One candidate path
+
+bool PolicySelectionSm::isResolved(SegmentListId id) const {
+   const SegmentListResolveError* status = in_.segmentListStatus->status(id);
+   return status && *status == SegmentListResolveError::success;
+}
+
+bool PolicySelectionSm::policyHasResolvedSegmentList(const PolicyIdEntry& entry) const {
+   for (const auto& [index, w] : entry.wSegmentList()) {
+      if (isResolved(w.segmentListId)) return true;
+   }
+   return false;
+}
+
+Priority PolicySelectionSm::priorityOf(const PolicyIdEntry& entry) {
+   return Priority(entry.preference(), entry.id().protocol, entry.originator(),
+                   entry.id().discriminator);
+}
+
+bool PolicySelectionSm::policyPriorityChanged(const PolicyIdEntry& entry,
+                                              const PolicyEntry& policyEntry) {
+   return !(priorityOf(entry) == policyEntry.priority());
+}
+
+void PolicySelectionSm::processPolicyEntry(const PolicyId& id) {
+   SRTE_TRACE_TO(tracer_, 9, "Process policy: " << id);
+   const Mox::Ptr<PolicyIdEntry> entry = in_.policySelectionInput->policyIdEntry(id);
+   Mox::Ptr<Policy> policy = in_.ecPolicy->policy(id.key);
+   Mox::Ptr<PolicyEntry> policyEntry;
+   if (policy) {
+      const CandidateId candidateId(id);
+      for (const auto& [priority, candidate] : policy->candidate()) {
+         if (candidate->candidateId() == candidateId) {
+            policyEntry = candidate;
+            break;
+         }
+      }
+   }
+   if (!entry && !policy) return;
+
+   if (!entry || !policyHasResolvedSegmentList(*entry)) {
+      if (!policyEntry) return;
+      SRTE_TRACE_TO(tracer_, 9, "Policy Id: " << id << " will be removed");
+      policy->candidateDel(policyEntry->priority());
+      if (!policy->candidate().empty()) {
+         selectNewActive(id.key);
+      } else {
+         in_.ecPolicy->policyDel(id.key);
+      }
+      return;
+   }
+
+   if (policyEntry) {
+      SRTE_TRACE_TO(tracer_, 9, "Policy Id: " << id << " is updated");
+      if (policyPriorityChanged(*entry, *policyEntry)) {
+         policy->candidateDel(policyEntry->priority());
+         policyEntry = policy->candidateIs(priorityOf(*entry));
+      }
+   } else {
+      SRTE_TRACE_TO(tracer_, 9, "Policy Id: " << id << " is added");
+      policy = in_.ecPolicy->policyIs(id.key);
+      policyEntry = policy->candidateIs(priorityOf(*entry));
+   }
+   policyEntry->bindingSidIs(entry->bindingSid());
+
+   // Resolved lists only, densely from 0: an unresolved list leaves no hole.
+   uint8_t next = 0;
+   for (const auto& [index, w] : entry->wSegmentList()) {
+      if (!isResolved(w.segmentListId)) continue;
+      policyEntry->wTunnelIdIs(next, WeightedTunnelId(w.segmentListId.getTunnelId(), w.weight));
+      ++next;
+   }
+   std::vector<uint8_t> stale;
+   for (const auto& [index, w] : policyEntry->wTunnelId()) {
+      if (index >= next) stale.push_back(index);
+   }
+   for (uint8_t index : stale) policyEntry->wTunnelIdDel(index);
+
+   selectNewActive(id.key);
+}
+
+void PolicySelectionSm::selectNewActive(const PolicyKey& key) {
+   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
+   if (!policy || policy->candidate().empty()) {
+      SRTE_TRACE_TO(tracer_, 9,
+                    "Policy Endpoint: " << key.endpoint << ", Color: " << key.color
+                                        << " has no candidates and should not exist");
+      SRTE_ASSERT(false, "policy->candidates()");
+      return;
+   }
+   const Mox::Ptr<PolicyEntry> best = policy->bestCandidate();
+   const Mox::Ptr<PolicyEntry>& active = policy->active();
+   if (best == active) {
+      SRTE_TRACE_TO(tracer_, 9,
+                    "Policy: " << key << ", Pri: [" << best->priority() << "] retained as active");
+      return;
+   }
+   if (active && policy->candidate(active->priority()) == active &&
+       !in_.config->useDiscriminatorInTieBreaking() &&
+       best->priority().sameExceptDiscriminator(active->priority())) {
+      return;
+   }
+   policy->activeIs(best);
+   SRTE_TRACE2_TO(tracer_, 6,
+                  "Policy: " << key << ", Pri: [" << best->priority() << "] is the new active",
+                  "Policy: " << key << ", Pri : [" << best->priority() << "] is the new active");
+}
+
+void PolicySelectionSm::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cpendingPolicyIds #%u \n", depth, ' ',
+                static_cast<unsigned>(pendingPolicyId_.size()));
+   Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
+                pendingBookmark_.stringValue().c_str());
+   Mox::appendf(out, "%*cTask Dump\n", depth, ' ');
+   if (task_) {
+      Mox::appendf(out, "%*ctaskName: %s, taskPriority: %d, taskStatsName: %s\n", depth + 2, ' ',
+                   task_->name().c_str(), task_->priority(), task_->name().c_str());
+   }
+}
+
+} // namespace SrTePolicy

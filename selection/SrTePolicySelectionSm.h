@@ -1,0 +1,124 @@
+// PolicySelectionSm: turns the candidate paths of the selection input into policies. For every
+// policy key it keeps one Policy in EcPolicy whose candidates are the candidate paths with at least
+// one resolved segment list, ordered by Priority, and chooses the active one.
+//
+//   selection-input entry added/removed, version bumped  -> queue its PolicyId
+//   segment-list status changed                          -> queue every PolicyId using the list
+//   useDiscriminatorInTieBreaking changed                -> queue every candidate of every policy
+//   binding SID changed                                  -> written to the candidate at once
+//        task "SelectionSmTask": drain pendingPolicyId from pendingBookmark in hash order
+//          - output congested: stop, retry after 0.1 s (nothing dropped)
+//          - scheduler says yield: bookmark the next id, run again at once
+//
+// One candidate path, when processed, is removed from its policy when its entry is gone or none
+// of its lists resolves (the policy goes with its last candidate); otherwise it is added, or
+// updated (a priority change deletes the candidate and creates it again under the new priority,
+// so the choice is made as if the old one had gone), its resolved lists are mirrored densely from
+// index 0 into wTunnelId, and the policy's active candidate is chosen again.
+//
+// Choosing: the best by Priority wins, except that while useDiscriminatorInTieBreaking is false
+// an active candidate that differs from the best only by discriminator is kept: an established
+// path is not replaced by an equal one.
+//
+// Guarantees:
+//  - handlers only queue (binding SIDs aside) and a burst on one id is processed once;
+//  - a Policy exists exactly while it has a candidate, and its active entry is one of them;
+//  - EcPolicy outlives the machine: a new machine queues every candidate it finds there before
+//    the selection-input entries, so a restart with unchanged inputs keeps every active choice.
+//    handleDel is the end for good: it empties EcPolicy.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/Kiln.h"
+#include "platform/Mox.h"
+#include "platform/Trace.h"
+#include "segment/SrTePolicySegmentList.h"
+#include "segment/SrTePolicySegmentListStatus.h"
+#include "selection/SrTePolicyEntry.h"
+#include "types/SrTePolicy.h"
+
+namespace SrTePolicy {
+
+class PolicySelectionSm : public Mox::RefCounted {
+ public:
+   static constexpr const char* taskName = "SelectionSmTask";
+   static constexpr int taskPriority = 2;
+   static constexpr double congestionDelay = 0.1;
+   static constexpr const char* nullPolicyIdEntryMessage =
+       "null _policyIdEntry parameter to mutator for SrTePolicy::PolicySelectionSm::policyIdEntry "
+       "not allowed";
+
+   // What the machine reads and writes, in this order. `tracer` defaults to the process tracer.
+   struct Inputs {
+      Mox::Ptr<const Config> config;
+      Mox::Ptr<const PolicySelectionInput> policySelectionInput;
+      Mox::Ptr<const SegmentListStatus> segmentListStatus;
+      Mox::Ptr<const SegmentListIdToPolicyMap> segmentListIdToPolicyMap;
+      Mox::Ptr<EcPolicy> ecPolicy;
+      Kiln::TaskScheduler* scheduler = nullptr;
+      Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      Trace::Tracer* tracer = nullptr;
+   };
+
+   explicit PolicySelectionSm(Inputs in);
+   ~PolicySelectionSm() override;
+
+   // State, for the host's tables and for tests.
+   bool initialized() const noexcept { return initialized_; }
+   const Mox::HashSet<PolicyId>& pendingPolicyId() const noexcept { return pendingPolicyId_; }
+   const PolicyId& pendingBookmark() const noexcept { return pendingBookmark_; }
+   Kiln::Task* task() const noexcept { return task_.get(); }
+   size_t policyIdEntryReactorCount() const noexcept { return policyIdEntry_.size(); }
+   const Mox::Ptr<EcPolicy>& ecPolicy() const noexcept { return in_.ecPolicy; }
+   void dump(std::string& out, int depth) const;
+
+   // Handlers (reactors call these).
+   void handleInitialized();
+   void handlePolicyEntry(const PolicyId& id);
+   void handleResolvedSegmentList(SegmentListId id);
+   void handleBindingSid(const PolicyId& id);
+   void handleTieBreakingLogicChange();
+   void handleTaskRun();
+   // Stops the machine for good: nothing queued, every policy deleted.
+   void handleDel();
+
+   // The reactor of one selection-input entry; a null entry is refused.
+   void policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry);
+   void policyIdEntryDel(const PolicyId& id);
+
+   // The steps of one candidate path.
+   bool policyHasResolvedSegmentList(const PolicyIdEntry& entry) const;
+   static bool policyPriorityChanged(const PolicyIdEntry& entry, const PolicyEntry& policyEntry);
+   static Priority priorityOf(const PolicyIdEntry& entry);
+   void processPolicyEntry(const PolicyId& id);
+   void selectNewActive(const PolicyKey& key);
+
+ private:
+   class MoxConfig;
+   class MoxPolicyId;
+   class MoxPolicyIdEntry;
+   class MoxResSegList;
+   class MoxTask;
+
+   bool isResolved(SegmentListId id) const;
+   void scheduleTask();
+
+   Inputs in_;
+   Trace::Tracer* tracer_;
+   Mox::HashSet<PolicyId> pendingPolicyId_;
+   PolicyId pendingBookmark_;
+   bool initialized_ = false;
+   Mox::Ptr<Kiln::Task> task_;
+
+   std::unique_ptr<MoxConfig> moxConfig_;
+   std::unique_ptr<MoxPolicyId> moxPolicyId_;
+   Mox::HashMap2018<PolicyId, std::unique_ptr<MoxPolicyIdEntry>> policyIdEntry_;
+   std::unique_ptr<MoxResSegList> moxResSegList_;
+   std::unique_ptr<MoxTask> moxTask_;
+};
+
+Mox::Ptr<PolicySelectionSm> policySelectionSmFactory(PolicySelectionSm::Inputs in);
+
+} // namespace SrTePolicy
