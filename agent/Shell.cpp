@@ -1,6 +1,7 @@
 #include "agent/Shell.h"
 
 #include <histedit.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -120,15 +121,26 @@ class EditLineSource : public LineSource {
       std::mbstate_t state{};
       char bytes[MB_LEN_MAX];
       size_t n = 0;
+      const auto interrupted = [el] {
+         const LineInfo* li = el_line(el);
+         self(el).interruptedLineEmpty_ = li->lastchar == li->buffer;
+         return -1;
+      };
       for (;;) {
+         // A Ctrl-C that lands while we are not inside read() would leave read() blocked until
+         // the next key: wait for input in short polls that look at the flag in between.
+         for (;;) {
+            if (interruptRequested.load()) return interrupted();
+            pollfd input{STDIN_FILENO, POLLIN, 0};
+            const int ready = ::poll(&input, 1, 50);
+            if (ready > 0 || (ready < 0 && errno != EINTR)) break; // read() says what it is
+         }
          char c;
          const ssize_t r = ::read(STDIN_FILENO, &c, 1);
          if (r == 0) return 0;
          if (r < 0) {
             if (errno == EINTR && !interruptRequested.load()) continue;
-            const LineInfo* li = el_line(el);
-            self(el).interruptedLineEmpty_ = li->lastchar == li->buffer;
-            return -1;
+            return interrupted();
          }
          bytes[n++] = c;
          wchar_t wc = 0;
