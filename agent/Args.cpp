@@ -336,7 +336,6 @@ bool Args::onOff(std::string_view what) {
    fail("expected on or off for " + std::string(what) + ", got '" + text + "'");
 }
 
-namespace {
 std::vector<std::string> protocolNames() {
    std::vector<std::string> names;
    for (uint32_t v = 0; v < 256; ++v) {
@@ -345,7 +344,6 @@ std::vector<std::string> protocolNames() {
    }
    return names;
 }
-} // namespace
 
 SrTePolicy::Protocol Args::protocol() {
    std::string text = word("protocol");

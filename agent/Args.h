@@ -130,4 +130,7 @@ const T& need(const Args& a, const std::optional<T>& v, std::string_view keyword
    return *v;
 }
 
+// The protocols that have a name, for parsing and completion.
+std::vector<std::string> protocolNames();
+
 } // namespace Agent

@@ -38,15 +38,6 @@ std::vector<Slot> usageSlots(const std::string& usage, size_t verbWords) {
    return out;
 }
 
-std::vector<std::string> protocolNames() {
-   std::vector<std::string> names;
-   for (uint32_t v = 0; v < 256; ++v) {
-      std::string n = SrTePolicy::protocolEnumToString(static_cast<SrTePolicy::Protocol>(v));
-      if (n != std::to_string(v)) names.push_back(n);
-   }
-   return names;
-}
-
 void add(std::vector<Choice>& out, std::string word, std::string help) {
    for (const auto& c : out) {
       if (c.word == word) return;

@@ -260,7 +260,7 @@ TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
    populate(full);
    for (const auto& [shortLine, fullLine] :
         std::initializer_list<std::pair<const char*, const char*>>{
-            {"CONFIG SPEC OFF", "config specified-bsid-only off"},
+            {"CONFIG SPECIFIED OFF", "config specified-bsid-only off"},
             {"stat seg 10.0.0.9 col 5 pref 1 lab 16 w 3", "static segment-list 10.0.0.9 color 5 "
                                                           "preference 1 labels 16 weight 3"},
             {"input BGP 10.0.0.4 c 1 d 2 s w 2 l 17", "input bgp 10.0.0.4 color 1 discriminator 2 "
