@@ -36,6 +36,8 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.segmentListStatus) published_.segmentListStatus = made.segmentListStatus;
    if (!published_.tunnelTable) published_.tunnelTable = made.tunnelTable;
    if (!published_.ecPolicy) published_.ecPolicy = made.ecPolicy;
+   if (!published_.policyStatus) published_.policyStatus = made.policyStatus;
+   if (!published_.srteFwdStatus) published_.srteFwdStatus = made.srteFwdStatus;
    syslog_.sinkIs(&capture_);
 }
 

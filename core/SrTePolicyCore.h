@@ -44,7 +44,9 @@
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
 #include "platform/TunnelTable.h"
+#include "platform/VaultFib.h"
 #include "publish/SrTePolicyExportTypes.h"
+#include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
 #include "segment/SrTePolicySegmentListSm.h"
@@ -102,6 +104,10 @@ struct PublishedTables {
    Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnelTable =
        Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>("srTeSegmentListTunnelTable");
    Mox::Ptr<EcPolicy> ecPolicy = ecPolicyFactory("ecPolicy");
+   Mox::Ptr<PolicyStatus> policyStatus = policyStatusFactory("policyStatus");
+   // The FIB's FEC table, into which the policy FECs are programmed.
+   Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus =
+       Mox::make<Vault::Fib::ForwardingStatus>("srteFwdStatus");
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
