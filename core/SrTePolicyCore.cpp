@@ -38,6 +38,8 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.ecPolicy) published_.ecPolicy = made.ecPolicy;
    if (!published_.policyStatus) published_.policyStatus = made.policyStatus;
    if (!published_.srteFwdStatus) published_.srteFwdStatus = made.srteFwdStatus;
+   if (!published_.lfibStatus) published_.lfibStatus = made.lfibStatus;
+   if (!published_.lfibStatus->lfib()) published_.lfibStatus->lfibIs(PublishedTables::lfibName);
    syslog_.sinkIs(&capture_);
 }
 
@@ -47,6 +49,7 @@ void PolicyCore::start() {
    if (machines_) return;
    // An entity exists before any machine that is given it.
    entities_ = std::make_unique<ProcessEntities>();
+   reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
    machines_ = std::make_unique<Machines>();
    buildMachines();
 }
@@ -108,6 +111,13 @@ void PolicyCore::buildMachines() {
        .attrLogSm = router_.attrLog,
        .tracer = &tracer_,
    });
+   // Publishing is built here, after selection.
+   m.lfibGenSm = srTePolicyLfibGenSmFactory({
+       .policyStatus = published_.policyStatus,
+       .lfibStatus = published_.lfibStatus,
+       .adjIdxAlloc = e.adjIdxAlloc,
+       .tracer = &tracer_,
+   });
 }
 
 void PolicyCore::stop() {
@@ -145,6 +155,11 @@ const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {
 const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->policySelectionSm;
+}
+
+const Mox::Ptr<SrTePolicyLfibGenSm>& PolicyCore::lfibGenSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->lfibGenSm;
 }
 
 } // namespace SrTePolicy

@@ -37,6 +37,7 @@
 
 #include "input/SrTePolicyInputSm.h"
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "lfib/SrTePolicyLfibGenSm.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mpls.h"
@@ -46,6 +47,7 @@
 #include "platform/TunnelTable.h"
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyExportTypes.h"
+#include "publish/SrTePolicyLfibStatus.h"
 #include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -108,6 +110,13 @@ struct PublishedTables {
    // The FIB's FEC table, into which the policy FECs are programmed.
    Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus =
        Mox::make<Vault::Fib::ForwardingStatus>("srteFwdStatus");
+   // The protocol LFIB of the binding-SID routes, created with the status.
+   static constexpr const char* lfibName = "srTePolicyLfib";
+   Mox::Ptr<SrTePolicyLfibStatus> lfibStatus = [] {
+      auto status = srTePolicyLfibStatusFactory("srTePolicyLfibStatus");
+      status->lfibIs(lfibName);
+      return status;
+   }();
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
@@ -118,6 +127,9 @@ struct ProcessEntities {
    Mox::Ptr<SegmentListIdToPolicyMap> segListMap = Mox::make<SegmentListIdToPolicyMap>();
    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap = Mox::make<PolicyKeyToIdMap>();
    Mox::Ptr<SegmentStatus> segmentStatus = Mox::make<SegmentStatus>("segmentStatus");
+   // Adjacency indexes of the LFIB generators; start() reserves those still in the published LFIB.
+   Mox::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc =
+       Mox::make<MplsHelper::LfibGenAdjIdxAllocator>();
 };
 
 // The state machines, declared in construction order (segment resolution, segment-list
@@ -129,6 +141,8 @@ struct Machines {
    Mox::Ptr<SegmentListSm> segmentListSm;
    Mox::Ptr<PolicyInputSm> policyInputSm;
    Mox::Ptr<PolicySelectionSm> policySelectionSm;
+   // Publishing goes here, between selection and binding-SID LFIB generation.
+   Mox::Ptr<SrTePolicyLfibGenSm> lfibGenSm;
 };
 
 class PolicyCore {
@@ -158,6 +172,7 @@ class PolicyCore {
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
+   const Mox::Ptr<SrTePolicyLfibGenSm>& lfibGenSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
    // Every record of this core's log since it was made.
