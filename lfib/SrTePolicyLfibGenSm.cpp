@@ -67,6 +67,12 @@ size_t reserveSurvivingAdjacencies(MplsHelper::LfibGenAdjIdxAllocator& alloc,
    for (const auto& [index, adj] : lfib.lfibExtFecAdjacency()) {
       if (alloc.reserveAdjacencyIndex(SrTePolicyLfibGenSm::source, index)) ++reserved;
    }
+   // A route whose adjacency is gone still names its index: handing that index to another
+   // policy would make the route lead there when the adjacency is written.
+   for (const auto& [key, route] : lfib.lfibRoute()) {
+      if (route.via.type() != Mpls::AdjacencyType::externalFec) continue;
+      if (alloc.reserveAdjacencyIndex(SrTePolicyLfibGenSm::source, route.via.index())) ++reserved;
+   }
    return reserved;
 }
 
@@ -141,8 +147,8 @@ void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
        recorded != policyKeyBindingSidMap_.end() && recorded->second != bindingSid) {
       const Ipkit::MplsLabel oldSid = recorded->second;
       SRTE_TRACE_TO(tracer_, 5,
-                    "Removing LFIB route for old BSID: " << oldSid << "for policy Endpoint: "
-                                                         << key.endpoint
+                    "Removing LFIB route for old BSID: " << oldSid
+                                                         << "for policy Endpoint: " << key.endpoint
                                                          << " Color: " << key.color);
       const Mpls::RouteKeyAndMetric oldKey = routeKeyOf(oldSid);
       if (const Mpls::LFib::ProtocolRoute* old = lfib.lfibRoute(oldKey)) {
@@ -176,9 +182,9 @@ void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
    lfib.lfibRouteIs(Mpls::LFib::ProtocolRoute(
        routeKey, source, Mpls::AdjacencyKey(*index, Mpls::AdjacencyType::externalFec)));
    SRTE_TRACE_TO(tracer_, 5,
-                 "Added the LFIB entry for policy Endpoint: " << key.endpoint << " Color: "
-                                                              << key.color << " BSID: " << bindingSid
-                                                              << " Adj ID: " << *index);
+                 "Added the LFIB entry for policy Endpoint: "
+                     << key.endpoint << " Color: " << key.color << " BSID: " << bindingSid
+                     << " Adj ID: " << *index);
    policyKeyBindingSidMap_[key] = bindingSid;
    unusedLfibRoute_.erase(routeKey);
    if (oldIndex) in_.adjIdxAlloc->releaseAdjacencyIndex(source, *oldIndex);

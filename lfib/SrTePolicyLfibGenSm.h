@@ -116,7 +116,8 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
 Mox::Ptr<SrTePolicyLfibGenSm> srTePolicyLfibGenSmFactory(SrTePolicyLfibGenSm::Inputs in);
 
 // Rebuilds the allocator's view after a restart: reserves, for this system's source, the index of
-// every external-FEC adjacency still in `lfib`. Returns how many were reserved.
+// every external-FEC adjacency still in `lfib` and every index a route of it still names. Returns
+// how many were reserved.
 size_t reserveSurvivingAdjacencies(MplsHelper::LfibGenAdjIdxAllocator& alloc,
                                    const Mpls::ProtocolLfib& lfib);
 
