@@ -172,6 +172,7 @@ class PolicyCore {
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
+   // Its handleDel() withdraws every binding-SID route (SR-TE turned off); stop() does not.
    const Mox::Ptr<SrTePolicyLfibGenSm>& lfibGenSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
