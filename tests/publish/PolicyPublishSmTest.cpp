@@ -466,27 +466,5 @@ TEST(PolicyPublish, OnlyHandleDelWithdrawsTheOutputs) {
    EXPECT_TRUE(env.status->status().empty()) << "a torn-down machine publishes nothing";
 }
 
-TEST(PolicyPublish, DumpsListStateInKeyOrder) {
-   PublishEnv env;
-   env.activate(kB, 1, 900001);
-   env.run();
-   env.activate(kA, 1, 900001);
-   env.run();
-   std::string out;
-   env.sm->dump(out, 0);
-   EXPECT_NE(out.find("pendingPolicies #0 \n"), std::string::npos) << out;
-   EXPECT_NE(out.find("taskName: PublishSmTask, taskPriority: 2"), std::string::npos) << out;
-   EXPECT_NE(out.find("delayTime#: 0.100000\n"), std::string::npos) << out;
-   EXPECT_NE(out.find("bindingSidPolicyMap #1 \n  (10.0.0.2|1, 900001)\n"), std::string::npos)
-       << out;
-   EXPECT_NE(out.find("policyBindingSidMap #2 \n  (10.0.0.1|1, 900001)\n  (10.0.0.2|1, 900001)\n"),
-             std::string::npos)
-       << out;
-   std::string conflict;
-   env.sm->conflictingPolicies(Ipkit::MplsLabel(900001))->dump(conflict, 0);
-   EXPECT_EQ(conflict,
-             " bindingSid: 900001 \n chosen: 10.0.0.2|1\n competitors #1 \n  10.0.0.1|1\n");
-}
-
 } // namespace
 } // namespace SrTePolicy
