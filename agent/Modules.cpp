@@ -14,6 +14,7 @@ void registerModules(Host& host) {
    registerInput(host);
    registerResolution(host);
    registerSelection(host);
+   registerTunnelMap(host); // publishing and LFIB generation go before it
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();
