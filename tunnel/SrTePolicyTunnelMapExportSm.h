@@ -23,9 +23,10 @@
 //                                 (row never removed)                next 1.0 s run--> deleted
 //
 // Guarantees (tests/tunnel/TunnelMapExportSmTest.cpp):
-//  - a row is deleted only when no candidate path of its policy key holds its tunnel and the
-//    counter table has no counter for it; a pending tunnel goes at the first run (one every
-//    1.0 s) that finds its counter gone, never earlier, and a yield or congestion only delays it;
+//  - a path letting go of a tunnel deletes its row only when no other candidate path of the same
+//    policy key holds the tunnel and the counter table has no counter for it; a pending tunnel
+//    goes at the first run (one every 1.0 s) that finds its counter gone, never earlier, and a
+//    yield or congestion only delays it;
 //  - a pending tunnel that a path maps again leaves pendingTunnel and keeps its row;
 //  - TunnelIdToPolicyKey outlives the machine: destroying it (an agent restart) leaves every row
 //    as it is. A new machine adopts each row whose tunnel a selection-input entry of the row's key

@@ -168,6 +168,12 @@ TEST(TunnelMap, CountedTunnelGoesAtTheFirstRunAfterItsCounterGoesNeverBefore) {
    EXPECT_EQ(r.pending(), sl(std::min(t1, t2)) + ", " + sl(std::max(t1, t2)));
    EXPECT_EQ(r.rows(), rows({{t1, a.key}, {t2, c.key}}));
    EXPECT_EQ(r.sm().task()->expirationTimeNs(), Kiln::durationOf(1.0));
+   std::string dump;
+   r.sm().dump(dump, 2);
+   EXPECT_EQ(dump, "  pendingTunnels #2 \n    " + std::to_string(std::min(t1, t2).value) +
+                       "\n    " + std::to_string(std::max(t1, t2).value) +
+                       "\n  Task Dump\n    taskName: TunnelExportSmTask, taskPriority: 2, "
+                       "currentExpirationTime: 1.000000\n");
 
    r.scheduler.advance(0.5);
    r.counter(t1, false);
