@@ -14,7 +14,9 @@ void registerModules(Host& host) {
    registerInput(host);
    registerResolution(host);
    registerSelection(host);
+   registerPublish(host);
    registerLfib(host);
+   registerTunnelMap(host);
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();

@@ -38,6 +38,7 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.ecPolicy) published_.ecPolicy = made.ecPolicy;
    if (!published_.policyStatus) published_.policyStatus = made.policyStatus;
    if (!published_.srteFwdStatus) published_.srteFwdStatus = made.srteFwdStatus;
+   if (!published_.tunnelIdToPolicyKey) published_.tunnelIdToPolicyKey = made.tunnelIdToPolicyKey;
    if (!published_.lfibStatus) published_.lfibStatus = made.lfibStatus;
    if (!published_.lfibStatus->lfib()) published_.lfibStatus->lfibIs(PublishedTables::lfibName);
    syslog_.sinkIs(&capture_);
@@ -111,11 +112,29 @@ void PolicyCore::buildMachines() {
        .attrLogSm = router_.attrLog,
        .tracer = &tracer_,
    });
-   // Publishing is built here, after selection.
+   m.policyPublishSm = policyPublishSmFactory({
+       .ecPolicy = published_.ecPolicy,
+       .taskScheduler = router_.scheduler,
+       .status = published_.policyStatus,
+       .timerWheel = router_.scheduler,
+       .srteFwdStatus = published_.srteFwdStatus,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
    m.lfibGenSm = srTePolicyLfibGenSmFactory({
        .policyStatus = published_.policyStatus,
        .lfibStatus = published_.lfibStatus,
        .adjIdxAlloc = e.adjIdxAlloc,
+       .tracer = &tracer_,
+   });
+   // Tunnel map export: last. It adopts the rows whose tunnels the selection input still names.
+   m.tunnelMapExportSm = tunnelMapExportSmFactory({
+       .policyId = published_.policySelectionInput,
+       .tunnelIdToPolicyKey = published_.tunnelIdToPolicyKey,
+       .tunnelCounter = router_.counterTable,
+       .scheduler = router_.scheduler,
+       .attrLogSm = router_.attrLog,
        .tracer = &tracer_,
    });
 }
@@ -157,9 +176,19 @@ const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
    return machines_->policySelectionSm;
 }
 
+const Mox::Ptr<PolicyPublishSm>& PolicyCore::policyPublishSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->policyPublishSm;
+}
+
 const Mox::Ptr<SrTePolicyLfibGenSm>& PolicyCore::lfibGenSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->lfibGenSm;
+}
+
+const Mox::Ptr<TunnelMapExportSm>& PolicyCore::tunnelMapExportSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->tunnelMapExportSm;
 }
 
 } // namespace SrTePolicy

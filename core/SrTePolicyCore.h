@@ -48,6 +48,7 @@
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyExportTypes.h"
 #include "publish/SrTePolicyLfibStatus.h"
+#include "publish/SrTePolicyPublishSm.h"
 #include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -57,6 +58,7 @@
 #include "segment/SrTePolicySegmentSm.h"
 #include "selection/SrTePolicyEntry.h"
 #include "selection/SrTePolicySelectionSm.h"
+#include "tunnel/SrTePolicyTunnelMapExportSm.h"
 #include "types/SrTeColorDscpMap.h"
 #include "types/SrTePolicy.h"
 
@@ -110,6 +112,9 @@ struct PublishedTables {
    // The FIB's FEC table, into which the policy FECs are programmed.
    Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus =
        Mox::make<Vault::Fib::ForwardingStatus>("srteFwdStatus");
+   // Tunnel map export: which policy key each segment-list tunnel belongs to.
+   Mox::Ptr<TunnelIdToPolicyKey> tunnelIdToPolicyKey =
+       tunnelIdToPolicyKeyFactory("tunnelIdToPolicyKey");
    // The protocol LFIB of the binding-SID routes, created with the status.
    static constexpr const char* lfibName = "srTePolicyLfib";
    Mox::Ptr<SrTePolicyLfibStatus> lfibStatus = [] {
@@ -141,8 +146,10 @@ struct Machines {
    Mox::Ptr<SegmentListSm> segmentListSm;
    Mox::Ptr<PolicyInputSm> policyInputSm;
    Mox::Ptr<PolicySelectionSm> policySelectionSm;
-   // Publishing goes here, between selection and binding-SID LFIB generation.
+   Mox::Ptr<PolicyPublishSm> policyPublishSm;
    Mox::Ptr<SrTePolicyLfibGenSm> lfibGenSm;
+   // Tunnel map export: the last machine, after publishing and binding-SID LFIB generation.
+   Mox::Ptr<TunnelMapExportSm> tunnelMapExportSm;
 };
 
 class PolicyCore {
@@ -172,8 +179,10 @@ class PolicyCore {
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
+   const Mox::Ptr<PolicyPublishSm>& policyPublishSm() const;
    // Its handleDel() withdraws every binding-SID route (SR-TE turned off); stop() does not.
    const Mox::Ptr<SrTePolicyLfibGenSm>& lfibGenSm() const;
+   const Mox::Ptr<TunnelMapExportSm>& tunnelMapExportSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
    // Every record of this core's log since it was made.
