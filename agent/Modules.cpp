@@ -14,6 +14,8 @@ void registerModules(Host& host) {
    registerInput(host);
    registerResolution(host);
    registerSelection(host);
+   registerPublish(host);
+   registerTunnelMap(host);
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();
