@@ -1,5 +1,6 @@
 // The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
 // congestion flag, `show`, `help` and `quit`; and the tables `scheduler` and `syslog`.
+#include <cstdint>
 #include <cstdlib>
 #include <ostream>
 
@@ -60,8 +61,22 @@ void showAll(Host& host, bool json) {
 
 void registerCore(Host& host) {
    host.verbIs(
-       "run", "run", "process all ready work; virtual time does not move",
-       [&host](Args&) -> Host::Apply { return [&host] { host.scheduler().runUntilIdle(); }; });
+       "run", "run [<task runs>]",
+       "process all ready work (or at most that many task runs); virtual time does not move",
+       [&host](Args& a) -> Host::Apply {
+          size_t runs = SIZE_MAX;
+          if (!a.done()) runs = a.number("task runs");
+          return [&host, runs] { host.scheduler().runUntilIdle(runs); };
+       });
+
+   // Slices of one work unit make every task yield after each key: the bookmarks and requeues
+   // are then exercised at every step.
+   host.verbIs("scheduler yield-every", "scheduler yield-every <work units>",
+               "end each task run after that many work units (0: the usual budget)",
+               [&host](Args& a) -> Host::Apply {
+                  const auto n = static_cast<uint32_t>(a.number("work units", UINT32_MAX));
+                  return [&host, n] { host.scheduler().yieldEveryIs(n); };
+               });
 
    host.verbIs("advance", "advance <seconds>",
                "move virtual time forward, firing in order every timer due by the new time",
