@@ -14,6 +14,7 @@ void registerModules(Host& host) {
    registerInput(host);
    registerResolution(host);
    registerSelection(host);
+   registerPublish(host);
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();

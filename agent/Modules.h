@@ -14,6 +14,7 @@ void registerConfig(Host& host);
 void registerInput(Host& host);
 void registerInputTables(Host& host);
 void registerMpls(Host& host);
+void registerPublish(Host& host);
 void registerResolution(Host& host);
 void registerSelection(Host& host);
 

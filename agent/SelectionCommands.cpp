@@ -18,7 +18,7 @@
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
-#include "agent/TextTable.h"
+#include "agent/ShowTable.h"
 
 namespace Agent {
 
@@ -171,89 +171,65 @@ std::string detailText(const CandidateView& c) {
    return out;
 }
 
-void policiesText(Host& host, std::string& out, const std::vector<PolicyKey>& keys) {
+// The policy a candidate's binding SID is held by, when the candidate is active but publishing
+// refused it the binding SID; null otherwise.
+const PolicyKey* bsidHolder(Host& host, const PolicyKey& key, const CandidateView& c) {
+   if (!c.active || !c.entry || c.entry->bindingSid().isNull()) return nullptr;
+   const ConflictingPolicies* conflict =
+       host.core().policyPublishSm()->conflictingPolicies(c.entry->bindingSid());
+   if (!conflict || !conflict->hasHolder() || !conflict->competitorHas(key)) return nullptr;
+   return &conflict->chosen();
+}
+
+// One row per candidate path, its tunnels as lines; readable and JSON from the same rows.
+Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys) {
+   using Show::ColumnKind;
    size_t paths = 0;
    std::vector<PolicyView> views;
    for (const PolicyKey& key : keys) {
       views.push_back(policyView(host, key));
       paths += views.back().candidates.size();
    }
-   Mox::appendf(out, "Policies: %s, %s\n", Show::count(keys.size(), "policy key").c_str(),
-                Show::count(paths, "candidate path").c_str());
-   Show::TextTable t({"Endpoint", "Color", "Active", "Protocol", "Discriminator", "Preference",
-                      "Originator", "BSID", "Weight", "Tunnel", "Not active", "Why"});
+   Show::Table t(
+       {{"Endpoint", "endpoint"},
+        {"Color", "color"},
+        {"Active", ""},
+        {"Protocol", "protocol", ColumnKind::enumeration},
+        {"Discriminator", "discriminator"},
+        {"", "active"},
+        {"Preference", ""},
+        {"Originator", ""},
+        {"BSID", ""},
+        {"", "", ColumnKind::members}, // preference, originator, binding SID when known
+        {"Not active", "notActive"},
+        {"Why", ""},
+        {"", "", ColumnKind::members}}, // the details of why
+       {Show::Level{{{"", "index"}, {"Weight", "weight"}, {"Tunnel", "tunnelId"}}, "wTunnelId"}});
    for (const PolicyView& v : views) {
       for (const CandidateView& c : v.candidates) {
-         const bool held = c.entry != nullptr;
-         std::vector<std::string> cells{v.key.endpoint.stringValue(),
-                                        std::to_string(v.key.color.value),
-                                        c.active ? "*" : "",
-                                        protocolEnumToString(c.id.protocol),
-                                        std::to_string(c.id.discriminator.value),
-                                        held ? std::to_string(c.entry->priority().preference.value)
-                                        : c.input ? std::to_string(c.input->preference().value)
-                                                  : "",
-                                        held      ? c.entry->priority().originator.stringValue()
-                                        : c.input ? c.input->originator().stringValue()
-                                                  : "",
-                                        held      ? Show::labelText(c.entry->bindingSid())
-                                        : c.input ? Show::labelText(c.input->bindingSid())
-                                                  : ""};
-         const size_t head = cells.size();
-         bool first = true;
-         auto emit = [&](std::string weight, std::string tunnel) {
-            if (!first) cells.assign(head, std::string());
-            cells.push_back(std::move(weight));
-            cells.push_back(std::move(tunnel));
-            cells.push_back(first ? c.reason : "");
-            cells.push_back(first ? detailText(c) : "");
-            first ? t.rowIs(std::move(cells)) : t.continuationIs(std::move(cells));
-            first = false;
-         };
-         if (held && !c.entry->wTunnelId().empty()) {
-            for (const auto& [index, w] : c.entry->wTunnelId()) {
-               emit(std::to_string(w.weight.value), Show::tunnelText(w.tunnelId));
-            }
-         } else {
-            emit("", "");
-         }
-      }
-   }
-   t.render(out, 2);
-}
-
-Json::Value policiesJson(Host& host, const std::vector<PolicyKey>& keys) {
-   Json::Value rows = Json::Value::array();
-   for (const PolicyKey& key : keys) {
-      for (const CandidateView& c : policyView(host, key).candidates) {
-         Json::Value row = Json::Value::row();
-         row.set("endpoint", Json::Value::address(key.endpoint)).set("color", key.color.value);
-         Show::enumIs(row, "protocol", c.id.protocol, protocolEnumToString(c.id.protocol));
-         row.set("discriminator", c.id.discriminator.value).set("active", c.active);
+         std::optional<Preference> preference;
+         std::optional<Originator> originator;
+         std::optional<Ipkit::MplsLabel> bsid;
          if (c.entry) {
-            row.set("preference", c.entry->priority().preference.value)
-                .set("originator", Show::originatorJson(c.entry->priority().originator))
-                .set("bindingSid", Json::Value::label(c.entry->bindingSid()));
+            preference = c.entry->priority().preference;
+            originator = c.entry->priority().originator;
+            bsid = c.entry->bindingSid();
          } else if (c.input) {
-            row.set("preference", c.input->preference().value)
-                .set("originator", Show::originatorJson(c.input->originator()))
-                .set("bindingSid", Json::Value::label(c.input->bindingSid()));
+            preference = c.input->preference();
+            originator = c.input->originator();
+            bsid = c.input->bindingSid();
          }
-         Json::Value tunnels = Json::Value::inlineArray();
-         if (c.entry) {
-            for (const auto& [index, w] : c.entry->wTunnelId()) {
-               tunnels.push(Json::Value::row()
-                                .set("index", uint32_t{index})
-                                .set("weight", w.weight.value)
-                                .set("tunnelId", w.tunnelId.value));
-            }
+         Json::Value known = Json::Value::row();
+         if (preference) {
+            known.set("preference", preference->value)
+                .set("originator", Show::originatorJson(*originator))
+                .set("bindingSid", Json::Value::label(*bsid));
          }
-         row.set("wTunnelId", std::move(tunnels));
-         row.set("notActive",
-                 c.reason.empty() ? Json::Value::null() : Json::Value::string(c.reason));
-         if (!c.criterion.empty()) row.set("criterion", c.criterion);
+         std::string why = detailText(c);
+         Json::Value details = Json::Value::row();
+         if (!c.criterion.empty()) details.set("criterion", c.criterion);
          if (c.invalid) {
-            Show::enumIs(row, "invalidReason", *c.invalid, policyInvalidReasonName(*c.invalid));
+            Show::enumIs(details, "invalidReason", *c.invalid, policyInvalidReasonName(*c.invalid));
          }
          if (c.reason == "unresolved") {
             Json::Value lists = Json::Value::inlineArray();
@@ -263,21 +239,45 @@ Json::Value policiesJson(Host& host, const std::vector<PolicyKey>& keys) {
                if (l.firstLabel) lr.set("firstLabel", Json::Value::label(*l.firstLabel));
                lists.push(std::move(lr));
             }
-            row.set("segmentLists", std::move(lists));
+            details.set("segmentLists", std::move(lists));
          }
-         rows.push(std::move(row));
+         if (const PolicyKey* holder = bsidHolder(host, v.key, c)) {
+            why = "bsid held by " + holder->stringValue();
+            details.set("bsidHeldBy", Json::Value::row()
+                                          .set("endpoint", Json::Value::address(holder->endpoint))
+                                          .set("color", holder->color.value));
+         }
+         auto& row = t.rowIs(
+             {Show::address(v.key.endpoint), Show::number(v.key.color.value),
+              Show::text(c.active ? "*" : ""),
+              Show::enumerated(c.id.protocol, protocolEnumToString(c.id.protocol)),
+              Show::number(c.id.discriminator.value), Show::flag(c.active, "yes", "no"),
+              Show::text(preference ? std::to_string(preference->value) : ""),
+              Show::text(originator ? originator->stringValue() : ""),
+              Show::text(bsid ? Show::labelText(*bsid) : ""), Show::cell("", std::move(known)),
+              Show::cell(c.reason,
+                         c.reason.empty() ? Json::Value::null() : Json::Value::string(c.reason)),
+              Show::text(why), Show::cell("", std::move(details))});
+         if (!c.entry) continue;
+         for (const auto& [index, w] : c.entry->wTunnelId()) {
+            row.lineIs(
+                {Show::number(index), Show::number(w.weight.value),
+                 Show::cell(Show::tunnelText(w.tunnelId), Json::Value::number(w.tunnelId.value))});
+         }
       }
    }
-   return rows;
+   return Show::View()
+       .lineIs("Policies: " + Show::count(keys.size(), "policy key") + ", " +
+               Show::count(paths, "candidate path"))
+       .tableIs("", std::move(t));
 }
 
 } // namespace
 
 void registerSelection(Host& host) {
-   host.showIs(
-       "policies", "per policy key: candidates best first, the active one, why others are not",
-       [&host](std::string& out) { policiesText(host, out, allKeys(host)); },
-       [&host] { return policiesJson(host, allKeys(host)); });
+   host.showIs("policies",
+               "per policy key: candidates best first, the active one, why others are not",
+               [&host] { return policiesView(host, allKeys(host)); });
 
    host.verbIs("show policy", "show policy <endpoint> color <color> [json]",
                "one policy key: its candidates, the active one, why the others are not",
@@ -288,13 +288,14 @@ void registerSelection(Host& host) {
                   const bool json = a.accept("json");
                   a.end();
                   return [&host, key = PolicyKey(endpoint, color), json] {
+                     const Show::View view = policiesView(host, {key});
                      if (json) {
                         Json::Value top = Json::Value::object();
-                        top.set("policy", policiesJson(host, {key}));
+                        top.set("policy", view.json());
                         host.out() << top.render();
                      } else {
                         std::string text;
-                        policiesText(host, text, {key});
+                        view.render(text);
                         host.out() << text << "\n";
                      }
                   };

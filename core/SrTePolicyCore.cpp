@@ -108,6 +108,16 @@ void PolicyCore::buildMachines() {
        .attrLogSm = router_.attrLog,
        .tracer = &tracer_,
    });
+   m.policyPublishSm = policyPublishSmFactory({
+       .ecPolicy = published_.ecPolicy,
+       .taskScheduler = router_.scheduler,
+       .status = published_.policyStatus,
+       .timerWheel = router_.scheduler,
+       .srteFwdStatus = published_.srteFwdStatus,
+       .attrLogSm = router_.attrLog,
+       .syslog = &syslog_,
+       .tracer = &tracer_,
+   });
 }
 
 void PolicyCore::stop() {
@@ -145,6 +155,11 @@ const Mox::Ptr<PolicyInputSm>& PolicyCore::policyInputSm() const {
 const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->policySelectionSm;
+}
+
+const Mox::Ptr<PolicyPublishSm>& PolicyCore::policyPublishSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->policyPublishSm;
 }
 
 } // namespace SrTePolicy

@@ -46,6 +46,7 @@
 #include "platform/TunnelTable.h"
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyExportTypes.h"
+#include "publish/SrTePolicyPublishSm.h"
 #include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -129,6 +130,7 @@ struct Machines {
    Mox::Ptr<SegmentListSm> segmentListSm;
    Mox::Ptr<PolicyInputSm> policyInputSm;
    Mox::Ptr<PolicySelectionSm> policySelectionSm;
+   Mox::Ptr<PolicyPublishSm> policyPublishSm;
 };
 
 class PolicyCore {
@@ -158,6 +160,7 @@ class PolicyCore {
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
+   const Mox::Ptr<PolicyPublishSm>& policyPublishSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
    // Every record of this core's log since it was made.

@@ -1,0 +1,457 @@
+#include "publish/SrTePolicyPublishSm.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/Assert.h"
+#include "platform/Vault.h"
+
+namespace SrTePolicy {
+
+const Syslog::MessageDef SRTE_POLICY_CONFLICT_BSID_IN_USE = {
+    "SRTE_POLICY_CONFLICT_BSID_IN_USE", Syslog::Severity::error,
+    "Endpoint %s, color %u, protocol %s, originator %s(AS%u), discriminator %u is unusable, "
+    "BSID(%u) already present, conflicts with Endpoint %s, color %u, protocol %s, originator "
+    "%s(AS%u), discriminator %u",
+    "Policy received has the same Binding SID as an existing policy",
+    "Binding SID needs to unique across all policies"};
+
+// ---------------------------------------------------------------------------------------------
+// Reactors: each forwards to one handler.
+
+class PolicyPublishSm::MoxEcPolicy : public Mox::Reactor<EcPolicy::Notifiee, PolicyPublishSm> {
+ public:
+   using Reactor::Reactor;
+   void onPolicy(const PolicyKey& key) override {
+      if (owner().in_.ecPolicy->policy(key)) {
+         owner().policyIs(key);
+      } else {
+         owner().policyDel(key);
+      }
+      owner().handlePolicy(key);
+   }
+};
+
+// Watches one policy and, through MoxActive, whichever of its candidates is active.
+class PolicyPublishSm::MoxPolicy : public Mox::Reactor<Policy::Notifiee, PolicyPublishSm> {
+ public:
+   class MoxActive : public Mox::Reactor<PolicyEntry::Notifiee, PolicyPublishSm> {
+    public:
+      MoxActive(PolicyPublishSm& sm, const PolicyKey& key) : Reactor(sm), key_(key) {}
+      void onBindingSid() override { owner().handlePolicy(key_); }
+      void onWTunnelId(const uint8_t&) override { owner().handlePolicy(key_); }
+
+    private:
+      PolicyKey key_;
+   };
+
+   MoxPolicy(PolicyPublishSm& sm, Policy* policy)
+       : Reactor(sm, policy), key_(policy->key()), active_(sm, policy->key()) {
+      active_.notifierIs(policy->active().get());
+   }
+   void onActive() override {
+      active_.notifierIs(notifier() ? notifier()->active().get() : nullptr);
+      owner().handlePolicy(key_);
+   }
+
+ private:
+   PolicyKey key_;
+   MoxActive active_;
+};
+
+class PolicyPublishSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyPublishSm> {
+ public:
+   using Reactor::Reactor;
+   void onTaskRun() override { owner().handleTaskRun(); }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+PolicyPublishSm::PolicyPublishSm(Inputs in)
+    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
+      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer),
+      clock_(in_.timerWheel ? in_.timerWheel : in_.taskScheduler) {
+   SRTE_ASSERT(in_.ecPolicy && in_.taskScheduler && in_.status && in_.srteFwdStatus &&
+                   in_.attrLogSm,
+               "PolicyPublishSm needs every table of its Inputs");
+   moxEcPolicy_ = std::make_unique<MoxEcPolicy>(*this, in_.ecPolicy.get());
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) policyIs(key);
+   handleInitialized();
+}
+
+PolicyPublishSm::~PolicyPublishSm() {
+   // Not handleDel: the status entries, FECs and binding SIDs stay for the next machine.
+   if (task_) task_->unscheduleTask();
+   moxTask_.reset();
+   moxEcPolicy_.reset();
+   policy_.clear();
+}
+
+Mox::Ptr<PolicyPublishSm> policyPublishSmFactory(PolicyPublishSm::Inputs in) {
+   return Mox::make<PolicyPublishSm>(std::move(in));
+}
+
+void PolicyPublishSm::policyIs(const PolicyKey& key) {
+   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
+   if (!policy) return;
+   auto& reactor = policy_[key];
+   // A policy removed and made again under the same key is a new object: watch that one.
+   if (reactor && reactor->notifier() == policy.get()) return;
+   reactor = std::make_unique<MoxPolicy>(*this, policy.get());
+}
+
+void PolicyPublishSm::policyDel(const PolicyKey& key) { policy_.erase(key); }
+
+const ConflictingPolicies* PolicyPublishSm::conflictingPolicies(Ipkit::MplsLabel bsid) const {
+   auto it = bindingSidPolicyMap_.find(bsid);
+   return it == bindingSidPolicyMap_.end() ? nullptr : it->second.get();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Handlers
+
+void PolicyPublishSm::handleInitialized() {
+   SRTE_TRACE_TO(tracer_, 9, "handleInitialized");
+   if (!task_) {
+      task_ = Mox::make<Kiln::TimerTask>(*in_.taskScheduler, taskPriority, taskName);
+      moxTask_ = std::make_unique<MoxTask>(*this, task_);
+   }
+   initialized_ = true;
+   initializeNumAllocator();
+   rebuildBindingSidAndPolicyMap();
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) markPending(key);
+   scheduleTask();
+}
+
+void PolicyPublishSm::handlePolicy(const PolicyKey& key) {
+   markPending(key);
+   if (task_) task_->scheduleTask();
+}
+
+void PolicyPublishSm::handleTaskRun() {
+   if (!initialized_) return;
+   auto it = pendingPolicy_.end();
+   if (!(pendingBookmark_ == PolicyKey()))
+      it = pendingPolicy_.find(PendingPublishKey(pendingBookmark_));
+   if (it == pendingPolicy_.end()) it = pendingPolicy_.begin();
+   pendingBookmark_ = PolicyKey();
+
+   uint64_t count = 0;
+   while (it != pendingPolicy_.end()) {
+      if (in_.attrLogSm->isAttrLogOutClogged()) {
+         pendingBookmark_ = it->key;
+         SRTE_TRACE_TO(tracer_, 9,
+                       "Bookmark placed at Endpoint: " << pendingBookmark_.endpoint
+                                                       << " color: " << pendingBookmark_.color);
+         SRTE_TRACE_TO(tracer_, 9, "publish entries, delay task: " << delayTime_);
+         task_->scheduleTaskLowestDelay(delayTime_);
+         break;
+      }
+      const PendingPublishKey pending = *it;
+      processPolicy(pending.key);
+      // Processing may queue competitors of a released binding SID: the tree may have moved.
+      it = pendingPolicy_.find(pending);
+      it = it != pendingPolicy_.end() ? pendingPolicy_.erase(it)
+                                      : pendingPolicy_.upper_bound(pending);
+      ++count;
+      if (task_->taskShouldYield()) {
+         if (it != pendingPolicy_.end()) {
+            pendingBookmark_ = it->key;
+            SRTE_TRACE_TO(tracer_, 9,
+                          "Bookmark placed at Endpoint: " << pendingBookmark_.endpoint
+                                                          << " color: " << pendingBookmark_.color);
+         }
+         break;
+      }
+   }
+   task_->taskWorkCountInc(count);
+   // Keys queued behind the position reached (or left at a yield) wait for the next run.
+   if (!pendingPolicy_.empty() && !task_->isScheduled()) task_->scheduleTask();
+}
+
+void PolicyPublishSm::handleDel() {
+   if (!initialized_) return;
+   SRTE_TRACE_TO(tracer_, 6, "PolicyPublishSm is to be deleted");
+   if (task_) task_->unscheduleTask();
+   pendingPolicy_.clear();
+   pendingBookmark_ = PolicyKey();
+   initialized_ = false;
+   try {
+      in_.srteFwdStatus->fecDelAll();
+   } catch (const Vault::Corruption& e) {
+      SRTE_TRACE_TO(tracer_, 0, e.what());
+      in_.srteFwdStatus->handleCorruption();
+      SRTE_ASSERT(false, "srteFwdStatus corrupted");
+   }
+   in_.status->statusDelAll();
+   // The reverse map holds the ids of the entries just removed and nothing else.
+   in_.status->fecIdToPolicyKeyDelAll();
+   bindingSidPolicyMap_.clear();
+   policyBindingSidMap_.clear();
+}
+
+void PolicyPublishSm::scheduleTask() {
+   if (!pendingPolicy_.empty() && task_) task_->scheduleTask();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Start-up
+
+void PolicyPublishSm::initializeNumAllocator() {
+   numAllocatorConfig_ =
+       Mox::make<Kiln::NumAllocatorConfig>(Kiln::NumRange(fecIndexMin, fecIndexMax));
+   numAllocatorConfig_->expiryTimeIs(fecIndexExpiry);
+   numAllocatorStatus_ = Mox::make<Kiln::NumAllocatorStatus>();
+   numAllocator_ = Mox::make<Kiln::NumAllocator>(numAllocatorConfig_, numAllocatorStatus_, *clock_);
+   // FECs left by an earlier life keep their ids: new ones must not collide with them.
+   for (const auto& [fecId, fec] : in_.srteFwdStatus->fec()) {
+      numAllocator_->reserveNumber(static_cast<Kiln::Number>(fecId.index()));
+   }
+}
+
+void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {
+   for (const auto& [key, entry] : in_.status->status()) {
+      markPending(key);
+      const Ipkit::MplsLabel bsid = entry->bindingSid();
+      // A policy published without binding SID holds none; recording "none" would later be
+      // released as if it were a binding SID.
+      if (bsid.isNull()) continue;
+      policyBindingSidMap_[key] = bsid;
+      Mox::Ptr<ConflictingPolicies>& c = bindingSidPolicyMap_[bsid];
+      if (!c) {
+         c = Mox::make<ConflictingPolicies>(bsid);
+         c->chosenIs(key);
+      } else if (!(c->chosen() == key)) {
+         // Two survivors claim one binding SID (impossible unless the table was tampered with):
+         // the one found first keeps it, the other is withdrawn when processed.
+         c->competitorIs(key);
+      }
+   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// One key
+
+void PolicyPublishSm::processPolicy(const PolicyKey& key) {
+   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
+   const Mox::Ptr<PolicyEntry> active = policy ? policy->active() : nullptr;
+   auto asked = policyBindingSidMap_.find(key);
+   if (!active) {
+      if (asked != policyBindingSidMap_.end())
+         releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
+      withdraw(key);
+      return;
+   }
+   if (asked != policyBindingSidMap_.end() && asked->second != active->bindingSid()) {
+      releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
+   }
+   if (!requestBindingSid(*policy, key)) {
+      // Still a competitor: the binding SID it asked for stays recorded.
+      emitBsidConflictSyslog(*policy, key);
+      withdraw(key);
+      return;
+   }
+
+   const CandidateId candidateId = active->candidateId();
+   const Originator& originator = active->priority().originator;
+   SRTE_TRACE_TO(tracer_, 6,
+                 "Policy Endpoint: " << key.endpoint << " Color: " << key.color
+                                     << " Candidate: " << candidateId << " is now active");
+   Vault::Fib::FecId fecId, nullLabelFecId;
+   if (const Mox::Ptr<PolicyStatusEntry> entry = in_.status->status(key)) {
+      fecId = entry->fecId();
+      nullLabelFecId = entry->nullLabelFecId();
+      addOrUpdateSrTePolicyFecs(*active, key, fecId, nullLabelFecId);
+      if (!(entry->candidateId() == candidateId)) entry->lastModifiedIs(clock_->now());
+      entry->bindingSidIs(active->bindingSid());
+      entry->candidateIdIs(candidateId);
+      entry->originatorIs(originator);
+   } else {
+      fecId = getFecId();
+      nullLabelFecId = getFecId();
+      addOrUpdateSrTePolicyFecs(*active, key, fecId, nullLabelFecId);
+      in_.status->statusIs(key, candidateId, originator, clock_->now(), active->bindingSid(), fecId,
+                           nullLabelFecId);
+   }
+   in_.status->fecIdToPolicyKeyIs(fecId, key);
+   in_.status->fecIdToPolicyKeyIs(nullLabelFecId, key);
+}
+
+void PolicyPublishSm::withdraw(const PolicyKey& key) {
+   SRTE_TRACE_TO(tracer_, 6,
+                 "Policy Endpoint: " << key.endpoint << " Color: " << key.color
+                                     << " has no active policy");
+   if (const Mox::Ptr<PolicyStatusEntry> entry = in_.status->status(key)) {
+      deleteSrTePolicyFecs(*entry);
+      in_.status->fecIdToPolicyKeyDel(entry->fecId());
+      in_.status->fecIdToPolicyKeyDel(entry->nullLabelFecId());
+   }
+   in_.status->statusDel(key);
+}
+
+bool PolicyPublishSm::requestBindingSid(const Policy& policy, const PolicyKey& key) {
+   const Ipkit::MplsLabel bsid = policy.active()->bindingSid();
+   if (bsid.isNull()) return true;
+   policyBindingSidMap_[key] = bsid;
+   Mox::Ptr<ConflictingPolicies>& c = bindingSidPolicyMap_[bsid];
+   if (!c) {
+      c = Mox::make<ConflictingPolicies>(bsid);
+      c->chosenIs(key);
+      return true;
+   }
+   if (c->chosen() == key) return true;
+   if (!c->hasHolder()) {
+      c->chosenIs(key);
+      c->competitorDel(key);
+      return true;
+   }
+   c->competitorIs(key);
+   SRTE_TRACE_TO(tracer_, 3,
+                 "Policy Endpoint: " << key.endpoint << " Color: " << key.color << " binding-sid "
+                                     << bsid << " is unavailable");
+   return false;
+}
+
+void PolicyPublishSm::releaseBindingSid(Ipkit::MplsLabel bsid, const PolicyKey& key) {
+   if (bsid == Ipkit::MplsLabel()) {
+      SRTE_TRACE_TO(tracer_, 0, "Cannot release invalid binding-sid");
+      SRTE_ASSERT(bsid != Ipkit::MplsLabel(), "Cannot release invalid binding-sid");
+   }
+   policyBindingSidMap_.erase(key);
+   auto it = bindingSidPolicyMap_.find(bsid);
+   if (it == bindingSidPolicyMap_.end()) return;
+   const Mox::Ptr<ConflictingPolicies> c = it->second;
+   if (c->chosen() == key) c->chosenIs(PolicyKey());
+   c->competitorDel(key);
+   if (!c->competitor().empty()) {
+      // The first of them the task processes takes it.
+      for (const PolicyKey& competitor : c->competitor()) markPending(competitor);
+      scheduleTask();
+      return;
+   }
+   if (!c->hasHolder()) bindingSidPolicyMap_.erase(bsid);
+}
+
+void PolicyPublishSm::emitBsidConflictSyslog(const Policy& policy, const PolicyKey& key) {
+   const PolicyEntry& active = *policy.active();
+   const ConflictingPolicies* c = conflictingPolicies(active.bindingSid());
+   SRTE_ASSERT(c, "Chosen policy does not exist in status");
+   const PolicyKey& chosen = c->chosen();
+   const Mox::Ptr<PolicyStatusEntry> chosenStatusEntry = in_.status->status(chosen);
+   SRTE_ASSERT(chosenStatusEntry, "Chosen policy does not exist in status");
+   const std::string endpoint = key.endpoint.stringValue();
+   const std::string protocol = protocolEnumToString(active.priority().protocol);
+   const std::string origin = active.priority().originator.address.stringValue();
+   const std::string chosenEndpoint = chosen.endpoint.stringValue();
+   const std::string chosenProtocol =
+       protocolEnumToString(chosenStatusEntry->candidateId().protocol);
+   const std::string chosenOrigin = chosenStatusEntry->originator().address.stringValue();
+   syslog_->log(SRTE_POLICY_CONFLICT_BSID_IN_USE, endpoint.c_str(), unsigned{key.color.value},
+                protocol.c_str(), origin.c_str(), unsigned{active.priority().originator.asn},
+                unsigned{active.priority().discriminator.value},
+                unsigned{active.bindingSid().value()}, chosenEndpoint.c_str(),
+                unsigned{chosen.color.value}, chosenProtocol.c_str(), chosenOrigin.c_str(),
+                unsigned{chosenStatusEntry->originator().asn},
+                unsigned{chosenStatusEntry->candidateId().discriminator.value});
+}
+
+// ---------------------------------------------------------------------------------------------
+// FECs
+
+Ipkit::MplsLabel PolicyPublishSm::explicitNullLabel(const Ipkit::IpGenAddr& endpoint) {
+   return Ipkit::MplsLabel(endpoint.af() == 1 ? ipv6ExplicitNull : ipv4ExplicitNull);
+}
+
+Vault::Fib::FecId PolicyPublishSm::getFecId() {
+   const Kiln::Number index = numAllocator_->getNumber();
+   SRTE_ASSERT(index != numAllocator_->invalidNumber(), "FecId range exhausted, Not possible");
+   SRTE_ASSERT(index >= 0, "index >= 0");
+   const Vault::Fib::FecId fecId =
+       Vault::Fib::FecId::fecIdForAdjType(fecAdjType, static_cast<uint64_t>(index));
+   SRTE_TRACE_TO(tracer_, 9, "Allocated new fecId: " << fecId);
+   return fecId;
+}
+
+void PolicyPublishSm::addOrUpdateSrTePolicyFecs(const PolicyEntry& policyEntry,
+                                                const PolicyKey& key, Vault::Fib::FecId fecId,
+                                                Vault::Fib::FecId nullLabelFecId) {
+   SRTE_TRACE_TO(tracer_, 8, "Updating policy fecId: " << fecId);
+   createSrTePolicyFecEntry(fecId, policyEntry, Ipkit::MplsLabel());
+   SRTE_TRACE_TO(tracer_, 8, "Updating SrTePolicyNullLabelFecId fecId: " << nullLabelFecId);
+   createSrTePolicyFecEntry(nullLabelFecId, policyEntry, explicitNullLabel(key.endpoint));
+}
+
+void PolicyPublishSm::createSrTePolicyFecEntry(Vault::Fib::FecId fecId,
+                                               const PolicyEntry& policyEntry,
+                                               Ipkit::MplsLabel viaMplsLabel) {
+   SRTE_TRACE_TO(tracer_, 8, "Creating policy fecId: " << fecId);
+   Vault::Fib::Fec fec(fecId);
+   uint32_t viaIndex = 0;
+   // Rows in index order; their weights are the tunnels' business, not the FEC's.
+   for (const auto& [index, row] : policyEntry.wTunnelId()) {
+      Vault::Fib::Via via;
+      via.labelActionIs(Ipkit::MplsLabelAction::none);
+      if (!viaMplsLabel.isNull()) via.mplsLabelIs(viaMplsLabel);
+      via.tunnelIdIs(row.tunnelId);
+      SRTE_TRACE_TO(tracer_, 9, "Adding tunnelId: " << row.tunnelId);
+      fec.viaIs(viaIndex++, via);
+   }
+   try {
+      in_.srteFwdStatus->fecCommit(fec);
+   } catch (const Vault::Corruption& e) {
+      SRTE_TRACE_TO(tracer_, 0, e.what());
+      in_.srteFwdStatus->handleCorruption();
+      SRTE_ASSERT(false, "srteFwdStatus corrupted");
+   }
+}
+
+void PolicyPublishSm::deleteSrTePolicyFec(Vault::Fib::FecId fecId) {
+   SRTE_TRACE_TO(tracer_, 8, "Delete policy fecId: " << fecId);
+   try {
+      in_.srteFwdStatus->fecDel(fecId);
+   } catch (const Vault::Corruption& e) {
+      SRTE_TRACE_TO(tracer_, 0, e.what());
+      in_.srteFwdStatus->handleCorruption();
+      SRTE_ASSERT(false, "srteFwdStatus corrupted");
+   }
+   numAllocator_->releaseNumber(static_cast<Kiln::Number>(fecId.index()));
+}
+
+void PolicyPublishSm::deleteSrTePolicyFecs(const PolicyStatusEntry& statusEntry) {
+   deleteSrTePolicyFec(statusEntry.fecId());
+   deleteSrTePolicyFec(statusEntry.nullLabelFecId());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Dump
+
+void PolicyPublishSm::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cpendingPolicies #%u \n", depth, ' ',
+                static_cast<unsigned>(pendingPolicy_.size()));
+   std::vector<PolicyKey> pending;
+   for (const PendingPublishKey& p : pendingPolicy_) pending.push_back(p.key);
+   std::sort(pending.begin(), pending.end());
+   for (const PolicyKey& key : pending) {
+      Mox::appendf(out, "%*c%s\n", depth + 2, ' ', key.stringValue().c_str());
+   }
+   Mox::appendf(out, "%*cpendingBookmark: %s \n", depth, ' ',
+                pendingBookmark_.stringValue().c_str());
+   Mox::appendf(out, "%*cTask Dump: \n", depth, ' ');
+   if (task_) Mox::appendf(out, "%*c%s\n", depth + 2, ' ', task_->stringValue().c_str());
+   Mox::appendf(out, "%*cdelayTime#: %f\n", depth, ' ', delayTime_);
+   Mox::appendf(out, "%*cbindingSidPolicyMap #%u \n", depth, ' ',
+                static_cast<unsigned>(bindingSidPolicyMap_.size()));
+   for (const auto* member : Mox::sortedMembers(bindingSidPolicyMap_)) {
+      Mox::appendf(out, "%*c(%s, %u)\n", depth + 2, ' ',
+                   member->second->chosen().stringValue().c_str(), member->first.value());
+   }
+   Mox::appendf(out, "%*cpolicyBindingSidMap #%u \n", depth, ' ',
+                static_cast<unsigned>(policyBindingSidMap_.size()));
+   for (const auto* member : Mox::sortedMembers(policyBindingSidMap_)) {
+      Mox::appendf(out, "%*c(%s, %u)\n", depth + 2, ' ', member->first.stringValue().c_str(),
+                   member->second.value());
+   }
+}
+
+} // namespace SrTePolicy

@@ -1,0 +1,178 @@
+// PolicyPublishSm: publishes every policy that selection made active. For each policy key with an
+// active candidate path it claims the path's binding SID, programs two FECs in the FIB (one whose
+// vias carry no label, one whose vias push the explicit-null label of the endpoint's family) and
+// writes the key's PolicyStatus entry with both FEC ids mapped back to the key. A key that loses
+// its active path, or whose binding SID another policy holds, is withdrawn: entry, FECs, map rows.
+//
+//   policy added/removed, active changed, active's binding SID or tunnels changed -> queue key
+//        task "PublishSmTask": drain pendingPolicy from pendingBookmark in hash order
+//          - output congested: stop, retry after 0.1 s (nothing dropped)
+//          - scheduler says yield: bookmark the next key, run again at once
+//
+// Binding SIDs are first come, first served: the first key processed with a binding SID holds
+// it (ConflictingPolicies::chosen); a later one is refused, recorded as a competitor and logged
+// ("SRTE_POLICY_CONFLICT_BSID_IN_USE"). When the holder lets go (withdrawn, or its binding SID
+// changed), every competitor is queued again and the first of them processed takes it.
+//
+// FEC indexes come from a number allocator over 0..4294967295 whose released numbers age 300 s
+// on the scheduler's clock before reuse, so a FEC id is not handed to a new policy while the
+// platform may still hold routes towards the old one.
+//
+// Guarantees (tests/publish/PolicyPublishSmTest.cpp):
+//  - a binding SID has at most one holder, and only the holder (or a key without binding SID) has
+//    a status entry; a refused key is published as soon as it is processed after the release;
+//  - a status entry's FEC ids never change while it exists; `fecIdToPolicyKey` holds exactly the
+//    two ids of every entry this machine wrote;
+//  - `lastModified` is the time of the entry's creation or of its last change of candidate;
+//  - the machine's destruction (restart) withdraws nothing: the next machine adopts the entries,
+//    their FEC indexes and their binding SIDs; only `handleDel` (SR-TE going away for good)
+//    empties the status table and the FIB table;
+//  - the processing order of pending keys is a function of what is pending alone (hash, then
+//    key), so which competitor wins a released binding SID is reproducible.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "absl/container/btree_set.h"
+#include "platform/Kiln.h"
+#include "platform/KilnNumAllocator.h"
+#include "platform/Mox.h"
+#include "platform/Syslog.h"
+#include "platform/Trace.h"
+#include "platform/VaultFib.h"
+#include "publish/SrTePolicyConflictingPolicies.h"
+#include "publish/SrTePolicyStatus.h"
+#include "selection/SrTePolicyEntry.h"
+
+namespace SrTePolicy {
+
+extern const Syslog::MessageDef SRTE_POLICY_CONFLICT_BSID_IN_USE;
+
+// A pending key in hash order: ordered by the key's hash, then the key. A flat table's order also
+// depends on its history and on where its slots live, and the order decides who wins a released
+// binding SID.
+struct PendingPublishKey {
+   uint32_t hash;
+   PolicyKey key;
+   explicit PendingPublishKey(const PolicyKey& k) : hash(k.hash()), key(k) {}
+   friend bool operator==(const PendingPublishKey&, const PendingPublishKey&) = default;
+   friend auto operator<=>(const PendingPublishKey&, const PendingPublishKey&) = default;
+};
+using PendingPolicySet = absl::btree_set<PendingPublishKey>;
+
+class PolicyPublishSm : public Mox::RefCounted {
+ public:
+   static constexpr const char* taskName = "PublishSmTask";
+   static constexpr int taskPriority = 2;
+   static constexpr double congestionDelay = 0.1;
+   static constexpr Kiln::Number fecIndexMin = 0;
+   static constexpr Kiln::Number fecIndexMax = 4294967295;
+   static constexpr double fecIndexExpiry = 300.0;
+   // The FIB's adjacency type of SR-TE policy FECs.
+   static constexpr uint8_t fecAdjType = 15;
+   static constexpr uint32_t ipv6ExplicitNull = 2;
+   static constexpr uint32_t ipv4ExplicitNull = 0;
+
+   // What the machine reads and writes, in this order. `timerWheel` is the clock of `lastModified`
+   // and of FEC index ageing (the scheduler when not given); `syslog` and `tracer` default to the
+   // process ones.
+   struct Inputs {
+      Mox::Ptr<const EcPolicy> ecPolicy;
+      Kiln::TaskScheduler* taskScheduler = nullptr;
+      Mox::Ptr<PolicyStatus> status;
+      Kiln::TimerWheel* timerWheel = nullptr;
+      Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus;
+      Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      Syslog::Log* syslog = nullptr;
+      Trace::Tracer* tracer = nullptr;
+   };
+   using BindingSidPolicyMap = Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<ConflictingPolicies>>;
+   using PolicyBindingSidMap = Mox::HashMap2018<PolicyKey, Ipkit::MplsLabel>;
+
+   explicit PolicyPublishSm(Inputs in);
+   // Lets go of the reactors and the task; everything published stays for the next machine.
+   ~PolicyPublishSm() override;
+
+   // State, for the host's tables and for tests.
+   bool initialized() const noexcept { return initialized_; }
+   const PendingPolicySet& pendingPolicy() const noexcept { return pendingPolicy_; }
+   bool pendingPolicyHas(const PolicyKey& key) const {
+      return pendingPolicy_.contains(PendingPublishKey(key));
+   }
+   const PolicyKey& pendingBookmark() const noexcept { return pendingBookmark_; }
+   Kiln::Task* task() const noexcept { return task_.get(); }
+   double delayTime() const noexcept { return delayTime_; }
+   const BindingSidPolicyMap& bindingSidPolicyMap() const noexcept { return bindingSidPolicyMap_; }
+   // Null when nobody asks for `bsid`.
+   const ConflictingPolicies* conflictingPolicies(Ipkit::MplsLabel bsid) const;
+   const PolicyBindingSidMap& policyBindingSidMap() const noexcept { return policyBindingSidMap_; }
+   const Kiln::NumAllocator* numAllocator() const noexcept { return numAllocator_.get(); }
+   size_t policyReactorCount() const noexcept { return policy_.size(); }
+   const Inputs& inputs() const noexcept { return in_; }
+   void dump(std::string& out, int depth) const;
+
+   // Handlers (reactors call these).
+   void handleInitialized();
+   void handlePolicy(const PolicyKey& key);
+   void handleTaskRun();
+   // SR-TE goes away for good: nothing queued any more, every FEC and status entry withdrawn.
+   // Not called on destruction: a restart must leave forwarding as it is.
+   void handleDel();
+
+   // The reactors of one policy (and of its active entry).
+   void policyIs(const PolicyKey& key);
+   void policyDel(const PolicyKey& key);
+
+   // The steps of one key.
+   void processPolicy(const PolicyKey& key);
+   bool requestBindingSid(const Policy& policy, const PolicyKey& key);
+   void releaseBindingSid(Ipkit::MplsLabel bsid, const PolicyKey& key);
+   Vault::Fib::FecId getFecId();
+   void createSrTePolicyFecEntry(Vault::Fib::FecId fecId, const PolicyEntry& policyEntry,
+                                 Ipkit::MplsLabel viaMplsLabel);
+   void addOrUpdateSrTePolicyFecs(const PolicyEntry& policyEntry, const PolicyKey& key,
+                                  Vault::Fib::FecId fecId, Vault::Fib::FecId nullLabelFecId);
+   void deleteSrTePolicyFec(Vault::Fib::FecId fecId);
+   void deleteSrTePolicyFecs(const PolicyStatusEntry& statusEntry);
+   void emitBsidConflictSyslog(const Policy& policy, const PolicyKey& key);
+   void initializeNumAllocator();
+   void rebuildBindingSidAndPolicyMap();
+
+   // The explicit-null label the null-label FEC pushes for an endpoint of this family.
+   static Ipkit::MplsLabel explicitNullLabel(const Ipkit::IpGenAddr& endpoint);
+
+ private:
+   class MoxEcPolicy;
+   class MoxPolicy;
+   class MoxTask;
+
+   void markPending(const PolicyKey& key) { pendingPolicy_.insert(PendingPublishKey(key)); }
+   void scheduleTask();
+   void withdraw(const PolicyKey& key);
+
+   Inputs in_;
+   Syslog::Log* syslog_;
+   Trace::Tracer* tracer_;
+   Kiln::TimerWheel* clock_;
+
+   PendingPolicySet pendingPolicy_;
+   PolicyKey pendingBookmark_;
+   BindingSidPolicyMap bindingSidPolicyMap_;
+   PolicyBindingSidMap policyBindingSidMap_;
+   Mox::Ptr<Kiln::NumAllocatorConfig> numAllocatorConfig_;
+   Mox::Ptr<Kiln::NumAllocatorStatus> numAllocatorStatus_;
+   Mox::Ptr<Kiln::NumAllocator> numAllocator_;
+   Mox::Ptr<Kiln::TimerTask> task_;
+   double delayTime_ = congestionDelay;
+   bool initialized_ = false;
+
+   Mox::HashMap2018<PolicyKey, std::unique_ptr<MoxPolicy>> policy_;
+   std::unique_ptr<MoxEcPolicy> moxEcPolicy_;
+   std::unique_ptr<MoxTask> moxTask_;
+};
+
+Mox::Ptr<PolicyPublishSm> policyPublishSmFactory(PolicyPublishSm::Inputs in);
+
+} // namespace SrTePolicy

@@ -1,0 +1,121 @@
+// Publishing in the assembled core: candidate paths written into an input table come out as
+// status entries and FECs, and a restart of the core keeps forwarding as it is.
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "core/SrTePolicyCore.h"
+
+namespace SrTePolicy {
+namespace {
+
+PolicyId pathId(const char* endpoint, uint32_t color, uint32_t disc) {
+   return PolicyId(PolicyKey(*Ipkit::IpGenAddr::parse(endpoint), Color(color)), Protocol::bgp,
+                   Discriminator(disc));
+}
+
+PolicyInputEntry path(const PolicyId& id, uint32_t bsid, std::vector<uint32_t> labels) {
+   PolicyInputEntry e(id);
+   if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
+   Ipkit::MplsLabelOperation op;
+   for (uint32_t l : labels) op.push(Ipkit::MplsLabel(l));
+   e.segmentListIs(SegmentListIndex(0), WeightedSegList(Weight(1), op));
+   return e;
+}
+
+struct Router {
+   Kiln::TaskScheduler scheduler;
+   StandaloneRouter tables;
+   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+   std::unique_ptr<PolicyCore> core;
+
+   Router() {
+      tables.input->policyInputIs(Protocol::bgp, bgp);
+      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+      Mpls::Status& mpls = *tables.mplsStatus;
+      mpls.adjacencyIs(1, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000002),
+                                     Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 1),
+                                     Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(16000))});
+      for (uint32_t l : {16001, 16002, 16003}) {
+         mpls.lfibRouteIs(Mpls::LFib::Route(
+             Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)), Mpls::LFib::RouteType::unknown,
+             Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(1, Mpls::AdjacencyType::nexthop)));
+      }
+      core = std::make_unique<PolicyCore>(tables.tables(scheduler));
+      core->start();
+   }
+   PolicyStatus& status() const { return *core->published().policyStatus; }
+   const Vault::Fib::ForwardingStatus& fib() const { return *core->published().srteFwdStatus; }
+};
+
+// Counts FECs the FIB loses.
+class FibRemovals : public Vault::Fib::ForwardingStatus::Notifiee {
+ public:
+   void onFec(const Vault::Fib::FecId& id) override {
+      if (!notifier()->fec(id)) ++removals;
+   }
+   int removals = 0;
+};
+
+TEST(PublishThroughCore, RestartKeepsFecIdsAndHoldersWithoutWithdrawingAnything) {
+   Router r;
+   const PolicyId a = pathId("10.0.0.1", 1, 1), b = pathId("10.0.0.2", 1, 1),
+                  c = pathId("10.0.0.3", 1, 1);
+   r.bgp->policyInputEntryIs(path(a, 900001, {16001}));
+   r.scheduler.runUntilIdle();
+   r.bgp->policyInputEntryIs(path(b, 900001, {16002}));
+   r.bgp->policyInputEntryIs(path(c, 900003, {16003, 16001}));
+   r.scheduler.runUntilIdle();
+
+   ASSERT_EQ(r.status().status().size(), 2u);
+   ASSERT_FALSE(r.status().status(b.key));
+   const auto& records = r.core->syslogCapture().records();
+   ASSERT_EQ(records.size(), 1u);
+   EXPECT_EQ(records[0].tag, "SRTE_POLICY_CONFLICT_BSID_IN_USE");
+   std::map<PolicyKey, std::pair<Vault::Fib::FecId, Vault::Fib::FecId>> fecs;
+   for (const auto& [key, entry] : r.status().status()) {
+      fecs[key] = {entry->fecId(), entry->nullLabelFecId()};
+      // The FEC's via is the tunnel of the segment list the core resolved.
+      const Vault::Fib::Fec* fec = r.fib().fec(entry->fecId());
+      ASSERT_TRUE(fec);
+      ASSERT_EQ(fec->viaCount(), 1u);
+      EXPECT_TRUE(r.core->published().tunnelTable->entry(fec->via()[0].tunnelId()));
+   }
+
+   FibRemovals watch;
+   watch.notifierIs(r.core->published().srteFwdStatus);
+   r.core->restart();
+   r.scheduler.runUntilIdle();
+
+   EXPECT_EQ(watch.removals, 0);
+   EXPECT_EQ(r.status().status().size(), 2u);
+   for (const auto& [key, ids] : fecs) {
+      auto entry = r.status().status(key);
+      ASSERT_TRUE(entry) << key.stringValue();
+      EXPECT_EQ(entry->fecId(), ids.first);
+      EXPECT_EQ(entry->nullLabelFecId(), ids.second);
+      // Renumbered segment lists: the FEC follows the new tunnel, under the same id.
+      const Vault::Fib::Fec* fec = r.fib().fec(entry->fecId());
+      ASSERT_TRUE(fec);
+      EXPECT_TRUE(r.core->published().tunnelTable->entry(fec->via()[0].tunnelId()));
+   }
+   const ConflictingPolicies* held =
+       r.core->policyPublishSm()->conflictingPolicies(Ipkit::MplsLabel(900001));
+   ASSERT_TRUE(held);
+   EXPECT_EQ(held->chosen(), a.key);
+   EXPECT_TRUE(held->competitorHas(b.key));
+   EXPECT_EQ(r.fib().fec().size(), 4u);
+   EXPECT_EQ(r.status().fecIdToPolicyKey().size(), 4u);
+
+   // The holder's path is withdrawn: the competitor is published with FECs of its own.
+   r.bgp->policyInputEntryDel(a);
+   r.scheduler.runUntilIdle();
+   ASSERT_TRUE(r.status().status(b.key));
+   EXPECT_FALSE(r.status().status(a.key));
+   EXPECT_EQ(held->chosen(), b.key);
+   EXPECT_EQ(r.fib().fec().size(), 4u);
+   EXPECT_FALSE(r.status().fecIdToPolicyKey(fecs[a.key].first));
+}
+
+} // namespace
+} // namespace SrTePolicy
