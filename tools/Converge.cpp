@@ -416,6 +416,164 @@ Rows exportedLists(PolicyCore& core, const History&) {
    return rows;
 }
 
+// ---- publishing. Which of several policies asking for one binding SID holds it is first come,
+// first served, so only the group is content: its claimants, and that exactly one of them is
+// published (checked in ruleViolations). The rest is compared whole.
+
+// Keys whose active candidate the sticky tie-break may have chosen among several (candidates
+// that differ from the best only by discriminator), and every binding SID their candidates name:
+// what is published for them, and who wins those binding SIDs, follows that choice. Both sets
+// are content (the candidates are compared in `policies`); the cores' own consistency is checked
+// in ruleViolations.
+struct Sticky {
+   std::set<PolicyKey> keys;
+   std::set<Ipkit::MplsLabel> bsids;
+
+   explicit Sticky(const PolicyCore& core) {
+      if (core.router().config->useDiscriminatorInTieBreaking()) return;
+      for (const auto& [key, policy] : core.published().ecPolicy->policy()) {
+         const auto& c = policy->candidate();
+         if (c.size() < 2) continue;
+         const Priority& best = c.begin()->first;
+         size_t group = 0;
+         for (const auto& [p, e] : c) group += best.sameExceptDiscriminator(p) ? 1 : 0;
+         if (group < 2) continue;
+         keys.insert(key);
+         for (const auto& [p, e] : c) {
+            if (!e->bindingSid().isNull()) bsids.insert(e->bindingSid());
+         }
+      }
+   }
+   bool masks(const PolicyKey& key, Ipkit::MplsLabel activeBsid) const {
+      return keys.count(key) || (!activeBsid.isNull() && bsids.count(activeBsid));
+   }
+};
+
+// Per binding SID, the policy keys whose active path asks for it.
+std::map<Ipkit::MplsLabel, std::set<PolicyKey>> claimants(const PolicyCore& core) {
+   std::map<Ipkit::MplsLabel, std::set<PolicyKey>> out;
+   for (const auto& [key, policy] : core.published().ecPolicy->policy()) {
+      if (policy->active() && !policy->active()->bindingSid().isNull()) {
+         out[policy->active()->bindingSid()].insert(key);
+      }
+   }
+   return out;
+}
+
+// The binding SID `key` shares with other claimants, if any.
+std::optional<Ipkit::MplsLabel> conflictOf(const std::map<Ipkit::MplsLabel, std::set<PolicyKey>>& c,
+                                           const PolicyKey& key) {
+   for (const auto& [label, keys] : c) {
+      if (keys.size() > 1 && keys.count(key)) return label;
+   }
+   return std::nullopt;
+}
+
+std::string keysText(const std::set<PolicyKey>& keys) {
+   std::string out;
+   for (const PolicyKey& k : keys) out += " " + k.stringValue();
+   return out;
+}
+
+std::string fecText(const PolicyCore& core, const Names& names, Vault::Fib::FecId id) {
+   const Vault::Fib::Fec* fec = core.published().srteFwdStatus->fec(id);
+   if (!fec) return " missing";
+   std::string out;
+   for (const Vault::Fib::Via& v : fec->via()) {
+      out += " {" + labelText(v.mplsLabel()) + " " + Ipkit::mplsLabelActionName(v.labelAction()) +
+             " " + names.ofTunnel(v.tunnelId()) + "}";
+   }
+   return out;
+}
+
+Rows policyStatus(PolicyCore& core, const History&) {
+   const Names names(core);
+   const bool tieBreak = core.router().config->useDiscriminatorInTieBreaking();
+   const auto claims = claimants(core);
+   const Sticky sticky(core);
+   const PolicyStatus& status = *core.published().policyStatus;
+   Rows rows;
+   for (const auto& [key, policy] : core.published().ecPolicy->policy()) {
+      const auto& active = policy->active();
+      if (!active) continue;
+      if (sticky.masks(key, active->bindingSid())) {
+         rows.push_back(key.stringValue() + " follows a sticky choice");
+         continue;
+      }
+      if (conflictOf(claims, key)) continue; // in bsid-conflicts
+      const Mox::Ptr<PolicyStatusEntry> e = status.status(key);
+      if (!e) {
+         rows.push_back(key.stringValue() + " not published");
+         continue;
+      }
+      rows.push_back(key.stringValue() + " candidate " +
+                     (e->candidateId() == active->candidateId()
+                          ? activeGroup(active->priority(), tieBreak)
+                          : "not the active one " + e->candidateId().stringValue()) +
+                     " originator " + e->originator().stringValue() + " bsid " +
+                     labelText(e->bindingSid()) + " fec" + fecText(core, names, e->fecId()) +
+                     " null-label fec" + fecText(core, names, e->nullLabelFecId()));
+   }
+   for (const auto& [key, e] : status.status()) {
+      const Mox::Ptr<Policy> policy = core.published().ecPolicy->policy(key);
+      if (!policy || !policy->active()) {
+         rows.push_back(key.stringValue() + " published without an active path");
+      }
+   }
+   return rows;
+}
+
+// Every FEC of the FIB table: whose it is and what it holds (a binding-SID holder's only by
+// its group). A FEC no status entry names is a leftover.
+Rows fecs(PolicyCore& core, const History&) {
+   const Names names(core);
+   const auto claims = claimants(core);
+   const Sticky sticky(core);
+   const PolicyStatus& status = *core.published().policyStatus;
+   Rows rows;
+   for (const auto& [id, fec] : core.published().srteFwdStatus->fec()) {
+      const PolicyKey* key = status.fecIdToPolicyKey(id);
+      const Mox::Ptr<PolicyStatusEntry> e = key ? status.status(*key) : nullptr;
+      const char* kind = !e                          ? "stray fec"
+                         : e->fecId() == id          ? "fec"
+                         : e->nullLabelFecId() == id ? "null-label fec"
+                                                     : "stray fec";
+      const Mox::Ptr<Policy> policy = key ? core.published().ecPolicy->policy(*key) : nullptr;
+      const bool masked =
+          e && policy && policy->active() &&
+          (conflictOf(claims, *key) || sticky.masks(*key, policy->active()->bindingSid()));
+      if (masked) continue; // its FECs are checked against its active path in ruleViolations
+      {
+         rows.push_back((key ? key->stringValue() : "unmapped") + " " + kind +
+                        fecText(core, names, id));
+      }
+   }
+   for (const auto& [id, key] : status.fecIdToPolicyKey()) {
+      if (!core.published().srteFwdStatus->fec(id)) {
+         rows.push_back("map to " + key.stringValue() + " names a missing FEC");
+      }
+   }
+   return rows;
+}
+
+// ConflictingPolicies: per binding SID asked for, the policies that asked.
+Rows bsidConflicts(PolicyCore& core, const History&) {
+   const Sticky sticky(core);
+   Rows rows;
+   for (const auto& [label, keys] : claimants(core)) {
+      if (sticky.bsids.count(label)) continue;
+      rows.push_back("bsid " + label.stringValue() + " claimed by" + keysText(keys));
+   }
+   for (const auto& [label, c] : core.policyPublishSm()->bindingSidPolicyMap()) {
+      if (sticky.bsids.count(label)) continue;
+      std::set<PolicyKey> asked(c->competitor().begin(), c->competitor().end());
+      if (c->hasHolder()) asked.insert(c->chosen());
+      rows.push_back("bsid " + label.stringValue() + " asked by" + keysText(asked) +
+                     (c->hasHolder() ? "" : ", held by none"));
+   }
+   return rows;
+}
+
 // The unusable-path messages: per candidate path that is unusable now (and logged for its
 // reason), the last message about it. Earlier messages tell the path's history.
 Rows unusableMessages(PolicyCore& core, const History& h) {
@@ -508,6 +666,9 @@ const std::vector<Table>& tables() {
        {"tunnel-table", tunnelTable},
        {"policies", ecPolicy},
        {"exported-segment-lists", exportedLists},
+       {"policy-status", policyStatus},
+       {"fecs", fecs},
+       {"bsid-conflicts", bsidConflicts},
        {"syslog", unusableMessages},
    };
    return all;
@@ -535,6 +696,61 @@ std::vector<std::string> ruleViolations(PolicyCore& core, double now) {
          if (it == policy->candidate().end() || it->second != active) {
             out.push_back(key.stringValue() + " active " + active->priority().stringValue() +
                           " is not one of its candidates");
+         }
+      }
+   }
+   // Exactly one holder per claimed binding SID, a policy that asks for it, and published.
+   const PolicyStatus& status = *core.published().policyStatus;
+   for (const auto& [label, keys] : claimants(core)) {
+      std::set<PolicyKey> published;
+      for (const PolicyKey& k : keys) {
+         if (status.status(k)) published.insert(k);
+      }
+      const ConflictingPolicies* c = core.policyPublishSm()->conflictingPolicies(label);
+      if (published.size() != 1 || !c || !c->hasHolder() || !published.count(c->chosen())) {
+         out.push_back("bsid " + label.stringValue() + " claimed by" + keysText(keys) +
+                       ": published" + keysText(published) + ", holder " +
+                       (c && c->hasHolder() ? c->chosen().stringValue() : "none"));
+      }
+   }
+   const Names names(core);
+   for (const auto& [key, e] : status.status()) {
+      // What is published is the active path's.
+      const Mox::Ptr<Policy> policy = core.published().ecPolicy->policy(key);
+      if (policy && policy->active()) {
+         const PolicyEntry& a = *policy->active();
+         std::string want;
+         for (const auto& [index, w] : a.wTunnelId())
+            want += " {none none " + names.ofTunnel(w.tunnelId) + "}";
+         const std::string explicitNull =
+             key.endpoint.af() == Ipkit::IpGenAddr::Family::ipv6 ? "2" : "0";
+         std::string wantNull;
+         for (const auto& [index, w] : a.wTunnelId()) {
+            wantNull += " {" + explicitNull + " push " + names.ofTunnel(w.tunnelId) + "}";
+         }
+         if (!(e->candidateId() == a.candidateId()) ||
+             !(e->originator() == a.priority().originator) || e->bindingSid() != a.bindingSid() ||
+             fecText(core, names, e->fecId()) != want ||
+             fecText(core, names, e->nullLabelFecId()) != wantNull) {
+            out.push_back("status " + key.stringValue() + " is not its active path " +
+                          a.priority().stringValue());
+         }
+         const PolicyKey* fecKey = status.fecIdToPolicyKey(e->fecId());
+         const PolicyKey* nullKey = status.fecIdToPolicyKey(e->nullLabelFecId());
+         if (!fecKey || !(*fecKey == key) || !nullKey || !(*nullKey == key)) {
+            out.push_back("status " + key.stringValue() + " FECs not mapped back to it");
+         }
+      }
+      if (e->lastModified() > now || e->lastModified() < 0) {
+         out.push_back("status " + key.stringValue() + " lastModified " +
+                       std::to_string(e->lastModified()) + " not in [0, now]");
+      }
+      if (!e->bindingSid().isNull()) {
+         const ConflictingPolicies* c =
+             core.policyPublishSm()->conflictingPolicies(e->bindingSid());
+         if (!c || !(c->chosen() == key)) {
+            out.push_back("status " + key.stringValue() + " published with bsid " +
+                          e->bindingSid().stringValue() + " it does not hold");
          }
       }
    }
