@@ -64,6 +64,15 @@ struct Outcome {
 
 Outcome check(const std::vector<std::string>& lines);
 
+// Runs a core's scheduler to convergence: congestion cleared, no ready task, no timer left
+// (advancing time for the timers). False if it does not settle.
+bool settle(Kiln::TaskScheduler& scheduler, Kiln::AttrLogSm& attrLog);
+// Every table of two settled cores, then the rules of each: the first difference, if any.
+std::optional<Divergence> compare(SrTePolicy::PolicyCore& agent, double agentNow,
+                                  SrTePolicy::PolicyCore& fresh, double freshNow,
+                                  const History& history,
+                                  std::map<std::string, size_t>* rowCount = nullptr);
+
 // A smaller sequence that still diverges in the same table.
 std::vector<std::string> shrink(const std::vector<std::string>& lines, const std::string& table);
 
