@@ -4,7 +4,7 @@ ASAN_BUILD ?= build-asan
 RELEASE_BUILD ?= build-release
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build demo test sanitize release bench format clean
+.PHONY: all deps build demo test sanitize release bench converge format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
 DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev
@@ -55,6 +55,10 @@ bench: build
 	./$(BUILD)/input_bench
 	./$(BUILD)/selection_bench
 	./$(BUILD)/resolution_bench 10000
+
+# The differential convergence check over more seeds than the test suite runs.
+converge: build
+	./$(BUILD)/converge --seeds 5000 --quiet
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')

@@ -205,6 +205,7 @@ class Gen {
       }
       if (r < 70) {
          // Tables come more often than they go: most sequences keep some input.
+         if (chance(15)) return "input-table " + one(protocols_) + " remount";
          return std::string(chance(75) ? "input-table " : "no input-table ") + one(protocols_);
       }
       if (r < 76) {
