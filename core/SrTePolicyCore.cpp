@@ -38,6 +38,7 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.ecPolicy) published_.ecPolicy = made.ecPolicy;
    if (!published_.policyStatus) published_.policyStatus = made.policyStatus;
    if (!published_.srteFwdStatus) published_.srteFwdStatus = made.srteFwdStatus;
+   if (!published_.tunnelIdToPolicyKey) published_.tunnelIdToPolicyKey = made.tunnelIdToPolicyKey;
    syslog_.sinkIs(&capture_);
 }
 
@@ -118,6 +119,15 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   // Tunnel map export: last. It adopts the rows whose tunnels the selection input still names.
+   m.tunnelMapExportSm = tunnelMapExportSmFactory({
+       .policyId = published_.policySelectionInput,
+       .tunnelIdToPolicyKey = published_.tunnelIdToPolicyKey,
+       .tunnelCounter = router_.counterTable,
+       .scheduler = router_.scheduler,
+       .attrLogSm = router_.attrLog,
+       .tracer = &tracer_,
+   });
 }
 
 void PolicyCore::stop() {
@@ -160,6 +170,11 @@ const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
 const Mox::Ptr<PolicyPublishSm>& PolicyCore::policyPublishSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->policyPublishSm;
+}
+
+const Mox::Ptr<TunnelMapExportSm>& PolicyCore::tunnelMapExportSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->tunnelMapExportSm;
 }
 
 } // namespace SrTePolicy

@@ -56,6 +56,7 @@
 #include "segment/SrTePolicySegmentSm.h"
 #include "selection/SrTePolicyEntry.h"
 #include "selection/SrTePolicySelectionSm.h"
+#include "tunnel/SrTePolicyTunnelMapExportSm.h"
 #include "types/SrTeColorDscpMap.h"
 #include "types/SrTePolicy.h"
 
@@ -109,6 +110,9 @@ struct PublishedTables {
    // The FIB's FEC table, into which the policy FECs are programmed.
    Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus =
        Mox::make<Vault::Fib::ForwardingStatus>("srteFwdStatus");
+   // Tunnel map export: which policy key each segment-list tunnel belongs to.
+   Mox::Ptr<TunnelIdToPolicyKey> tunnelIdToPolicyKey =
+       tunnelIdToPolicyKeyFactory("tunnelIdToPolicyKey");
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
@@ -131,6 +135,8 @@ struct Machines {
    Mox::Ptr<PolicyInputSm> policyInputSm;
    Mox::Ptr<PolicySelectionSm> policySelectionSm;
    Mox::Ptr<PolicyPublishSm> policyPublishSm;
+   // Tunnel map export: the last machine, after publishing and binding-SID LFIB generation.
+   Mox::Ptr<TunnelMapExportSm> tunnelMapExportSm;
 };
 
 class PolicyCore {
@@ -161,6 +167,7 @@ class PolicyCore {
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
    const Mox::Ptr<PolicyPublishSm>& policyPublishSm() const;
+   const Mox::Ptr<TunnelMapExportSm>& tunnelMapExportSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
    // Every record of this core's log since it was made.

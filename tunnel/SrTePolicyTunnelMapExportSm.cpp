@@ -1,0 +1,379 @@
+#include "tunnel/SrTePolicyTunnelMapExportSm.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <vector>
+
+#include "absl/container/inlined_vector.h"
+#include "platform/Assert.h"
+
+namespace SrTePolicy {
+
+// ---------------------------------------------------------------------------------------------
+// The shared table
+
+std::string TunnelIdToPolicyKeyEntry::stringValue() const {
+   return tunnelId.stringValue() + ": " + policyKey.stringValue();
+}
+
+void TunnelIdToPolicyKey::corruptionCheck() {
+   if (corruptionInject_) [[unlikely]] {
+      corruptionInject_ = false;
+      throw Vault::Corruption("TunnelIdToPolicyKey " + name_ + ": shared table corrupted");
+   }
+}
+
+void TunnelIdToPolicyKey::tunnelEntryCommit(const TunnelIdToPolicyKeyEntry& entry) {
+   corruptionCheck();
+   collIs(entry_, entry.tunnelId, entry, &Notifiee::onTunnelEntry);
+}
+
+void TunnelIdToPolicyKey::tunnelEntryDel(TunnelId id) {
+   corruptionCheck();
+   collDel(entry_, id, &Notifiee::onTunnelEntry);
+}
+
+void TunnelIdToPolicyKey::tunnelEntryDelAll() {
+   corruptionCheck();
+   collDelAll(entry_, &Notifiee::onTunnelEntry);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Reactors: each forwards to one handler.
+
+class TunnelMapExportSm::MoxPolicyId
+    : public Mox::Reactor<PolicySelectionInput::Notifiee, TunnelMapExportSm> {
+ public:
+   using Reactor::Reactor;
+   void onPolicyIdEntry(const PolicyId& id) override {
+      TunnelMapExportSm& sm = owner();
+      if (Mox::Ptr<PolicyIdEntry> entry = sm.in_.policyId->policyIdEntry(id)) {
+         sm.policyIdEntryIs(entry);
+      } else {
+         sm.policyIdEntry_.erase(id);
+      }
+      sm.handlePolicyEntry(id);
+   }
+};
+
+class TunnelMapExportSm::MoxPolicyIdEntry
+    : public Mox::Reactor<PolicyIdEntry::Notifiee, TunnelMapExportSm> {
+ public:
+   MoxPolicyIdEntry(TunnelMapExportSm& sm, PolicyIdEntry* entry)
+       : Reactor(sm, entry), id_(entry->id()) {}
+   void onVersion() override { owner().handlePolicyEntry(id_); }
+
+ private:
+   PolicyId id_;
+};
+
+class TunnelMapExportSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, TunnelMapExportSm> {
+ public:
+   using Reactor::Reactor;
+   void onTaskRun() override { owner().handleTaskRun(); }
+};
+
+// ---------------------------------------------------------------------------------------------
+// Construction
+
+TunnelMapExportSm::TunnelMapExportSm(Inputs in)
+    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+   SRTE_ASSERT(in_.policyId && in_.tunnelIdToPolicyKey && in_.tunnelCounter && in_.scheduler &&
+                   in_.attrLogSm,
+               "TunnelMapExportSm needs every table of its Inputs");
+   moxPolicyId_ = std::make_unique<MoxPolicyId>(*this, in_.policyId.get());
+   for (const auto& [id, entry] : in_.policyId->policyIdEntry()) policyIdEntryIs(entry);
+   handleInitialized();
+}
+
+TunnelMapExportSm::~TunnelMapExportSm() {
+   // The map stays as it is for the next start to reconcile.
+   if (task_) task_->unscheduleTask();
+   moxTask_.reset();
+   policyIdEntry_.clear();
+   moxPolicyId_.reset();
+}
+
+Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs in) {
+   return Mox::make<TunnelMapExportSm>(std::move(in));
+}
+
+void TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
+   auto& reactor = policyIdEntry_[entry->id()];
+   // An entry removed and made again under the same id is a new object: watch that one.
+   if (reactor && reactor->notifier() == entry.get()) return;
+   reactor = std::make_unique<MoxPolicyIdEntry>(*this, entry.get());
+}
+
+const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {
+   auto paths = policyTunnelInfo_.find(id.key);
+   if (paths == policyTunnelInfo_.end()) return nullptr;
+   auto it = paths->second.find(CandidateId(id));
+   return it == paths->second.end() ? nullptr : &it->second;
+}
+
+PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) {
+   return const_cast<PolicyTunnelInfo*>(std::as_const(*this).policyTunnelInfo(id));
+}
+
+PolicyTunnelInfo& TunnelMapExportSm::policyTunnelInfoIs(const PolicyId& id) {
+   return policyTunnelInfo_[id.key].try_emplace(CandidateId(id), id).first->second;
+}
+
+void TunnelMapExportSm::policyTunnelInfoDel(const PolicyId& id) {
+   auto paths = policyTunnelInfo_.find(id.key);
+   if (paths == policyTunnelInfo_.end()) return;
+   paths->second.erase(CandidateId(id));
+   if (paths->second.empty()) policyTunnelInfo_.erase(paths);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Handlers
+
+namespace {
+using TunnelIds = absl::InlinedVector<Tunnel::TunnelTable::TunnelId, 16>;
+
+bool contains(const TunnelIds& ids, Tunnel::TunnelTable::TunnelId t) {
+   return std::find(ids.begin(), ids.end(), t) != ids.end();
+}
+} // namespace
+
+void TunnelMapExportSm::handleInitialized() {
+   SRTE_TRACE_TO(tracer_, 8, "handleInitialized");
+   if (!task_) {
+      task_ = Mox::make<Kiln::Task>(*in_.scheduler, taskPriority, taskName);
+      moxTask_ = std::make_unique<MoxTask>(*this, task_);
+   }
+   initialized_ = true;
+
+   // What every path maps now, as the selection input names it.
+   Mox::HashSet<TunnelId> held;
+   for (const auto& [id, entry] : in_.policyId->policyIdEntry()) {
+      for (const auto& [index, w] : entry->wSegmentList()) {
+         const TunnelId t = w.segmentListId.getTunnelId();
+         held.insert(t);
+         if (policyTunnelInfoIs(id).tunnelIdIs(t)) {
+            SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
+         }
+      }
+   }
+   // A row an earlier life left for a tunnel that its key still maps is adopted as it is; only
+   // missing rows and rows of another key are written.
+   for (const auto& [key, paths] : policyTunnelInfo_) {
+      for (const auto& [candidate, info] : paths) {
+         for (TunnelId t : info.tunnelId()) {
+            const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
+            if (row && keyHoldsTunnel(row->policyKey, t, nullptr)) continue;
+            commit(t, info.id());
+         }
+      }
+   }
+   // Rows no path maps any more: deleted, or queued while the platform counts the tunnel.
+   std::vector<TunnelId> stale;
+   for (const auto& [t, row] : *in_.tunnelIdToPolicyKey) {
+      if (!held.contains(t)) stale.push_back(t);
+   }
+   std::sort(stale.begin(), stale.end());
+   for (TunnelId t : stale) checkAndRemoveTunnel(t, PolicyId());
+}
+
+void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
+   if (!initialized_) return;
+   retryPolicyId_.erase(policyId);
+   const Mox::Ptr<PolicyIdEntry> entry = in_.policyId->policyIdEntry(policyId);
+   TunnelIds current;
+   if (entry) {
+      SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << policyId << " has been updated");
+      for (const auto& [index, w] : entry->wSegmentList()) {
+         const TunnelId t = w.segmentListId.getTunnelId();
+         if (!contains(current, t)) current.push_back(t);
+      }
+   } else {
+      SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << policyId << " has been removed");
+   }
+
+   // Tunnels the path no longer maps, in tunnel order so that what follows is reproducible.
+   TunnelIds dropped;
+   if (const PolicyTunnelInfo* info = policyTunnelInfo(policyId)) {
+      for (TunnelId t : info->tunnelId()) {
+         if (!contains(current, t)) dropped.push_back(t);
+      }
+   }
+   std::sort(dropped.begin(), dropped.end());
+   for (TunnelId t : dropped) {
+      checkAndRemoveTunnel(t, policyId);
+      // Looked up again: the table's reactors ran in between.
+      if (PolicyTunnelInfo* info = policyTunnelInfo(policyId)) info->tunnelIdDel(t);
+   }
+   if (current.empty()) {
+      policyTunnelInfoDel(policyId);
+      return;
+   }
+
+   for (TunnelId t : current) {
+      if (policyTunnelInfoIs(policyId).tunnelIdIs(t)) {
+         SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
+      }
+      commit(t, policyId);
+      pendingTunnelDel(t);
+   }
+}
+
+void TunnelMapExportSm::handlePendingTunnelEntry(TunnelId) {
+   if (!initialized_) return;
+   if (!pendingTunnel_.empty()) {
+      task_->scheduleTaskLowestDelay(retryDelay);
+   } else if (!workLeft()) {
+      task_->unscheduleTask();
+   }
+}
+
+void TunnelMapExportSm::handleTaskRun() {
+   if (!initialized_) return;
+   // Paths whose rows a corrupt table refused: written again first, they are overdue.
+   if (!retryPolicyId_.empty()) {
+      std::vector<PolicyId> ids(retryPolicyId_.begin(), retryPolicyId_.end());
+      retryPolicyId_.clear();
+      std::sort(ids.begin(), ids.end());
+      for (const PolicyId& id : ids) handlePolicyEntry(id);
+   }
+
+   auto it =
+       pendingBookmark_ ? pendingTunnel_.lower_bound(*pendingBookmark_) : pendingTunnel_.begin();
+   pendingBookmark_.reset();
+   uint64_t processed = 0;
+   uint64_t removed = 0;
+   bool congested = false;
+   bool yielded = false;
+   while (it != pendingTunnel_.end()) {
+      if (in_.attrLogSm->isAttrLogOutClogged()) {
+         congested = true;
+         pendingBookmark_ = *it;
+         break;
+      }
+      const TunnelId t = *it;
+      if (!in_.tunnelCounter->counterHas(t)) {
+         if (!erase(t)) {
+            // The table refused: the tunnel stays queued, the next run starts with it.
+            pendingBookmark_ = t;
+            break;
+         }
+         ++removed;
+         pendingTunnelDel(t);
+      }
+      ++processed;
+      // Found again rather than kept: the table's reactors ran in between.
+      it = pendingTunnel_.upper_bound(t);
+      if (task_->taskShouldYield()) {
+         if (it != pendingTunnel_.end()) {
+            yielded = true;
+            pendingBookmark_ = *it;
+         }
+         break;
+      }
+   }
+   task_->taskWorkCountInc(processed);
+   SRTE_TRACE_TO(tracer_, 8,
+                 "Processed " << processed << " pending tunnel entries and removed " << removed
+                              << " entries");
+   if (!workLeft()) return;
+   if (congested) {
+      task_->scheduleTaskLowestDelay(congestionDelay);
+   } else if (yielded) {
+      // The rest of this pass is due now; the next pass a second after it ends.
+      task_->scheduleTask();
+   } else {
+      task_->scheduleTaskLowestDelay(retryDelay);
+   }
+}
+
+void TunnelMapExportSm::handleDel() {
+   if (!initialized_) return;
+   if (task_) task_->unscheduleTask();
+   pendingTunnel_.clear();
+   pendingBookmark_.reset();
+   retryPolicyId_.clear();
+   try {
+      in_.tunnelIdToPolicyKey->tunnelEntryDelAll();
+   } catch (const Vault::Corruption& e) {
+      corruption(e);
+   }
+}
+
+// ---------------------------------------------------------------------------------------------
+// One tunnel
+
+void TunnelMapExportSm::checkAndRemoveTunnel(TunnelId tunnelId, const PolicyId& policyId) {
+   if (isTunnelIdInUse(tunnelId, policyId)) return;
+   if (in_.tunnelCounter->counterHas(tunnelId)) {
+      SRTE_TRACE_TO(tracer_, 7,
+                    "Queueing tunnel " << tunnelId << " for deletion as it is still in use");
+      pendingTunnelIs(tunnelId);
+      return;
+   }
+   SRTE_TRACE_TO(tracer_, 7, "Tunnel: " << tunnelId << " is no longer in use");
+   if (erase(tunnelId)) {
+      pendingTunnelDel(tunnelId);
+   } else {
+      pendingTunnelIs(tunnelId); // the task deletes it once the table takes writes again
+   }
+}
+
+bool TunnelMapExportSm::isTunnelIdInUse(TunnelId tunnelId, const PolicyId& policyId) const {
+   const CandidateId self(policyId);
+   return keyHoldsTunnel(policyId.key, tunnelId, &self);
+}
+
+bool TunnelMapExportSm::keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId,
+                                       const CandidateId* except) const {
+   auto paths = policyTunnelInfo_.find(key);
+   if (paths == policyTunnelInfo_.end()) return false;
+   for (const auto& [candidate, info] : paths->second) {
+      if (except && candidate == *except) continue;
+      if (info.tunnelIdHas(tunnelId)) return true;
+   }
+   return false;
+}
+
+void TunnelMapExportSm::pendingTunnelIs(TunnelId tunnelId) {
+   if (pendingTunnel_.insert(tunnelId).second) handlePendingTunnelEntry(tunnelId);
+}
+
+void TunnelMapExportSm::pendingTunnelDel(TunnelId tunnelId) {
+   if (pendingTunnel_.erase(tunnelId)) handlePendingTunnelEntry(tunnelId);
+}
+
+void TunnelMapExportSm::commit(TunnelId tunnelId, const PolicyId& policyId) {
+   try {
+      in_.tunnelIdToPolicyKey->tunnelEntryCommit(TunnelIdToPolicyKeyEntry(tunnelId, policyId.key));
+   } catch (const Vault::Corruption& e) {
+      corruption(e);
+      retryPolicyId_.insert(policyId);
+      task_->scheduleTaskLowestDelay(retryDelay);
+   }
+}
+
+bool TunnelMapExportSm::erase(TunnelId tunnelId) {
+   try {
+      in_.tunnelIdToPolicyKey->tunnelEntryDel(tunnelId);
+      return true;
+   } catch (const Vault::Corruption& e) {
+      corruption(e);
+      return false;
+   }
+}
+
+void TunnelMapExportSm::corruption(const Vault::Corruption& e) {
+   SRTE_TRACE_TO(tracer_, 0, "TunnelIdToPolicyKey write failed: " << e.what());
+   in_.tunnelIdToPolicyKey->handleCorruption();
+}
+
+void TunnelMapExportSm::dump(std::string& out, int depth) const {
+   Mox::appendf(out, "%*cpendingTunnels #%u \n", depth, ' ',
+                static_cast<unsigned>(pendingTunnel_.size()));
+   for (TunnelId t : pendingTunnel_) Mox::appendf(out, "%*c%" PRIu64 "\n", depth + 2, ' ', t.value);
+   Mox::appendf(out, "%*cTask Dump\n", depth, ' ');
+   if (task_) Mox::appendf(out, "%*c%s\n", depth + 2, ' ', task_->stringValue().c_str());
+}
+
+} // namespace SrTePolicy

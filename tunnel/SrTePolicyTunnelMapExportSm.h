@@ -1,0 +1,252 @@
+// TunnelMapExportSm: publishes, for services that see only tunnels (per-tunnel traffic counters in
+// particular), which policy key every segment-list tunnel belongs to. A row of TunnelIdToPolicyKey
+// maps a tunnel id (the tunnel of one segment list of a candidate path) to the candidate path's
+// policy key.
+//
+//   selection-input entry added/removed, version bumped -> handlePolicyEntry, at once:
+//        new tunnels of the path are committed (an unchanged row is not written again),
+//        tunnels the path dropped go through checkAndRemoveTunnel
+//   checkAndRemoveTunnel: another path of the same key holds it  -> row kept
+//                         the platform still counts the tunnel    -> pendingTunnel
+//                         otherwise                               -> row deleted
+//   task "TunnelExportSmTask" (every 1.0 s while pendingTunnel is not empty): deletes the row of
+//        each pending tunnel whose counter is gone
+//          - output congested: stop, go on after 0.1 s from the same tunnel
+//          - scheduler says yield: bookmark the next tunnel, go on at once
+//
+// Per tunnel id:
+//
+//   unmapped --commit--> mapped --last holder of its key gone--+--no counter--> deleted
+//                          ^                                   |
+//                          |                                   v
+//                          +------mapped again------------ pending --counter gone,
+//                                 (row never removed)                next 1.0 s run--> deleted
+//
+// Guarantees (tests/tunnel/TunnelMapExportSmTest.cpp):
+//  - a path letting go of a tunnel deletes its row only when no other candidate path of the same
+//    policy key holds the tunnel and the counter table has no counter for it; a pending tunnel
+//    goes at the first run (one every 1.0 s) that finds its counter gone, never earlier, and a
+//    yield or congestion only delays it;
+//  - a pending tunnel that a path maps again leaves pendingTunnel and keeps its row;
+//  - TunnelIdToPolicyKey outlives the machine: destroying it (an agent restart) leaves every row
+//    as it is. A new machine adopts each row whose tunnel a selection-input entry of the row's key
+//    names, without writing it, and deletes (or queues) the others. handleDel is the end for
+//    good: it empties the table, and only an explicit call makes it (SR-TE turned off).
+//
+// Which paths hold a tunnel is the machine's own record (policyTunnelInfo, grouped by policy key),
+// not the input stage's PolicyKeyToIdMap: that map is emptied whenever the input stage
+// (re)initialises and is refilled one candidate at a time, after the candidate's selection-input
+// entry has changed, so during a drain it would miss paths that still name a tunnel and a shared
+// row would go while in use. Paths of other policy keys are never consulted: when two keys share a
+// segment list the row holds the key committed last.
+//
+// After a restart the input stage renumbers every segment list (new ids above the exported ones),
+// so each path's version bump replaces its tunnels: the new rows appear, and each old row goes
+// once no path of its key names it any more (or waits for its counter). The map thus ends with the
+// same keys under new tunnel ids.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "absl/container/btree_set.h"
+#include "platform/FlexCounters.h"
+#include "platform/Kiln.h"
+#include "platform/Mox.h"
+#include "platform/Trace.h"
+#include "platform/Tunnel.h"
+#include "platform/Vault.h"
+#include "selection/SrTePolicyEntry.h"
+#include "types/SrTePolicyTypes.h"
+
+namespace SrTePolicy {
+
+// ---------------------------------------------------------------------------------------------
+// The shared table
+
+// One row: a tunnel and the policy key of the candidate paths that use it.
+struct TunnelIdToPolicyKeyEntry {
+   using TunnelId = Tunnel::TunnelTable::TunnelId;
+
+   TunnelId tunnelId;
+   PolicyKey policyKey;
+
+   TunnelIdToPolicyKeyEntry() = default;
+   TunnelIdToPolicyKeyEntry(TunnelId t, const PolicyKey& k) : tunnelId(t), policyKey(k) {}
+   std::string stringValue() const; // "21474836481: 10.0.0.1|100"
+   friend bool operator==(const TunnelIdToPolicyKeyEntry&,
+                          const TunnelIdToPolicyKeyEntry&) = default;
+};
+
+// Written by TunnelMapExportSm alone, read by the counter and tunnel services.
+//  - `tunnelEntryCommit` writes a whole row and notifies only when it differs from the row held;
+//  - `tunnelEntryDel` of an absent tunnel notifies nobody; `tunnelEntryDelAll` notifies once per
+//    row;
+//  - like every shared table it can be found corrupt: with `corruptionInjectIs(true)` the next
+//    write throws Vault::Corruption and changes nothing.
+class TunnelIdToPolicyKey : public Mox::Entity {
+ public:
+   using TunnelId = Tunnel::TunnelTable::TunnelId;
+   using Map = Mox::HashMap2018<TunnelId, TunnelIdToPolicyKeyEntry>;
+   using const_iterator = Map::const_iterator;
+
+   class Notifiee : public Mox::NotifieeOf<TunnelIdToPolicyKey> {
+    public:
+      virtual void onTunnelEntry(const TunnelId&) {}
+   };
+
+   explicit TunnelIdToPolicyKey(Mox::Name name = "tunnelIdToPolicyKey") : name_(std::move(name)) {}
+   const Mox::Name& name() const noexcept { return name_; }
+
+   // Rows in no useful order (Mox::sortedKeys for a stable one).
+   const Map& tunnelEntry() const noexcept { return entry_; }
+   // Null when the tunnel has no row.
+   const TunnelIdToPolicyKeyEntry* tunnelEntry(TunnelId id) const noexcept {
+      auto it = entry_.find(id);
+      return it == entry_.end() ? nullptr : &it->second;
+   }
+   const_iterator begin() const noexcept { return entry_.begin(); }
+   const_iterator end() const noexcept { return entry_.end(); }
+   size_t size() const noexcept { return entry_.size(); }
+
+   void tunnelEntryCommit(const TunnelIdToPolicyKeyEntry& entry);
+   void tunnelEntryDel(TunnelId id);
+   void tunnelEntryDelAll();
+
+   void corruptionInjectIs(bool inject) noexcept { corruptionInject_ = inject; }
+   // What the writer calls after catching Vault::Corruption; counted for tests and dumps.
+   void handleCorruption() noexcept { ++corruptionCount_; }
+   uint32_t corruptionCount() const noexcept { return corruptionCount_; }
+
+ private:
+   void corruptionCheck();
+
+   Mox::Name name_;
+   Map entry_;
+   bool corruptionInject_ = false;
+   uint32_t corruptionCount_ = 0;
+};
+
+inline Mox::Ptr<TunnelIdToPolicyKey> tunnelIdToPolicyKeyFactory(const Mox::Name& name) {
+   return Mox::make<TunnelIdToPolicyKey>(name);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The machine
+
+// The tunnels one candidate path currently maps (at most one per segment list, so 16).
+class PolicyTunnelInfo {
+ public:
+   using TunnelId = Tunnel::TunnelTable::TunnelId;
+   using TunnelIdSet = Mox::SmallSet<TunnelId, 2, 16>;
+
+   explicit PolicyTunnelInfo(const PolicyId& id) : id_(id) {}
+   const PolicyId& id() const noexcept { return id_; }
+   const TunnelIdSet& tunnelId() const noexcept { return tunnelId_; }
+   bool tunnelIdHas(TunnelId t) const { return tunnelId_.contains(t); }
+   // True when the tunnel was not recorded yet.
+   bool tunnelIdIs(TunnelId t) { return tunnelId_.insert(t).second; }
+   void tunnelIdDel(TunnelId t) { tunnelId_.erase(t); }
+   void tunnelIdDelAll() noexcept { tunnelId_.clear(); }
+
+ private:
+   PolicyId id_;
+   TunnelIdSet tunnelId_;
+};
+
+class TunnelMapExportSm : public Mox::RefCounted {
+ public:
+   using TunnelId = Tunnel::TunnelTable::TunnelId;
+   static constexpr const char* taskName = "TunnelExportSmTask";
+   static constexpr int taskPriority = 2;
+   static constexpr double retryDelay = 1.0;
+   static constexpr double congestionDelay = 0.1;
+
+   // What the machine reads and writes, by name. `tracer` defaults to the process tracer.
+   struct Inputs {
+      Mox::Ptr<const PolicySelectionInput> policyId;
+      Mox::Ptr<TunnelIdToPolicyKey> tunnelIdToPolicyKey;
+      Mox::Ptr<const FlexCounters::CounterTable> tunnelCounter;
+      Kiln::TaskScheduler* scheduler = nullptr;
+      Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
+      Trace::Tracer* tracer = nullptr;
+   };
+
+   // The paths of one policy key, by candidate: one or two as a rule.
+   using PathsOfKey = Mox::SmallMap<CandidateId, PolicyTunnelInfo>;
+   using PendingTunnelSet = absl::btree_set<TunnelId>;
+
+   explicit TunnelMapExportSm(Inputs in);
+   // Stops the task and lets go of the reactors; the table stays for the next start.
+   ~TunnelMapExportSm() override;
+
+   // State, for the host's tables and for tests.
+   bool initialized() const noexcept { return initialized_; }
+   const Mox::HashMap2018<PolicyKey, PathsOfKey>& policyTunnelInfo() const noexcept {
+      return policyTunnelInfo_;
+   }
+   // Null when the path maps nothing.
+   const PolicyTunnelInfo* policyTunnelInfo(const PolicyId& id) const;
+   // In tunnel id order.
+   const PendingTunnelSet& pendingTunnel() const noexcept { return pendingTunnel_; }
+   Kiln::Task* task() const noexcept { return task_.get(); }
+   size_t policyIdEntryReactorCount() const noexcept { return policyIdEntry_.size(); }
+   const Mox::Ptr<TunnelIdToPolicyKey>& tunnelIdToPolicyKey() const noexcept {
+      return in_.tunnelIdToPolicyKey;
+   }
+   void dump(std::string& out, int depth) const;
+
+   // Handlers (reactors call these).
+   void handleInitialized();
+   void handlePolicyEntry(const PolicyId& policyId);
+   void handlePendingTunnelEntry(TunnelId tunnelId);
+   void handleTaskRun();
+   // The end for good (SR-TE turned off): nothing pending, every row deleted. Never called on
+   // destruction, so that a restart keeps the map.
+   void handleDel();
+
+   // The steps of one tunnel.
+   void checkAndRemoveTunnel(TunnelId tunnelId, const PolicyId& policyId);
+   bool isTunnelIdInUse(TunnelId tunnelId, const PolicyId& policyId) const;
+
+ private:
+   class MoxPolicyId;
+   class MoxPolicyIdEntry;
+   class MoxTask;
+
+   PolicyTunnelInfo* policyTunnelInfo(const PolicyId& id);
+   PolicyTunnelInfo& policyTunnelInfoIs(const PolicyId& id);
+   void policyTunnelInfoDel(const PolicyId& id);
+   void policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry);
+   // Whether a path of `key` other than `except` (none when null) maps the tunnel.
+   bool keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId, const CandidateId* except) const;
+   void pendingTunnelIs(TunnelId tunnelId);
+   void pendingTunnelDel(TunnelId tunnelId);
+   // Table writes. A corrupt table changes nothing: the failure is logged and handed to the
+   // table, and the write is left for the task to retry.
+   void commit(TunnelId tunnelId, const PolicyId& policyId);
+   bool erase(TunnelId tunnelId);
+   void corruption(const Vault::Corruption& e);
+   bool workLeft() const noexcept { return !pendingTunnel_.empty() || !retryPolicyId_.empty(); }
+
+   Inputs in_;
+   Trace::Tracer* tracer_;
+   Mox::HashMap2018<PolicyKey, PathsOfKey> policyTunnelInfo_;
+   PendingTunnelSet pendingTunnel_;
+   // Where a run that yielded or backed off goes on; unset: from the first tunnel.
+   std::optional<TunnelId> pendingBookmark_;
+   // Paths whose rows a corrupt table refused to write: handled again by the task.
+   Mox::HashSet<PolicyId> retryPolicyId_;
+   Mox::Ptr<Kiln::Task> task_;
+   bool initialized_ = false;
+
+   std::unique_ptr<MoxPolicyId> moxPolicyId_;
+   Mox::HashMap2018<PolicyId, std::unique_ptr<MoxPolicyIdEntry>> policyIdEntry_;
+   std::unique_ptr<MoxTask> moxTask_;
+};
+
+Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs in);
+
+} // namespace SrTePolicy
