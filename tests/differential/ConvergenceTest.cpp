@@ -37,12 +37,12 @@ struct TwoCores {
       Agent::registerModules(host);
       host.start();
       for (const auto& l : lines) host.execute(l);
-      EXPECT_TRUE(Converge::settle(host.scheduler(), host.attrLog()));
+      EXPECT_TRUE(Converge::settle(host.scheduler(), host.attrLog(), &host.core()));
       freshTables = host.router().tables(freshScheduler);
       freshTables.attrLog = Mox::make<Kiln::AttrLogSm>();
       fresh = std::make_unique<PolicyCore>(freshTables);
       fresh->start();
-      EXPECT_TRUE(Converge::settle(freshScheduler, *freshTables.attrLog));
+      EXPECT_TRUE(Converge::settle(freshScheduler, *freshTables.attrLog, fresh.get()));
    }
    std::optional<Converge::Divergence> compare(const Converge::History& h = {}) {
       return Converge::compare(host.core(), host.scheduler().now(), *fresh, freshScheduler.now(),
