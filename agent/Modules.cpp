@@ -15,6 +15,7 @@ void registerModules(Host& host) {
    registerResolution(host);
    registerSelection(host);
    registerPublish(host);
+   registerLfib(host);
    registerTunnelMap(host);
    registerCoreTables(host);
    registerRunningConfig(host);

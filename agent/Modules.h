@@ -17,6 +17,7 @@ void registerMpls(Host& host);
 void registerPublish(Host& host);
 void registerResolution(Host& host);
 void registerSelection(Host& host);
+void registerLfib(Host& host);
 void registerTunnelMap(Host& host);
 
 // Registers every subsystem, then starts the host (its stages, then the core).

@@ -39,6 +39,8 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
    if (!published_.policyStatus) published_.policyStatus = made.policyStatus;
    if (!published_.srteFwdStatus) published_.srteFwdStatus = made.srteFwdStatus;
    if (!published_.tunnelIdToPolicyKey) published_.tunnelIdToPolicyKey = made.tunnelIdToPolicyKey;
+   if (!published_.lfibStatus) published_.lfibStatus = made.lfibStatus;
+   if (!published_.lfibStatus->lfib()) published_.lfibStatus->lfibIs(PublishedTables::lfibName);
    syslog_.sinkIs(&capture_);
 }
 
@@ -48,6 +50,7 @@ void PolicyCore::start() {
    if (machines_) return;
    // An entity exists before any machine that is given it.
    entities_ = std::make_unique<ProcessEntities>();
+   reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
    machines_ = std::make_unique<Machines>();
    buildMachines();
 }
@@ -119,6 +122,12 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   m.lfibGenSm = srTePolicyLfibGenSmFactory({
+       .policyStatus = published_.policyStatus,
+       .lfibStatus = published_.lfibStatus,
+       .adjIdxAlloc = e.adjIdxAlloc,
+       .tracer = &tracer_,
+   });
    // Tunnel map export: last. It adopts the rows whose tunnels the selection input still names.
    m.tunnelMapExportSm = tunnelMapExportSmFactory({
        .policyId = published_.policySelectionInput,
@@ -170,6 +179,11 @@ const Mox::Ptr<PolicySelectionSm>& PolicyCore::policySelectionSm() const {
 const Mox::Ptr<PolicyPublishSm>& PolicyCore::policyPublishSm() const {
    SRTE_ASSERT(machines_, "PolicyCore is not started");
    return machines_->policyPublishSm;
+}
+
+const Mox::Ptr<SrTePolicyLfibGenSm>& PolicyCore::lfibGenSm() const {
+   SRTE_ASSERT(machines_, "PolicyCore is not started");
+   return machines_->lfibGenSm;
 }
 
 const Mox::Ptr<TunnelMapExportSm>& PolicyCore::tunnelMapExportSm() const {

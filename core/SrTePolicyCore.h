@@ -37,6 +37,7 @@
 
 #include "input/SrTePolicyInputSm.h"
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "lfib/SrTePolicyLfibGenSm.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mpls.h"
@@ -46,6 +47,7 @@
 #include "platform/TunnelTable.h"
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyExportTypes.h"
+#include "publish/SrTePolicyLfibStatus.h"
 #include "publish/SrTePolicyPublishSm.h"
 #include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
@@ -113,6 +115,13 @@ struct PublishedTables {
    // Tunnel map export: which policy key each segment-list tunnel belongs to.
    Mox::Ptr<TunnelIdToPolicyKey> tunnelIdToPolicyKey =
        tunnelIdToPolicyKeyFactory("tunnelIdToPolicyKey");
+   // The protocol LFIB of the binding-SID routes, created with the status.
+   static constexpr const char* lfibName = "srTePolicyLfib";
+   Mox::Ptr<SrTePolicyLfibStatus> lfibStatus = [] {
+      auto status = srTePolicyLfibStatusFactory("srTePolicyLfibStatus");
+      status->lfibIs(lfibName);
+      return status;
+   }();
 };
 
 // The in-process entities every machine of one incarnation shares, in construction order. They
@@ -123,6 +132,9 @@ struct ProcessEntities {
    Mox::Ptr<SegmentListIdToPolicyMap> segListMap = Mox::make<SegmentListIdToPolicyMap>();
    Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap = Mox::make<PolicyKeyToIdMap>();
    Mox::Ptr<SegmentStatus> segmentStatus = Mox::make<SegmentStatus>("segmentStatus");
+   // Adjacency indexes of the LFIB generators; start() reserves those still in the published LFIB.
+   Mox::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc =
+       Mox::make<MplsHelper::LfibGenAdjIdxAllocator>();
 };
 
 // The state machines, declared in construction order (segment resolution, segment-list
@@ -135,6 +147,7 @@ struct Machines {
    Mox::Ptr<PolicyInputSm> policyInputSm;
    Mox::Ptr<PolicySelectionSm> policySelectionSm;
    Mox::Ptr<PolicyPublishSm> policyPublishSm;
+   Mox::Ptr<SrTePolicyLfibGenSm> lfibGenSm;
    // Tunnel map export: the last machine, after publishing and binding-SID LFIB generation.
    Mox::Ptr<TunnelMapExportSm> tunnelMapExportSm;
 };
@@ -167,6 +180,8 @@ class PolicyCore {
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
    const Mox::Ptr<PolicyPublishSm>& policyPublishSm() const;
+   // Its handleDel() withdraws every binding-SID route (SR-TE turned off); stop() does not.
+   const Mox::Ptr<SrTePolicyLfibGenSm>& lfibGenSm() const;
    const Mox::Ptr<TunnelMapExportSm>& tunnelMapExportSm() const;
 
    Syslog::Log& syslog() noexcept { return syslog_; }
