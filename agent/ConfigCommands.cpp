@@ -23,16 +23,6 @@ struct ConfigProcess {
    explicit ConfigProcess(Host& host) : writer(host.config(), host.policyInputSource()) {}
 };
 
-// Keeps Status.agentEnabled equal to Config.enabled while the agent runs.
-struct AgentStatus : Config::Notifiee {
-   Mox::Ptr<Status> status;
-   explicit AgentStatus(Host& host) : status(host.status()) {
-      notifierIs(host.config());
-      onEnabled();
-   }
-   void onEnabled() override { status->agentEnabledIs(notifier()->enabled()); }
-};
-
 // The words of the static commands, all optional here; each verb says which it needs.
 struct StaticWords {
    EndPoint endpoint;
@@ -217,7 +207,6 @@ Show::View colorDscp(Host& host) {
 
 void registerConfig(Host& host) {
    host.shared<ConfigProcess>();
-   host.stageIs(0, "agent status", [&host] { host.process<AgentStatus>(); });
 
    registerFlag(host, "enabled", "SR-TE on or off", &Config::enabledIs);
    registerFlag(host, "specified-bsid-only",

@@ -175,7 +175,11 @@ void registerCoreTables(Host& host) {
       std::string timers = std::to_string(s.timerCount());
       if (next) timers += " (next in " + Kiln::secondsText(*next) + " s)";
       const bool clogged = host.attrLog().isAttrLogOutClogged();
+      // While SR-TE is disabled the core has no tasks: run and advance move only time.
+      const bool running = host.agentRunning();
       return Show::View()
+          .fieldIs("Agent", "agentRunning",
+                   Show::flag(running, "running", "stopped (SR-TE disabled)"))
           .fieldIs("Virtual time", "now", Show::cell(now.text() + " s", now))
           .fieldIs("Ready tasks", "readyTasks", Show::number(s.readyTaskCount()))
           .fieldIs("Timers", "timers",

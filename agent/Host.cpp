@@ -6,15 +6,44 @@
 
 namespace Agent {
 
+// The agent's reaction to SR-TE being configured on or off.
+class Host::AgentEnable : public Mox::Reactor<SrTePolicy::Config::Notifiee, Host> {
+ public:
+   using Reactor::Reactor;
+   void onEnabled() override { owner().handleEnabled(); }
+};
+
 Host::Host(std::ostream& out)
     : out_(&out),
       scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {}
+      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {
+   // A router on which SR-TE is configured.
+   router_.config->enabledIs(true);
+   agentEnable_ = std::make_unique<AgentEnable>(*this, router_.config.get());
+}
 
 Host::~Host() {
+   agentEnable_.reset();
    dropStages();
    core_.reset();
    clearSlots(shared_);
+}
+
+const SrTePolicy::ProcessEntities& Host::coreEntities() {
+   if (core_->started()) return core_->entities();
+   struct Stopped {
+      SrTePolicy::ProcessEntities none;
+   };
+   return shared<Stopped>().none;
+}
+
+void Host::handleEnabled() {
+   if (!started_) return;
+   if (router_.config->enabled()) {
+      core_->start();
+   } else {
+      core_->tearDown();
+   }
 }
 
 void Host::verbIs(std::string name, std::string usage, std::string summary, Parse parse) {
@@ -72,7 +101,7 @@ void Host::buildStages() {
    for (auto& s : stages_) {
       if (s.build) s.build();
    }
-   core_->start();
+   if (router_.config->enabled()) core_->start();
 }
 
 void Host::start() {

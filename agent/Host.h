@@ -43,7 +43,14 @@
 //  - a line that fails to parse changes nothing;
 //  - start builds the host stages in ascending order, then the core; `restart` runs the stages'
 //    drop functions (reverse order), stops the core, destroys the process objects (reverse
-//    creation order), then builds the stages and starts the core again.
+//    creation order), then builds the stages and starts the core again;
+//  - the core runs exactly while Config.enabled is on. The host starts as a router on which
+//    SR-TE is configured (enabled on). Turning it off tears the core down at once, withdrawing
+//    every output (PolicyCore::tearDown); turning it on starts it as after a restart, and the
+//    next `run` brings everything back. The host, not the core, watches the flag: it owns the
+//    process and decides when the core lives, as it does for `restart`, and tests and
+//    benchmarks embed a core that runs whatever the flag says. A `restart` while disabled
+//    rebuilds the host stages and leaves the core stopped.
 #pragma once
 
 #include <functional>
@@ -173,6 +180,11 @@ class Host {
    bool quitRequested() const { return quit_; }
    void quitIs() { quit_ = true; }
    uint32_t restartCount() const { return restarts_; }
+   // The core is running (SR-TE enabled); while it is not, its machines and in-process entities
+   // do not exist and the published tables are empty.
+   bool agentRunning() const { return core_->started(); }
+   // The core's in-process entities; empty ones while the agent is stopped, for the tables.
+   const SrTePolicy::ProcessEntities& coreEntities();
 
  private:
    struct Slot {
@@ -201,13 +213,17 @@ class Host {
       return *made;
    }
    static void clearSlots(std::vector<Slot>& slots);
+   class AgentEnable;
+
    void dropStages();
    void buildStages();
+   void handleEnabled();
 
    std::ostream* out_;
    Mox::Ptr<Kiln::TaskScheduler> scheduler_;
    SrTePolicy::StandaloneRouter router_;
    std::unique_ptr<SrTePolicy::PolicyCore> core_;
+   std::unique_ptr<AgentEnable> agentEnable_;
    std::vector<Verb> verbs_;
    std::vector<Show> shows_;
    std::vector<Stage> stages_;

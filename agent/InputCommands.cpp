@@ -45,7 +45,7 @@ Cell policyIdCell(const PolicyId& id) { return Show::cell(policyIdText(id), poli
 // ---- candidates
 
 Show::View candidates(Host& host) {
-   const auto& policies = host.core().entities().policyKeyToIdMap->policy();
+   const auto& policies = host.coreEntities().policyKeyToIdMap->policy();
    Show::Table t({{"Endpoint", "endpoint"}, {"Color", "color"}},
                  {Show::Level{{{"Candidate", "candidateId"},
                                {"Reason", "reason", ColumnKind::enumeration},
@@ -135,7 +135,7 @@ size_t listsUsing(const ProcessEntities& core, SegmentId id) {
 }
 
 Show::View segments(Host& host) {
-   const ProcessEntities& core = host.core().entities();
+   const ProcessEntities& core = host.coreEntities();
    auto segments = segmentsById(core);
    Show::Table t({{"Id", "segmentId"},
                   {"Type", "type", ColumnKind::enumeration},
@@ -196,7 +196,7 @@ Cell listViasCell(const PublishedTables& published, SegmentListId id) {
 }
 
 Show::View segmentLists(Host& host) {
-   const ProcessEntities& core = host.core().entities();
+   const ProcessEntities& core = host.coreEntities();
    const PublishedTables& published = host.core().published();
    auto lists = segmentListsById(core);
    Show::Table t({{"Id", "segmentListId"},
@@ -250,9 +250,15 @@ Show::View exported(Host& host) {
 // ---- binding-SID users
 
 Show::View bsidUsers(Host& host) {
-   const PolicyInputSm& sm = *host.core().policyInputSm();
    Show::Table t({{"BSID", "bindingSid"}, {"Available", "available"}},
                  {Show::Level{{{"Candidate paths", "", ColumnKind::members}}, "policyIds"}});
+   if (!host.agentRunning()) {
+      return Show::View()
+          .lineIs("SRLB: none (agent stopped: SR-TE disabled)")
+          .lineIs("Binding SID users: " + Show::count(0, "label"))
+          .tableIs("", std::move(t));
+   }
+   const PolicyInputSm& sm = *host.core().policyInputSm();
    for (const auto* it : Mox::sortedMembers(sm.bsidUser())) {
       auto& row = t.rowIs({Show::cell(it->first.stringValue(), Json::Value::label(it->first)),
                            Show::flag(it->second->available(), "yes", "no")});

@@ -93,12 +93,15 @@ Show::View fecs(Host& host) {
 }
 
 Show::View bsidConflicts(Host& host) {
-   const PolicyPublishSm& sm = *host.core().policyPublishSm();
    Show::Table t({{"BSID", "bindingSid"},
                   {"Chosen", "chosen"},
                   {"Competitors", "competitors", ColumnKind::list}});
    size_t contested = 0;
-   for (const auto* member : Mox::sortedMembers(sm.bindingSidPolicyMap())) {
+   // While the agent is stopped nobody holds or asks for a binding SID.
+   static const PolicyPublishSm::BindingSidPolicyMap none;
+   const PolicyPublishSm::BindingSidPolicyMap& asked =
+       host.agentRunning() ? host.core().policyPublishSm()->bindingSidPolicyMap() : none;
+   for (const auto* member : Mox::sortedMembers(asked)) {
       const ConflictingPolicies& c = *member->second;
       std::vector<Cell> competitors;
       for (const PolicyKey& key : Mox::sortedKeys(c.competitor())) {
@@ -111,7 +114,7 @@ Show::View bsidConflicts(Host& host) {
            Show::list(std::move(competitors))});
    }
    return Show::View()
-       .lineIs("Binding SIDs: " + Show::count(sm.bindingSidPolicyMap().size(), "label") + ", " +
+       .lineIs("Binding SIDs: " + Show::count(asked.size(), "label") + ", " +
                std::to_string(contested) + " contested")
        .tableIs("", std::move(t));
 }

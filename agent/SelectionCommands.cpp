@@ -74,12 +74,13 @@ std::vector<ListReason> listReasons(Host& host, const PolicyIdEntry& input) {
       ListReason r{w.segmentListId, "", std::nullopt};
       if (const SegmentListResolveError* s = core.published().segmentListStatus->status(r.id)) {
          r.why = segmentListResolveErrorName(*s);
-      } else if (const SegmentListUser* user = core.entities().segListMap->segmentListUser(r.id);
+      } else if (const SegmentListUser* user =
+                     host.coreEntities().segListMap->segmentListUser(r.id);
                  user && user->segmentList() && user->segmentList()->size() > 0) {
          const SegmentList& list = *user->segmentList();
          r.firstLabel = list.segmentLabel(0);
-         r.why = core.entities().segmentStatus->status(list.getSegmentId(0)) ? "noAdjacency"
-                                                                             : "noRoute";
+         r.why = host.coreEntities().segmentStatus->status(list.getSegmentId(0)) ? "noAdjacency"
+                                                                                 : "noRoute";
       } else {
          r.why = "withdrawn";
       }
@@ -93,7 +94,7 @@ PolicyView policyView(Host& host, const PolicyKey& key) {
    PolicyView view{key, {}};
    std::set<CandidateId> seen;
    const Mox::Ptr<Policy> policy = core.published().ecPolicy->policy(key);
-   const PolicyInfo* info = core.entities().policyKeyToIdMap->policy(key);
+   const PolicyInfo* info = host.coreEntities().policyKeyToIdMap->policy(key);
    auto inputOf = [&](const CandidateId& c) {
       return core.published().policySelectionInput->policyIdEntry(
           PolicyId(key, c.protocol, c.discriminator));
@@ -151,7 +152,7 @@ std::vector<PolicyKey> allKeys(Host& host) {
    const auto& core = host.core();
    std::set<PolicyKey> keys;
    for (const auto& [key, p] : core.published().ecPolicy->policy()) keys.insert(key);
-   for (const auto& [key, p] : core.entities().policyKeyToIdMap->policy()) keys.insert(key);
+   for (const auto& [key, p] : host.coreEntities().policyKeyToIdMap->policy()) keys.insert(key);
    for (const auto& [id, e] : core.published().policySelectionInput->policyIdEntry()) {
       keys.insert(id.key);
    }
@@ -174,7 +175,9 @@ std::string detailText(const CandidateView& c) {
 // The policy a candidate's binding SID is held by, when the candidate is active but publishing
 // refused it the binding SID; null otherwise.
 const PolicyKey* bsidHolder(Host& host, const PolicyKey& key, const CandidateView& c) {
-   if (!c.active || !c.entry || c.entry->bindingSid().isNull()) return nullptr;
+   if (!c.active || !c.entry || c.entry->bindingSid().isNull() || !host.agentRunning()) {
+      return nullptr;
+   }
    const ConflictingPolicies* conflict =
        host.core().policyPublishSm()->conflictingPolicies(c.entry->bindingSid());
    if (!conflict || !conflict->hasHolder() || !conflict->competitorHas(key)) return nullptr;

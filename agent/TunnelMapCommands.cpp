@@ -30,11 +30,14 @@ uint64_t pathsMapping(const TunnelMapExportSm& sm, const PolicyKey& key, TunnelI
 Show::View tunnelMap(Host& host) {
    const auto& core = host.core();
    const TunnelIdToPolicyKey& map = *core.published().tunnelIdToPolicyKey;
-   const TunnelMapExportSm& sm = *core.tunnelMapExportSm();
+   // While the agent is stopped (SR-TE disabled) no machine holds paths or pending deletions.
+   const TunnelMapExportSm* sm = host.agentRunning() ? core.tunnelMapExportSm().get() : nullptr;
    const FlexCounters::CounterTable& counters = *host.counterTable();
+   const size_t pendingCount = sm ? sm->pendingTunnel().size() : 0;
 
    // A pending tunnel has its row as a rule; one that lost it still shows.
-   std::set<TunnelId> ids(sm.pendingTunnel().begin(), sm.pendingTunnel().end());
+   std::set<TunnelId> ids;
+   if (sm) ids.insert(sm->pendingTunnel().begin(), sm->pendingTunnel().end());
    for (const auto& [t, row] : map) ids.insert(t);
 
    Show::Table t({{"Tunnel", "tunnelId"},
@@ -46,21 +49,21 @@ Show::View tunnelMap(Host& host) {
                   {"Pending deletion", "pendingDeletion"}});
    for (TunnelId id : ids) {
       const TunnelIdToPolicyKeyEntry* row = map.tunnelEntry(id);
-      const bool pending = sm.pendingTunnel().contains(id);
+      const bool pending = sm && sm->pendingTunnel().contains(id);
       t.rowIs({Show::cell(id.stringValue(), Json::Value::number(id.value)),
                id.type() == TunnelId::Type::srTeSegmentList ? Show::number(id.index())
                                                             : Show::cell("", Json::Value::null()),
                row ? Show::address(row->policyKey.endpoint) : Show::cell("", Json::Value::null()),
                row ? Show::number(row->policyKey.color.value) : Show::cell("", Json::Value::null()),
-               Show::number(row ? pathsMapping(sm, row->policyKey, id) : 0),
+               Show::number(row && sm ? pathsMapping(*sm, row->policyKey, id) : 0),
                Show::flag(counters.counterHas(id), "yes", "no"),
                Show::cell(pending ? "yes" : "", Json::Value::boolean(pending))});
    }
    Show::View v;
    v.lineIs("Tunnel map: " + Show::count(map.size(), "tunnel") + ", " +
-            Show::count(sm.pendingTunnel().size(), "pending deletion"));
-   const Kiln::Task* task = sm.task();
-   if (!sm.pendingTunnel().empty() && task && task->expirationTimeNs()) {
+            Show::count(pendingCount, "pending deletion"));
+   const Kiln::Task* task = sm ? sm->task() : nullptr;
+   if (pendingCount != 0 && task && task->expirationTimeNs()) {
       v.fieldIs("Next deletion check", "",
                 Show::text("at " + Kiln::secondsText(*task->expirationTimeNs()) + " s"));
    }

@@ -53,6 +53,7 @@ void PolicyCore::start() {
    reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
    machines_ = std::make_unique<Machines>();
    buildMachines();
+   router_.status->agentEnabledIs(true);
 }
 
 // The construction order. Resolution comes before input gathering, so that what the input
@@ -139,11 +140,32 @@ void PolicyCore::buildMachines() {
    });
 }
 
-void PolicyCore::stop() {
+void PolicyCore::stop(StopMode mode) {
+   if (!machines_) return;
+   if (mode == StopMode::withdrawOutputs) {
+      // Last built first, each torn down and gone before the next: a machine withdrawing its
+      // outputs must not wake one already torn down (selection emptying EcPolicy would requeue
+      // publishing). Input gathering releases every segment list while segment-list resolution
+      // still listens, so their tunnels and statuses are withdrawn with them.
+      Machines& m = *machines_;
+      m.tunnelMapExportSm->handleDel();
+      m.tunnelMapExportSm = nullptr;
+      m.lfibGenSm->handleDel();
+      m.lfibGenSm = nullptr;
+      m.policyPublishSm->handleDel();
+      m.policyPublishSm = nullptr;
+      m.policySelectionSm->handleDel();
+      m.policySelectionSm = nullptr;
+      m.policyInputSm->handleDel();
+      m.policyInputSm = nullptr;
+      m.segmentListSm->handleDel();
+      // Segment resolution publishes nothing outside the process.
+   }
    // Members of Machines die in reverse declaration order, the last built first; then the
    // entities they were given.
    machines_.reset();
    entities_.reset();
+   router_.status->agentEnabledIs(false);
 }
 
 const ProcessEntities& PolicyCore::entities() const {

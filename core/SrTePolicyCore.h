@@ -12,6 +12,9 @@
 // `start()` builds the process entities, then the machines; `stop()` destroys the machines, last
 // built first, then the process entities; `restart()` is both, over what survives. The machines'
 // `handleInitialized` reconciles the published tables with the input on the next start.
+// `tearDown()` is the stop of SR-TE turned off: every machine withdraws its outputs first. The
+// core does not watch Config.enabled itself: the program that embeds it decides when it runs
+// (tests and benchmarks run it whatever the flag says).
 //
 // Each core has its own system log (`syslog()`, with a capture of every record) and its own trace
 // context (`tracer()`): two cores in one process never see each other's messages or traces. Code
@@ -159,11 +162,24 @@ class PolicyCore {
    PolicyCore(const PolicyCore&) = delete;
    PolicyCore& operator=(const PolicyCore&) = delete;
 
-   // Builds the process entities, then the machines. Does nothing when started.
+   // How the machines go.
+   enum class StopMode {
+      // An agent restart: the published tables stay as they are, for the next start to adopt.
+      keepOutputs,
+      // SR-TE turned off: each machine's tear-down (`handleDel`) withdraws what it published,
+      // last built first, before it is destroyed. The input tables are left alone.
+      withdrawOutputs,
+   };
+
+   // Builds the process entities, then the machines; sets Status.agentEnabled. Does nothing when
+   // started.
    void start();
-   // Destroys the machines (last built first), then the process entities. The router and
-   // published tables stay as they are.
-   void stop();
+   // Destroys the machines (last built first), then the process entities, and clears
+   // Status.agentEnabled. The router tables stay as they are, and so do the published tables
+   // unless `mode` withdraws them. Does nothing when stopped.
+   void stop(StopMode mode = StopMode::keepOutputs);
+   // SR-TE turned off: stop(StopMode::withdrawOutputs).
+   void tearDown() { stop(StopMode::withdrawOutputs); }
    void restart() {
       stop();
       start();
@@ -180,7 +196,7 @@ class PolicyCore {
    const Mox::Ptr<PolicyInputSm>& policyInputSm() const;
    const Mox::Ptr<PolicySelectionSm>& policySelectionSm() const;
    const Mox::Ptr<PolicyPublishSm>& policyPublishSm() const;
-   // Its handleDel() withdraws every binding-SID route (SR-TE turned off); stop() does not.
+   // Its handleDel() withdraws every binding-SID route (tearDown()); a plain stop() does not.
    const Mox::Ptr<SrTePolicyLfibGenSm>& lfibGenSm() const;
    const Mox::Ptr<TunnelMapExportSm>& tunnelMapExportSm() const;
 

@@ -191,6 +191,26 @@ void PolicyInputSm::handleInitialized() {
    scheduleIfPending();
 }
 
+void PolicyInputSm::handleDel() {
+   if (!initialized_) return;
+   SRTE_TRACE_TO(tracer_, 3, "PolicyInputSm is to be deleted");
+   initialized_ = false;
+   if (task_) task_->unscheduleTask();
+   pendingPolicyId_.clear();
+   pendingBookmark_ = PolicyId();
+   cleanupPending_ = false;
+   std::vector<PolicyId> ids;
+   ids.reserve(policySelectionInput_->policyIdEntry().size());
+   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) ids.push_back(id);
+   for (const PolicyId& id : ids) deletePolicyIdEntry(id);
+   policyKeyToIdMap_->policyDelAll();
+   bsidUser_.clear();
+   // Lists still registered without a selection-input entry (none in steady state) go too.
+   segListMap_->segmentListUserDelAll();
+   segmentMap_->segmentListDelAll();
+   exportedSegmentListColl_->segmentListDelAll();
+}
+
 void PolicyInputSm::handleSpecifiedBsidOnly() {
    if (!initialized_) return;
    for (Protocol p : handledProtocols) handleProtocolSource(p);

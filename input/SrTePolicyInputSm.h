@@ -163,6 +163,10 @@ class PolicyInputSm : public Mox::RefCounted {
    void handleLabelRange(const Mox::Name& name);
    void handleLFibRoute(const Mpls::RouteKey& routeKey);
    void handleTaskRun();
+   // SR-TE turned off: stops the task, withdraws the selection input (releasing every segment
+   // list, so resolution withdraws their tunnels) and the exported segment lists, and forgets
+   // the candidates and binding-SID users. The inputs themselves are left alone.
+   void handleDel();
 
  private:
    class MoxConfig;

@@ -455,6 +455,35 @@ void SegmentListSm::handleTaskRun() {
    }
 }
 
+void SegmentListSm::handleDel() {
+   if (!initialized_) return;
+   SRTE_TRACE_TO(tracer_, 3, "SegmentListSm is to be deleted");
+   if (task_) task_->unscheduleTask();
+   pendingSegmentList_.clear();
+   pendingBookmark_ = SegmentListId();
+   unusedSegmentListIds_.clear();
+   cleanupPending_ = false;
+   Mox::HashSet<SegmentListId> live;
+   for (const auto& n : in_.notifyingSegmentList->segmentListNotifier()) {
+      live.insert(n->segmentListRawPtr()->segmentListId());
+   }
+   std::vector<SegmentListId> gone;
+   for (const auto& [id, error] : in_.segmentListStatus->status()) {
+      if (!live.count(id)) gone.push_back(id);
+   }
+   std::sort(gone.begin(), gone.end());
+   for (SegmentListId id : gone) removeSegmentListStatusById(id);
+   // A tunnel entry without a status (left by an earlier run) goes the same way.
+   Mox::HashSet<Tunnel::TunnelTable::TunnelId> liveTunnels;
+   for (SegmentListId id : live) liveTunnels.insert(id.getTunnelId());
+   std::vector<Tunnel::TunnelTable::TunnelId> stale;
+   for (const auto& [tunnelId, entry] : in_.tunnelTable->entry()) {
+      if (!liveTunnels.count(tunnelId)) stale.push_back(tunnelId);
+   }
+   for (const auto& t : stale) in_.tunnelTable->entryDel(t);
+   initialized_ = false;
+}
+
 void SegmentListSm::addAllSlsToBacklog() {
    for (const auto& n : in_.notifyingSegmentList->segmentListNotifier()) {
       pendingSegmentList_.try_emplace(n->segmentListRawPtr()->segmentListId(), n);

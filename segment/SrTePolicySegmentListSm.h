@@ -140,6 +140,9 @@ class SegmentListSm : public Mox::RefCounted {
    void handleAdjacency(const Mpls::AdjacencyKey& key);
    void handlePlatformMaxLabelStackSize();
    void handleTaskRun();
+   // SR-TE turned off: stops the task and removes the status and tunnel table entry of every
+   // list that no longer exists (after input gathering's tear-down, all of them).
+   void handleDel();
 
    // Output steps.
    void processSegmentList(const SegmentList& list);

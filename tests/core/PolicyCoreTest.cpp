@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "core/SrTePolicyCore.h"
 
@@ -272,6 +273,107 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
          EXPECT_GT(id, highest);
       }
    }
+}
+
+// What publishing, LFIB generation and the tunnel map wrote, by content: the FEC and segment-list
+// ids a new start may renumber are left out.
+std::string publishedOutputs(const PolicyCore& core) {
+   const PublishedTables& p = core.published();
+   std::vector<std::string> lines;
+   for (const auto& [key, entry] : p.policyStatus->status()) {
+      lines.push_back("status " + key.stringValue() + " " + entry->candidateId().stringValue() +
+                      " bsid " + entry->bindingSid().stringValue());
+   }
+   lines.push_back("fecs " + std::to_string(p.srteFwdStatus->fec().size()) + " reverse " +
+                   std::to_string(p.policyStatus->fecIdToPolicyKey().size()));
+   for (const auto& [key, route] : p.lfibStatus->lfib()->lfibRoute()) {
+      lines.push_back("lfib route " + key.stringValue());
+   }
+   lines.push_back("lfib adjacencies " +
+                   std::to_string(p.lfibStatus->lfib()->lfibExtFecAdjacency().size()));
+   std::sort(lines.begin(), lines.end());
+   std::string out;
+   for (const auto& l : lines) out += l + "\n";
+   return out;
+}
+
+// The tunnel map, by content: which key a tunnel shared by several policies maps to depends on
+// the order of the work, so only whether every tunnel in use has its row.
+std::string tunnelMapCoverage(const PolicyCore& core) {
+   const PublishedTables& p = core.published();
+   std::set<Tunnel::TunnelTable::TunnelId> inUse;
+   for (const auto& [id, entry] : p.policySelectionInput->policyIdEntry()) {
+      for (const auto& [index, w] : entry->wSegmentList()) inUse.insert(w.tunnelId);
+   }
+   size_t mapped = 0;
+   for (const auto& [tunnel, row] : p.tunnelIdToPolicyKey->tunnelEntry())
+      mapped += inUse.count(tunnel);
+   return "tunnel map rows " + std::to_string(p.tunnelIdToPolicyKey->size()) + ", in use " +
+          std::to_string(mapped) + " of " + std::to_string(inUse.size());
+}
+
+TEST(PolicyCore, TearDownWithdrawsEveryOutputKeepsTheInputsAndStartBringsThemBack) {
+   Router r;
+   load(r);
+   const std::string converged = r.outputs();
+   const std::string published = publishedOutputs(*r.core);
+   const PublishedTables tables = r.core->published();
+   ASSERT_EQ(tables.policySelectionInput->policyIdEntry().size(), 11u);
+   ASSERT_FALSE(tables.policyStatus->status().empty());
+   ASSERT_FALSE(tables.lfibStatus->lfib()->lfibRoute().empty());
+   ASSERT_FALSE(tables.tunnelIdToPolicyKey->tunnelEntry().empty());
+   ASSERT_FALSE(tables.tunnelTable->entry().empty());
+   EXPECT_TRUE(r.tables.status->agentEnabled());
+   const size_t inputs = r.bgp->policyInputEntry().size();
+   const size_t routes = r.tables.mplsStatus->lfibRoute().size();
+
+   r.core->tearDown();
+   EXPECT_FALSE(r.core->started());
+   EXPECT_FALSE(r.tables.status->agentEnabled());
+   // Every output table is empty, the same objects as before.
+   EXPECT_EQ(r.core->published().policyStatus, tables.policyStatus);
+   EXPECT_TRUE(tables.policyStatus->status().empty());
+   EXPECT_TRUE(tables.policyStatus->fecIdToPolicyKey().empty());
+   EXPECT_TRUE(tables.srteFwdStatus->fec().empty());
+   EXPECT_TRUE(tables.lfibStatus->lfib()->lfibRoute().empty());
+   EXPECT_TRUE(tables.lfibStatus->lfib()->lfibExtFecAdjacency().empty());
+   EXPECT_TRUE(tables.tunnelIdToPolicyKey->tunnelEntry().empty());
+   EXPECT_TRUE(tables.ecPolicy->policy().empty());
+   EXPECT_TRUE(tables.policySelectionInput->policyIdEntry().empty());
+   EXPECT_TRUE(tables.exportedSegmentListColl->segmentList().empty());
+   EXPECT_TRUE(tables.segmentListStatus->status().empty());
+   EXPECT_TRUE(tables.tunnelTable->entry().empty());
+   // Nothing is left to run, and the inputs are untouched.
+   EXPECT_EQ(r.scheduler.readyTaskCount(), 0u);
+   EXPECT_EQ(r.scheduler.timerCount(), 0u);
+   EXPECT_EQ(r.bgp->policyInputEntry().size(), inputs);
+   EXPECT_EQ(r.tables.mplsStatus->lfibRoute().size(), routes);
+   r.core->tearDown(); // stopped already: nothing happens
+   EXPECT_FALSE(r.core->started());
+
+   // An input written while stopped is picked up by the next start, as after a restart.
+   r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
+   r.scheduler.runUntilIdle();
+   r.core->start();
+   EXPECT_TRUE(r.tables.status->agentEnabled());
+   r.scheduler.runUntilIdle();
+   EXPECT_EQ(tables.policySelectionInput->policyIdEntry().size(), 10u);
+   r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+   r.scheduler.runUntilIdle();
+   EXPECT_EQ(r.outputs(), converged);
+   EXPECT_EQ(publishedOutputs(*r.core), published);
+   const size_t tunnels = tables.exportedSegmentListColl->segmentList().size();
+   EXPECT_EQ(tunnelMapCoverage(*r.core), "tunnel map rows " + std::to_string(tunnels) +
+                                             ", in use " + std::to_string(tunnels) + " of " +
+                                             std::to_string(tunnels));
+   EXPECT_EQ(tables.tunnelTable->entry().size(), tables.segmentListStatus->status().size());
+
+   // A plain stop, by contrast, leaves every output for the next start to adopt.
+   r.core->stop();
+   EXPECT_FALSE(r.tables.status->agentEnabled());
+   EXPECT_FALSE(tables.policyStatus->status().empty());
+   EXPECT_FALSE(tables.lfibStatus->lfib()->lfibRoute().empty());
+   EXPECT_FALSE(tables.tunnelTable->entry().empty());
 }
 
 } // namespace
