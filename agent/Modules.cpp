@@ -17,6 +17,7 @@ void registerModules(Host& host) {
    registerPublish(host);
    registerLfib(host);
    registerTunnelMap(host);
+   registerRestart(host);
    registerCoreTables(host);
    registerRunningConfig(host);
    host.start();

@@ -19,6 +19,7 @@ void registerResolution(Host& host);
 void registerSelection(Host& host);
 void registerLfib(Host& host);
 void registerTunnelMap(Host& host);
+void registerRestart(Host& host);
 
 // Registers every subsystem, then starts the host (its stages, then the core).
 void registerModules(Host& host);

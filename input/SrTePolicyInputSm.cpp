@@ -1,6 +1,7 @@
 #include "input/SrTePolicyInputSm.h"
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 #include "platform/Assert.h"
@@ -173,12 +174,20 @@ void PolicyInputSm::handleInitialized() {
    cleanupPending_ = true;
    for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) markPending(id, true);
 
+   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
+   // Until the first full pass is done, a published list missing from the table may only be late.
+   lists->initialPassDoneIs(false);
    SegmentListId maxExported;
    for (const auto& [id, list] : exportedSegmentListColl_->segmentList()) {
       maxExported = std::max(maxExported, id);
+      // A list that comes back with the same labels keeps its id, and so its tunnel.
+      Ipkit::MplsLabelOperation stack;
+      for (uint32_t i = 0; i < list->segment().size(); ++i) {
+         stack.labelIs(Ipkit::MplsStackEntryIndex(i), list->segment()[i].mplsLabel);
+      }
+      lists->adoptableIdIs(NotifyingSegmentListCollection::adoptionKey(stack), id);
    }
    SRTE_TRACE_TO(tracer_, 3, "Setting starting slId to max of previous entries " << maxExported);
-   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
    // Never move the counter back: ids issued in this process are not reused either.
    lists->uniqueIdIs(std::max(lists->uniqueId(), maxExported));
 
@@ -188,7 +197,13 @@ void PolicyInputSm::handleInitialized() {
    // Registrations are rebuilt from the records, which are all queued below.
    bsidUser_.clear();
    for (Protocol p : handledProtocols) handleProtocolSource(p);
-   scheduleIfPending();
+   if (!pendingPolicyId_.empty()) {
+      task_->scheduleTask();
+      return;
+   }
+   // Nothing to process: the first pass is already complete.
+   cleanupPending_ = false;
+   runCleanupJob();
 }
 
 void PolicyInputSm::handleDel() {
@@ -426,6 +441,21 @@ void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
 void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    const PolicyId& id = record.key();
    SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << id << " added/updated");
+   // A record processed again without a change (a restart, an SRLB or LFIB requeue) must not
+   // look like an update downstream: the version moves only when the entry does.
+   bool changed = true;
+   std::array<std::pair<uint8_t, WeightedSegmentListId>, PolicyInputEntry::segmentListCapacity>
+       rowsBefore;
+   size_t rowsBeforeCount = 0;
+   if (const Mox::Ptr<PolicyIdEntry> before = policySelectionInput_->policyIdEntry(id)) {
+      changed = before->preference() != record.preference() ||
+                !(before->originator() == record.originator()) ||
+                before->bindingSid() != record.bindingSid();
+      for (const auto& row : before->wSegmentList()) {
+         if (rowsBeforeCount == rowsBefore.size()) break;
+         rowsBefore[rowsBeforeCount++] = row;
+      }
+   }
    Mox::Ptr<PolicyIdEntry> entry =
        policySelectionInput_->policyIdEntryIs(id, record.preference(), record.originator());
    entry->bindingSidIs(record.bindingSid());
@@ -460,7 +490,15 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
          deregisterSegmentListForPolicy(old, id);
       }
    }
-   entry->versionInc();
+   if (!changed) {
+      const auto& rows = entry->wSegmentList();
+      changed = rows.size() != rowsBeforeCount ||
+                !std::equal(rows.begin(), rows.end(), rowsBefore.begin(),
+                            [](const auto& a, const auto& b) {
+                               return a.first == b.first && a.second == b.second;
+                            });
+   }
+   if (changed) entry->versionInc();
 }
 
 void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
@@ -579,6 +617,10 @@ void PolicyInputSm::runCleanupJob() {
       SRTE_TRACE_TO(tracer_, 5, "Deleting old segmentListId: " << slId);
       exportedSegmentListColl_->segmentListDel(slId);
    }
+   // Every list still claimed is back: the ids not taken belong to lists nobody wants.
+   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
+   lists->adoptableIdDelAll();
+   lists->initialPassDoneIs(true);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -21,8 +21,13 @@
 //    of last change;
 //  - the segment lists a candidate keeps across an update stay registered throughout, so their
 //    ids and exported entries do not churn;
-//  - after a restart new segment-list ids start above every id already exported, and the first
-//    full drain withdraws exactly the exported lists that no input claims.
+//  - after a restart a segment list whose label stack was exported takes that id back (a restart
+//    must not renumber tunnels), every other new list gets an id above every exported one, and
+//    the first full drain withdraws exactly the exported lists that no input claims, forgets the
+//    ids not taken back and raises the segment-list collection's initialPassDone (the segment-list
+//    machine holds its own clean-up until then);
+//  - processing a record again without a change leaves its selection-input entry as it is (no
+//    version bump).
 //
 // Re-initialisation. A change of the configuration's segmentListSharingEnabled runs
 // handleInitialized again, inside the configuration handler. Downstream machines see it as
@@ -34,9 +39,9 @@
 //     (NotifyingSegmentCollection); binding-SID users are dropped. The selection input and the
 //     exported lists are left as they are: PolicyIdEntry rows still name the withdrawn ids;
 //  2. as the task drains (over several runs when it yields or the output is congested): every
-//     candidate is recorded again at the current time; each usable one gets canonical lists under
-//     fresh ids (a withdrawn id never returns), exported under those ids, and its PolicyIdEntry
-//     names them, with its version bumped once;
+//     candidate is recorded again at the current time; each usable one gets canonical lists that
+//     take their exported ids back (as after a restart; a stack not exported gets a fresh id), and
+//     its PolicyIdEntry names them, its version bumped only if that changed anything;
 //  3. after the first full drain, the exports under the old ids are withdrawn.
 // So a machine downstream treats a list id that a PolicyIdEntry names but that is no longer in the
 // notifying collection as unresolved until the entry's next version, never as an error; and a

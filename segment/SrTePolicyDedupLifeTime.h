@@ -8,6 +8,7 @@
 //   static Item* item(Kiln::DedupHandle*);
 //   static Notifier* notifierOf(const Item&);  static void notifierIs(Item&, Mox::Ptr<Notifier>);
 //   static void idIs(Item&, Id);
+//   static Id nextId(Collection&, const Item&);   (the id a new canonical item gets)
 //   static const char* insertAssert, *removeAssert;
 #pragma once
 
@@ -72,7 +73,7 @@ class DedupLifeTimeNotifiee : public Kiln::DedupHashTableLifeTimeNotifiee {
       SRTE_TRACE(8, "handleInsert");
       Item* item = Traits::item(handle.get());
       SRTE_ASSERT(nullptr == Traits::notifierOf(*item), Traits::insertAssert);
-      Traits::idIs(*item, collection_->uniqueIdInc(1));
+      Traits::idIs(*item, Traits::nextId(*collection_, *item));
       auto notifier = Mox::make<Notifier>(handle);
       Traits::notifierIs(*item, notifier);
       collection_->memberIs(notifier);

@@ -139,6 +139,7 @@ struct SegmentDedupTraits {
    static Notifier* notifierOf(const Item& s) { return s.segmentLifeTimeNotifier_.get(); }
    static void notifierIs(Item& s, Mox::Ptr<Notifier> n) { s.segmentLifeTimeNotifier_ = n; }
    static void idIs(Item& s, SegmentId id) { s.segmentId_ = id; }
+   static SegmentId nextId(Collection& c, const Item&) { return c.uniqueIdInc(1); }
    static constexpr const char* insertAssert = "__null == segment->segmentLifeTimeNotifier()";
    static constexpr const char* removeAssert = "__null != lifeTimeNotifier";
 };

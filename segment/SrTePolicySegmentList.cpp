@@ -45,6 +45,26 @@ Ipkit::MplsLabelOperation SegmentList::labelStack() const {
    return op;
 }
 
+std::string NotifyingSegmentListCollection::adoptionKey(const Ipkit::MplsLabelOperation& stack) {
+   std::string key;
+   key.reserve(stack.stackSize() * sizeof(uint32_t));
+   for (uint32_t i = 0; i < stack.stackSize(); ++i) {
+      const uint32_t v = stack.label(Ipkit::MplsStackEntryIndex(i)).value();
+      key.append(reinterpret_cast<const char*>(&v), sizeof v);
+   }
+   return key;
+}
+
+SegmentListId
+NotifyingSegmentListCollection::adoptableIdTake(const Ipkit::MplsLabelOperation& stack) {
+   auto it = adoptableId_.find(adoptionKey(stack));
+   if (it == adoptableId_.end()) return SegmentListId();
+   const SegmentListId id = it->second;
+   adoptableId_.erase(it);
+   SRTE_TRACE(5, "Adopting exported segmentListId: " << id << " for label stack: " << stack);
+   return id;
+}
+
 bool SegmentList::segmentListCompare(const SegmentList& other) const noexcept {
    if (size_ != other.size_) return false;
    for (uint32_t i = 0; i < size_; ++i) {

@@ -13,7 +13,9 @@
 // inside whatever released the last user: a task run, a configuration handler (the input stage's
 // re-initialisation withdraws every list at once, see input/SrTePolicyInputSm.h) or a destructor.
 // A list's removal is delivered before the removals of the segments only it held. A list that left
-// never comes back: the same labels later make a new list with a new id and a new tunnel id.
+// never comes back: the same labels later make a new list with a new id and a new tunnel id, except
+// for the ids an earlier incarnation exported, which the first list of that stack takes back (see
+// NotifyingSegmentListCollection).
 #pragma once
 
 #include <array>
@@ -118,6 +120,7 @@ class NotifyingSegmentListCollection
     public:
       virtual void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>&) {}
       virtual void onUniqueId() {}
+      virtual void onInitialPassDone() {}
    };
    static constexpr auto onNotifier = &Notifiee::onSegmentListNotifier;
    static constexpr const char* dumpName = "NotifyingSegmentListCollection";
@@ -129,6 +132,34 @@ class NotifyingSegmentListCollection
    void segmentListNotifierIs(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) { memberIs(n); }
    void segmentListNotifierDel(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) { memberDel(n); }
    void segmentListNotifierDelAll() { memberDelAll(); }
+
+   // Ids taken back across a restart. A segment list's id is also its tunnel id, which the tunnel
+   // table, the policy FECs, the tunnel map and the exported lists are all keyed or filled by: a
+   // restart that renumbered the lists would rewrite every one of them although nothing changed.
+   // So at start-up the input stage hands over the label stack -> id of every list an earlier
+   // incarnation exported; a canonical list that enters the table with such a stack takes that
+   // id (once), and every other new list still gets the next id above all of them. The input
+   // stage forgets what was not taken once its first full pass is done.
+   static std::string adoptionKey(const Ipkit::MplsLabelOperation& stack);
+   void adoptableIdIs(std::string labels, SegmentListId id) {
+      adoptableId_[std::move(labels)] = id;
+   }
+   void adoptableIdDelAll() { adoptableId_.clear(); }
+   size_t adoptableIdCount() const noexcept { return adoptableId_.size(); }
+   // The id kept for this stack (removed from the map), or the null id.
+   SegmentListId adoptableIdTake(const Ipkit::MplsLabelOperation& stack);
+
+   // False from the input stage's (re-)initialisation until its first full pass has re-created
+   // every list still claimed: until then a list missing from the table may only be late, and
+   // whatever was published for it must stay. True without an input stage.
+   bool initialPassDone() const noexcept { return initialPassDone_; }
+   void initialPassDoneIs(bool done) {
+      attrIs(initialPassDone_, done, &Notifiee::onInitialPassDone);
+   }
+
+ private:
+   Mox::HashMap2018<std::string, SegmentListId> adoptableId_;
+   bool initialPassDone_ = true;
 };
 
 struct SegmentListDedupTraits {
@@ -139,6 +170,11 @@ struct SegmentListDedupTraits {
    static Notifier* notifierOf(const Item& s) { return s.segmentListLifeTimeNotifier_.get(); }
    static void notifierIs(Item& s, Mox::Ptr<Notifier> n) { s.segmentListLifeTimeNotifier_ = n; }
    static void idIs(Item& s, SegmentListId id) { s.segmentListId_ = id; }
+   static SegmentListId nextId(Collection& c, const Item& s) {
+      const SegmentListId adopted =
+          c.adoptableIdCount() != 0 ? c.adoptableIdTake(s.labelStack()) : SegmentListId();
+      return adopted.value != 0 ? adopted : c.uniqueIdInc(1);
+   }
    static constexpr const char* insertAssert =
        "__null == segmentList->segmentListLifeTimeNotifier()";
    static constexpr const char* removeAssert = "__null != lifeTimeNotifier";

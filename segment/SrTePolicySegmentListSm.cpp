@@ -45,6 +45,7 @@ class SegmentListSm::MoxSegmentList
    void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
       owner().handleSegmentList(n);
    }
+   void onInitialPassDone() override { owner().handleInitialPassDone(); }
 };
 
 class SegmentListSm::MoxSegmentStatus
@@ -371,6 +372,12 @@ void SegmentListSm::handleSegmentList(const Mox::Ptr<SegmentListLifeTimeNotifier
    removeSegmentListStatusById(list.segmentListId());
 }
 
+void SegmentListSm::handleInitialPassDone() {
+   if (!initialized_ || !cleanupPending_ || !in_.notifyingSegmentList->initialPassDone()) return;
+   SRTE_TRACE_TO(tracer_, 5, "SegmentListSm: input initial pass done");
+   task_->scheduleTask();
+}
+
 void SegmentListSm::handleSegmentStatus(SegmentId id) {
    if (!initialized_) return;
    SRTE_TRACE_TO(tracer_, 7, " SegmentId : " << id);
@@ -445,6 +452,9 @@ void SegmentListSm::handleTaskRun() {
          task_->scheduleTask();
       }
    } else if (cleanupPending_) {
+      // Lists still claimed may not be back yet: the input stage says when its first pass is
+      // done, and only then are the entries nobody re-created stale.
+      if (!in_.notifyingSegmentList->initialPassDone()) return;
       // The clean-up writes published tables too: it waits out congestion like the lists do.
       if (in_.attrLogSm->isAttrLogOutClogged()) {
          task_->scheduleTaskLowestDelay(congestionDelay);

@@ -29,9 +29,14 @@
 //   platform label depth changed, initialisation    -> queue every list
 //   segment-list notifier inserted/removed          -> processed at once
 //   task run: drain pendingSegmentList from the bookmark; stop on congestion (retry after 0.1 s)
-//   or when the scheduler says yield (run again at once); once drained after start-up (and the
-//   output not congested), remove
-//   every status and tunnel entry of unusedSegmentListIds.
+//   or when the scheduler says yield (run again at once); once drained after start-up, the
+//   output not congested and the input stage's first pass done (the collection's
+//   initialPassDone), remove every status and tunnel entry of unusedSegmentListIds.
+//
+// Start-up gap: this machine is built before the input stage, so its first drain can come
+// before the input stage has re-created the lists; cleaning up then would delete every
+// surviving status and tunnel entry only to write them again. The clean-up therefore waits for
+// initialPassDone (true when no input stage is there to lower it).
 //
 // The adjacency rule goes beyond resolving on route changes: without it a list whose route stays
 // on the same adjacency would keep a stale next hop after that adjacency lost or replaced a via.
@@ -42,8 +47,8 @@
 //  - a segment status change requeues exactly the lists that use the segment; an adjacency change
 //    exactly the lists whose segments resolve through it (found through an index, never a scan);
 //  - congestion and yields lose nothing: every queued list is processed before the task idles;
-//  - entries found at start-up that no list claims are removed once the first backlog is drained,
-//    and only then.
+//  - entries found at start-up that no list claims are removed once the first backlog is drained
+//    and the input stage's first pass is done, and only then.
 #pragma once
 
 #include <memory>
@@ -136,6 +141,7 @@ class SegmentListSm : public Mox::RefCounted {
    // Handlers (reactors call these).
    void handleInitialized();
    void handleSegmentList(const Mox::Ptr<SegmentListLifeTimeNotifier>& notifier);
+   void handleInitialPassDone();
    void handleSegmentStatus(SegmentId id);
    void handleAdjacency(const Mpls::AdjacencyKey& key);
    void handlePlatformMaxLabelStackSize();

@@ -40,10 +40,8 @@
 // row would go while in use. Paths of other policy keys are never consulted: when two keys share a
 // segment list the row holds the key committed last.
 //
-// After a restart the input stage renumbers every segment list (new ids above the exported ones),
-// so each path's version bump replaces its tunnels: the new rows appear, and each old row goes
-// once no path of its key names it any more (or waits for its counter). The map thus ends with the
-// same keys under new tunnel ids.
+// After a restart the input stage gives every segment list still claimed its exported id back,
+// so with unchanged inputs every path names the tunnels it named before and no row is written.
 #pragma once
 
 #include <cstdint>

@@ -84,7 +84,9 @@ bool maskedKey(const std::string& key) {
        "segmentId",      "segmentIds", "segmentListId", "tunnelId", "wTunnelId",      "fecId",
        "nullLabelFecId", "version",    "lastModified",  "now",      "nextTimerDelay", "restarts",
        // Adjacency indexes of this system's LFIB routes go to the routes in the order they are made.
-       "adjacencyIndex"};
+       "adjacencyIndex",
+       // `show restart` counts since the last restart, which an injected one moves.
+       "restart"};
    return masked.count(key) != 0;
 }
 

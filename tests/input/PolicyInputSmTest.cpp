@@ -382,7 +382,7 @@ TEST_F(InputStage, RouteOfAnotherApplicationTakesTheBindingSidAwayFromAUsablePat
    EXPECT_TRUE(sm()->pendingPolicyId().empty());
 }
 
-TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExports) {
+TEST_F(InputStage, SharingToggleReinitialisesAndTakesTheExportedIdsBack) {
    const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
    put(record(a, 900001, {{16001}, {16002}}));
    scheduler.runUntilIdle();
@@ -390,7 +390,8 @@ TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExpor
    const uint32_t version = selection->policyIdEntry(a)->version();
 
    // What a downstream machine sees of the re-initialisation: the lists' removals, delivered
-   // inside the configuration setter, and the fresh lists' insertions only when the task runs.
+   // inside the configuration setter, and the lists' insertions only when the task runs, under
+   // their exported ids again: nothing downstream is renumbered.
    struct Lists : NotifyingSegmentListCollection::Notifiee {
       std::vector<std::string> seen;
       void onSegmentListNotifier(const Mox::Ptr<SegmentListLifeTimeNotifier>& n) override {
@@ -411,14 +412,15 @@ TEST_F(InputStage, SharingToggleReinitialisesWithFreshIdsAndWithdrawsTheOldExpor
    lists.seen.clear();
    scheduler.runUntilIdle();
    std::sort(lists.seen.begin(), lists.seen.end());
-   EXPECT_EQ(lists.seen, (std::vector<std::string>{"+3", "+4"}));
+   EXPECT_EQ(lists.seen, (std::vector<std::string>{"+1", "+2"}));
    auto e = selection->policyIdEntry(a);
-   EXPECT_EQ(e->version(), version + 1);
-   EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(3));
-   EXPECT_EQ(e->wSegmentList(1)->segmentListId, SegmentListId(4));
+   EXPECT_EQ(e->version(), version); // the entry did not change: no update downstream
+   EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(1));
+   EXPECT_EQ(e->wSegmentList(1)->segmentListId, SegmentListId(2));
    EXPECT_EQ(exported->segmentList().size(), 2u);
-   EXPECT_NE(exported->segmentList(SegmentListId(3)), nullptr);
-   EXPECT_EQ(exported->segmentList(SegmentListId(1)), nullptr);
+   EXPECT_NE(exported->segmentList(SegmentListId(1)), nullptr);
+   EXPECT_EQ(dedup()->notifyingSegmentListCollection()->adoptableIdCount(), 0u);
+   EXPECT_TRUE(dedup()->notifyingSegmentListCollection()->initialPassDone());
    EXPECT_EQ(reason(a), PolicyInvalidReason::usable);
 }
 
@@ -442,11 +444,18 @@ TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
 
    EXPECT_EQ(selection->policyIdEntry().size(), 1u);
    const SegmentListId after = selection->policyIdEntry(kept)->wSegmentList(0)->segmentListId;
-   EXPECT_GT(after, before); // new ids start above every exported one
+   EXPECT_EQ(after, before); // the list still claimed took its exported id back
    EXPECT_EQ(exported->segmentList().size(), 1u);
    EXPECT_NE(exported->segmentList(after), nullptr);
    EXPECT_FALSE(sm()->cleanupPending());
    EXPECT_EQ(reason(kept), PolicyInvalidReason::usable);
+   // The withdrawn list's id is not taken back once the first pass is done: the same labels
+   // now make a new list, above every id exported before.
+   put(record(gone, 900002, {{16002}}));
+   put(record(id(Protocol::bgp, "10.0.0.3", 1, 1), 900003, {{16003}}));
+   scheduler.runUntilIdle();
+   EXPECT_GT(selection->policyIdEntry(gone)->wSegmentList(0)->segmentListId, SegmentListId(2));
+   EXPECT_EQ(exported->segmentList().size(), 3u);
 }
 
 TEST_F(InputStage, RemovedSourceTableWithdrawsItsCandidates) {
