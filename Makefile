@@ -2,12 +2,17 @@
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 RELEASE_BUILD ?= build-release
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 300
+FUZZ_CI_SECONDS ?= 25
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build demo test sanitize release bench format clean
+.PHONY: all deps build demo test sanitize release bench fuzz fuzz-build fuzz-ci format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
-DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev
+# clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets.
+DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev \
+                clang libclang-rt-14-dev
 
 all: build
 
@@ -59,8 +64,22 @@ bench: build
 	./$(BUILD)/resolution_bench 10000
 	./$(BUILD)/pipeline_bench $(BENCH_PATHS)
 
+# libFuzzer targets under ASan + UBSan (clang): `make fuzz` runs each for FUZZ_SECONDS, `make
+# fuzz-ci` for FUZZ_CI_SECONDS; both run every regression input and seed first (tests/fuzz/run.sh).
+$(FUZZ_BUILD)/build.ninja: | deps
+	cmake -S . -B $(FUZZ_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DSRTE_FUZZ=ON
+
+fuzz-build: $(FUZZ_BUILD)/build.ninja
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+
+fuzz: fuzz-build
+	tests/fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-ci: fuzz-build
+	tests/fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_CI_SECONDS)
+
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(RELEASE_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(RELEASE_BUILD) $(FUZZ_BUILD)

@@ -371,7 +371,8 @@ void Args::end() const {
 }
 
 void Args::fail(const std::string& message) const {
-   throw ScriptError(message, pos_ > first_ ? pos_ - 1 : first_);
+   // Before any argument was read, the word read last is the verb's last.
+   throw ScriptError(message, pos_ > first_ ? pos_ - 1 : (first_ > 0 ? first_ - 1 : 0));
 }
 
 void Args::failUsage(const std::string& message) const {

@@ -1,5 +1,6 @@
 // The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
-// congestion flag, `show`, `help` and `quit`; and the tables `scheduler` and `syslog`.
+// congestion flag, the tasks' slice, `show`, `help` and `quit`; and the tables `scheduler` and
+// `syslog`.
 #include <cstdlib>
 #include <ostream>
 
@@ -91,6 +92,13 @@ void registerCore(Host& host) {
                [&host](Args& a) -> Host::Apply {
                   const bool on = a.onOff("attrlog congested");
                   return [&host, on] { host.attrLog().attrLogOutCloggedIs(on); };
+               });
+
+   host.verbIs("scheduler slice", "scheduler slice <n>",
+               "ask every task to yield after n units of work (0: the default slice)",
+               [&host](Args& a) -> Host::Apply {
+                  const auto n = static_cast<uint32_t>(a.number("work units per slice", 1000000));
+                  return [&host, n] { host.scheduler().yieldEveryIs(n); };
                });
 
    host.verbIs("show", "show <table>|all [json]", "print a table, readable or as JSON",

@@ -188,6 +188,10 @@ size_t TaskScheduler::runUntilIdle() {
    for (;;) {
       if (mode_ == ClockMode::real) fireDueTimers(nowNs());
       if (ready_.empty() || interrupted()) break;
+      if (taskRunHook_) {
+         taskRunHook_(taskRuns_);
+         if (ready_.empty()) break;
+      }
       auto best = std::min_element(ready_.begin(), ready_.end(), [](Task* a, Task* b) {
          return a->priority_ != b->priority_ ? a->priority_ < b->priority_
                                              : a->readySeq_ < b->readySeq_;
@@ -202,6 +206,7 @@ size_t TaskScheduler::runUntilIdle() {
       t->run();
       running_ = nullptr;
       ++runs;
+      ++taskRuns_;
    }
    return runs;
 }

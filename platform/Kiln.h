@@ -23,6 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -91,6 +92,14 @@ class TaskScheduler : public Mox::Entity {
    static constexpr uint32_t defaultVirtualBudget = 1000;
    static constexpr double realSliceSeconds = 0.01;
 
+   // Fault injection for tests: `hook` is called before each task run, between two runs, with
+   // the number of runs so far. It may change inputs, set the attribute-log congestion flag or
+   // restart the state machines (destroying and making tasks); the scheduler then picks among
+   // what is ready afterwards. An empty function removes it.
+   using TaskRunHook = std::function<void(uint64_t runsSoFar)>;
+   void taskRunHookIs(TaskRunHook hook) { taskRunHook_ = std::move(hook); }
+   uint64_t taskRunCount() const noexcept { return taskRuns_; }
+
  private:
    friend class Task;
    void ready(Task* t);
@@ -114,6 +123,8 @@ class TaskScheduler : public Mox::Entity {
    std::chrono::steady_clock::time_point sliceStart_;
    uint32_t yieldEvery_ = 0;
    const std::atomic<bool>* interrupt_ = nullptr;
+   uint64_t taskRuns_ = 0;
+   TaskRunHook taskRunHook_;
 };
 
 // A cooperative task: reactors bound to it get onTaskRun() when the scheduler runs it. The same

@@ -276,15 +276,16 @@ TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
    s.out.str("");
    s.host.execute("sh conf");
    EXPECT_EQ(s.out.str().rfind("SR-TE configuration\n", 0), 0u);
-   expectRefused(s, {
-                        {"s", "ambiguous command 's': it begins show static; 'help' lists "
-                              "the commands"},
-                        {"adj", "ambiguous command 'adj': it begins adjacency adjacency-ext; "
-                                "'help' lists the commands"},
-                        {"no in bgp 10.0.0.3 color 7 discriminator 1",
-                         "ambiguous command 'no in'; 'no' takes one of: ..."},
-                        {"static policy 10.0.0.2 c 100 b 5 bsid 6", "'bsid' given twice"},
-                    });
+   expectRefused(s,
+                 {
+                     {"s", "ambiguous command 's': it begins scheduler show static; 'help' lists "
+                           "the commands"},
+                     {"adj", "ambiguous command 'adj': it begins adjacency adjacency-ext; "
+                             "'help' lists the commands"},
+                     {"no in bgp 10.0.0.3 color 7 discriminator 1",
+                      "ambiguous command 'no in'; 'no' takes one of: ..."},
+                     {"static policy 10.0.0.2 c 100 b 5 bsid 6", "'bsid' given twice"},
+                 });
 }
 
 } // namespace
