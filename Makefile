@@ -7,7 +7,7 @@ FUZZ_SECONDS ?= 300
 FUZZ_CI_SECONDS ?= 25
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build demo test sanitize release bench fuzz fuzz-build fuzz-ci format clean
+.PHONY: all deps build demo test sanitize release bench converge fuzz fuzz-build fuzz-ci format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
 # clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets.
@@ -77,6 +77,10 @@ fuzz: fuzz-build
 
 fuzz-ci: fuzz-build
 	tests/fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_CI_SECONDS)
+
+# The differential convergence check over more seeds than the test suite runs.
+converge: build
+	./$(BUILD)/converge --seeds 5000 --quiet
 
 format:
 	clang-format -i $$(git ls-files '*.h' '*.cpp')

@@ -1,6 +1,7 @@
 // The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
 // congestion flag, the tasks' slice, `show`, `help` and `quit`; and the tables `scheduler` and
 // `syslog`.
+#include <cstdint>
 #include <cstdlib>
 #include <ostream>
 
@@ -61,9 +62,16 @@ void showAll(Host& host, bool json) {
 
 void registerCore(Host& host) {
    host.verbIs(
-       "run", "run", "process all ready work; virtual time does not move",
-       [&host](Args&) -> Host::Apply { return [&host] { host.scheduler().runUntilIdle(); }; });
+       "run", "run [<task runs>]",
+       "process all ready work (or at most that many task runs); virtual time does not move",
+       [&host](Args& a) -> Host::Apply {
+          size_t runs = SIZE_MAX;
+          if (!a.done()) runs = a.number("task runs");
+          return [&host, runs] { host.scheduler().runUntilIdle(runs); };
+       });
 
+   // Slices of one work unit make every task yield after each key: the bookmarks and requeues
+   // are then exercised at every step.
    host.verbIs("advance", "advance <seconds>",
                "move virtual time forward, firing in order every timer due by the new time",
                [&host](Args& a) -> Host::Apply {

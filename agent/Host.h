@@ -164,6 +164,8 @@ class Host {
       return router_.hardwareStatus;
    }
    const Mox::Ptr<FlexCounters::CounterTable>& counterTable() const { return router_.counterTable; }
+   // All of the above at once, as the core is handed them.
+   const SrTePolicy::StandaloneRouter& router() const { return router_; }
    double now() const { return scheduler_->now(); }
    const std::vector<Verb>& verbs() const { return verbs_; }
    const std::vector<Show>& shows() const { return shows_; }

@@ -60,7 +60,7 @@ Show::View lfibView(Host& host) {
        .tableIs("routes", std::move(routes));
 
    Show::Table adjacencies(
-       {{"Index", "index"}, {"FEC", "fecId"}, {"Action", "labelAction", ColumnKind::enumeration}});
+       {{"Index", "adjacencyIndex"}, {"FEC", "fecId"}, {"Action", "labelAction", ColumnKind::enumeration}});
    for (const auto& index : Mox::sortedKeys(lfib->lfibExtFecAdjacency())) {
       const auto& adj = *lfib->lfibExtFecAdjacency(index);
       adjacencies.rowIs({Show::number(index), fecCell(adj.fecId), actionCell(adj.labelAction)});

@@ -298,14 +298,20 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
    const PolicyInputEntry* found = table ? table->policyInputEntryFind(id) : nullptr;
    if (found) {
       const PolicyInputEntry record = *found; // processing must not see the table move under it
-      registerForBindingSid(record.bindingSid(), id);
-      const PolicyInvalidReason reason = isPolicyEntryValid(record);
+      // The key's entry in the candidate map is looked up once: it tells the label the candidate
+      // is registered under, and receives the candidate at the end (only this stage writes it).
+      PolicyInfo* info = policyKeyToIdMap_->policy(id.key);
+      const PolicyCandidateInfo* earlier = info ? info->candidate(candidateId) : nullptr;
+      const Ipkit::MplsLabel registered = earlier ? earlier->bindingSid : Ipkit::MplsLabel();
+      const BindingSidUser* user = registerForBindingSid(record.bindingSid(), id, registered);
+      const PolicyInvalidReason reason = isPolicyEntryValid(record, user);
       if (reason == PolicyInvalidReason::usable) {
          addOrUpdatePolicyIdEntry(record);
       } else {
          deletePolicyIdEntry(id);
       }
-      addInPolicyKeyToIdMap(id.key, candidateId, policyChanged, reason, record.bindingSid());
+      if (!info) info = policyKeyToIdMap_->policyIs(id.key);
+      addInPolicyKeyToIdMap(*info, candidateId, policyChanged, reason, record.bindingSid());
       return;
    }
    const Ipkit::MplsLabel bsid = getBindingSidOfPolicy(id);
@@ -314,7 +320,8 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
    deletePolicyIdEntry(id);
 }
 
-PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& entry) {
+PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& entry,
+                                                      const BindingSidUser* user) {
    PolicyInvalidReason reason = PolicyInvalidReason::usable;
    const Ipkit::MplsLabel bsid = entry.bindingSid();
    if (bsid.isNull()) {
@@ -325,7 +332,6 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
       if (!inside) {
          reason = PolicyInvalidReason::bsidOutOfRange;
       } else {
-         BindingSidUser* user = bsidUser(bsid);
          if (!user) {
             SRTE_TRACE_TO(tracer_, 0,
                           "BindingSid: " << bsid
@@ -377,17 +383,16 @@ void PolicyInputSm::emitInvalidPolicySyslog(const PolicyInputEntry& entry,
    }
 }
 
-void PolicyInputSm::addInPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId,
+void PolicyInputSm::addInPolicyKeyToIdMap(PolicyInfo& info, const CandidateId& candidateId,
                                           bool policyChanged, PolicyInvalidReason reason,
                                           Ipkit::MplsLabel bindingSid) {
-   PolicyInfo* info = policyKeyToIdMap_->policyIs(key);
    PolicyCandidateInfo candidate{scheduler_.now(), reason, bindingSid};
    if (!policyChanged) {
-      if (const PolicyCandidateInfo* earlier = info->candidate(candidateId)) {
+      if (const PolicyCandidateInfo* earlier = info.candidate(candidateId)) {
          candidate.lastModified = earlier->lastModified;
       }
    }
-   info->candidateIs(candidateId, candidate);
+   info.candidateIs(candidateId, candidate);
 }
 
 void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
@@ -458,14 +463,16 @@ Ipkit::MplsLabel PolicyInputSm::getBindingSidOfPolicy(const PolicyId& id) const 
    return Ipkit::MplsLabel();
 }
 
-void PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id) {
-   const Ipkit::MplsLabel old = getBindingSidOfPolicy(id);
-   if (old != bsid) deregisterForBindingSid(old, id);
-   if (bsid.isNull()) return;
-   auto& user = bsidUser_[bsid];
-   if (!user) user = Mox::make<BindingSidUser>(bsid);
+BindingSidUser* PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id,
+                                                     Ipkit::MplsLabel registered) {
+   if (registered != bsid) deregisterForBindingSid(registered, id);
+   if (bsid.isNull()) return nullptr;
+   auto& slot = bsidUser_[bsid];
+   if (!slot) slot = Mox::make<BindingSidUser>(bsid);
+   BindingSidUser* user = slot.get(); // the slot may move when the table next grows; the user not
    if (user->policyId().empty()) user->availableIs(isLabelAvailableInLfib(bsid));
    user->policyIdIs(id);
+   return user;
 }
 
 void PolicyInputSm::deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id) {

@@ -174,18 +174,22 @@ class PolicyInputSm : public Mox::RefCounted {
 
    // The steps of one candidate path.
    void processPolicyEntry(const PolicyId& id, bool policyChanged);
-   PolicyInvalidReason isPolicyEntryValid(const PolicyInputEntry& entry);
+   // `user` is the binding-SID user the record's label was just registered with (null for none).
+   PolicyInvalidReason isPolicyEntryValid(const PolicyInputEntry& entry,
+                                          const BindingSidUser* user);
    void emitInvalidPolicySyslog(const PolicyInputEntry& entry, PolicyInvalidReason reason) const;
-   void addInPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId,
-                              bool policyChanged, PolicyInvalidReason reason,
-                              Ipkit::MplsLabel bindingSid);
+   void addInPolicyKeyToIdMap(PolicyInfo& info, const CandidateId& candidateId, bool policyChanged,
+                              PolicyInvalidReason reason, Ipkit::MplsLabel bindingSid);
    void deleteFromPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId);
    void addOrUpdatePolicyIdEntry(const PolicyInputEntry& entry);
    void deletePolicyIdEntry(const PolicyId& id);
 
    // Binding-SID users.
    Ipkit::MplsLabel getBindingSidOfPolicy(const PolicyId& id) const;
-   void registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id);
+   // Registers `id` under `bsid`, leaving `registered` (the label it was registered under) when
+   // that differs; returns the user of `bsid`, null for the null label.
+   BindingSidUser* registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id,
+                                         Ipkit::MplsLabel registered);
    void deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id);
    bool isLabelAvailableInLfib(Ipkit::MplsLabel label) const;
 

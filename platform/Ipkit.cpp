@@ -64,26 +64,6 @@ std::string IpGenAddr::stringValue() const {
    return buf;
 }
 
-uint32_t IpGenAddr::hash() const noexcept {
-   // Two multiplicative mixes over the 16 address bytes: keys hash on every hot path.
-   uint64_t a, b;
-   std::memcpy(&a, bytes_, 8);
-   std::memcpy(&b, bytes_ + 8, 8);
-   uint64_t h = (a ^ af_) * 0x9e3779b97f4a7c15ull;
-   h = (h ^ (h >> 29) ^ b) * 0xbf58476d1ce4e5b9ull;
-   return static_cast<uint32_t>(h ^ (h >> 32));
-}
-
-bool operator==(const IpGenAddr& a, const IpGenAddr& b) noexcept {
-   return a.af_ == b.af_ && std::memcmp(a.bytes_, b.bytes_, 16) == 0;
-}
-
-std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept {
-   if (a.af_ != b.af_) return a.af_ <=> b.af_;
-   int c = std::memcmp(a.bytes_, b.bytes_, 16);
-   return c <=> 0;
-}
-
 std::ostream& operator<<(std::ostream& os, const IpGenAddr& a) { return os << a.stringValue(); }
 
 std::string IpGenAddr::valueToStrep() const {

@@ -6,6 +6,7 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -43,7 +44,15 @@ class IpGenAddr {
    const uint8_t* bytes() const noexcept { return bytes_; }
    bool isUnspecified() const noexcept;
    std::string stringValue() const;
-   uint32_t hash() const noexcept;
+   uint32_t hash() const noexcept {
+      // Two multiplicative mixes over the 16 address bytes.
+      uint64_t a, b;
+      std::memcpy(&a, bytes_, 8);
+      std::memcpy(&b, bytes_ + 8, 8);
+      uint64_t h = (a ^ af_) * 0x9e3779b97f4a7c15ull;
+      h = (h ^ (h >> 29) ^ b) * 0xbf58476d1ce4e5b9ull;
+      return static_cast<uint32_t>(h ^ (h >> 32));
+   }
 
    // Value('Ipkit::IpGenAddr', ** {'address': '10.0.0.1'})
    static constexpr const char* strepName = "Ipkit::IpGenAddr";
@@ -56,8 +65,14 @@ class IpGenAddr {
    static constexpr const char* familyRangeMessage =
        "IpGenAddr::af < IpGenAddr::ipv4 or > IpGenAddr::ipv6 not allowed";
 
-   friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) noexcept;
-   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept;
+   // Inline: every keyed table of the core compares and hashes addresses on its hot paths.
+   friend bool operator==(const IpGenAddr& a, const IpGenAddr& b) noexcept {
+      return a.af_ == b.af_ && std::memcmp(a.bytes_, b.bytes_, 16) == 0;
+   }
+   friend std::strong_ordering operator<=>(const IpGenAddr& a, const IpGenAddr& b) noexcept {
+      if (a.af_ != b.af_) return a.af_ <=> b.af_;
+      return std::memcmp(a.bytes_, b.bytes_, 16) <=> 0;
+   }
 
  private:
    uint32_t af_;

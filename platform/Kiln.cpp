@@ -183,9 +183,9 @@ void TaskScheduler::fireDueTimers(Duration upTo) {
    }
 }
 
-size_t TaskScheduler::runUntilIdle() {
+size_t TaskScheduler::runUntilIdle(size_t maxRuns) {
    size_t runs = 0;
-   for (;;) {
+   while (runs < maxRuns) {
       if (mode_ == ClockMode::real) fireDueTimers(nowNs());
       if (ready_.empty() || interrupted()) break;
       if (taskRunHook_) {

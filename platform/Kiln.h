@@ -64,9 +64,9 @@ class TaskScheduler : public Mox::Entity {
    // The same in seconds, for the edges (records that hold a double, traces).
    double now() const noexcept { return secondsOf(nowNs()); }
 
-   // Runs ready tasks until none is ready; timers fire only if due (real clock). Returns the number
-   // of task runs.
-   size_t runUntilIdle();
+   // Runs ready tasks until none is ready, or `maxRuns` task runs are done (what is left stays
+   // ready); timers fire only if due (real clock). Returns the number of task runs.
+   size_t runUntilIdle(size_t maxRuns = SIZE_MAX);
    // Virtual clock only: moves time forward by `delay` (saturating at Duration::max()), firing in
    // time order every timer due at or before the new time, with the ready work after each.
    void advance(Duration delay);

@@ -240,8 +240,9 @@ using RbTreeMap = std::map<K, V>;
 
 // A set that is usually one or two members (the candidate paths naming one binding SID or one
 // segment list): up to `Inline` members live inline and are searched linearly, so the common case
-// has no table and no allocation; past that the members move to a flat table, so a list that a
-// thousand paths share does not cost a linear search per change. Iteration order is unspecified.
+// has no table and no allocation; up to `Linear` members live in one block allocated once, still
+// searched linearly; past that the members move to a flat table, so a list that a thousand paths
+// share does not cost a linear search per change. Iteration order is unspecified.
 template <class K, size_t Inline = 2, size_t Linear = 8>
 class SmallSet {
    using Vec = absl::InlinedVector<K, Inline>;
@@ -320,6 +321,9 @@ class SmallSet {
       auto it = std::find(small_.begin(), small_.end(), k);
       if (it != small_.end()) return {const_iterator(&*it), false};
       if (small_.size() < Linear) {
+         // Past the inline members, room for every linear one at once: one allocation, not one
+         // per doubling.
+         if (small_.size() == Inline) small_.reserve(Linear);
          small_.push_back(k);
          return {const_iterator(&small_.back()), true};
       }
@@ -470,10 +474,10 @@ class Entity : public RefCounted {
    // Calls `handler(args...)` on every bound, active reactor of type N, in binding order.
    template <class N, class... P, class... A>
    void notify(void (N::*handler)(P...), const A&... args) {
-      if (!reactors_) return;
+      if (reactors_.items.empty()) return;
 #ifndef NDEBUG
       // Re-entrance would hand the reactors not yet called this change before the earlier one.
-      SRTE_ASSERT(reactors_->dispatchDepth == 0, "Entity changed during its own notification");
+      SRTE_ASSERT(reactors_.dispatchDepth == 0, "Entity changed during its own notification");
 #endif
       DispatchScope scope(*this);
       auto& items = scope.reactors.items;
@@ -555,16 +559,18 @@ class Entity : public RefCounted {
 
  private:
    friend class NotifieeBase;
+   // Held in the entity itself: most entities have no reactor or one (an entity per candidate
+   // path watched by one machine), which then costs neither an allocation nor a pointer to follow
+   // on every notification.
    struct Reactors {
-      std::vector<NotifieeBase*> items;
+      absl::InlinedVector<NotifieeBase*, 1> items;
       uint32_t dispatchDepth = 0;
       bool hasHoles = false;
    };
-   // Inline: every notification pays for it. The reactor list cannot go away during a dispatch
-   // (the entity is held), so it is read once.
+   // Inline: every notification pays for it.
    struct DispatchScope {
       explicit DispatchScope(Entity& e) noexcept
-          : entity(e), reactors(*e.reactors_), guarded(e.refCount() > 0) {
+          : entity(e), reactors(e.reactors_), guarded(e.refCount() > 0) {
          if (guarded) entity.ref();
          ++reactors.dispatchDepth;
       }
@@ -582,7 +588,7 @@ class Entity : public RefCounted {
    void detach(NotifieeBase* n);
    void compactReactors();
 
-   std::unique_ptr<Reactors> reactors_;
+   Reactors reactors_;
 };
 
 // A reactor that forwards to its owner. A machine's nested reactor classes derive from it and

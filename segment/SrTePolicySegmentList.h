@@ -34,8 +34,9 @@ namespace SrTePolicy {
 class SegmentListLifeTimeNotifier;
 class SegmentListDedupTable;
 
-// The candidate paths that use one thing (a segment list, a binding SID): one or two as a rule.
-using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 4>;
+// The candidate paths that use one thing (a segment list, a binding SID): one or two as a rule,
+// a dozen for a list that many paths share; a table only past 16.
+using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 16>;
 
 class SegmentList : public Kiln::DedupHandle {
  public:

@@ -485,26 +485,36 @@ void SegmentListSm::watchStatus(SegmentId id) {
    auto& watcher = status_[id];
    if (watcher && watcher->notifier() == resolve) return;
    // A new entry object under the same id: watch it instead of the one that went.
-   if (watcher) adjKeyChanged(id, watcher->adjKey(), Mpls::AdjacencyKey());
+   if (watcher) adjKeyChanged(id, watcher->adjKey(), std::nullopt);
    watcher = std::make_unique<MoxSegmentResolve>(*this, resolve);
-   adjKeyChanged(id, Mpls::AdjacencyKey(), resolve->adjKey());
+   adjKeyChanged(id, std::nullopt, resolve->adjKey());
 }
 
 void SegmentListSm::unwatchStatus(SegmentId id) {
    auto it = status_.find(id);
    if (it == status_.end()) return;
-   adjKeyChanged(id, it->second->adjKey(), Mpls::AdjacencyKey());
+   adjKeyChanged(id, it->second->adjKey(), std::nullopt);
    status_.erase(it);
 }
 
-void SegmentListSm::adjKeyChanged(SegmentId id, const Mpls::AdjacencyKey& from,
-                                  const Mpls::AdjacencyKey& to) {
-   auto it = segmentsByAdjKey_.find(from);
-   if (it != segmentsByAdjKey_.end()) {
-      it->second.erase(id);
-      if (it->second.empty()) segmentsByAdjKey_.erase(it);
+void SegmentListSm::adjKeyChanged(SegmentId id, const std::optional<Mpls::AdjacencyKey>& from,
+                                  const std::optional<Mpls::AdjacencyKey>& to) {
+   // Filed under the table resolution reads the vias from: the extension table for an
+   // external-FEC key, the adjacency table by index for a key of any other type (a route may
+   // carry the invalid type, and its lists still resolve through the adjacency).
+   auto table = [](const Mpls::AdjacencyKey& k) {
+      return k.type() == Mpls::AdjacencyType::externalFec
+                 ? k
+                 : Mpls::AdjacencyKey(k.index(), Mpls::AdjacencyType::nexthop);
+   };
+   if (from) {
+      auto it = segmentsByAdjKey_.find(table(*from));
+      if (it != segmentsByAdjKey_.end()) {
+         it->second.erase(id);
+         if (it->second.empty()) segmentsByAdjKey_.erase(it);
+      }
    }
-   if (to.isValid()) segmentsByAdjKey_[to].insert(id);
+   if (to) segmentsByAdjKey_[table(*to)].insert(id);
 }
 
 } // namespace SrTePolicy

@@ -47,6 +47,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/Kiln.h"
@@ -164,7 +165,8 @@ class SegmentListSm : public Mox::RefCounted {
    // Watching one SegmentResolve entry, and the adjacency index that goes with it.
    void watchStatus(SegmentId id);
    void unwatchStatus(SegmentId id);
-   void adjKeyChanged(SegmentId id, const Mpls::AdjacencyKey& from, const Mpls::AdjacencyKey& to);
+   void adjKeyChanged(SegmentId id, const std::optional<Mpls::AdjacencyKey>& from,
+                      const std::optional<Mpls::AdjacencyKey>& to);
 
    Inputs in_;
    Syslog::Log* syslog_;

@@ -37,15 +37,14 @@ class PolicySelectionSm::MoxPolicyId : public PolicySelectionInput::Notifiee {
 
 class PolicySelectionSm::MoxPolicyIdEntry : public PolicyIdEntry::Notifiee {
  public:
-   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm), id_(entry->id()) {
-      notifierIs(entry);
-   }
-   void onVersion() override { sm_.handlePolicyEntry(id_); }
-   void onBindingSid() override { sm_.handleBindingSid(id_); }
+   // One per selection-input entry: the id is read from the entry (handlers run only while it is
+   // bound), not kept a second time here.
+   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm) { notifierIs(entry); }
+   void onVersion() override { sm_.handlePolicyEntry(notifier()->id()); }
+   void onBindingSid() override { sm_.handleBindingSid(notifier()->id()); }
 
  private:
    PolicySelectionSm& sm_;
-   PolicyId id_;
 };
 
 class PolicySelectionSm::MoxResSegList : public SegmentListStatus::Notifiee {

@@ -60,7 +60,6 @@ void protocolAttrLogWrite(AttrLog::Writer& w, Protocol p) { w.u32(static_cast<ui
 
 Protocol protocolAttrLogRead(AttrLog::Reader& r) { return static_cast<Protocol>(r.u32()); }
 
-uint32_t PolicyKey::hash() const noexcept { return Mox::hashCombine(endpoint.hash(), color.value); }
 std::string PolicyKey::stringValue() const {
    return endpoint.stringValue() + "|" + std::to_string(color.value);
 }
@@ -86,10 +85,6 @@ PolicyKey PolicyKey::attrLogRead(AttrLog::Reader& r) {
    return PolicyKey(e, Color::attrLogRead(r));
 }
 
-uint32_t PolicyId::hash() const noexcept {
-   uint32_t h = Mox::hashCombine(key.hash(), static_cast<uint32_t>(protocol));
-   return Mox::hashCombine(h, discriminator.value);
-}
 std::string PolicyId::stringValue() const {
    return key.stringValue() + "|" + protocolEnumToString(protocol) + "|" +
           std::to_string(discriminator.value);

@@ -131,7 +131,7 @@ struct PolicyKey {
 
    PolicyKey() = default;
    PolicyKey(const EndPoint& e, Color c) : endpoint(e), color(c) {}
-   uint32_t hash() const noexcept;
+   uint32_t hash() const noexcept { return Mox::hashCombine(endpoint.hash(), color.value); }
    std::string stringValue() const; // "10.0.0.1|100"
    static constexpr const char* strepName = "SrTePolicy::PolicyKey";
    std::string valueToStrep() const;
@@ -152,7 +152,10 @@ struct PolicyId {
    PolicyId() = default;
    PolicyId(const PolicyKey& k, Protocol p, Discriminator d)
        : key(k), protocol(p), discriminator(d) {}
-   uint32_t hash() const noexcept;
+   uint32_t hash() const noexcept {
+      const uint32_t h = Mox::hashCombine(key.hash(), static_cast<uint32_t>(protocol));
+      return Mox::hashCombine(h, discriminator.value);
+   }
    std::string stringValue() const; // "10.0.0.1|100|bgp|7"
    static constexpr const char* strepName = "SrTePolicy::PolicyId";
    std::string valueToStrep() const;

@@ -78,7 +78,9 @@ bool knownDivergence(const std::string& scenario, const std::string& fault,
 bool maskedKey(const std::string& key) {
    static const std::set<std::string> masked{
        "segmentId",      "segmentIds", "segmentListId", "tunnelId", "wTunnelId",      "fecId",
-       "nullLabelFecId", "version",    "lastModified",  "now",      "nextTimerDelay", "restarts"};
+       "nullLabelFecId", "version",    "lastModified",  "now",      "nextTimerDelay", "restarts",
+       // Adjacency indexes of this system's LFIB routes go to the routes in the order they are made.
+       "adjacencyIndex"};
    return masked.count(key) != 0;
 }
 

@@ -59,7 +59,7 @@ TEST(LfibShow, ListsThisSystemsRoutesApartFromTheRouterLfibAndNeverSavesThem) {
                  ", \"labelAction\": 1, \"labelActionName\": \"pop\"}\n"
                  "    ],\n"
                  "    \"extFecAdjacencies\": [\n"
-                 "      {\"index\": 1, \"fecId\": " +
+                 "      {\"adjacencyIndex\": 1, \"fecId\": " +
                  fec +
                  ", \"labelAction\": 1, \"labelActionName\": \"pop\"}\n"
                  "    ]\n"
