@@ -55,11 +55,14 @@ release: | deps
 	./$(RELEASE_BUILD)/consumer/consumer
 	echo 'show mpls json' | ./$(RELEASE_BUILD)/stage/bin/srte - > /dev/null
 
+# `make bench BENCH_PATHS=1000000` runs the end-to-end benchmark at a million candidate paths.
+BENCH_PATHS ?= 100000
 bench: build
 	./$(BUILD)/platform_bench
 	./$(BUILD)/input_bench
 	./$(BUILD)/selection_bench
 	./$(BUILD)/resolution_bench 10000
+	./$(BUILD)/pipeline_bench $(BENCH_PATHS)
 
 # libFuzzer targets under ASan + UBSan (clang): `make fuzz` runs each for FUZZ_SECONDS, `make
 # fuzz-ci` for FUZZ_CI_SECONDS; both run every regression input and seed first (tests/fuzz/run.sh).

@@ -19,11 +19,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
-#include <unordered_map>
 
-#include "core/SrTePolicyCore.h"
+#include "bench/BenchEnv.h"
 
 using namespace SrTePolicy;
+using namespace SrTePolicy::Bench;
 
 // ---------------------------------------------------------------------------------------------
 // Allocation counting: every allocation of the process, the core library's included, comes here.
@@ -77,53 +77,6 @@ void operator delete[](void* p, std::align_val_t) noexcept { countedFree(p); }
 void operator delete(void* p, size_t, std::align_val_t) noexcept { countedFree(p); }
 void operator delete[](void* p, size_t, std::align_val_t) noexcept { countedFree(p); }
 
-namespace {
-
-constexpr uint32_t kSrlbBase = 100000; // above the segment labels, room for 900,000 binding SIDs
-constexpr uint32_t kLabelBase = 16000;
-
-long residentBytes() {
-   long pages = 0, resident = 0;
-   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-      std::fclose(f);
-   }
-   return resident * 4096;
-}
-
-double seconds(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
-   return std::chrono::duration<double>(b - a).count();
-}
-
-struct Pools {
-   uint32_t lists;
-   uint32_t labels;
-};
-
-// List j of the pool: three labels of the label pool.
-Ipkit::MplsLabelOperation listFromPool(const Pools& pools, uint32_t j) {
-   const uint64_t l = pools.labels;
-   Ipkit::MplsLabelOperation op;
-   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 7) % l));
-   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 13 + 1) % l));
-   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) / l + uint64_t(j) * 31 + 5) % l));
-   return op;
-}
-
-PolicyInputEntry makeRecord(const Pools& pools, uint32_t keyIndex, Protocol protocol) {
-   PolicyKey key(Ipkit::IpGenAddr::v4(0x0a000000u + keyIndex / 16), Color(keyIndex % 16 + 1));
-   PolicyInputEntry e(PolicyId(key, protocol, Discriminator(1)));
-   e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
-   const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
-   for (uint32_t s = 0; s < 2; ++s) {
-      uint32_t j = static_cast<uint32_t>((uint64_t(keyIndex) * 2 + s + salt) % pools.lists);
-      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(pools, j)));
-   }
-   return e;
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
    const uint32_t paths =
        argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
@@ -155,21 +108,8 @@ int main(int argc, char** argv) {
    auto w1 = std::chrono::steady_clock::now();
 
    // Floor, in the same run: copy each record out of its table, insert its id into a map.
-   auto f0 = std::chrono::steady_clock::now();
-   {
-      std::unordered_map<PolicyId, uint32_t, Mox::Hash<PolicyId>> floor;
-      floor.reserve(paths);
-      uint32_t n = 0;
-      for (const auto* table : {bgp.get(), configured.get()}) {
-         for (const PolicyInputEntry& r : table->policyInputEntry()) {
-            const PolicyInputEntry copy = r;
-            floor.emplace(copy.key(), n++);
-         }
-      }
-      if (floor.size() != paths) std::fprintf(stderr, "floor lost records\n");
-   }
-   auto f1 = std::chrono::steady_clock::now();
-   const double floorSeconds = seconds(f0, f1);
+   const double floorSeconds = Bench::floorSeconds({bgp.get(), configured.get()}, paths);
+   if (floorSeconds < 0) std::fprintf(stderr, "floor lost records\n");
 
    malloc_trim(0);
    const long residentBefore = residentBytes();

@@ -10,15 +10,14 @@
 //
 //   resolution_bench [N] [repeats]     default 10000 lists, 50 repeats
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
-#include "segment/SrTePolicySegmentListSm.h"
-#include "segment/SrTePolicySegmentSm.h"
+#include "bench/BenchEnv.h"
 
 using namespace SrTePolicy;
+using namespace SrTePolicy::Bench;
 
 namespace {
 
@@ -27,30 +26,10 @@ constexpr uint32_t kUsersOfFlapped = 100;
 constexpr uint32_t kFirstLabel = 16000; // pool: 16000..16999; 16000 is the flapped one
 constexpr Mpls::AdjacencyIndex kFlappedAdjacency = 5000;
 
-long residentBytes() {
-   long pages = 0, resident = 0;
-   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-      std::fclose(f);
-   }
-   return resident * 4096;
-}
-
-using Clock = std::chrono::steady_clock;
-double seconds(Clock::time_point a, Clock::time_point b) {
-   return std::chrono::duration<double>(b - a).count();
-}
-
 Mpls::Via via(uint32_t hop, uint32_t intf, uint32_t label) {
    return Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000000u + hop),
                     Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, intf),
                     Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(label));
-}
-
-Mpls::LFib::Route route(uint32_t label, Mpls::AdjacencyIndex index) {
-   return Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(label)),
-                            Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
-                            Mpls::AdjacencyKey(index, Mpls::AdjacencyType::nexthop));
 }
 
 // List j: the flapped label first for j < K, another pool label otherwise; the two other labels
@@ -96,8 +75,8 @@ int main(int argc, char** argv) {
    }
    const Mpls::ViaSet flappedVias{via(900, 900, 16000), via(901, 901, 16000)};
    mpls->adjacencyIs(kFlappedAdjacency, flappedVias);
-   mpls->lfibRouteIs(route(kFirstLabel, kFlappedAdjacency));
-   for (uint32_t l = 1; l < kPool; ++l) mpls->lfibRouteIs(route(kFirstLabel + l, 1 + l % 16));
+   mpls->lfibRouteIs(lfibRoute(kFirstLabel, kFlappedAdjacency));
+   for (uint32_t l = 1; l < kPool; ++l) mpls->lfibRouteIs(lfibRoute(kFirstLabel + l, 1 + l % 16));
 
    const long r0 = residentBytes();
    std::vector<Mox::Ptr<SegmentList>> lists;
@@ -152,7 +131,7 @@ int main(int argc, char** argv) {
       mpls->lfibRouteDel(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(kFirstLabel)));
       scheduler->runUntilIdle();
       const size_t during = tunnels->entry().size();
-      mpls->lfibRouteIs(route(kFirstLabel, kFlappedAdjacency));
+      mpls->lfibRouteIs(lfibRoute(kFirstLabel, kFlappedAdjacency));
       scheduler->runUntilIdle();
       auto f1 = Clock::now();
       if (during != n - kUsersOfFlapped || tunnels->entry().size() != n) {

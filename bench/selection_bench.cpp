@@ -8,82 +8,20 @@
 // task that never runs is not listed.
 //
 //   selection_bench [paths]    default 100000 (50000 policy keys x protocols 20 and 30)
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
-#include <string>
 #include <unordered_map>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "bench/BenchEnv.h"
 
 using namespace SrTePolicy;
+using namespace SrTePolicy::Bench;
 
 namespace {
-
-constexpr uint32_t kDistinctLists = 20000;
-constexpr uint32_t kLabels = 2000;
-constexpr uint32_t kSrlbBase = 100000; // room for a binding SID per key up to 1,000,000 paths
-
-long residentBytes() {
-   long pages = 0, resident = 0;
-   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-      std::fclose(f);
-   }
-   return resident * 4096;
-}
-
-double seconds(std::chrono::steady_clock::time_point a, std::chrono::steady_clock::time_point b) {
-   return std::chrono::duration<double>(b - a).count();
-}
-
-Ipkit::MplsLabelOperation listFromPool(uint32_t j) {
-   Ipkit::MplsLabelOperation op;
-   op.push(Ipkit::MplsLabel(16000 + (j * 7) % kLabels));
-   op.push(Ipkit::MplsLabel(16000 + (j * 13 + 1) % kLabels));
-   op.push(Ipkit::MplsLabel(16000 + (j / kLabels + j * 31 + 5) % kLabels));
-   return op;
-}
-
-PolicyInputEntry makeRecord(uint32_t keyIndex, Protocol protocol) {
-   PolicyKey key(Ipkit::IpGenAddr::v4(0x0a000000u + keyIndex / 16), Color(keyIndex % 16 + 1));
-   PolicyInputEntry e(PolicyId(key, protocol, Discriminator(1)));
-   e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
-   const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
-   for (uint32_t s = 0; s < 2; ++s) {
-      uint32_t j = (keyIndex * 2 + s + salt) % kDistinctLists;
-      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(j)));
-   }
-   return e;
-}
-
-// Attributes the time between two task runs' ends to the task that just ran: the scheduler runs
-// one task after the other, so that is the task's run (and the scheduler's small share).
-struct Stopwatch {
-   using Clock = std::chrono::steady_clock;
-   Clock::time_point last = Clock::now();
-   std::map<std::string, double> spent;
-   struct Reactor : Kiln::Task::Notifiee {
-      Stopwatch* watch = nullptr;
-      void onTaskRun() override {
-         const auto now = Clock::now();
-         watch->spent[notifier()->name()] +=
-             std::chrono::duration<double>(now - watch->last).count();
-         watch->last = now;
-      }
-   };
-   std::vector<std::unique_ptr<Reactor>> reactors;
-   void watch(Kiln::Task* task) {
-      auto r = std::make_unique<Reactor>();
-      r->watch = this;
-      r->notifierIs(task);
-      reactors.push_back(std::move(r));
-   }
-};
-
+// A fixed pool, whatever the number of paths.
+constexpr Bench::Pools kPools{20000, 2000};
 } // namespace
 
 int main(int argc, char** argv) {
@@ -94,8 +32,8 @@ int main(int argc, char** argv) {
    std::vector<PolicyInputEntry> records;
    records.reserve(paths);
    for (uint32_t k = 0; k < keys; ++k) {
-      records.push_back(makeRecord(k, Protocol::bgp));
-      records.push_back(makeRecord(k, Protocol::staticConfig));
+      records.push_back(makeRecord(kPools, k, Protocol::bgp));
+      records.push_back(makeRecord(kPools, k, Protocol::staticConfig));
    }
 
    // Floor: copy each record and insert its id into a plain hash map.
@@ -116,21 +54,7 @@ int main(int argc, char** argv) {
    router.input->policyInputIs(Protocol::bgp, bgp);
    router.input->policyInputIs(Protocol::staticConfig, configured);
    router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, std::max(65536u, keys)));
-   // Every pool label resolves, over 16 two-way ECMP adjacencies.
-   for (Mpls::AdjacencyIndex a = 1; a <= 16; ++a) {
-      auto via = [a](uint32_t v) {
-         return Mpls::Via(Ipkit::IpGenAddr::v4(0x0b000000u + 2 * a + v),
-                          Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 2 * a + v),
-                          Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(17000 + a));
-      };
-      router.mplsStatus->adjacencyIs(a, {via(0), via(1)});
-   }
-   for (uint32_t l = 0; l < kLabels; ++l) {
-      router.mplsStatus->lfibRouteIs(
-          Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(16000 + l)),
-                            Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
-                            Mpls::AdjacencyKey(1 + l % 16, Mpls::AdjacencyType::nexthop)));
-   }
+   resolveEveryLabel(*router.mplsStatus, kPools.labels);
    PolicyCore core(router.tables(scheduler));
    core.start();
    const auto& selection = core.published().policySelectionInput;
@@ -175,9 +99,7 @@ int main(int argc, char** argv) {
    std::printf("task runs                  %zu\n", runs);
    std::printf("input to converged EcPolicy %.3f s, %.0f paths/s\n", runSeconds,
                paths / runSeconds);
-   for (const auto& [task, spent] : stopwatch.spent) {
-      std::printf("  %-24s %.3f s (%.0f%%)\n", task.c_str(), spent, 100 * spent / runSeconds);
-   }
+   stopwatch.print(runSeconds);
    std::printf("floor (copy + map insert)  %.3f s, %.0f paths/s\n", floorSeconds,
                paths / floorSeconds);
    std::printf("ratio to floor             %.1f\n", runSeconds / floorSeconds);

@@ -20,7 +20,9 @@ const char* segmentListResolveErrorName(SegmentListResolveError e);
 
 class SegmentListStatus : public Mox::Entity {
  public:
-   using Map = Mox::RbTreeMap<SegmentListId, SegmentListResolveError>;
+   // Looked up for every list of every candidate path that selection processes: a flat table, not
+   // a chain of nodes. Iteration order is unspecified.
+   using Map = Mox::HashMap2018<SegmentListId, SegmentListResolveError>;
    class Notifiee : public Mox::NotifieeOf<SegmentListStatus> {
     public:
       virtual void onStatus(const SegmentListId&) {}

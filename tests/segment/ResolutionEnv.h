@@ -3,6 +3,7 @@
 // input stage registers them.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -43,8 +44,10 @@ struct ResolutionEnv {
       dedup = Mox::make<CoreDedupTables>();
       segmentMap = Mox::make<SegmentIdToSegmentList>();
       // As the input stage does: new ids start above every id already published.
+      SegmentListId highest;
+      for (const auto& [id, error] : listStatus->status()) highest = std::max(highest, id);
       if (!listStatus->status().empty()) {
-         dedup->notifyingSegmentListCollection()->uniqueIdIs(listStatus->status().rbegin()->first);
+         dedup->notifyingSegmentListCollection()->uniqueIdIs(highest);
       }
       for (const auto& labels : existing) add(labels);
       resolver = segmentResolverFactory(mpls);

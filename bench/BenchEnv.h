@@ -1,0 +1,177 @@
+// What the scale benchmarks share: clocks and resident memory, the generated workload (policy
+// keys, segment lists drawn from a pool over a label pool, a binding SID per key), an LFIB that
+// resolves every pool label, the floor measured on the input tables, and a stopwatch per task.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/SrTePolicyCore.h"
+
+namespace SrTePolicy::Bench {
+
+constexpr uint32_t kSrlbBase = 100000; // above the segment labels, room for 900,000 binding SIDs
+constexpr uint32_t kLabelBase = 16000;
+constexpr Mpls::AdjacencyIndex kAdjacencies = 16;
+
+using Clock = std::chrono::steady_clock;
+
+inline double seconds(Clock::time_point a, Clock::time_point b) {
+   return std::chrono::duration<double>(b - a).count();
+}
+
+// CPU seconds of this process: on a machine shared with others, the measure that their load does
+// not inflate (the core runs on one thread).
+inline double cpuSeconds() {
+   timespec ts{};
+   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+inline long residentBytes() {
+   long pages = 0, resident = 0;
+   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+      std::fclose(f);
+   }
+   return resident * 4096;
+}
+
+// The high-water mark of resident memory (VmHWM), in bytes.
+inline long peakResidentBytes() {
+   long kib = 0;
+   if (FILE* f = std::fopen("/proc/self/status", "r")) {
+      char line[256];
+      while (std::fgets(line, sizeof line, f)) {
+         if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1) break;
+      }
+      std::fclose(f);
+   }
+   return kib * 1024;
+}
+
+// The segment lists the records draw from, over a pool of labels.
+struct Pools {
+   uint32_t lists;
+   uint32_t labels;
+};
+
+// List j of the pool: three labels of the label pool.
+inline Ipkit::MplsLabelOperation listFromPool(const Pools& pools, uint32_t j) {
+   const uint64_t l = pools.labels;
+   Ipkit::MplsLabelOperation op;
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 7) % l));
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 13 + 1) % l));
+   op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) / l + uint64_t(j) * 31 + 5) % l));
+   return op;
+}
+
+// The candidate path of key `keyIndex` for `protocol`: its own binding SID, two weighted lists.
+inline PolicyInputEntry makeRecord(const Pools& pools, uint32_t keyIndex, Protocol protocol) {
+   PolicyKey key(Ipkit::IpGenAddr::v4(0x0a000000u + keyIndex / 16), Color(keyIndex % 16 + 1));
+   PolicyInputEntry e(PolicyId(key, protocol, Discriminator(1)));
+   e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
+   const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
+   for (uint32_t s = 0; s < 2; ++s) {
+      uint32_t j = static_cast<uint32_t>((uint64_t(keyIndex) * 2 + s + salt) % pools.lists);
+      e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(pools, j)));
+   }
+   return e;
+}
+
+inline Mpls::LFib::Route lfibRoute(uint32_t label, Mpls::AdjacencyIndex index) {
+   return Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(label)),
+                            Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
+                            Mpls::AdjacencyKey(index, Mpls::AdjacencyType::nexthop));
+}
+
+// Every pool label resolves: one LFIB route per label over 16 two-way ECMP adjacencies.
+inline void resolveEveryLabel(Mpls::Status& mpls, uint32_t labels) {
+   for (Mpls::AdjacencyIndex a = 1; a <= kAdjacencies; ++a) {
+      auto via = [a](uint32_t v) {
+         return Mpls::Via(Ipkit::IpGenAddr::v4(0x0b000000u + 2 * a + v),
+                          Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 2 * a + v),
+                          Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(17000 + a));
+      };
+      mpls.adjacencyIs(a, {via(0), via(1)});
+   }
+   for (uint32_t l = 0; l < labels; ++l) {
+      mpls.lfibRouteIs(lfibRoute(kLabelBase + l, 1 + l % kAdjacencies));
+   }
+}
+
+// The floor, on the records where the input stage finds them: for each record, copy it out of
+// its input table and insert its PolicyId into a std::unordered_map reserved for `paths`.
+// Returns its time in seconds (its CPU time in `cpu` when given), or a negative time when the map
+// did not get every record.
+inline double floorSeconds(std::initializer_list<const PolicyInput*> tables, size_t paths,
+                           double* cpu = nullptr) {
+   const double c0 = cpuSeconds();
+   const auto f0 = Clock::now();
+   size_t inserted = 0;
+   {
+      std::unordered_map<PolicyId, uint32_t, Mox::Hash<PolicyId>> floor;
+      floor.reserve(paths);
+      uint32_t n = 0;
+      for (const auto* table : tables) {
+         for (const PolicyInputEntry& r : table->policyInputEntry()) {
+            const PolicyInputEntry copy = r;
+            floor.emplace(copy.key(), n++);
+         }
+      }
+      inserted = floor.size();
+   } // the map's release counts, as it would for any table
+   const auto f1 = Clock::now();
+   if (cpu) *cpu = cpuSeconds() - c0;
+   return inserted == paths ? seconds(f0, f1) : -1;
+}
+
+// Attributes the time between two task runs' ends to the task that just ran: the scheduler runs
+// one task after the other, so that is the task's run (and the scheduler's small share). Set
+// `last` when the measured loop starts.
+struct Stopwatch {
+   Clock::time_point last = Clock::now();
+   std::map<std::string, double> spent;
+   struct Reactor : Kiln::Task::Notifiee {
+      Stopwatch* watch = nullptr;
+      void onTaskRun() override {
+         const auto now = Clock::now();
+         watch->spent[notifier()->name()] +=
+             std::chrono::duration<double>(now - watch->last).count();
+         watch->last = now;
+      }
+   };
+   std::vector<std::unique_ptr<Reactor>> reactors;
+   void watch(Kiln::Task* task) {
+      if (!task) return;
+      auto r = std::make_unique<Reactor>();
+      r->watch = this;
+      r->notifierIs(task);
+      reactors.push_back(std::move(r));
+   }
+   // Every machine of the core that runs a task.
+   void watch(const PolicyCore& core) {
+      watch(core.policyInputSm()->task());
+      watch(core.segmentListSm()->task());
+      watch(core.policySelectionSm()->task());
+      watch(core.policyPublishSm()->task());
+      watch(core.tunnelMapExportSm()->task());
+   }
+   void clear() {
+      reactors.clear();
+      spent.clear();
+   }
+   void print(double total) const {
+      for (const auto& [task, s] : spent) {
+         std::printf("  %-26s %.3f s (%.0f%%)\n", task.c_str(), s, 100 * s / total);
+      }
+   }
+};
+
+} // namespace SrTePolicy::Bench
