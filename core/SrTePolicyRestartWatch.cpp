@@ -1,6 +1,7 @@
 #include "core/SrTePolicyRestartWatch.h"
 
 #include <functional>
+#include <regex>
 #include <utility>
 
 namespace SrTePolicy {
@@ -139,7 +140,11 @@ RestartWatch::RestartWatch(const PublishedTables& p) {
    tables_.push_back(watch<PolicyId, SelectionInputReactor>(
        "selection input",
        [selection](const auto& visit) {
-          for (const auto& [k, e] : selection->policyIdEntry()) visit(k, dumped(*e));
+          // Without the version: every write bumps it, an unchanged record processed again
+          // after the restart included, and it is a write counter, not what the path says.
+          for (const auto& [k, e] : selection->policyIdEntry()) {
+             visit(k, std::regex_replace(dumped(*e), std::regex("version: [0-9]+"), "version"));
+          }
        },
        selection));
    auto* exported = p.exportedSegmentListColl.get();

@@ -441,21 +441,6 @@ void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
 void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    const PolicyId& id = record.key();
    SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << id << " added/updated");
-   // A record processed again without a change (a restart, an SRLB or LFIB requeue) must not
-   // look like an update downstream: the version moves only when the entry does.
-   bool changed = true;
-   std::array<std::pair<uint8_t, WeightedSegmentListId>, PolicyInputEntry::segmentListCapacity>
-       rowsBefore;
-   size_t rowsBeforeCount = 0;
-   if (const Mox::Ptr<PolicyIdEntry> before = policySelectionInput_->policyIdEntry(id)) {
-      changed = before->preference() != record.preference() ||
-                !(before->originator() == record.originator()) ||
-                before->bindingSid() != record.bindingSid();
-      for (const auto& row : before->wSegmentList()) {
-         if (rowsBeforeCount == rowsBefore.size()) break;
-         rowsBefore[rowsBeforeCount++] = row;
-      }
-   }
    Mox::Ptr<PolicyIdEntry> entry =
        policySelectionInput_->policyIdEntryIs(id, record.preference(), record.originator());
    entry->bindingSidIs(record.bindingSid());
@@ -490,15 +475,9 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
          deregisterSegmentListForPolicy(old, id);
       }
    }
-   if (!changed) {
-      const auto& rows = entry->wSegmentList();
-      changed = rows.size() != rowsBeforeCount ||
-                !std::equal(rows.begin(), rows.end(), rowsBefore.begin(),
-                            [](const auto& a, const auto& b) {
-                               return a.first == b.first && a.second == b.second;
-                            });
-   }
-   if (changed) entry->versionInc();
+   // Every write bumps the version, a record processed again unchanged included: selection
+   // re-evaluates the path on it (its lists may have been withdrawn and made again meanwhile).
+   entry->versionInc();
 }
 
 void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {

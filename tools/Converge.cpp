@@ -723,7 +723,7 @@ void track(History& h, const std::string& line) {
    }
 }
 
-const char* const settleLines = "attrlog congested off\nrun\nadvance 10\n";
+const char* const settleLines = "config enabled on\nattrlog congested off\nrun\nadvance 10\n";
 
 } // namespace
 
@@ -897,6 +897,9 @@ Outcome check(const std::vector<std::string>& lines, bool strict) {
       }
       track(history, line);
    }
+   // A sequence that ends with SR-TE off is compared once it is on again: a stopped agent has
+   // withdrawn everything, and turning it on must bring back what a fresh one computes.
+   host.router().config->enabledIs(true);
    if (!settle(host.scheduler(), host.attrLog(), &host.core())) {
       o.divergence = Divergence{"quiescence", "agent: work left after 300 s"};
       return o;

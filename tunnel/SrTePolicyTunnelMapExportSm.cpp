@@ -211,10 +211,14 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
    }
 
    for (TunnelId t : current) {
-      if (policyTunnelInfoIs(policyId).tunnelIdIs(t)) {
+      const bool mapped = policyTunnelInfoIs(policyId).tunnelIdIs(t);
+      if (mapped) {
          SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
       }
-      commit(t, policyId);
+      // A path written again with a tunnel it already maps leaves the row as it is: when keys
+      // share a tunnel, re-committing would hand the row from key to key on every rewrite (a
+      // restart writes every path again).
+      if (mapped || !in_.tunnelIdToPolicyKey->tunnelEntry(t)) commit(t, policyId);
       pendingTunnelDel(t);
    }
 }

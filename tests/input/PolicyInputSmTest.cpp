@@ -414,7 +414,8 @@ TEST_F(InputStage, SharingToggleReinitialisesAndTakesTheExportedIdsBack) {
    std::sort(lists.seen.begin(), lists.seen.end());
    EXPECT_EQ(lists.seen, (std::vector<std::string>{"+1", "+2"}));
    auto e = selection->policyIdEntry(a);
-   EXPECT_EQ(e->version(), version); // the entry did not change: no update downstream
+   // Written again with the same lists: the version moves, so selection looks at the path again.
+   EXPECT_EQ(e->version(), version + 1);
    EXPECT_EQ(e->wSegmentList(0)->segmentListId, SegmentListId(1));
    EXPECT_EQ(e->wSegmentList(1)->segmentListId, SegmentListId(2));
    EXPECT_EQ(exported->segmentList().size(), 2u);
