@@ -59,8 +59,9 @@ Show::View lfibView(Host& host) {
    v.lineIs(Mox::format("LFIB routes (%s): %zu", lfib->name().c_str(), lfib->lfibRoute().size()))
        .tableIs("routes", std::move(routes));
 
-   Show::Table adjacencies(
-       {{"Index", "adjacencyIndex"}, {"FEC", "fecId"}, {"Action", "labelAction", ColumnKind::enumeration}});
+   Show::Table adjacencies({{"Index", "adjacencyIndex"},
+                            {"FEC", "fecId"},
+                            {"Action", "labelAction", ColumnKind::enumeration}});
    for (const auto& index : Mox::sortedKeys(lfib->lfibExtFecAdjacency())) {
       const auto& adj = *lfib->lfibExtFecAdjacency(index);
       adjacencies.rowIs({Show::number(index), fecCell(adj.fecId), actionCell(adj.labelAction)});

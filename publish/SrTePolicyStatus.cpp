@@ -14,8 +14,7 @@ void PolicyStatusEntry::dump(std::string& out, int depth) const {
 
 Mox::Ptr<PolicyStatusEntry> PolicyStatus::statusIs(const PolicyKey& key, CandidateId candidateId,
                                                    const Originator& originator,
-                                                   double lastModified,
-                                                   Ipkit::MplsLabel bindingSid,
+                                                   double lastModified, Ipkit::MplsLabel bindingSid,
                                                    Vault::Fib::FecId fecId,
                                                    Vault::Fib::FecId nullLabelFecId) {
    auto entry = Mox::make<PolicyStatusEntry>(key, candidateId, originator, lastModified, bindingSid,

@@ -33,9 +33,8 @@ class PolicyStatusEntry : public Mox::Entity {
    PolicyStatusEntry(const PolicyKey& key, CandidateId candidateId, const Originator& originator,
                      double lastModified, Ipkit::MplsLabel bindingSid, Vault::Fib::FecId fecId,
                      Vault::Fib::FecId nullLabelFecId)
-       : key_(key), candidateId_(candidateId), originator_(originator),
-         lastModified_(lastModified), bindingSid_(bindingSid), fecId_(fecId),
-         nullLabelFecId_(nullLabelFecId) {}
+       : key_(key), candidateId_(candidateId), originator_(originator), lastModified_(lastModified),
+         bindingSid_(bindingSid), fecId_(fecId), nullLabelFecId_(nullLabelFecId) {}
 
    const PolicyKey& key() const noexcept { return key_; }
    CandidateId candidateId() const noexcept { return candidateId_; }
@@ -111,9 +110,7 @@ class PolicyStatus : public Mox::Entity {
    void fecIdToPolicyKeyDel(Vault::Fib::FecId id) {
       collDel(fecIdToPolicyKey_, id, &Notifiee::onFecIdToPolicyKey);
    }
-   void fecIdToPolicyKeyDelAll() {
-      collDelAll(fecIdToPolicyKey_, &Notifiee::onFecIdToPolicyKey);
-   }
+   void fecIdToPolicyKeyDelAll() { collDelAll(fecIdToPolicyKey_, &Notifiee::onFecIdToPolicyKey); }
 
    // Entries in key order, then the FEC map in FEC id order, so that dumps are stable.
    void dump(std::string& out, int depth) const;
