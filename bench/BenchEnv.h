@@ -56,6 +56,21 @@ inline long peakResidentBytes() {
    return kib * 1024;
 }
 
+// The router the scale benches drive: a real-time scheduler, the bgp and static input tables and an
+// SRLB of `srlbSize` labels from kSrlbBase.
+struct BenchRouter {
+   Kiln::TaskScheduler scheduler{Kiln::TaskScheduler::ClockMode::real};
+   StandaloneRouter router;
+   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+   Mox::Ptr<PolicyInput> configured = policyInputFactory("static");
+
+   explicit BenchRouter(uint32_t srlbSize) {
+      router.input->policyInputIs(Protocol::bgp, bgp);
+      router.input->policyInputIs(Protocol::staticConfig, configured);
+      router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, srlbSize));
+   }
+};
+
 // The segment lists the records draw from, over a pool of labels.
 struct Pools {
    uint32_t lists;

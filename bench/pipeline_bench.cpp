@@ -179,13 +179,11 @@ int main(int argc, char** argv) {
                    2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
       return 2;
    }
-   Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
-   StandaloneRouter router;
-   auto bgp = policyInputFactory("bgp");
-   auto configured = policyInputFactory("static");
-   router.input->policyInputIs(Protocol::bgp, bgp);
-   router.input->policyInputIs(Protocol::staticConfig, configured);
-   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, keys));
+   BenchRouter bench(keys);
+   Kiln::TaskScheduler& scheduler = bench.scheduler;
+   StandaloneRouter& router = bench.router;
+   const Mox::Ptr<PolicyInput>& bgp = bench.bgp;
+   const Mox::Ptr<PolicyInput>& configured = bench.configured;
    resolveEveryLabel(*router.mplsStatus, pools.labels);
    PolicyCore core(router.tables(scheduler));
    core.start();

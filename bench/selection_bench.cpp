@@ -47,13 +47,11 @@ int main(int argc, char** argv) {
    auto f1 = std::chrono::steady_clock::now();
    const double floorSeconds = seconds(f0, f1);
 
-   Kiln::TaskScheduler scheduler(Kiln::TaskScheduler::ClockMode::real);
-   StandaloneRouter router;
-   auto bgp = policyInputFactory("bgp");
-   auto configured = policyInputFactory("static");
-   router.input->policyInputIs(Protocol::bgp, bgp);
-   router.input->policyInputIs(Protocol::staticConfig, configured);
-   router.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(kSrlbBase, std::max(65536u, keys)));
+   BenchRouter bench(std::max(65536u, keys));
+   Kiln::TaskScheduler& scheduler = bench.scheduler;
+   StandaloneRouter& router = bench.router;
+   const Mox::Ptr<PolicyInput>& bgp = bench.bgp;
+   const Mox::Ptr<PolicyInput>& configured = bench.configured;
    resolveEveryLabel(*router.mplsStatus, kPools.labels);
    PolicyCore core(router.tables(scheduler));
    core.start();
