@@ -1,7 +1,6 @@
 #include "core/SrTePolicyRestartWatch.h"
 
 #include <functional>
-#include <regex>
 #include <utility>
 
 namespace SrTePolicy {
@@ -133,6 +132,17 @@ std::string dumped(const T& entity) {
    return out;
 }
 
+// A selection-input entry's dump without the digits of its version.
+std::string withoutVersion(std::string dump) {
+   const size_t at = dump.find("version: ");
+   if (at == std::string::npos) return dump;
+   const size_t digits = at + 9;
+   size_t end = digits;
+   while (end < dump.size() && dump[end] >= '0' && dump[end] <= '9') ++end;
+   dump.erase(digits, end - digits);
+   return dump;
+}
+
 } // namespace
 
 RestartWatch::RestartWatch(const PublishedTables& p) {
@@ -142,9 +152,8 @@ RestartWatch::RestartWatch(const PublishedTables& p) {
        [selection](const auto& visit) {
           // Without the version: every write bumps it, an unchanged record processed again
           // after the restart included, and it is a write counter, not what the path says.
-          for (const auto& [k, e] : selection->policyIdEntry()) {
-             visit(k, std::regex_replace(dumped(*e), std::regex("version: [0-9]+"), "version"));
-          }
+          for (const auto& [k, e] : selection->policyIdEntry())
+             visit(k, withoutVersion(dumped(*e)));
        },
        selection));
    auto* exported = p.exportedSegmentListColl.get();
