@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -21,6 +22,14 @@ constexpr uint32_t kLabelBase = 16000;
 constexpr Mpls::AdjacencyIndex kAdjacencies = 16;
 
 using Clock = std::chrono::steady_clock;
+
+// Whether a word is among the program's arguments after the first (the path count).
+inline bool hasArgument(int argc, char** argv, std::string_view word) {
+   for (int i = 2; i < argc; ++i) {
+      if (word == argv[i]) return true;
+   }
+   return false;
+}
 
 inline double seconds(Clock::time_point a, Clock::time_point b) {
    return std::chrono::duration<double>(b - a).count();
@@ -71,11 +80,36 @@ struct BenchRouter {
    }
 };
 
-// The segment lists the records draw from, over a pool of labels.
+// The segment lists the records draw from, over a pool of labels. Ordered, key k takes lists
+// 2k and 2k+1 of the pool (and its static path two lists further), so neighbouring keys share
+// neighbouring lists; scattered, every path draws its lists at random, as paths from many
+// head-ends would.
 struct Pools {
    uint32_t lists;
    uint32_t labels;
+   bool scattered = false;
 };
+
+inline uint64_t mix64(uint64_t x) {
+   x ^= x >> 33;
+   x *= 0xff51afd7ed558ccdull;
+   x ^= x >> 33;
+   x *= 0xc4ceb9fe1a85ec53ull;
+   return x ^ (x >> 33);
+}
+
+// The order the protocols write the keys in: ascending, or (scattered) a fixed shuffle, so that
+// neither the input tables' memory nor the lists' first uses follow the key order.
+inline std::vector<uint32_t> writeOrder(uint32_t keys, bool scattered) {
+   std::vector<uint32_t> order(keys);
+   for (uint32_t k = 0; k < keys; ++k) order[k] = k;
+   if (scattered) {
+      for (uint32_t i = keys; i > 1; --i) {
+         std::swap(order[i - 1], order[mix64(i) % i]);
+      }
+   }
+   return order;
+}
 
 // List j of the pool: three labels of the label pool.
 inline Ipkit::MplsLabelOperation listFromPool(const Pools& pools, uint32_t j) {
@@ -94,7 +128,9 @@ inline PolicyInputEntry makeRecord(const Pools& pools, uint32_t keyIndex, Protoc
    e.bindingSidIs(Ipkit::MplsLabel(kSrlbBase + keyIndex));
    const uint32_t salt = protocol == Protocol::bgp ? 0 : 7;
    for (uint32_t s = 0; s < 2; ++s) {
-      uint32_t j = static_cast<uint32_t>((uint64_t(keyIndex) * 2 + s + salt) % pools.lists);
+      const uint64_t draw = uint64_t(keyIndex) * 2 + s + salt;
+      const uint32_t j =
+          static_cast<uint32_t>((pools.scattered ? mix64(draw) : draw) % pools.lists);
       e.segmentListIs(SegmentListIndex(s), WeightedSegList(Weight(s + 1), listFromPool(pools, j)));
    }
    return e;
@@ -172,11 +208,14 @@ struct Stopwatch {
    }
    // Every machine of the core that runs a task.
    void watch(const PolicyCore& core) {
-      watch(core.policyInputSm()->task());
-      watch(core.segmentListSm()->task());
-      watch(core.policySelectionSm()->task());
-      watch(core.policyPublishSm()->task());
-      watch(core.tunnelMapExportSm()->task());
+      auto watchMachine = [this](const auto& machine) {
+         if (machine) watch(machine->task()); // left out of a core built up to an earlier stage
+      };
+      watchMachine(core.policyInputSm());
+      watchMachine(core.segmentListSm());
+      watchMachine(core.policySelectionSm());
+      watchMachine(core.policyPublishSm());
+      watchMachine(core.tunnelMapExportSm());
    }
    void clear() {
       reactors.clear();

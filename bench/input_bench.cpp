@@ -1,7 +1,7 @@
-// Scale benchmark of the input stage: N candidate paths written into the input tables, then the
-// event loop run until idle. N/2 policy keys x protocols 20 and 30, each path with 2 segment lists
-// drawn from N/5 distinct lists over N/50 labels, each key with its own binding SID inside an SRLB
-// sized to N.
+// Scale benchmark of the input stage alone (the core built up to it): N candidate paths written
+// into the input tables, then the event loop run until idle. N/2 policy keys x protocols 20 and 30,
+// each path with 2 segment lists drawn from N/5 distinct lists over N/50 labels, each key with its
+// own binding SID inside an SRLB sized to N.
 //
 // Printed, each measured in this run:
 //  - filling the input tables (timed apart: it is the protocols' work, not ours);
@@ -12,7 +12,8 @@
 //    new counts them), and resident memory per path beyond the input tables;
 //  - a requeue of every record by an SRLB change that leaves every binding SID inside.
 //
-//   input_bench [paths]        default 100000
+//   input_bench [paths] [scattered]     default 100000; `scattered`: keys written in a shuffled
+//                                       order, each path's lists drawn at random
 #include <malloc.h>
 
 #include <chrono>
@@ -81,7 +82,8 @@ int main(int argc, char** argv) {
    const uint32_t paths =
        argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
    const uint32_t keys = paths / 2;
-   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50)};
+   const bool scattered = hasArgument(argc, argv, "scattered");
+   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50), scattered};
    if (keys == 0 || kSrlbBase + keys > Ipkit::MplsLabel::maxLabel) {
       std::fprintf(stderr, "paths must be between 2 and %u\n",
                    2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
@@ -93,13 +95,14 @@ int main(int argc, char** argv) {
    StandaloneRouter& router = bench.router;
    const Mox::Ptr<PolicyInput>& bgp = bench.bgp;
    const Mox::Ptr<PolicyInput>& configured = bench.configured;
-   PolicyCore core(router.tables(scheduler));
+   // The input stage alone: the machines before it in place, none of those after it reacting.
+   PolicyCore core(router.tables(scheduler), {}, Stage::input);
    core.start();
    const auto& selection = core.published().policySelectionInput;
 
    // Filling the input tables: the protocols' work, timed apart.
    auto w0 = std::chrono::steady_clock::now();
-   for (uint32_t k = 0; k < keys; ++k) {
+   for (uint32_t k : writeOrder(keys, scattered)) {
       bgp->policyInputEntryIs(makeRecord(pools, k, Protocol::bgp));
       configured->policyInputEntryIs(makeRecord(pools, k, Protocol::staticConfig));
    }
@@ -136,7 +139,8 @@ int main(int argc, char** argv) {
    auto r1 = std::chrono::steady_clock::now();
    const size_t requeueAllocations = gAllocations - requeueAllocationsBefore;
 
-   std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
+   std::printf("candidate paths            %u (%u keys x 2 protocols, %s)\n", paths, keys,
+               scattered ? "scattered" : "ordered");
    std::printf("distinct segment lists     %zu\n",
                core.entities().segListMap->segmentListUser().size());
    std::printf("task runs                  %zu\n", runs);

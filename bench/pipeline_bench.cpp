@@ -16,7 +16,9 @@
 //    changes every output table notified, counted by reactors watching them (and the entries
 //    inside them) from the converged state on.
 //
-//   pipeline_bench [paths] [cold]     default 100000; `cold` stops at convergence (for profiles)
+//   pipeline_bench [paths] [cold] [scattered]
+//      default 100000; `cold` stops at convergence (for profiles); `scattered` writes the keys in
+//      a shuffled order and draws each path's lists at random
 #include <malloc.h>
 
 #include <cstdio>
@@ -173,7 +175,8 @@ int main(int argc, char** argv) {
    const uint32_t paths =
        argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
    const uint32_t keys = paths / 2;
-   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50)};
+   const bool scattered = hasArgument(argc, argv, "scattered");
+   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50), scattered};
    if (keys == 0 || kSrlbBase + keys > Ipkit::MplsLabel::maxLabel) {
       std::fprintf(stderr, "paths must be between 2 and %u\n",
                    2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
@@ -192,7 +195,7 @@ int main(int argc, char** argv) {
 
    // Filling the input tables: the protocols' work, timed apart.
    const auto w0 = Clock::now();
-   for (uint32_t k = 0; k < keys; ++k) {
+   for (uint32_t k : writeOrder(keys, scattered)) {
       bgp->policyInputEntryIs(makeRecord(pools, k, Protocol::bgp));
       configured->policyInputEntryIs(makeRecord(pools, k, Protocol::staticConfig));
    }
@@ -226,7 +229,7 @@ int main(int argc, char** argv) {
       return 1;
    }
    auto coldShares = stopwatch.spent;
-   const bool coldOnly = argc > 2 && std::string(argv[2]) == "cold";
+   const bool coldOnly = hasArgument(argc, argv, "cold");
 
    // Restart over the published tables, with every output watched.
    Churn churn;
@@ -252,7 +255,8 @@ int main(int argc, char** argv) {
       return 1;
    }
 
-   std::printf("candidate paths            %u (%u keys x 2 protocols)\n", paths, keys);
+   std::printf("candidate paths            %u (%u keys x 2 protocols, %s)\n", paths, keys,
+               scattered ? "scattered" : "ordered");
    std::printf("distinct segment lists     %zu over %u labels\n", distinctLists, pools.labels);
    std::printf("task runs                  %zu\n", runs);
    std::printf("filling the input tables   %.3f s\n", seconds(w0, w1));

@@ -19,8 +19,8 @@ RouterTables StandaloneRouter::tables(Kiln::TaskScheduler& scheduler) const {
    };
 }
 
-PolicyCore::PolicyCore(RouterTables router, PublishedTables published)
-    : router_(std::move(router)), published_(std::move(published)) {
+PolicyCore::PolicyCore(RouterTables router, PublishedTables published, Stage lastStage)
+    : router_(std::move(router)), published_(std::move(published)), lastStage_(lastStage) {
    SRTE_ASSERT(router_.config && router_.status && router_.colorDscpMap && router_.input &&
                    router_.mplsConfig && router_.mplsStatus && router_.hardwareStatus &&
                    router_.counterTable && router_.scheduler && router_.attrLog,
@@ -73,6 +73,7 @@ void PolicyCore::buildMachines() {
        .segmentResolver = m.segmentResolver,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::segmentListResolution) return;
    m.segmentListSm = segmentListSmFactory({
        .notifyingSegmentList = e.coreDedupTables->notifyingSegmentListCollection(),
        .segmentStatus = e.segmentStatus,
@@ -87,6 +88,7 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::input) return;
    m.policyInputSm = policyInputSmFactory({
        .config = router_.config,
        .input = router_.input,
@@ -103,6 +105,7 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::selection) return;
    m.policySelectionSm = policySelectionSmFactory({
        .config = router_.config,
        .policySelectionInput = published_.policySelectionInput,
@@ -113,6 +116,7 @@ void PolicyCore::buildMachines() {
        .attrLogSm = router_.attrLog,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::publishing) return;
    m.policyPublishSm = policyPublishSmFactory({
        .ecPolicy = published_.ecPolicy,
        .taskScheduler = router_.scheduler,
@@ -123,12 +127,14 @@ void PolicyCore::buildMachines() {
        .syslog = &syslog_,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::lfibGeneration) return;
    m.lfibGenSm = srTePolicyLfibGenSmFactory({
        .policyStatus = published_.policyStatus,
        .lfibStatus = published_.lfibStatus,
        .adjIdxAlloc = e.adjIdxAlloc,
        .tracer = &tracer_,
    });
+   if (lastStage_ < Stage::tunnelMap) return;
    // Tunnel map export: last. It adopts the rows whose tunnels the selection input still names.
    m.tunnelMapExportSm = tunnelMapExportSmFactory({
        .policyId = published_.policySelectionInput,
@@ -148,17 +154,17 @@ void PolicyCore::stop(StopMode mode) {
       // publishing). Input gathering releases every segment list while segment-list resolution
       // still listens, so their tunnels and statuses are withdrawn with them.
       Machines& m = *machines_;
-      m.tunnelMapExportSm->handleDel();
-      m.tunnelMapExportSm = nullptr;
-      m.lfibGenSm->handleDel();
-      m.lfibGenSm = nullptr;
-      m.policyPublishSm->handleDel();
-      m.policyPublishSm = nullptr;
-      m.policySelectionSm->handleDel();
-      m.policySelectionSm = nullptr;
-      m.policyInputSm->handleDel();
-      m.policyInputSm = nullptr;
-      m.segmentListSm->handleDel();
+      auto tearDown = [](auto& machine) {
+         if (!machine) return; // not built: the core stops at an earlier stage
+         machine->handleDel();
+         machine = nullptr;
+      };
+      tearDown(m.tunnelMapExportSm);
+      tearDown(m.lfibGenSm);
+      tearDown(m.policyPublishSm);
+      tearDown(m.policySelectionSm);
+      tearDown(m.policyInputSm);
+      if (m.segmentListSm) m.segmentListSm->handleDel();
       // Segment resolution publishes nothing outside the process.
    }
    // Members of Machines die in reverse declaration order, the last built first; then the

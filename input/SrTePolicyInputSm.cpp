@@ -212,7 +212,6 @@ void PolicyInputSm::handleDel() {
    initialized_ = false;
    if (task_) task_->unscheduleTask();
    pendingPolicyId_.clear();
-   pendingBookmark_ = PolicyId();
    cleanupPending_ = false;
    std::vector<PolicyId> ids;
    ids.reserve(policySelectionInput_->policyIdEntry().size());
@@ -264,7 +263,7 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
       if (available != user->available()) {
          user->availableIs(available);
          for (const PolicyId& id : user->policyId()) {
-            if (!pendingPolicyId_.count(PendingPolicyKey(id))) markPending(id, false);
+            markPending(id, false); // merged into a pending mark of the id, if any
          }
       }
    }
@@ -273,39 +272,22 @@ void PolicyInputSm::handleLFibRoute(const Mpls::RouteKey& routeKey) {
 
 void PolicyInputSm::handleTaskRun() {
    if (!initialized_) return;
-   // Resume where the last run stopped; what was queued behind the bookmark meanwhile waits for
-   // the next pass.
-   auto it = pendingPolicyId_.begin();
-   if (!(pendingBookmark_ == PolicyId())) {
-      it = pendingPolicyId_.lower_bound(PendingPolicyKey(pendingBookmark_));
-   }
-   pendingBookmark_ = PolicyId();
-
+   // Resume the pass under way at its bookmark, or begin one over everything pending; what is
+   // queued meanwhile and not ahead in this pass waits for the next.
    uint64_t count = 0;
    bool delay = false;
-   while (it != pendingPolicyId_.end()) {
+   while (auto* member = pendingPolicyId_.front()) {
       if (attrLogSm_->isAttrLogOutClogged()) {
          delay = true;
-         pendingBookmark_ = it->first.id;
          break;
       }
-      const PendingPolicyKey key = it->first;
-      const bool policyChanged = it->second;
-      const uint64_t queuedBefore = pendingQueued_;
-      processPolicyEntry(key.id, policyChanged);
-      if (pendingQueued_ == queuedBefore) {
-         it = pendingPolicyId_.erase(it); // nothing was queued: the iterator still stands
-      } else {
-         // Processing queued ids (it does not today): the tree may have moved, look again.
-         it = pendingPolicyId_.find(key);
-         it = it != pendingPolicyId_.end() ? pendingPolicyId_.erase(it)
-                                           : pendingPolicyId_.upper_bound(key);
-      }
+      // Copied: processing may queue ids, and the member goes once processed.
+      const PolicyId id = member->key.id;
+      const bool policyChanged = member->value;
+      pendingPolicyId_.pop();
+      processPolicyEntry(id, policyChanged);
       ++count;
-      if (task_->taskShouldYield()) {
-         if (it != pendingPolicyId_.end()) pendingBookmark_ = it->first.id;
-         break;
-      }
+      if (task_->taskShouldYield()) break;
    }
    task_->taskWorkCountInc(count);
    SRTE_TRACE_TO(tracer_, 5,
@@ -606,9 +588,7 @@ void PolicyInputSm::runCleanupJob() {
 // Queueing
 
 void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
-   auto [it, inserted] = pendingPolicyId_.try_emplace(PendingPolicyKey(id), policyChanged);
-   pendingQueued_ += inserted;
-   if (!inserted && policyChanged) it->second = true;
+   pendingPolicyId_.mark(PendingPolicyKey(id), policyChanged);
 }
 
 void PolicyInputSm::markTablePending(Protocol protocol, bool policyChanged) {
@@ -643,7 +623,7 @@ void PolicyInputSm::dump(std::string& out, int depth) const {
                 srlbConfigRange_.stringValue().c_str());
    Mox::appendf(out, "%*cpendingPolicyIds #%zu \n", depth, ' ', pendingPolicyId_.size());
    Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
-                pendingBookmark_.stringValue().c_str());
+                pendingBookmark().stringValue().c_str());
    Mox::appendf(out, "%*cbsidUsers #%zu \n", depth, ' ', bsidUser_.size());
    Mox::appendf(out, "%*ccleanupPending: %s\n", depth, ' ', Mox::trueFalse(cleanupPending_));
 }

@@ -53,9 +53,9 @@
 #include <optional>
 #include <string>
 
-#include "absl/container/btree_map.h"
 #include "input/SrTePolicyKeyToIdMap.h"
 #include "platform/Kiln.h"
+#include "platform/KilnPending.h"
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
@@ -95,12 +95,11 @@ class BindingSidUser : public Mox::Entity {
 };
 
 // The system-log messages of unusable candidate paths.
-// The pending candidate paths, in hash order: ordered by the id's hash (then the id), so that the
-// order of a drain is a function of what is pending alone. Not a hash table: a flat table's order
-// also depends on its insertion history and, for Abseil's, on where its slots happen to live in
-// memory, and the processing order decides which segment list gets which id; every run of the same
-// inputs must give the same ids. A B-tree keeps members in nodes of several, so it allocates
-// rarely, and a bookmark is a position that stays meaningful across inserts and erases.
+// The pending candidate paths, drained in hash order: ordered by the id's hash (then the id), so
+// that the order of a pass is a function of what is pending alone. Not a hash table's order: a flat
+// table's order also depends on its insertion history and, for Abseil's, on where its slots happen
+// to live in memory, and the processing order decides which segment list gets which id; every run
+// of the same inputs must give the same ids. The value says whether the record itself changed.
 struct PendingPolicyKey {
    uint32_t hash;
    PolicyId id;
@@ -108,7 +107,8 @@ struct PendingPolicyKey {
    friend bool operator==(const PendingPolicyKey&, const PendingPolicyKey&) = default;
    friend auto operator<=>(const PendingPolicyKey&, const PendingPolicyKey&) = default;
 };
-using PendingPolicyIdMap = absl::btree_map<PendingPolicyKey, bool>;
+using PendingPolicyIdMap =
+    Kiln::PendingSet<PendingPolicyKey, bool, std::less<PendingPolicyKey>, Kiln::MergeOr>;
 
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE;
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_MISSING;
@@ -154,7 +154,11 @@ class PolicyInputSm : public Mox::RefCounted {
    }
    BindingSidUser* bsidUser(Ipkit::MplsLabel label) const;
    const PendingPolicyIdMap& pendingPolicyId() const noexcept { return pendingPolicyId_; }
-   const PolicyId& pendingBookmark() const noexcept { return pendingBookmark_; }
+   // Where the pass under way resumes; the default id when none is under way.
+   PolicyId pendingBookmark() const noexcept {
+      const PendingPolicyKey* at = pendingPolicyId_.bookmark();
+      return at ? at->id : PolicyId();
+   }
    bool cleanupPending() const noexcept { return cleanupPending_; }
    bool initialized() const noexcept { return initialized_; }
    Kiln::Task* task() const noexcept { return task_.get(); }
@@ -238,8 +242,6 @@ class PolicyInputSm : public Mox::RefCounted {
    Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
    Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
    PendingPolicyIdMap pendingPolicyId_;
-   uint64_t pendingQueued_ = 0; // ids ever queued: tells a drain whether its iterator still stands
-   PolicyId pendingBookmark_;
    bool cleanupPending_ = false;
    bool initialized_ = false;
    Mox::Ptr<Kiln::Task> task_;

@@ -386,4 +386,40 @@ TEST(PolicyCore, TearDownWithdrawsEveryOutputKeepsTheInputsAndStartBringsThemBac
    EXPECT_FALSE(tables.tunnelTable->entry().empty());
 }
 
+// A core built up to the input stage: the later machines are left out, nothing selects or
+// publishes, and it stops and tears down like a whole one.
+TEST(PolicyCore, ACoreBuiltUpToAStageRunsThatStageAloneAndStopsCleanly) {
+   Kiln::TaskScheduler scheduler;
+   StandaloneRouter tables;
+   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+   tables.input->policyInputIs(Protocol::bgp, bgp);
+   tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
+   PolicyCore core(tables.tables(scheduler), {}, Stage::input);
+   core.start();
+   EXPECT_EQ(core.lastStage(), Stage::input);
+   ASSERT_TRUE(core.policyInputSm());
+   EXPECT_TRUE(core.segmentListSm());
+   EXPECT_FALSE(core.policySelectionSm());
+   EXPECT_FALSE(core.policyPublishSm());
+   EXPECT_FALSE(core.lfibGenSm());
+   EXPECT_FALSE(core.tunnelMapExportSm());
+
+   bgp->policyInputEntryIs(path(pathId("10.0.0.1", 1, 1), 900001, {{16001, 16002}}));
+   bgp->policyInputEntryIs(path(pathId("10.0.0.2", 1, 1), 900002, {{16001, 16002}, {16003}}));
+   scheduler.runUntilIdle();
+   const PublishedTables& out = core.published();
+   EXPECT_EQ(out.policySelectionInput->policyIdEntry().size(), 2u);
+   EXPECT_EQ(out.exportedSegmentListColl->segmentList().size(), 2u);
+   EXPECT_TRUE(out.ecPolicy->policy().empty());
+   EXPECT_TRUE(out.tunnelIdToPolicyKey->tunnelEntry().empty());
+
+   core.restart();
+   scheduler.runUntilIdle();
+   EXPECT_EQ(out.policySelectionInput->policyIdEntry().size(), 2u);
+   core.tearDown();
+   EXPECT_FALSE(core.started());
+   EXPECT_TRUE(out.policySelectionInput->policyIdEntry().empty());
+   EXPECT_TRUE(out.exportedSegmentListColl->segmentList().empty());
+}
+
 } // namespace
