@@ -259,7 +259,7 @@ void PolicySelectionSm::processPolicyEntry(const PolicyId& id) {
       SRTE_TRACE_TO(tracer_, 9, "Policy Id: " << id << " will be removed");
       policy->candidateDel(policyEntry->priority());
       if (!policy->candidate().empty()) {
-         selectNewActive(id.key);
+         selectNewActive(id.key, policy);
       } else {
          in_.ecPolicy->policyDel(id.key);
       }
@@ -292,11 +292,11 @@ void PolicySelectionSm::processPolicyEntry(const PolicyId& id) {
    }
    for (uint8_t index : stale) policyEntry->wTunnelIdDel(index);
 
-   selectNewActive(id.key);
+   selectNewActive(id.key, policy);
 }
 
-void PolicySelectionSm::selectNewActive(const PolicyKey& key) {
-   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
+void PolicySelectionSm::selectNewActive(const PolicyKey& key, const Mox::Ptr<Policy>& known) {
+   const Mox::Ptr<Policy> policy = known ? known : in_.ecPolicy->policy(key);
    if (!policy || policy->candidate().empty()) {
       SRTE_TRACE_TO(tracer_, 9,
                     "Policy Endpoint: " << key.endpoint << ", Color: " << key.color

@@ -103,7 +103,8 @@ class PolicySelectionSm : public Mox::RefCounted {
    static bool policyPriorityChanged(const PolicyIdEntry& entry, const PolicyEntry& policyEntry);
    static Priority priorityOf(const PolicyIdEntry& entry);
    void processPolicyEntry(const PolicyId& id);
-   void selectNewActive(const PolicyKey& key);
+   // `policy` is the key's entry when the caller holds it already (saves looking it up again).
+   void selectNewActive(const PolicyKey& key, const Mox::Ptr<Policy>& policy = nullptr);
 
  private:
    class MoxConfig;
