@@ -47,12 +47,13 @@ class TunnelMapExportSm::MoxPolicyId
    using Reactor::Reactor;
    void onPolicyIdEntry(const PolicyId& id) override {
       TunnelMapExportSm& sm = owner();
-      if (Mox::Ptr<PolicyIdEntry> entry = sm.in_.policyId->policyIdEntry(id)) {
+      Mox::Ptr<PolicyIdEntry> entry = sm.in_.policyId->policyIdEntry(id);
+      if (entry) {
          sm.policyIdEntryIs(entry);
       } else {
          sm.policyIdEntry_.erase(id);
       }
-      sm.handlePolicyEntry(id);
+      sm.handlePolicyEntry(id, entry.get());
    }
 };
 
@@ -61,7 +62,7 @@ class TunnelMapExportSm::MoxPolicyIdEntry
  public:
    MoxPolicyIdEntry(TunnelMapExportSm& sm, PolicyIdEntry* entry)
        : Reactor(sm, entry), id_(entry->id()) {}
-   void onVersion() override { owner().handlePolicyEntry(id_); }
+   void onVersion() override { owner().handlePolicyEntry(id_, notifier()); }
 
  private:
    PolicyId id_;
@@ -178,9 +179,12 @@ void TunnelMapExportSm::handleInitialized() {
 }
 
 void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
+   handlePolicyEntry(policyId, in_.policyId->policyIdEntry(policyId).get());
+}
+
+void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry) {
    if (!initialized_) return;
-   retryPolicyId_.erase(policyId);
-   const Mox::Ptr<PolicyIdEntry> entry = in_.policyId->policyIdEntry(policyId);
+   if (!retryPolicyId_.empty()) retryPolicyId_.erase(policyId);
    TunnelIds current;
    if (entry) {
       SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << policyId << " has been updated");

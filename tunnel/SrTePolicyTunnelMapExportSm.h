@@ -200,6 +200,8 @@ class TunnelMapExportSm : public Mox::RefCounted {
    // Handlers (reactors call these).
    void handleInitialized();
    void handlePolicyEntry(const PolicyId& policyId);
+   // The same, given the path's entry (null when it is gone): a reactor has it at hand.
+   void handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry);
    void handlePendingTunnelEntry(TunnelId tunnelId);
    void handleTaskRun();
    // The end for good (SR-TE turned off): nothing pending, every row deleted. Never called on
