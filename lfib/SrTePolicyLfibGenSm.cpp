@@ -17,12 +17,13 @@ class SrTePolicyLfibGenSm::MoxPolicyStatus
    using Reactor::Reactor;
    void onStatus(const PolicyKey& key) override {
       SrTePolicyLfibGenSm& sm = owner();
-      if (Mox::Ptr<PolicyStatusEntry> entry = sm.in_.policyStatus->status(key)) {
+      const Mox::Ptr<PolicyStatusEntry> entry = sm.in_.policyStatus->status(key);
+      if (entry) {
          sm.nestedPolicyIs(entry);
       } else {
          sm.nestedPolicyDel(key);
       }
-      sm.handlePolicy(key);
+      sm.handlePolicy(key, entry.get());
    }
 };
 
@@ -101,10 +102,14 @@ void SrTePolicyLfibGenSm::handleInitialized() {
 
 void SrTePolicyLfibGenSm::handlePolicy(const PolicyKey& key) {
    if (!initialized_) return;
+   handlePolicy(key, in_.policyStatus->status(key).get());
+}
+
+void SrTePolicyLfibGenSm::handlePolicy(const PolicyKey& key, const PolicyStatusEntry* entry) {
+   if (!initialized_) return;
    SRTE_TRACE_TO(tracer_, 8, "Policy: Endpoint: " << key.endpoint << " Color: " << key.color);
-   const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key);
    if (entry && !entry->bindingSid().isNull()) {
-      addOrUpdateLfibEntries(key);
+      addOrUpdateLfibEntries(key, *entry);
    } else if (policyKeyBindingSidMap_.contains(key)) {
       deleteLfibEntries(key);
    }
@@ -134,17 +139,25 @@ SrTePolicyLfibGenSm::adjacencyOf(const Mpls::LFib::ProtocolRoute& route) const {
 }
 
 void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
-   const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key);
-   if (!entry) return;
-   const Ipkit::MplsLabel bindingSid = entry->bindingSid();
-   const Vault::Fib::FecId fecId = entry->fecId();
+   if (const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key)) {
+      addOrUpdateLfibEntries(key, *entry);
+   }
+}
+
+void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key,
+                                                 const PolicyStatusEntry& entry) {
+   const Ipkit::MplsLabel bindingSid = entry.bindingSid();
+   const Vault::Fib::FecId fecId = entry.fecId();
    Mpls::ProtocolLfib& lfib = *lfib_;
 
    // The old binding SID's route goes with its adjacency; its index is given back only once the
    // new route has its own, so the new route cannot take it over.
    std::optional<Mpls::AdjacencyIndex> oldIndex;
-   if (auto recorded = policyKeyBindingSidMap_.find(key);
-       recorded != policyKeyBindingSidMap_.end() && recorded->second != bindingSid) {
+   auto recorded = policyKeyBindingSidMap_.find(key);
+   // Already recorded with this binding SID: the map needs no second write.
+   const bool recordedSame =
+       recorded != policyKeyBindingSidMap_.end() && recorded->second == bindingSid;
+   if (recorded != policyKeyBindingSidMap_.end() && !recordedSame) {
       const Ipkit::MplsLabel oldSid = recorded->second;
       SRTE_TRACE_TO(tracer_, 5,
                     "Removing LFIB route for old BSID: " << oldSid
@@ -185,7 +198,7 @@ void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
                  "Added the LFIB entry for policy Endpoint: "
                      << key.endpoint << " Color: " << key.color << " BSID: " << bindingSid
                      << " Adj ID: " << *index);
-   policyKeyBindingSidMap_[key] = bindingSid;
+   if (!recordedSame) policyKeyBindingSidMap_[key] = bindingSid;
    unusedLfibRoute_.erase(routeKey);
    if (oldIndex) in_.adjIdxAlloc->releaseAdjacencyIndex(source, *oldIndex);
 }

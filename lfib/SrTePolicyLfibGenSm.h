@@ -77,6 +77,8 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
    // Handlers (reactors call these).
    void handleInitialized();
    void handlePolicy(const PolicyKey& key);
+   // The same with the key's status entry already looked up (null when it has none).
+   void handlePolicy(const PolicyKey& key, const PolicyStatusEntry* entry);
    // The end of SR-TE here: withdraws every route and adjacency and stops reacting. Not called
    // on destruction.
    void handleDel();
@@ -87,6 +89,7 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
 
    // The steps.
    void addOrUpdateLfibEntries(const PolicyKey& key);
+   void addOrUpdateLfibEntries(const PolicyKey& key, const PolicyStatusEntry& entry);
    void deleteLfibEntries(const PolicyKey& key);
    void cleanupLfibEntries();
 
