@@ -37,6 +37,7 @@
 #include "platform/Mpls.h"
 #include "platform/Trace.h"
 #include "publish/SrTePolicyLfibStatus.h"
+#include "publish/SrTePolicyReactorSlab.h"
 #include "publish/SrTePolicyStatus.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -113,7 +114,9 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
    bool smInited_ = false;
 
    std::unique_ptr<MoxPolicyStatus> moxPolicyStatus_;
-   Mox::HashMap2018<PolicyKey, std::unique_ptr<MoxNestedPolicy>> nestedPolicy_;
+   // The slab outlives the reactors it holds.
+   ReactorSlab<MoxNestedPolicy> nestedPolicySlab_;
+   Mox::HashMap2018<PolicyKey, ReactorSlab<MoxNestedPolicy>::Ptr> nestedPolicy_;
 };
 
 Mox::Ptr<SrTePolicyLfibGenSm> srTePolicyLfibGenSmFactory(SrTePolicyLfibGenSm::Inputs in);

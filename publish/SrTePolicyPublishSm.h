@@ -43,6 +43,7 @@
 #include "platform/Trace.h"
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyConflictingPolicies.h"
+#include "publish/SrTePolicyReactorSlab.h"
 #include "publish/SrTePolicyStatus.h"
 #include "selection/SrTePolicyEntry.h"
 
@@ -177,7 +178,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    double delayTime_ = congestionDelay;
    bool initialized_ = false;
 
-   Mox::HashMap2018<PolicyKey, std::unique_ptr<MoxPolicy>> policy_;
+   // The slab outlives the reactors it holds.
+   ReactorSlab<MoxPolicy> policySlab_;
+   Mox::HashMap2018<PolicyKey, ReactorSlab<MoxPolicy>::Ptr> policy_;
    std::unique_ptr<MoxEcPolicy> moxEcPolicy_;
    std::unique_ptr<MoxTask> moxTask_;
 };
