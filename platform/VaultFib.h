@@ -5,7 +5,8 @@
 // Guarantees (tests/platform/VaultFibTest.cpp):
 //  - `FecId::fecIdForAdjType(t, i)` gives back exactly `t` and `i` through `adjType()`/`index()`;
 //  - a FEC holds at most 512 vias: a via index outside 0..511 is a range error and changes nothing;
-//  - `fecCommit` replaces the whole FEC of that id and notifies only when it differs;
+//  - `fecCommit` replaces the whole FEC of that id and notifies only when it differs, whether the
+//    FEC is copied or handed over, whatever its number of vias;
 //    `fecDel`/`fecDelAll` notify once per removed FEC.
 #pragma once
 
