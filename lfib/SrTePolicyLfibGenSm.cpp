@@ -153,11 +153,11 @@ void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key,
    // The old binding SID's route goes with its adjacency; its index is given back only once the
    // new route has its own, so the new route cannot take it over.
    std::optional<Mpls::AdjacencyIndex> oldIndex;
-   auto recorded = policyKeyBindingSidMap_.find(key);
-   // Already recorded with this binding SID: the map needs no second write.
-   const bool recordedSame =
-       recorded != policyKeyBindingSidMap_.end() && recorded->second == bindingSid;
-   if (recorded != policyKeyBindingSidMap_.end() && !recordedSame) {
+   // A key seen for the first time is recorded at once (one look-up); one recorded with another
+   // binding SID is recorded again once the old route is gone.
+   auto [recorded, inserted] = policyKeyBindingSidMap_.try_emplace(key, bindingSid);
+   const bool recordedSame = inserted || recorded->second == bindingSid;
+   if (!recordedSame) {
       const Ipkit::MplsLabel oldSid = recorded->second;
       SRTE_TRACE_TO(tracer_, 5,
                     "Removing LFIB route for old BSID: " << oldSid

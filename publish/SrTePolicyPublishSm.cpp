@@ -244,18 +244,23 @@ void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {
 void PolicyPublishSm::processPolicy(const PolicyKey& key) {
    const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
    const Mox::Ptr<PolicyEntry> active = policy ? policy->active() : nullptr;
-   auto asked = policyBindingSidMap_.find(key);
    if (!active) {
-      if (asked != policyBindingSidMap_.end())
+      if (auto asked = policyBindingSidMap_.find(key); asked != policyBindingSidMap_.end())
          releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
       withdraw(key);
       return;
    }
-   // Whether policyBindingSidMap_ already records the active binding SID for the key.
-   bool recorded = asked != policyBindingSidMap_.end();
-   if (recorded && asked->second != active->bindingSid()) {
-      releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
-      recorded = false;
+   // Whether policyBindingSidMap_ records the active binding SID for the key. A key asking for
+   // one for the first time is recorded at once, as the request would record it: one look-up.
+   const Ipkit::MplsLabel bsid = active->bindingSid();
+   bool recorded = false;
+   if (bsid.isNull()) {
+      if (auto asked = policyBindingSidMap_.find(key); asked != policyBindingSidMap_.end())
+         releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
+   } else {
+      auto [asked, inserted] = policyBindingSidMap_.try_emplace(key, bsid);
+      recorded = inserted || asked->second == bsid;
+      if (!recorded) releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
    }
    if (!requestBindingSid(*active, key, recorded)) {
       // Still a competitor: the binding SID it asked for stays recorded.
