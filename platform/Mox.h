@@ -362,8 +362,9 @@ class SmallSet {
 
 // A key-ordered map that is usually a member or two (the candidates of one policy key): kept
 // sorted in one inline block, so the common case allocates nothing. Insert and erase move the
-// members behind: meant for a handful, not for thousands.
-template <class K, class V, size_t Inline = 2>
+// members behind: meant for a handful, not for thousands. Keys are ordered by `Less`, and two keys
+// neither of which is less than the other are the same key, as in std::map.
+template <class K, class V, size_t Inline = 2, class Less = std::less<K>>
 class SmallMap {
  public:
    using key_type = K;
@@ -381,7 +382,7 @@ class SmallMap {
    bool empty() const noexcept { return items_.empty(); }
    iterator find(const K& k) {
       auto it = lowerBound(k);
-      return it != items_.end() && it->first == k ? it : items_.end();
+      return it != items_.end() && !Less()(k, it->first) ? it : items_.end();
    }
    const_iterator find(const K& k) const { return const_cast<SmallMap*>(this)->find(k); }
    size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
@@ -389,7 +390,7 @@ class SmallMap {
    template <class A>
    std::pair<iterator, bool> try_emplace(const K& k, A&& v) {
       auto it = lowerBound(k);
-      if (it != items_.end() && it->first == k) return {it, false};
+      if (it != items_.end() && !Less()(k, it->first)) return {it, false};
       return {items_.emplace(it, k, std::forward<A>(v)), true};
    }
    iterator erase(const_iterator it) { return items_.erase(it); }
@@ -404,7 +405,7 @@ class SmallMap {
  private:
    iterator lowerBound(const K& k) {
       return std::lower_bound(items_.begin(), items_.end(), k,
-                              [](const value_type& a, const K& b) { return a.first < b; });
+                              [](const value_type& a, const K& b) { return Less()(a.first, b); });
    }
    Vec items_;
 };
@@ -563,7 +564,7 @@ class Entity : public RefCounted {
    // path watched by one machine), which then costs neither an allocation nor a pointer to follow
    // on every notification.
    struct Reactors {
-      absl::InlinedVector<NotifieeBase*, 1> items;
+      absl::InlinedVector<NotifieeBase*, 2> items;
       uint32_t dispatchDepth = 0;
       bool hasHoles = false;
    };

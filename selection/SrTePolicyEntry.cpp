@@ -249,7 +249,7 @@ Mox::Ptr<PolicyEntry> Policy::bestCandidate() const {
 Mox::Ptr<PolicyEntry> Policy::candidateIs(const Priority& priority) {
    if (auto it = candidate_.find(priority); it != candidate_.end()) return it->second;
    auto entry = Mox::make<PolicyEntry>(priority);
-   candidate_.emplace(priority, entry);
+   candidate_.try_emplace(priority, entry);
    notify(&Notifiee::onCandidate, priority);
    return entry;
 }

@@ -321,7 +321,8 @@ class PolicyEntry : public Mox::Entity {
 class Policy : public Mox::Entity {
  public:
    static constexpr const char* typeName = "SrTePolicy::Policy";
-   using CandidateMap = std::map<Priority, Mox::Ptr<PolicyEntry>, Priority::BetterFirst>;
+   // A policy key has a candidate or two (one per protocol, as a rule): kept inline, best first.
+   using CandidateMap = Mox::SmallMap<Priority, Mox::Ptr<PolicyEntry>, 2, Priority::BetterFirst>;
 
    class Notifiee : public Mox::NotifieeOf<Policy> {
     public:

@@ -102,7 +102,7 @@ void PolicySelectionSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    auto& reactor = policyIdEntry_[entry->id()];
    // An entry removed and made again under the same id is a new object: watch that one.
    if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = std::make_unique<MoxPolicyIdEntry>(*this, entry.get());
+   reactor = policyIdEntryPool_.make(*this, entry.get());
 }
 
 void PolicySelectionSm::policyIdEntryDel(const PolicyId& id) { policyIdEntry_.erase(id); }

@@ -33,6 +33,7 @@
 
 #include "platform/Kiln.h"
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Trace.h"
 #include "segment/SrTePolicySegmentList.h"
 #include "segment/SrTePolicySegmentListStatus.h"
@@ -114,7 +115,9 @@ class PolicySelectionSm : public Mox::RefCounted {
 
    std::unique_ptr<MoxConfig> moxConfig_;
    std::unique_ptr<MoxPolicyId> moxPolicyId_;
-   Mox::HashMap2018<PolicyId, std::unique_ptr<MoxPolicyIdEntry>> policyIdEntry_;
+   // One reactor per selection-input entry, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxPolicyIdEntry> policyIdEntryPool_;
+   Mox::HashMap2018<PolicyId, Mox::Pool<MoxPolicyIdEntry>::Ptr> policyIdEntry_;
    std::unique_ptr<MoxResSegList> moxResSegList_;
    std::unique_ptr<MoxTask> moxTask_;
 };

@@ -102,7 +102,7 @@ void TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    auto& reactor = policyIdEntry_[entry->id()];
    // An entry removed and made again under the same id is a new object: watch that one.
    if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = std::make_unique<MoxPolicyIdEntry>(*this, entry.get());
+   reactor = policyIdEntryPool_.make(*this, entry.get());
 }
 
 const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {
@@ -210,8 +210,11 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
       return;
    }
 
+   // Looked up once: committing rows runs the table's reactors, which never touch this
+   // machine's records.
+   PolicyTunnelInfo& info = policyTunnelInfoIs(policyId);
    for (TunnelId t : current) {
-      const bool mapped = policyTunnelInfoIs(policyId).tunnelIdIs(t);
+      const bool mapped = info.tunnelIdIs(t);
       if (mapped) {
          SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
       }

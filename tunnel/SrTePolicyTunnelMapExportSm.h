@@ -53,6 +53,7 @@
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Trace.h"
 #include "platform/Tunnel.h"
 #include "platform/Vault.h"
@@ -241,7 +242,9 @@ class TunnelMapExportSm : public Mox::RefCounted {
    bool initialized_ = false;
 
    std::unique_ptr<MoxPolicyId> moxPolicyId_;
-   Mox::HashMap2018<PolicyId, std::unique_ptr<MoxPolicyIdEntry>> policyIdEntry_;
+   // One reactor per selection-input entry, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxPolicyIdEntry> policyIdEntryPool_;
+   Mox::HashMap2018<PolicyId, Mox::Pool<MoxPolicyIdEntry>::Ptr> policyIdEntry_;
    std::unique_ptr<MoxTask> moxTask_;
 };
 
