@@ -81,7 +81,7 @@ void SrTePolicyLfibGenSm::nestedPolicyIs(const Mox::Ptr<PolicyStatusEntry>& entr
    auto& reactor = nestedPolicy_[entry->key()];
    // An entry replaced under the same key is a new object: watch that one.
    if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = nestedPolicySlab_.make(*this, entry.get());
+   reactor = nestedPolicyPool_.make(*this, entry.get());
 }
 
 void SrTePolicyLfibGenSm::nestedPolicyDel(const PolicyKey& key) { nestedPolicy_.erase(key); }

@@ -34,10 +34,10 @@
 #include <string>
 
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Mpls.h"
 #include "platform/Trace.h"
 #include "publish/SrTePolicyLfibStatus.h"
-#include "publish/SrTePolicyReactorSlab.h"
 #include "publish/SrTePolicyStatus.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -114,9 +114,9 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
    bool smInited_ = false;
 
    std::unique_ptr<MoxPolicyStatus> moxPolicyStatus_;
-   // The slab outlives the reactors it holds.
-   ReactorSlab<MoxNestedPolicy> nestedPolicySlab_;
-   Mox::HashMap2018<PolicyKey, ReactorSlab<MoxNestedPolicy>::Ptr> nestedPolicy_;
+   // One reactor per status entry, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxNestedPolicy> nestedPolicyPool_;
+   Mox::HashMap2018<PolicyKey, Mox::Pool<MoxNestedPolicy>::Ptr> nestedPolicy_;
 };
 
 Mox::Ptr<SrTePolicyLfibGenSm> srTePolicyLfibGenSmFactory(SrTePolicyLfibGenSm::Inputs in);

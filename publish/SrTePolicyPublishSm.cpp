@@ -100,7 +100,7 @@ void PolicyPublishSm::policyIs(const PolicyKey& key, Policy* policy) {
    auto& reactor = policy_[key];
    // A policy removed and made again under the same key is a new object: watch that one.
    if (reactor && reactor->notifier() == policy) return;
-   reactor = policySlab_.make(*this, policy);
+   reactor = policyPool_.make(*this, policy);
 }
 
 void PolicyPublishSm::policyDel(const PolicyKey& key) { policy_.erase(key); }

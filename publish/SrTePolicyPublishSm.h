@@ -39,11 +39,11 @@
 #include "platform/Kiln.h"
 #include "platform/KilnNumAllocator.h"
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyConflictingPolicies.h"
-#include "publish/SrTePolicyReactorSlab.h"
 #include "publish/SrTePolicyStatus.h"
 #include "selection/SrTePolicyEntry.h"
 
@@ -178,9 +178,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    double delayTime_ = congestionDelay;
    bool initialized_ = false;
 
-   // The slab outlives the reactors it holds.
-   ReactorSlab<MoxPolicy> policySlab_;
-   Mox::HashMap2018<PolicyKey, ReactorSlab<MoxPolicy>::Ptr> policy_;
+   // One reactor per policy, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxPolicy> policyPool_;
+   Mox::HashMap2018<PolicyKey, Mox::Pool<MoxPolicy>::Ptr> policy_;
    std::unique_ptr<MoxEcPolicy> moxEcPolicy_;
    std::unique_ptr<MoxTask> moxTask_;
 };
