@@ -523,7 +523,7 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
    const SegmentListId slId = list->segmentListId();
    SRTE_TRACE_TO(tracer_, 9,
                  "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
-   SegmentListUser* user = segListMap_->segmentListUser(slId);
+   SegmentListUser* user = segListMap_->segmentListUser(*list);
    if (!user) {
       user = segListMap_->segmentListUserIs(slId, list);
       Mox::Ptr<Export::SegmentList> exported = exportedSegmentListColl_->segmentListIs(slId);

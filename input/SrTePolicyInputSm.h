@@ -66,6 +66,7 @@
 #include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicy.h"
 #include "types/SrTePolicyInput.h"
+#include "types/SrTePolicyPendingKey.h"
 
 namespace SrTePolicy {
 
@@ -94,22 +95,12 @@ class BindingSidUser : public Mox::Entity {
    PolicyIdSet policyId_;
 };
 
-// The system-log messages of unusable candidate paths.
-// The pending candidate paths, drained in hash order: ordered by the id's hash (then the id), so
-// that the order of a pass is a function of what is pending alone. Not a hash table's order: a flat
-// table's order also depends on its insertion history and, for Abseil's, on where its slots happen
-// to live in memory, and the processing order decides which segment list gets which id; every run
-// of the same inputs must give the same ids. The value says whether the record itself changed.
-struct PendingPolicyKey {
-   uint32_t hash;
-   PolicyId id;
-   explicit PendingPolicyKey(const PolicyId& p) : hash(p.hash()), id(p) {}
-   friend bool operator==(const PendingPolicyKey&, const PendingPolicyKey&) = default;
-   friend auto operator<=>(const PendingPolicyKey&, const PendingPolicyKey&) = default;
-};
+// The pending candidate paths, drained in hash order (types/SrTePolicyPendingKey.h); the value
+// says whether the record itself changed.
 using PendingPolicyIdMap =
     Kiln::PendingSet<PendingPolicyKey, bool, std::less<PendingPolicyKey>, Kiln::MergeOr>;
 
+// The system-log messages of unusable candidate paths.
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE;
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_MISSING;
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_IN_USE_OTHER_APPLICATION;

@@ -1,5 +1,7 @@
 #include "segment/SrTePolicySegmentList.h"
 
+#include <cassert>
+
 #include "platform/Assert.h"
 
 namespace SrTePolicy {
@@ -162,13 +164,44 @@ SegmentListUser* SegmentListIdToPolicyMap::segmentListUser(SegmentListId id) con
    return it == segmentListUser_.end() ? nullptr : it->second.get();
 }
 
+SegmentListUser::~SegmentListUser() {
+   if (segmentList_ && segmentList_->mapUser_ == this) segmentList_->mapUser_ = nullptr;
+}
+
+void SegmentListIdToPolicyMap::forgetUser(const SegmentListUser& user) noexcept {
+   const SegmentList* list = user.segmentList();
+   if (list && list->mapUser_ == &user) list->mapUser_ = nullptr;
+}
+
+SegmentListUser* SegmentListIdToPolicyMap::segmentListUser(const SegmentList& list) const {
+   assert(list.mapUser_ == segmentListUser(list.segmentListId()));
+   return list.mapUser_;
+}
+
 SegmentListUser*
 SegmentListIdToPolicyMap::segmentListUserIs(SegmentListId id,
                                             Mox::Ptr<const SegmentList> segmentList) {
    if (auto* existing = segmentListUser(id)) return existing;
    auto user = Mox::make<SegmentListUser>(id, std::move(segmentList));
+   if (const SegmentList* list = user->segmentList()) list->mapUser_ = user.get();
    collIs(segmentListUser_, id, user, &Notifiee::onSegmentListUser);
    return user.get();
+}
+
+void SegmentListIdToPolicyMap::segmentListUserDel(SegmentListId id) {
+   auto it = segmentListUser_.find(id);
+   if (it == segmentListUser_.end()) return;
+   forgetUser(*it->second);
+   collDel(segmentListUser_, id, &Notifiee::onSegmentListUser);
+}
+
+void SegmentListIdToPolicyMap::segmentListUserDelAll() {
+   for (const auto& [id, user] : segmentListUser_) forgetUser(*user);
+   collDelAll(segmentListUser_, &Notifiee::onSegmentListUser);
+}
+
+SegmentListIdToPolicyMap::~SegmentListIdToPolicyMap() {
+   for (const auto& [id, user] : segmentListUser_) forgetUser(*user);
 }
 
 void SegmentListIdToPolicyMap::dump(std::string& out, int depth) const {

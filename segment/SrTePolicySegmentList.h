@@ -40,6 +40,8 @@ class SegmentListDedupTable;
 // a dozen for a list that many paths share; a table only past 16.
 using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 16>;
 
+class SegmentListUser;
+
 class SegmentList : public Kiln::DedupHandle {
  public:
    static constexpr uint32_t maxSegments = Ipkit::MplsLabelOperation::capacity;
@@ -90,6 +92,11 @@ class SegmentList : public Kiln::DedupHandle {
 
  private:
    friend struct SegmentListDedupTraits;
+   friend class SegmentListIdToPolicyMap;
+   friend class SegmentListUser;
+   // The list's entry in the segment-list-to-policy map, kept exact by that map: registering a
+   // path for a list it has just deduplicated then needs no lookup by id.
+   mutable SegmentListUser* mapUser_ = nullptr;
    std::array<Mox::Ptr<const SegmentBase>, maxSegments> segment_;
    // The label of each entry (noLabel where there is none), beside the segments, so that finding a
    // list by its labels does not visit every segment it holds.
@@ -249,6 +256,7 @@ class SegmentListUser : public Mox::Entity {
    };
    SegmentListUser(SegmentListId id, Mox::Ptr<const SegmentList> segmentList)
        : id_(id), segmentList_(std::move(segmentList)) {}
+   ~SegmentListUser() override;
 
    SegmentListId id() const noexcept { return id_; }
    const SegmentList* segmentList() const noexcept { return segmentList_.get(); }
@@ -274,15 +282,18 @@ class SegmentListIdToPolicyMap : public Mox::Entity {
    };
    const Map& segmentListUser() const noexcept { return segmentListUser_; }
    SegmentListUser* segmentListUser(SegmentListId id) const;
+   // The user entry of a list this map has registered, found from the list itself (no lookup).
+   SegmentListUser* segmentListUser(const SegmentList& list) const;
    // Creates the user entry of a list, or returns the existing one.
    SegmentListUser* segmentListUserIs(SegmentListId id, Mox::Ptr<const SegmentList> segmentList);
-   void segmentListUserDel(SegmentListId id) {
-      collDel(segmentListUser_, id, &Notifiee::onSegmentListUser);
-   }
-   void segmentListUserDelAll() { collDelAll(segmentListUser_, &Notifiee::onSegmentListUser); }
+   void segmentListUserDel(SegmentListId id);
+   void segmentListUserDelAll();
+   ~SegmentListIdToPolicyMap() override;
    void dump(std::string& out, int depth) const;
 
  private:
+   // The list no longer finds `user` as its map entry.
+   static void forgetUser(const SegmentListUser& user) noexcept;
    Map segmentListUser_;
 };
 

@@ -122,18 +122,18 @@ void PolicySelectionSm::handleInitialized() {
    // there.
    for (const auto& [key, policy] : in_.ecPolicy->policy()) {
       for (const auto& [priority, candidate] : policy->candidate()) {
-         pendingPolicyId_.insert(PolicyId(key, priority.protocol, priority.discriminator));
+         markPending(PolicyId(key, priority.protocol, priority.discriminator));
       }
    }
    for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) {
-      pendingPolicyId_.insert(id);
+      markPending(id);
    }
    scheduleTask();
 }
 
 void PolicySelectionSm::handlePolicyEntry(const PolicyId& id) {
    SRTE_TRACE_TO(tracer_, 9, "Policy: " << id << " has changed");
-   pendingPolicyId_.insert(id);
+   markPending(id);
    if (task_) task_->scheduleTask();
 }
 
@@ -142,7 +142,7 @@ void PolicySelectionSm::handleResolvedSegmentList(SegmentListId id) {
    SRTE_TRACE_TO(tracer_, 6, "Applying status change of SegmentList Id: " << id);
    const SegmentListUser* users = in_.segmentListIdToPolicyMap->segmentListUser(id);
    if (!users) return;
-   for (const PolicyId& policyId : users->policyId()) pendingPolicyId_.insert(policyId);
+   for (const PolicyId& policyId : users->policyId()) markPending(policyId);
    scheduleTask();
    SRTE_TRACE_TO(tracer_, 9, "Scheduled task for handling status change to segmentList " << id);
 }
@@ -166,7 +166,7 @@ void PolicySelectionSm::handleTieBreakingLogicChange() {
    SRTE_TRACE_TO(tracer_, 9, "Handling tie-breaking logic change");
    for (const auto& [key, policy] : in_.ecPolicy->policy()) {
       for (const auto& [priority, candidate] : policy->candidate()) {
-         pendingPolicyId_.insert(PolicyId(key, priority.protocol, priority.discriminator));
+         markPending(PolicyId(key, priority.protocol, priority.discriminator));
       }
    }
    scheduleTask();
@@ -174,34 +174,20 @@ void PolicySelectionSm::handleTieBreakingLogicChange() {
 
 void PolicySelectionSm::handleTaskRun() {
    if (!initialized_) return;
-   auto it = pendingPolicyId_.end();
-   if (!(pendingBookmark_ == PolicyId())) it = pendingPolicyId_.find(pendingBookmark_);
-   if (it == pendingPolicyId_.end()) it = pendingPolicyId_.begin();
-   pendingBookmark_ = PolicyId();
-
+   // Resume the pass under way at its bookmark, or begin one over everything pending.
    uint64_t count = 0;
    bool delay = false;
-   while (it != pendingPolicyId_.end()) {
+   while (auto* member = pendingPolicyId_.front()) {
       if (in_.attrLogSm->isAttrLogOutClogged()) {
          delay = true;
-         pendingBookmark_ = *it;
          break;
       }
-      const PolicyId id = *it;
+      // Copied: reactors downstream may queue ids meanwhile, and the member goes once processed.
+      const PolicyId id = member->key.id;
+      pendingPolicyId_.pop();
       processPolicyEntry(id);
-      // Reactors downstream may have queued ids meanwhile: find the id again rather than trust
-      // the iterator.
-      it = pendingPolicyId_.find(id);
-      if (it != pendingPolicyId_.end()) {
-         auto next = std::next(it);
-         pendingPolicyId_.erase(it);
-         it = next;
-      }
       ++count;
-      if (task_->taskShouldYield()) {
-         if (it != pendingPolicyId_.end()) pendingBookmark_ = *it;
-         break;
-      }
+      if (task_->taskShouldYield()) break;
    }
    task_->taskWorkCountInc(count);
    SRTE_TRACE_TO(tracer_, 9,
@@ -213,14 +199,13 @@ void PolicySelectionSm::handleTaskRun() {
    } else {
       task_->scheduleTask();
    }
-   SRTE_TRACE_TO(tracer_, 9, "PS sm Bookmark placed at Id: " << pendingBookmark_);
+   SRTE_TRACE_TO(tracer_, 9, "PS sm Bookmark placed at Id: " << pendingBookmark());
 }
 
 void PolicySelectionSm::handleDel() {
    if (!initialized_) return;
    if (task_) task_->unscheduleTask();
    pendingPolicyId_.clear();
-   pendingBookmark_ = PolicyId();
    in_.ecPolicy->policyDelAll();
 }
 
@@ -274,7 +259,7 @@ void PolicySelectionSm::processPolicyEntry(const PolicyId& id) {
       SRTE_TRACE_TO(tracer_, 9, "Policy Id: " << id << " will be removed");
       policy->candidateDel(policyEntry->priority());
       if (!policy->candidate().empty()) {
-         selectNewActive(id.key);
+         selectNewActive(id.key, policy);
       } else {
          in_.ecPolicy->policyDel(id.key);
       }
@@ -307,11 +292,11 @@ void PolicySelectionSm::processPolicyEntry(const PolicyId& id) {
    }
    for (uint8_t index : stale) policyEntry->wTunnelIdDel(index);
 
-   selectNewActive(id.key);
+   selectNewActive(id.key, policy);
 }
 
-void PolicySelectionSm::selectNewActive(const PolicyKey& key) {
-   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
+void PolicySelectionSm::selectNewActive(const PolicyKey& key, const Mox::Ptr<Policy>& known) {
+   const Mox::Ptr<Policy> policy = known ? known : in_.ecPolicy->policy(key);
    if (!policy || policy->candidate().empty()) {
       SRTE_TRACE_TO(tracer_, 9,
                     "Policy Endpoint: " << key.endpoint << ", Color: " << key.color
@@ -341,7 +326,7 @@ void PolicySelectionSm::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cpendingPolicyIds #%u \n", depth, ' ',
                 static_cast<unsigned>(pendingPolicyId_.size()));
    Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
-                pendingBookmark_.stringValue().c_str());
+                pendingBookmark().stringValue().c_str());
    Mox::appendf(out, "%*cTask Dump\n", depth, ' ');
    if (task_) {
       Mox::appendf(out, "%*ctaskName: %s, taskPriority: %d, taskStatsName: %s\n", depth + 2, ' ',

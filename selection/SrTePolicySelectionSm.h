@@ -32,6 +32,7 @@
 #include <string>
 
 #include "platform/Kiln.h"
+#include "platform/KilnPending.h"
 #include "platform/Mox.h"
 #include "platform/MoxPool.h"
 #include "platform/Trace.h"
@@ -39,6 +40,7 @@
 #include "segment/SrTePolicySegmentListStatus.h"
 #include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicy.h"
+#include "types/SrTePolicyPendingKey.h"
 
 namespace SrTePolicy {
 
@@ -68,8 +70,15 @@ class PolicySelectionSm : public Mox::RefCounted {
 
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
-   const Mox::HashSet<PolicyId>& pendingPolicyId() const noexcept { return pendingPolicyId_; }
-   const PolicyId& pendingBookmark() const noexcept { return pendingBookmark_; }
+   // Drained in passes in hash order: a pass's order depends on what is pending alone.
+   using PendingPolicyIdSet = Kiln::PendingSet<PendingPolicyKey, Kiln::NoValue,
+                                               std::less<PendingPolicyKey>, Kiln::MergeNothing>;
+   const PendingPolicyIdSet& pendingPolicyId() const noexcept { return pendingPolicyId_; }
+   // Where the pass under way resumes; the default id when none is under way.
+   PolicyId pendingBookmark() const noexcept {
+      const PendingPolicyKey* at = pendingPolicyId_.bookmark();
+      return at ? at->id : PolicyId();
+   }
    Kiln::Task* task() const noexcept { return task_.get(); }
    size_t policyIdEntryReactorCount() const noexcept { return policyIdEntry_.size(); }
    const Mox::Ptr<EcPolicy>& ecPolicy() const noexcept { return in_.ecPolicy; }
@@ -94,7 +103,8 @@ class PolicySelectionSm : public Mox::RefCounted {
    static bool policyPriorityChanged(const PolicyIdEntry& entry, const PolicyEntry& policyEntry);
    static Priority priorityOf(const PolicyIdEntry& entry);
    void processPolicyEntry(const PolicyId& id);
-   void selectNewActive(const PolicyKey& key);
+   // `policy` is the key's entry when the caller holds it already (saves looking it up again).
+   void selectNewActive(const PolicyKey& key, const Mox::Ptr<Policy>& policy = nullptr);
 
  private:
    class MoxConfig;
@@ -104,12 +114,12 @@ class PolicySelectionSm : public Mox::RefCounted {
    class MoxTask;
 
    bool isResolved(SegmentListId id) const;
+   void markPending(const PolicyId& id) { pendingPolicyId_.mark(PendingPolicyKey(id), {}); }
    void scheduleTask();
 
    Inputs in_;
    Trace::Tracer* tracer_;
-   Mox::HashSet<PolicyId> pendingPolicyId_;
-   PolicyId pendingBookmark_;
+   PendingPolicyIdSet pendingPolicyId_;
    bool initialized_ = false;
    Mox::Ptr<Kiln::Task> task_;
 

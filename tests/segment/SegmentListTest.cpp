@@ -78,4 +78,38 @@ TEST(SegmentList, StatusNotifiesOncePerChangedList) {
    EXPECT_EQ(status->status(SegmentListId(1)), nullptr);
 }
 
+// A list finds its entry in the segment-list-to-policy map without a lookup; the shortcut must
+// follow the map exactly: removal, re-registration, and a map that goes while the list lives on
+// (a restart destroys the map, the list may still be held).
+TEST(SegmentList, AListFindsItsMapEntryExactlyAsTheMapHoldsIt) {
+   CoreDedupTables tables;
+   Ipkit::MplsLabelOperation labels;
+   labels.push(Ipkit::MplsLabel(16001));
+   labels.push(Ipkit::MplsLabel(16002));
+   Mox::Ptr<SegmentList> list = tables.dedupSegmentList(labels);
+   const SegmentListId id = list->segmentListId();
+   const PolicyId path(PolicyKey(Ipkit::IpGenAddr::v4(0x0a000001), Color(1)), Protocol::bgp,
+                       Discriminator(1));
+   {
+      auto map = Mox::make<SegmentListIdToPolicyMap>();
+      EXPECT_EQ(map->segmentListUser(*list), nullptr);
+      SegmentListUser* user = map->segmentListUserIs(id, list);
+      user->policyIdIs(path);
+      EXPECT_EQ(map->segmentListUser(*list), user);
+      EXPECT_EQ(map->segmentListUserIs(id, list), user) << "registered once";
+      map->segmentListUserDel(id);
+      EXPECT_EQ(map->segmentListUser(*list), nullptr);
+      SegmentListUser* again = map->segmentListUserIs(id, list);
+      EXPECT_EQ(map->segmentListUser(*list), again);
+      map->segmentListUserDelAll();
+      EXPECT_EQ(map->segmentListUser(*list), nullptr);
+      map->segmentListUserIs(id, list);
+   } // the map goes with the entry in it; the list stays
+   auto next = Mox::make<SegmentListIdToPolicyMap>();
+   EXPECT_EQ(next->segmentListUser(*list), nullptr);
+   EXPECT_EQ(next->segmentListUser(id), nullptr);
+   SegmentListUser* user = next->segmentListUserIs(id, list);
+   EXPECT_EQ(next->segmentListUser(*list), user);
+}
+
 } // namespace
