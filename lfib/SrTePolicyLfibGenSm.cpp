@@ -17,12 +17,13 @@ class SrTePolicyLfibGenSm::MoxPolicyStatus
    using Reactor::Reactor;
    void onStatus(const PolicyKey& key) override {
       SrTePolicyLfibGenSm& sm = owner();
-      if (Mox::Ptr<PolicyStatusEntry> entry = sm.in_.policyStatus->status(key)) {
+      const Mox::Ptr<PolicyStatusEntry> entry = sm.in_.policyStatus->status(key);
+      if (entry) {
          sm.nestedPolicyIs(entry);
       } else {
          sm.nestedPolicyDel(key);
       }
-      sm.handlePolicy(key);
+      sm.handlePolicy(key, entry.get());
    }
 };
 
@@ -80,7 +81,7 @@ void SrTePolicyLfibGenSm::nestedPolicyIs(const Mox::Ptr<PolicyStatusEntry>& entr
    auto& reactor = nestedPolicy_[entry->key()];
    // An entry replaced under the same key is a new object: watch that one.
    if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = std::make_unique<MoxNestedPolicy>(*this, entry.get());
+   reactor = nestedPolicyPool_.make(*this, entry.get());
 }
 
 void SrTePolicyLfibGenSm::nestedPolicyDel(const PolicyKey& key) { nestedPolicy_.erase(key); }
@@ -101,10 +102,14 @@ void SrTePolicyLfibGenSm::handleInitialized() {
 
 void SrTePolicyLfibGenSm::handlePolicy(const PolicyKey& key) {
    if (!initialized_) return;
+   handlePolicy(key, in_.policyStatus->status(key).get());
+}
+
+void SrTePolicyLfibGenSm::handlePolicy(const PolicyKey& key, const PolicyStatusEntry* entry) {
+   if (!initialized_) return;
    SRTE_TRACE_TO(tracer_, 8, "Policy: Endpoint: " << key.endpoint << " Color: " << key.color);
-   const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key);
    if (entry && !entry->bindingSid().isNull()) {
-      addOrUpdateLfibEntries(key);
+      addOrUpdateLfibEntries(key, *entry);
    } else if (policyKeyBindingSidMap_.contains(key)) {
       deleteLfibEntries(key);
    }
@@ -134,17 +139,25 @@ SrTePolicyLfibGenSm::adjacencyOf(const Mpls::LFib::ProtocolRoute& route) const {
 }
 
 void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
-   const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key);
-   if (!entry) return;
-   const Ipkit::MplsLabel bindingSid = entry->bindingSid();
-   const Vault::Fib::FecId fecId = entry->fecId();
+   if (const Mox::Ptr<PolicyStatusEntry> entry = in_.policyStatus->status(key)) {
+      addOrUpdateLfibEntries(key, *entry);
+   }
+}
+
+void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key,
+                                                 const PolicyStatusEntry& entry) {
+   const Ipkit::MplsLabel bindingSid = entry.bindingSid();
+   const Vault::Fib::FecId fecId = entry.fecId();
    Mpls::ProtocolLfib& lfib = *lfib_;
 
    // The old binding SID's route goes with its adjacency; its index is given back only once the
    // new route has its own, so the new route cannot take it over.
    std::optional<Mpls::AdjacencyIndex> oldIndex;
-   if (auto recorded = policyKeyBindingSidMap_.find(key);
-       recorded != policyKeyBindingSidMap_.end() && recorded->second != bindingSid) {
+   // A key seen for the first time is recorded at once (one look-up); one recorded with another
+   // binding SID is recorded again once the old route is gone.
+   auto [recorded, inserted] = policyKeyBindingSidMap_.try_emplace(key, bindingSid);
+   const bool recordedSame = inserted || recorded->second == bindingSid;
+   if (!recordedSame) {
       const Ipkit::MplsLabel oldSid = recorded->second;
       SRTE_TRACE_TO(tracer_, 5,
                     "Removing LFIB route for old BSID: " << oldSid
@@ -185,7 +198,7 @@ void SrTePolicyLfibGenSm::addOrUpdateLfibEntries(const PolicyKey& key) {
                  "Added the LFIB entry for policy Endpoint: "
                      << key.endpoint << " Color: " << key.color << " BSID: " << bindingSid
                      << " Adj ID: " << *index);
-   policyKeyBindingSidMap_[key] = bindingSid;
+   if (!recordedSame) policyKeyBindingSidMap_[key] = bindingSid;
    unusedLfibRoute_.erase(routeKey);
    if (oldIndex) in_.adjIdxAlloc->releaseAdjacencyIndex(source, *oldIndex);
 }

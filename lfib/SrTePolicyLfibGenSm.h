@@ -34,6 +34,7 @@
 #include <string>
 
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Mpls.h"
 #include "platform/Trace.h"
 #include "publish/SrTePolicyLfibStatus.h"
@@ -77,6 +78,8 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
    // Handlers (reactors call these).
    void handleInitialized();
    void handlePolicy(const PolicyKey& key);
+   // The same with the key's status entry already looked up (null when it has none).
+   void handlePolicy(const PolicyKey& key, const PolicyStatusEntry* entry);
    // The end of SR-TE here: withdraws every route and adjacency and stops reacting. Not called
    // on destruction.
    void handleDel();
@@ -87,6 +90,7 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
 
    // The steps.
    void addOrUpdateLfibEntries(const PolicyKey& key);
+   void addOrUpdateLfibEntries(const PolicyKey& key, const PolicyStatusEntry& entry);
    void deleteLfibEntries(const PolicyKey& key);
    void cleanupLfibEntries();
 
@@ -110,7 +114,9 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
    bool smInited_ = false;
 
    std::unique_ptr<MoxPolicyStatus> moxPolicyStatus_;
-   Mox::HashMap2018<PolicyKey, std::unique_ptr<MoxNestedPolicy>> nestedPolicy_;
+   // One reactor per status entry, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxNestedPolicy> nestedPolicyPool_;
+   Mox::HashMap2018<PolicyKey, Mox::Pool<MoxNestedPolicy>::Ptr> nestedPolicy_;
 };
 
 Mox::Ptr<SrTePolicyLfibGenSm> srTePolicyLfibGenSmFactory(SrTePolicyLfibGenSm::Inputs in);

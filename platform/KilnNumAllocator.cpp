@@ -60,6 +60,24 @@ void NumAllocator::statusUpdate() {
 }
 
 Number NumAllocator::getNumber() {
+   // The clock is read only when released numbers wait: a fresh number needs no time.
+   if (!released_.empty()) {
+      const Number aged = takeAgedNumber();
+      if (aged != invalidNumber()) return aged;
+   }
+   const uint64_t off = firstFree(fresh_);
+   if (off > last_) {
+      fresh_ = off;
+      return invalidNumber();
+   }
+   bitIs(pageOrMake(off).inUse, off, true);
+   fresh_ = off + 1;
+   ++inUse_;
+   statusUpdate();
+   return config_->range().min + static_cast<Number>(off);
+}
+
+Number NumAllocator::takeAgedNumber() {
    const Duration now = clock_->nowNs();
    const Duration expiry = durationOf(config_->expiryTime());
    while (!released_.empty()) {
@@ -83,16 +101,7 @@ Number NumAllocator::getNumber() {
       statusUpdate();
       return config_->range().min + static_cast<Number>(off);
    }
-   const uint64_t off = firstFree(fresh_);
-   if (off > last_) {
-      fresh_ = off;
-      return invalidNumber();
-   }
-   bitIs(pageOrMake(off).inUse, off, true);
-   fresh_ = off + 1;
-   ++inUse_;
-   statusUpdate();
-   return config_->range().min + static_cast<Number>(off);
+   return invalidNumber();
 }
 
 bool NumAllocator::releaseNumber(Number n) {

@@ -131,6 +131,9 @@ class NumAllocator : public Mox::RefCounted {
    }
    // The first offset at or after `from` that is neither in use nor ageing, or past the range.
    uint64_t firstFree(uint64_t from) const noexcept;
+   // The oldest released number that has aged enough (dropping stale entries on the way), or
+   // invalidNumber().
+   Number takeAgedNumber();
    void statusUpdate();
 
    Mox::Ptr<NumAllocatorConfig> config_;

@@ -46,6 +46,12 @@ void ForwardingStatus::fecCommit(const Fec& fec) {
    collIs(fec_, fec.fecId(), fec, &Notifiee::onFec);
 }
 
+void ForwardingStatus::fecCommit(Fec&& fec) {
+   corruptionCheck();
+   const FecId id = fec.fecId();
+   collIs(fec_, id, std::move(fec), &Notifiee::onFec);
+}
+
 void ForwardingStatus::fecDel(FecId id) {
    corruptionCheck();
    collDel(fec_, id, &Notifiee::onFec);

@@ -5,7 +5,8 @@
 // Guarantees (tests/platform/VaultFibTest.cpp):
 //  - `FecId::fecIdForAdjType(t, i)` gives back exactly `t` and `i` through `adjType()`/`index()`;
 //  - a FEC holds at most 512 vias: a via index outside 0..511 is a range error and changes nothing;
-//  - `fecCommit` replaces the whole FEC of that id and notifies only when it differs;
+//  - `fecCommit` replaces the whole FEC of that id and notifies only when it differs, whether the
+//    FEC is copied or handed over, whatever its number of vias;
 //    `fecDel`/`fecDelAll` notify once per removed FEC.
 #pragma once
 
@@ -15,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "absl/container/inlined_vector.h"
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
 #include "platform/Tunnel.h"
@@ -96,9 +98,13 @@ class Via {
    Tunnel::TunnelTable::TunnelId tunnelId_;
 };
 
+// A policy FEC usually has one or two vias (one per tunnel of the policy): those live inside the
+// FEC, so building one and writing it into the table allocates nothing.
 class Fec {
  public:
    static constexpr uint32_t maxVias = ViaIndex::max + 1;
+   static constexpr size_t inlineVias = 2;
+   using Vias = absl::InlinedVector<Via, inlineVias>;
 
    Fec() = default;
    explicit Fec(FecId id) : fecId_(id) {}
@@ -108,18 +114,20 @@ class Fec {
    void viaIs(ViaIndex i, const Via& v);
    void viaIs(uint32_t i, const Via& v) { viaIs(ViaIndex(i), v); }
    void viaDelAll() noexcept { via_.clear(); }
+   // Room for `n` vias at once (at most maxVias), for a writer that knows how many it will set.
+   void viaReserve(size_t n) { via_.reserve(n < maxVias ? n : maxVias); }
    // Null past the last via.
    const Via* via(ViaIndex i) const noexcept {
       return i.value < via_.size() ? &via_[i.value] : nullptr;
    }
-   const std::vector<Via>& via() const noexcept { return via_; }
+   const Vias& via() const noexcept { return via_; }
    size_t viaCount() const noexcept { return via_.size(); }
 
    friend bool operator==(const Fec&, const Fec&) = default;
 
  private:
    FecId fecId_;
-   std::vector<Via> via_;
+   Vias via_;
 };
 
 // The FEC table of the FIB.
@@ -135,6 +143,8 @@ class ForwardingStatus : public Mox::Entity {
 
    // Writes the whole FEC under its id, replacing an earlier version.
    void fecCommit(const Fec& fec);
+   // The same, taking the FEC over instead of copying it.
+   void fecCommit(Fec&& fec);
    void fecDel(FecId id);
    void fecDelAll();
    // Null when absent.

@@ -23,8 +23,8 @@ class PolicyPublishSm::MoxEcPolicy : public Mox::Reactor<EcPolicy::Notifiee, Pol
  public:
    using Reactor::Reactor;
    void onPolicy(const PolicyKey& key) override {
-      if (owner().in_.ecPolicy->policy(key)) {
-         owner().policyIs(key);
+      if (const Mox::Ptr<Policy> policy = owner().in_.ecPolicy->policy(key)) {
+         owner().policyIs(key, policy.get());
       } else {
          owner().policyDel(key);
       }
@@ -76,7 +76,7 @@ PolicyPublishSm::PolicyPublishSm(Inputs in)
                    in_.attrLogSm,
                "PolicyPublishSm needs every table of its Inputs");
    moxEcPolicy_ = std::make_unique<MoxEcPolicy>(*this, in_.ecPolicy.get());
-   for (const auto& [key, policy] : in_.ecPolicy->policy()) policyIs(key);
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) policyIs(key, policy.get());
    handleInitialized();
 }
 
@@ -93,12 +93,14 @@ Mox::Ptr<PolicyPublishSm> policyPublishSmFactory(PolicyPublishSm::Inputs in) {
 }
 
 void PolicyPublishSm::policyIs(const PolicyKey& key) {
-   const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
-   if (!policy) return;
+   if (const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key)) policyIs(key, policy.get());
+}
+
+void PolicyPublishSm::policyIs(const PolicyKey& key, Policy* policy) {
    auto& reactor = policy_[key];
    // A policy removed and made again under the same key is a new object: watch that one.
-   if (reactor && reactor->notifier() == policy.get()) return;
-   reactor = std::make_unique<MoxPolicy>(*this, policy.get());
+   if (reactor && reactor->notifier() == policy) return;
+   reactor = policyPool_.make(*this, policy);
 }
 
 void PolicyPublishSm::policyDel(const PolicyKey& key) { policy_.erase(key); }
@@ -149,11 +151,16 @@ void PolicyPublishSm::handleTaskRun() {
          break;
       }
       const PendingPublishKey pending = *it;
+      const uint64_t changes = pendingChanges_;
       processPolicy(pending.key);
-      // Processing may queue competitors of a released binding SID: the tree may have moved.
-      it = pendingPolicy_.find(pending);
-      it = it != pendingPolicy_.end() ? pendingPolicy_.erase(it)
-                                      : pendingPolicy_.upper_bound(pending);
+      if (pendingChanges_ == changes) {
+         it = pendingPolicy_.erase(it);
+      } else {
+         // Processing queued competitors of a released binding SID: the tree may have moved.
+         it = pendingPolicy_.find(pending);
+         it = it != pendingPolicy_.end() ? pendingPolicy_.erase(it)
+                                         : pendingPolicy_.upper_bound(pending);
+      }
       ++count;
       if (task_->taskShouldYield()) {
          if (it != pendingPolicy_.end()) {
@@ -175,6 +182,7 @@ void PolicyPublishSm::handleDel() {
    SRTE_TRACE_TO(tracer_, 6, "PolicyPublishSm is to be deleted");
    if (task_) task_->unscheduleTask();
    pendingPolicy_.clear();
+   ++pendingChanges_;
    pendingBookmark_ = PolicyKey();
    initialized_ = false;
    try {
@@ -236,17 +244,25 @@ void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {
 void PolicyPublishSm::processPolicy(const PolicyKey& key) {
    const Mox::Ptr<Policy> policy = in_.ecPolicy->policy(key);
    const Mox::Ptr<PolicyEntry> active = policy ? policy->active() : nullptr;
-   auto asked = policyBindingSidMap_.find(key);
    if (!active) {
-      if (asked != policyBindingSidMap_.end())
+      if (auto asked = policyBindingSidMap_.find(key); asked != policyBindingSidMap_.end())
          releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
       withdraw(key);
       return;
    }
-   if (asked != policyBindingSidMap_.end() && asked->second != active->bindingSid()) {
-      releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
+   // Whether policyBindingSidMap_ records the active binding SID for the key. A key asking for
+   // one for the first time is recorded at once, as the request would record it: one look-up.
+   const Ipkit::MplsLabel bsid = active->bindingSid();
+   bool recorded = false;
+   if (bsid.isNull()) {
+      if (auto asked = policyBindingSidMap_.find(key); asked != policyBindingSidMap_.end())
+         releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
+   } else {
+      auto [asked, inserted] = policyBindingSidMap_.try_emplace(key, bsid);
+      recorded = inserted || asked->second == bsid;
+      if (!recorded) releaseBindingSid(Ipkit::MplsLabel(asked->second), key);
    }
-   if (!requestBindingSid(*policy, key)) {
+   if (!requestBindingSid(*active, key, recorded)) {
       // Still a competitor: the binding SID it asked for stays recorded.
       emitBsidConflictSyslog(*policy, key);
       withdraw(key);
@@ -291,9 +307,17 @@ void PolicyPublishSm::withdraw(const PolicyKey& key) {
 }
 
 bool PolicyPublishSm::requestBindingSid(const Policy& policy, const PolicyKey& key) {
-   const Ipkit::MplsLabel bsid = policy.active()->bindingSid();
+   auto asked = policyBindingSidMap_.find(key);
+   return requestBindingSid(*policy.active(), key,
+                            asked != policyBindingSidMap_.end() &&
+                                asked->second == policy.active()->bindingSid());
+}
+
+bool PolicyPublishSm::requestBindingSid(const PolicyEntry& active, const PolicyKey& key,
+                                        bool recorded) {
+   const Ipkit::MplsLabel bsid = active.bindingSid();
    if (bsid.isNull()) return true;
-   policyBindingSidMap_[key] = bsid;
+   if (!recorded) policyBindingSidMap_[key] = bsid;
    Mox::Ptr<ConflictingPolicies>& c = bindingSidPolicyMap_[bsid];
    if (!c) {
       c = Mox::make<ConflictingPolicies>(bsid);
@@ -387,6 +411,7 @@ void PolicyPublishSm::createSrTePolicyFecEntry(Vault::Fib::FecId fecId,
                                                Ipkit::MplsLabel viaMplsLabel) {
    SRTE_TRACE_TO(tracer_, 8, "Creating policy fecId: " << fecId);
    Vault::Fib::Fec fec(fecId);
+   fec.viaReserve(policyEntry.wTunnelId().size());
    uint32_t viaIndex = 0;
    // Rows in index order; their weights are the tunnels' business, not the FEC's.
    for (const auto& [index, row] : policyEntry.wTunnelId()) {
@@ -398,7 +423,7 @@ void PolicyPublishSm::createSrTePolicyFecEntry(Vault::Fib::FecId fecId,
       fec.viaIs(viaIndex++, via);
    }
    try {
-      in_.srteFwdStatus->fecCommit(fec);
+      in_.srteFwdStatus->fecCommit(std::move(fec));
    } catch (const Vault::Corruption& e) {
       SRTE_TRACE_TO(tracer_, 0, e.what());
       in_.srteFwdStatus->handleCorruption();

@@ -39,6 +39,7 @@
 #include "platform/Kiln.h"
 #include "platform/KilnNumAllocator.h"
 #include "platform/Mox.h"
+#include "platform/MoxPool.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
 #include "platform/VaultFib.h"
@@ -123,11 +124,15 @@ class PolicyPublishSm : public Mox::RefCounted {
 
    // The reactors of one policy (and of its active entry).
    void policyIs(const PolicyKey& key);
+   void policyIs(const PolicyKey& key, Policy* policy);
    void policyDel(const PolicyKey& key);
 
    // The steps of one key.
    void processPolicy(const PolicyKey& key);
    bool requestBindingSid(const Policy& policy, const PolicyKey& key);
+   // The same for the active entry of the key; `recorded`: policyBindingSidMap already holds the
+   // entry's binding SID for the key (saves a second look-up).
+   bool requestBindingSid(const PolicyEntry& active, const PolicyKey& key, bool recorded);
    void releaseBindingSid(Ipkit::MplsLabel bsid, const PolicyKey& key);
    Vault::Fib::FecId getFecId();
    void createSrTePolicyFecEntry(Vault::Fib::FecId fecId, const PolicyEntry& policyEntry,
@@ -148,7 +153,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    class MoxPolicy;
    class MoxTask;
 
-   void markPending(const PolicyKey& key) { pendingPolicy_.insert(PendingPublishKey(key)); }
+   void markPending(const PolicyKey& key) {
+      if (pendingPolicy_.insert(PendingPublishKey(key)).second) ++pendingChanges_;
+   }
    void scheduleTask();
    void withdraw(const PolicyKey& key);
 
@@ -158,6 +165,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    Kiln::TimerWheel* clock_;
 
    PendingPolicySet pendingPolicy_;
+   // Counts insertions into (and clears of) pendingPolicy_: while it stands still, an iterator into
+   // the tree stays valid.
+   uint64_t pendingChanges_ = 0;
    PolicyKey pendingBookmark_;
    BindingSidPolicyMap bindingSidPolicyMap_;
    PolicyBindingSidMap policyBindingSidMap_;
@@ -168,7 +178,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    double delayTime_ = congestionDelay;
    bool initialized_ = false;
 
-   Mox::HashMap2018<PolicyKey, std::unique_ptr<MoxPolicy>> policy_;
+   // One reactor per policy, from a pool: declared first, destroyed last.
+   Mox::Pool<MoxPolicy> policyPool_;
+   Mox::HashMap2018<PolicyKey, Mox::Pool<MoxPolicy>::Ptr> policy_;
    std::unique_ptr<MoxEcPolicy> moxEcPolicy_;
    std::unique_ptr<MoxTask> moxTask_;
 };

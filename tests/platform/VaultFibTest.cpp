@@ -95,6 +95,49 @@ TEST(VaultFib, ForwardingStatusCommitsWholeFecsAndNotifiesOnChange) {
    EXPECT_TRUE(fib->fec().empty());
 }
 
+// A FEC handed over to the table (the writer's path) arrives whole, past the vias kept inline as
+// well as within them, and a later equal version, copied or handed over, notifies nothing.
+TEST(VaultFib, FecHandedOverArrivesWholeWhateverItsViaCount) {
+   auto fib = Mox::make<Vault::Fib::ForwardingStatus>();
+   struct Log : Vault::Fib::ForwardingStatus::Notifiee {
+      int calls = 0;
+      void onFec(const FecId&) override { ++calls; }
+   } log;
+   log.notifierIs(fib);
+   for (uint32_t count : {0u, 1u, 2u, 3u, 16u, Fec::maxVias}) {
+      const FecId id = FecId::fecIdForAdjType(AdjType::srTePolicy, count);
+      auto build = [&] {
+         Fec fec(id);
+         fec.viaReserve(count);
+         for (uint32_t i = 0; i < count; ++i) {
+            Via v;
+            v.tunnelIdIs(Tunnel::TunnelTable::TunnelId(1000 + i));
+            if (i % 2) v.mplsLabelIs(Ipkit::MplsLabel(2));
+            fec.viaIs(i, v);
+         }
+         return fec;
+      };
+      const Fec expected = build();
+      const int before = log.calls;
+      fib->fecCommit(build());
+      ASSERT_NE(fib->fec(id), nullptr);
+      EXPECT_EQ(*fib->fec(id), expected);
+      ASSERT_EQ(fib->fec(id)->viaCount(), count);
+      if (count > 0) {
+         EXPECT_EQ(fib->fec(id)->via(ViaIndex(count - 1))->tunnelId().value, 1000u + count - 1);
+      }
+      fib->fecCommit(build());
+      fib->fecCommit(expected);
+      EXPECT_EQ(log.calls, before + 1) << count << " vias";
+   }
+   // A shorter version replaces a longer one entirely.
+   const FecId id = FecId::fecIdForAdjType(AdjType::srTePolicy, 16);
+   Fec shorter(id);
+   shorter.viaIs(0, *fib->fec(id)->via(ViaIndex(0)));
+   fib->fecCommit(std::move(shorter));
+   EXPECT_EQ(fib->fec(id)->viaCount(), 1u);
+}
+
 TEST(PlatformStatus, LabelStackLimitAbsentUntilSetAndCountersPerTunnel) {
    auto hw = Mox::make<Routing::Hardware::Status>();
    struct HwLog : Routing::Hardware::Status::Notifiee {
