@@ -438,8 +438,12 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    for (uint32_t i = 0; i < count; ++i) {
       const WeightedSegList& slot = record.segmentList(SegmentListIndex(i));
       Mox::Ptr<SegmentList> list = createDedupSegmentList(slot.segList, id);
-      registerSegmentListForPolicy(list, id);
       const SegmentListId slId = list->segmentListId();
+      // A list the path did not name before (in its last record or an earlier slot of this one)
+      // cannot have it among its users yet.
+      const bool newUser = std::find(previous.begin(), previous.end(), slId) == previous.end() &&
+                           std::find(current.begin(), current.end(), slId) == current.end();
+      registerSegmentListForPolicy(list, id, newUser);
       current.push_back(slId);
       entry->wSegmentListIs(static_cast<uint8_t>(i),
                             WeightedSegmentListId(slot.weight, slId, slId.getTunnelId()));
@@ -519,7 +523,7 @@ PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStac
 }
 
 void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
-                                                 const PolicyId& id) {
+                                                 const PolicyId& id, bool newUser) {
    const SegmentListId slId = list->segmentListId();
    SRTE_TRACE_TO(tracer_, 9,
                  "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
@@ -541,7 +545,11 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
          exported->segmentIs(i, Export::Segment(list->segmentLabel(i)));
       }
    }
-   user->policyIdIs(id);
+   if (newUser) {
+      user->policyIdIsNew(id);
+   } else {
+      user->policyIdIs(id);
+   }
 }
 
 void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyId& id) {

@@ -47,6 +47,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
@@ -334,6 +335,16 @@ class SmallSet {
       small_.shrink_to_fit();
       return insert(k);
    }
+   // Adds a member the caller knows is not there yet: no search among the linear members.
+   void insertNew(const K& k) {
+      assert(!contains(k));
+      if (big_ || small_.size() >= Linear) {
+         insert(k);
+         return;
+      }
+      if (small_.size() == Inline) small_.reserve(Linear);
+      small_.push_back(k);
+   }
    void erase(const_iterator it) {
       if (big_) {
          big_->erase(it.big_);
@@ -525,6 +536,12 @@ class Entity : public RefCounted {
       if (!set.insert(key).second) return false;
       notify(handler, key);
       return true;
+   }
+   // The same for a member the caller knows is new (the set's `insertNew`).
+   template <class S, class K, class N>
+   void setIsNew(S& set, const K& key, void (N::*handler)(const K&)) {
+      set.insertNew(key);
+      notify(handler, key);
    }
    template <class M, class K, class N>
    bool collDel(M& map, const K& key, void (N::*handler)(const K&)) {

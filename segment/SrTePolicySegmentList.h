@@ -263,6 +263,8 @@ class SegmentListUser : public Mox::Entity {
    const PolicyIdSet& policyId() const noexcept { return policyId_; }
    bool policyIdHas(const PolicyId& p) const { return policyId_.count(p) != 0; }
    void policyIdIs(const PolicyId& p) { setIs(policyId_, p, &Notifiee::onPolicyId); }
+   // A path the caller knows is not a user yet: added without searching the users.
+   void policyIdIsNew(const PolicyId& p) { setIsNew(policyId_, p, &Notifiee::onPolicyId); }
    void policyIdDel(const PolicyId& p) { collDel(policyId_, p, &Notifiee::onPolicyId); }
    void policyIdDelAll() { collDelAll(policyId_, &Notifiee::onPolicyId); }
    void dump(std::string& out, int depth) const;

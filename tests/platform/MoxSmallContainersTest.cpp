@@ -65,6 +65,15 @@ TEST(MoxSmallContainers, ASetKeepsEveryMemberAcrossItsMoveToATableAndBack) {
    EXPECT_EQ(log.seen.find('+'), std::string::npos);
    users->userIs(7);
    EXPECT_EQ(sorted(users->user), (std::vector<int>{7}));
+
+   // Members known to be new go in without a search, inline, linear and past into the table,
+   // and are found like any other.
+   Mox::SmallSet<int, 2, 4> known;
+   for (int u = 0; u < 9; ++u) known.insertNew(u * 10);
+   EXPECT_EQ(known.size(), 9u);
+   EXPECT_TRUE(known.contains(80));
+   EXPECT_FALSE(known.insert(40).second);
+   EXPECT_EQ(sorted(known), (std::vector<int>{0, 10, 20, 30, 40, 50, 60, 70, 80}));
 }
 
 TEST(MoxSmallContainers, AMapStaysInKeyOrderAndNotifiesOnlyChanges) {
