@@ -28,8 +28,9 @@
 //     and forward each handler to one member (platform/Mox.h);
 //  2. the tables it publishes in PublishedTables, the in-process entities it shares in
 //     ProcessEntities (each in construction order);
-//  3. a member of Machines and one block in PolicyCore::buildMachines(), both at its place in
-//     construction order (designated initialisers: every input named);
+//  3. a member of Machines, a value of Stage and one block in PolicyCore::buildMachines() (after
+//     the check of the last stage to build), each at its place in construction order (designated
+//     initialisers: every input named);
 //  4. one accessor here;
 //  5. its host commands and tables (agent/<Subsystem>Commands.cpp, each table one Show::Table of
 //     agent/ShowTable.h), which reach it through `host.core()`.
