@@ -5,9 +5,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -119,6 +121,30 @@ inline Ipkit::MplsLabelOperation listFromPool(const Pools& pools, uint32_t j) {
    op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) * 13 + 1) % l));
    op.push(Ipkit::MplsLabel(kLabelBase + (uint64_t(j) / l + uint64_t(j) * 31 + 5) % l));
    return op;
+}
+
+// The workload of a scale bench from its arguments: `[paths] [scattered]` (paths default 100000),
+// N/2 keys, N/5 lists over N/50 labels. Null (and the reason on stderr) when the paths do not fit
+// the SRLB above kSrlbBase.
+struct ScaleArgs {
+   uint32_t paths = 100000;
+   uint32_t keys = 50000;
+   bool scattered = false;
+   Pools pools{};
+};
+
+inline std::optional<ScaleArgs> scaleArgs(int argc, char** argv) {
+   ScaleArgs a;
+   if (argc > 1) a.paths = static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10));
+   a.keys = a.paths / 2;
+   a.scattered = hasArgument(argc, argv, "scattered");
+   a.pools = Pools{std::max(1u, a.paths / 5), std::max(1u, a.paths / 50), a.scattered};
+   if (a.keys == 0 || kSrlbBase + a.keys > Ipkit::MplsLabel::maxLabel) {
+      std::fprintf(stderr, "paths must be between 2 and %u\n",
+                   2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
+      return std::nullopt;
+   }
+   return a;
 }
 
 // The candidate path of key `keyIndex` for `protocol`: its own binding SID, two weighted lists.

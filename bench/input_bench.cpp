@@ -79,16 +79,9 @@ void operator delete(void* p, size_t, std::align_val_t) noexcept { countedFree(p
 void operator delete[](void* p, size_t, std::align_val_t) noexcept { countedFree(p); }
 
 int main(int argc, char** argv) {
-   const uint32_t paths =
-       argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 100000;
-   const uint32_t keys = paths / 2;
-   const bool scattered = hasArgument(argc, argv, "scattered");
-   const Pools pools{std::max(1u, paths / 5), std::max(1u, paths / 50), scattered};
-   if (keys == 0 || kSrlbBase + keys > Ipkit::MplsLabel::maxLabel) {
-      std::fprintf(stderr, "paths must be between 2 and %u\n",
-                   2 * (Ipkit::MplsLabel::maxLabel - kSrlbBase));
-      return 2;
-   }
+   const std::optional<ScaleArgs> args = scaleArgs(argc, argv);
+   if (!args) return 2;
+   const auto& [paths, keys, scattered, pools] = *args;
 
    BenchRouter bench(keys);
    Kiln::TaskScheduler& scheduler = bench.scheduler;
