@@ -51,9 +51,9 @@ Show::View candidates(Host& host) {
                                {"Reason", "reason", ColumnKind::enumeration},
                                {"Last change", "lastModified"},
                                {"BSID", "bindingSid"}}}});
-   for (const auto* p : Mox::sortedMembers(policies)) {
-      auto& row = t.rowIs({Show::address(p->first.endpoint), Show::number(p->first.color.value)});
-      for (const auto& [cid, info] : p->second->candidate()) {
+   for (const PolicyKey& key : Mox::sortedKeys(policies)) {
+      auto& row = t.rowIs({Show::address(key.endpoint), Show::number(key.color.value)});
+      for (const auto& [cid, info] : policies.get(key)->candidate()) {
          row.lineIs({candidateIdCell(cid),
                      Show::enumerated(info.reason, policyInvalidReasonName(info.reason)),
                      Show::seconds(info.lastModified), Show::label(info.bindingSid)});
@@ -80,8 +80,8 @@ Show::View selectionInput(Host& host) {
                                {"Segment list", "segmentListId"},
                                {"Tunnel", "tunnelId"}},
                               "wSegmentList"}});
-   for (const auto* it : Mox::sortedMembers(entries)) {
-      const PolicyIdEntry& e = *it->second;
+   for (const PolicyId& id : Mox::sortedKeys(entries)) {
+      const PolicyIdEntry& e = *entries.get(id);
       auto& row =
           t.rowIs({Show::address(e.id().key.endpoint), Show::number(e.id().key.color.value),
                    candidateIdCell(CandidateId(e.id())), Show::number(e.preference().value),
@@ -259,11 +259,11 @@ Show::View bsidUsers(Host& host) {
           .tableIs("", std::move(t));
    }
    const PolicyInputSm& sm = *host.core().policyInputSm();
-   for (const auto* it : Mox::sortedMembers(sm.bsidUser())) {
-      auto& row = t.rowIs({Show::cell(it->first.stringValue(), Json::Value::label(it->first)),
-                           Show::flag(it->second->available(), "yes", "no")});
-      for (const PolicyId& p : Mox::sortedKeys(it->second->policyId()))
-         row.lineIs({policyIdCell(p)});
+   for (const Ipkit::MplsLabel& label : Mox::sortedKeys(sm.bsidUser())) {
+      const BindingSidUser& user = *sm.bsidUser().get(label);
+      auto& row = t.rowIs({Show::cell(label.stringValue(), Json::Value::label(label)),
+                           Show::flag(user.available(), "yes", "no")});
+      for (const PolicyId& p : Mox::sortedKeys(user.policyId())) row.lineIs({policyIdCell(p)});
    }
    return Show::View()
        .lineIs("SRLB: " + sm.srlbConfigRange().stringValue())

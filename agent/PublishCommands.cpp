@@ -46,9 +46,9 @@ Show::View policyStatus(Host& host) {
                         {"BSID", "bindingSid"},
                         {"FEC", "fecId"},
                         {"Null-label FEC", "nullLabelFecId"}});
-   for (const auto* member : Mox::sortedMembers(status.status())) {
-      const PolicyStatusEntry& e = *member->second;
-      entries.rowIs({Show::address(member->first.endpoint), Show::number(member->first.color.value),
+   for (const PolicyKey& key : Mox::sortedKeys(status.status())) {
+      const PolicyStatusEntry& e = *status.status().get(key);
+      entries.rowIs({Show::address(key.endpoint), Show::number(key.color.value),
                      candidateCell(e.candidateId()),
                      Show::cell(e.originator().stringValue(), Show::originatorJson(e.originator())),
                      Show::seconds(e.lastModified()), Show::label(e.bindingSid()),

@@ -490,9 +490,9 @@ BindingSidUser* PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, cons
                                                      Ipkit::MplsLabel registered) {
    if (registered != bsid) deregisterForBindingSid(registered, id);
    if (bsid.isNull()) return nullptr;
-   auto& slot = bsidUser_[bsid];
-   if (!slot) slot = Mox::make<BindingSidUser>(bsid);
-   BindingSidUser* user = slot.get(); // the slot may move when the table next grows; the user not
+   auto [it, made] = bsidUser_.findOrInsert(bsid, [&] { return Mox::make<BindingSidUser>(bsid); });
+   BindingSidUser* user =
+       it->second.get(); // the slot may move when the table next grows; the user not
    if (user->policyId().empty()) user->availableIs(isLabelAvailableInLfib(bsid));
    user->policyIdIs(id);
    return user;

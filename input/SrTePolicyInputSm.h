@@ -57,6 +57,7 @@
 #include "platform/Kiln.h"
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
@@ -80,7 +81,7 @@ class BindingSidUser : public Mox::Entity {
    };
    explicit BindingSidUser(Ipkit::MplsLabel label) : label_(label) {}
 
-   Ipkit::MplsLabel label() const noexcept { return label_; }
+   const Ipkit::MplsLabel& label() const noexcept { return label_; }
    bool available() const noexcept { return available_; }
    void availableIs(bool a) { attrIs(available_, a, &Notifiee::onAvailable); }
    const PolicyIdSet& policyId() const noexcept { return policyId_; }
@@ -140,9 +141,13 @@ class PolicyInputSm : public Mox::RefCounted {
    const Mpls::LabelRange& srlbConfigRange() const noexcept { return srlbConfigRange_; }
    uint32_t srlbConfigRangeBase() const noexcept { return srlbConfigRange_.base(); }
    uint32_t srlbConfigRangeSize() const noexcept { return srlbConfigRange_.size(); }
-   const Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>>& bsidUser() const noexcept {
-      return bsidUser_;
-   }
+   struct BsidUserLabel {
+      const Ipkit::MplsLabel& operator()(const BindingSidUser& u) const noexcept {
+         return u.label();
+      }
+   };
+   using BsidUserMap = Mox::KeyedTable<Mox::Ptr<BindingSidUser>, BsidUserLabel>;
+   const BsidUserMap& bsidUser() const noexcept { return bsidUser_; }
    BindingSidUser* bsidUser(Ipkit::MplsLabel label) const;
    const PendingPolicyIdMap& pendingPolicyId() const noexcept { return pendingPolicyId_; }
    // Where the pass under way resumes; the default id when none is under way.
@@ -233,7 +238,7 @@ class PolicyInputSm : public Mox::RefCounted {
 
    Mpls::LabelRange srlbConfigRange_;
    bool srlbFormable_ = false; // both SRLB bounds are labels
-   Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<BindingSidUser>> bsidUser_;
+   BsidUserMap bsidUser_;
    Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
    PendingPolicyIdMap pendingPolicyId_;
    bool cleanupPending_ = false;

@@ -6,6 +6,7 @@
 
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
@@ -47,7 +48,10 @@ class PolicyInfo : public Mox::Entity {
 
 class PolicyKeyToIdMap : public Mox::Entity {
  public:
-   using Map = Mox::HashMap2018<PolicyKey, Mox::Ptr<PolicyInfo>>;
+   struct InfoKey {
+      const PolicyKey& operator()(const PolicyInfo& i) const noexcept { return i.key(); }
+   };
+   using Map = Mox::KeyedTable<Mox::Ptr<PolicyInfo>, InfoKey>;
    class Notifiee : public Mox::NotifieeOf<PolicyKeyToIdMap> {
     public:
       virtual void onPolicy(const PolicyKey&) {}
@@ -60,10 +64,9 @@ class PolicyKeyToIdMap : public Mox::Entity {
    }
    // The entry of a key, created when absent.
    PolicyInfo* policyIs(const PolicyKey& key) {
-      auto [it, inserted] = policy_.try_emplace(key); // one lookup either way
-      if (!inserted) return it->second.get();
-      it->second = Mox::make<PolicyInfo>(key);
+      auto [it, made] = policy_.findOrInsert(key, [&] { return Mox::make<PolicyInfo>(key); });
       PolicyInfo* info = it->second.get(); // before notifying: reactors may grow the map
+      if (!made) return info;
       notify(&Notifiee::onPolicy, key);
       return info;
    }

@@ -398,11 +398,14 @@ class SmallMap {
    const_iterator find(const K& k) const { return const_cast<SmallMap*>(this)->find(k); }
    size_t count(const K& k) const { return find(k) != end() ? 1 : 0; }
    bool contains(const K& k) const { return find(k) != end(); }
-   template <class A>
-   std::pair<iterator, bool> try_emplace(const K& k, A&& v) {
+   // The value is made in place from `args` only when the key is new.
+   template <class... A>
+   std::pair<iterator, bool> try_emplace(const K& k, A&&... args) {
       auto it = lowerBound(k);
       if (it != items_.end() && !Less()(k, it->first)) return {it, false};
-      return {items_.emplace(it, k, std::forward<A>(v)), true};
+      return {items_.emplace(it, std::piecewise_construct, std::forward_as_tuple(k),
+                             std::forward_as_tuple(std::forward<A>(args)...)),
+              true};
    }
    iterator erase(const_iterator it) { return items_.erase(it); }
    size_t erase(const K& k) {
@@ -438,6 +441,19 @@ const K& keyOf(const std::pair<const K, V>& kv) {
 template <class K, class V>
 const K& keyOf(const std::pair<K, V>& kv) {
    return kv.first;
+}
+
+// Removes the member at `it` and hands it over: a map's pair, a set's key, or what a table that
+// keeps keys inside its members hands over (its `take`, with the key read from the member).
+template <class M, class It>
+auto takeMember(M& map, It it) {
+   if constexpr (requires { map.take(it); }) {
+      return map.take(it);
+   } else {
+      auto keep = std::move(*it);
+      map.erase(it);
+      return keep;
+   }
 }
 
 // Base of every reactor. Handlers are virtual members of the entity's own Notifiee class.
@@ -550,8 +566,7 @@ class Entity : public RefCounted {
       // The member may own the last reference to something the reactors look at: keep it alive
       // until they have seen the removal.
       // The caller's key may live inside the member being erased: notify with the kept copy.
-      auto keep = std::move(*it);
-      map.erase(it);
+      auto keep = takeMember(map, it);
       notify(handler, keyOf(keep));
       return true;
    }
@@ -568,8 +583,7 @@ class Entity : public RefCounted {
          for (const auto& k : keys) {
             auto it = map.find(k);
             if (it == map.end()) continue;
-            auto keep = std::move(*it);
-            map.erase(it);
+            auto keep = takeMember(map, it);
             notify(handler, keyOf(keep));
          }
       }
@@ -662,6 +676,8 @@ auto sortedKeys(const M& coll) {
 // the collection changes.
 template <class M>
 auto sortedMembers(const M& coll) {
+   static_assert(std::is_lvalue_reference_v<decltype(*coll.begin())>,
+                 "members handed out by value: sort their keys instead");
    std::vector<const std::decay_t<decltype(*coll.begin())>*> out;
    out.reserve(coll.size());
    for (const auto& member : coll) out.push_back(&member);

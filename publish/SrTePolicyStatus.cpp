@@ -19,14 +19,16 @@ Mox::Ptr<PolicyStatusEntry> PolicyStatus::statusIs(const PolicyKey& key, Candida
                                                    Vault::Fib::FecId nullLabelFecId) {
    auto entry = Mox::make<PolicyStatusEntry>(key, candidateId, originator, lastModified, bindingSid,
                                              fecId, nullLabelFecId);
-   status_.insert_or_assign(key, entry);
+   // A replaced entry leaves first: the table reads keys from its members.
+   if (auto it = status_.find(key); it != status_.end()) status_.erase(it);
+   status_.insert(entry);
    notify(&Notifiee::onStatus, key);
    return entry;
 }
 
 void PolicyStatus::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cstatus #%u \n", depth, ' ', static_cast<unsigned>(status_.size()));
-   for (const auto* member : Mox::sortedMembers(status_)) member->second->dump(out, depth + 2);
+   for (const PolicyKey& key : Mox::sortedKeys(status_)) status_.get(key)->dump(out, depth + 2);
    Mox::appendf(out, "%*cfecIdToPolicyKey #%u \n", depth, ' ',
                 static_cast<unsigned>(fecIdToPolicyKey_.size()));
    for (const auto* member : Mox::sortedMembers(fecIdToPolicyKey_)) {

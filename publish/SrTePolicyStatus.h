@@ -13,6 +13,7 @@
 
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "platform/VaultFib.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -72,7 +73,10 @@ class PolicyStatusEntry : public Mox::Entity {
 class PolicyStatus : public Mox::Entity {
  public:
    static constexpr const char* typeName = "SrTePolicy::PolicyStatus";
-   using StatusMap = Mox::HashMap2018<PolicyKey, Mox::Ptr<PolicyStatusEntry>>;
+   struct EntryKey {
+      const PolicyKey& operator()(const PolicyStatusEntry& e) const noexcept { return e.key(); }
+   };
+   using StatusMap = Mox::KeyedTable<Mox::Ptr<PolicyStatusEntry>, EntryKey>;
    using FecIdMap = Mox::HashMap2018<Vault::Fib::FecId, PolicyKey>;
 
    class Notifiee : public Mox::NotifieeOf<PolicyStatus> {
@@ -86,10 +90,7 @@ class PolicyStatus : public Mox::Entity {
 
    const StatusMap& status() const noexcept { return status_; }
    // Null when the key is not published.
-   Mox::Ptr<PolicyStatusEntry> status(const PolicyKey& key) const {
-      auto it = status_.find(key);
-      return it == status_.end() ? nullptr : it->second;
-   }
+   Mox::Ptr<PolicyStatusEntry> status(const PolicyKey& key) const { return status_.get(key); }
    // Creates (or replaces) the entry of `key` and notifies `onStatus(key)`.
    Mox::Ptr<PolicyStatusEntry> statusIs(const PolicyKey& key, CandidateId candidateId,
                                         const Originator& originator, double lastModified,

@@ -194,16 +194,15 @@ Mox::Ptr<PolicyIdEntry> PolicySelectionInput::policyIdEntry(const PolicyId& id) 
 Mox::Ptr<PolicyIdEntry> PolicySelectionInput::policyIdEntryIs(const PolicyId& id,
                                                               Preference preference,
                                                               const Originator& originator) {
-   auto [it, inserted] = policyIdEntry_.try_emplace(id); // one lookup either way
-   if (!inserted) {
-      Mox::Ptr<PolicyIdEntry> entry = it->second;
+   auto [it, made] = policyIdEntry_.findOrInsert( // one lookup either way
+       id, [&] { return Mox::make<PolicyIdEntry>(id, preference, originator); });
+   Mox::Ptr<PolicyIdEntry> entry = it->second;
+   if (made) {
+      notify(&Notifiee::onPolicyIdEntry, id);
+   } else {
       entry->preferenceIs(preference);
       entry->originatorIs(originator);
-      return entry;
    }
-   auto entry = Mox::make<PolicyIdEntry>(id, preference, originator);
-   it->second = entry;
-   notify(&Notifiee::onPolicyIdEntry, id);
    return entry;
 }
 
@@ -287,10 +286,9 @@ Mox::Ptr<Policy> EcPolicy::policy(const PolicyKey& key) const {
 }
 
 Mox::Ptr<Policy> EcPolicy::policyIs(const PolicyKey& key) {
-   if (auto it = policy_.find(key); it != policy_.end()) return it->second;
-   auto policy = Mox::make<Policy>(key);
-   policy_.emplace(key, policy);
-   notify(&Notifiee::onPolicy, key);
+   auto [it, made] = policy_.findOrInsert(key, [&] { return Mox::make<Policy>(key); });
+   Mox::Ptr<Policy> policy = it->second;
+   if (made) notify(&Notifiee::onPolicy, key);
    return policy;
 }
 

@@ -26,6 +26,7 @@
 #include "platform/AttrLog.h"
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "platform/Tunnel.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -243,7 +244,11 @@ class PolicyIdEntry : public Mox::Entity {
 
 class PolicySelectionInput : public Mox::Entity {
  public:
-   using PolicyIdEntryMap = Mox::HashMap2018<PolicyId, Mox::Ptr<PolicyIdEntry>>;
+   struct EntryId {
+      const PolicyId& operator()(const PolicyIdEntry& e) const noexcept { return e.id(); }
+   };
+   // A million entries: the table keeps only pointers, the ids live in the entries.
+   using PolicyIdEntryMap = Mox::KeyedTable<Mox::Ptr<PolicyIdEntry>, EntryId>;
 
    class Notifiee : public Mox::NotifieeOf<PolicySelectionInput> {
     public:
@@ -359,7 +364,10 @@ class Policy : public Mox::Entity {
 class EcPolicy : public Mox::Entity {
  public:
    static constexpr const char* typeName = "SrTePolicy::EcPolicy";
-   using PolicyMap = Mox::HashMap2018<PolicyKey, Mox::Ptr<Policy>>;
+   struct PolicyOfKey {
+      const PolicyKey& operator()(const Policy& p) const noexcept { return p.key(); }
+   };
+   using PolicyMap = Mox::KeyedTable<Mox::Ptr<Policy>, PolicyOfKey>;
 
    class Notifiee : public Mox::NotifieeOf<EcPolicy> {
     public:

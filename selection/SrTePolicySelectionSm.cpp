@@ -37,15 +37,23 @@ class PolicySelectionSm::MoxPolicyId : public PolicySelectionInput::Notifiee {
 
 class PolicySelectionSm::MoxPolicyIdEntry : public PolicyIdEntry::Notifiee {
  public:
-   // One per selection-input entry: the id is read from the entry (handlers run only while it is
-   // bound), not kept a second time here.
-   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm) { notifierIs(entry); }
-   void onVersion() override { sm_.handlePolicyEntry(notifier()->id()); }
-   void onBindingSid() override { sm_.handleBindingSid(notifier()->id()); }
+   // One per selection-input entry. It holds the entry, whose id keys the machine's reactor table
+   // and must stay readable for as long as the reactor is in it.
+   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm), entry_(entry) {
+      notifierIs(entry);
+   }
+   const PolicyIdEntry* entry() const noexcept { return entry_.get(); }
+   void onVersion() override { sm_.handlePolicyEntry(entry_->id()); }
+   void onBindingSid() override { sm_.handleBindingSid(entry_->id()); }
 
  private:
    PolicySelectionSm& sm_;
+   Mox::Ptr<const PolicyIdEntry> entry_;
 };
+
+const PolicyId& PolicySelectionSm::ReactorId::operator()(const MoxPolicyIdEntry& r) const noexcept {
+   return r.entry()->id();
+}
 
 class PolicySelectionSm::MoxResSegList : public SegmentListStatus::Notifiee {
  public:
@@ -99,10 +107,13 @@ Mox::Ptr<PolicySelectionSm> policySelectionSmFactory(PolicySelectionSm::Inputs i
 
 void PolicySelectionSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    if (!entry) throw std::invalid_argument(nullPolicyIdEntryMessage);
-   auto& reactor = policyIdEntry_[entry->id()];
-   // An entry removed and made again under the same id is a new object: watch that one.
-   if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = policyIdEntryPool_.make(*this, entry.get());
+   auto it = policyIdEntry_.find(entry->id());
+   if (it != policyIdEntry_.end()) {
+      if (it->second->entry() == entry.get()) return;
+      // An entry removed and made again under the same id is a new object: watch that one.
+      policyIdEntry_.erase(it);
+   }
+   policyIdEntry_.insert(policyIdEntryPool_.make(*this, entry.get()));
 }
 
 void PolicySelectionSm::policyIdEntryDel(const PolicyId& id) { policyIdEntry_.erase(id); }

@@ -34,6 +34,7 @@
 #include "platform/Kiln.h"
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "platform/MoxPool.h"
 #include "platform/Trace.h"
 #include "segment/SrTePolicySegmentList.h"
@@ -127,7 +128,11 @@ class PolicySelectionSm : public Mox::RefCounted {
    std::unique_ptr<MoxPolicyId> moxPolicyId_;
    // One reactor per selection-input entry, from a pool: declared first, destroyed last.
    Mox::Pool<MoxPolicyIdEntry> policyIdEntryPool_;
-   Mox::HashMap2018<PolicyId, Mox::Pool<MoxPolicyIdEntry>::Ptr> policyIdEntry_;
+   // Keyed by the id of the entry each reactor holds: the id is not stored a second time.
+   struct ReactorId {
+      const PolicyId& operator()(const MoxPolicyIdEntry& r) const noexcept;
+   };
+   Mox::KeyedTable<Mox::Pool<MoxPolicyIdEntry>::Ptr, ReactorId> policyIdEntry_;
    std::unique_ptr<MoxResSegList> moxResSegList_;
    std::unique_ptr<MoxTask> moxTask_;
 };

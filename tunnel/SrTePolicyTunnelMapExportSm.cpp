@@ -60,13 +60,20 @@ class TunnelMapExportSm::MoxPolicyId
 class TunnelMapExportSm::MoxPolicyIdEntry
     : public Mox::Reactor<PolicyIdEntry::Notifiee, TunnelMapExportSm> {
  public:
+   // Holds the entry, whose id keys the machine's reactor table and must stay readable for as
+   // long as the reactor is in it.
    MoxPolicyIdEntry(TunnelMapExportSm& sm, PolicyIdEntry* entry)
-       : Reactor(sm, entry), id_(entry->id()) {}
-   void onVersion() override { owner().handlePolicyEntry(id_, notifier()); }
+       : Reactor(sm, entry), entry_(entry) {}
+   const PolicyIdEntry* entry() const noexcept { return entry_.get(); }
+   void onVersion() override { owner().handlePolicyEntry(entry_->id(), notifier()); }
 
  private:
-   PolicyId id_;
+   Mox::Ptr<const PolicyIdEntry> entry_;
 };
+
+const PolicyId& TunnelMapExportSm::ReactorId::operator()(const MoxPolicyIdEntry& r) const noexcept {
+   return r.entry()->id();
+}
 
 class TunnelMapExportSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, TunnelMapExportSm> {
  public:
@@ -100,17 +107,20 @@ Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs i
 }
 
 void TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
-   auto& reactor = policyIdEntry_[entry->id()];
-   // An entry removed and made again under the same id is a new object: watch that one.
-   if (reactor && reactor->notifier() == entry.get()) return;
-   reactor = policyIdEntryPool_.make(*this, entry.get());
+   auto it = policyIdEntry_.find(entry->id());
+   if (it != policyIdEntry_.end()) {
+      if (it->second->entry() == entry.get()) return;
+      // An entry removed and made again under the same id is a new object: watch that one.
+      policyIdEntry_.erase(it);
+   }
+   policyIdEntry_.insert(policyIdEntryPool_.make(*this, entry.get()));
 }
 
 const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {
    auto paths = policyTunnelInfo_.find(id.key);
    if (paths == policyTunnelInfo_.end()) return nullptr;
-   auto it = paths->second.find(CandidateId(id));
-   return it == paths->second.end() ? nullptr : &it->second;
+   auto it = paths->second->find(CandidateId(id));
+   return it == paths->second->end() ? nullptr : &it->second;
 }
 
 PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) {
@@ -118,14 +128,16 @@ PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) {
 }
 
 PolicyTunnelInfo& TunnelMapExportSm::policyTunnelInfoIs(const PolicyId& id) {
-   return policyTunnelInfo_[id.key].try_emplace(CandidateId(id), id).first->second;
+   auto& paths = policyTunnelInfo_[id.key];
+   if (!paths) paths = std::make_unique<PathsOfKey>();
+   return paths->try_emplace(CandidateId(id)).first->second;
 }
 
 void TunnelMapExportSm::policyTunnelInfoDel(const PolicyId& id) {
    auto paths = policyTunnelInfo_.find(id.key);
    if (paths == policyTunnelInfo_.end()) return;
-   paths->second.erase(CandidateId(id));
-   if (paths->second.empty()) policyTunnelInfo_.erase(paths);
+   paths->second->erase(CandidateId(id));
+   if (paths->second->empty()) policyTunnelInfo_.erase(paths);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -161,11 +173,11 @@ void TunnelMapExportSm::handleInitialized() {
    // A row an earlier life left for a tunnel that its key still maps is adopted as it is; only
    // missing rows and rows of another key are written.
    for (const auto& [key, paths] : policyTunnelInfo_) {
-      for (const auto& [candidate, info] : paths) {
+      for (const auto& [candidate, info] : *paths) {
          for (TunnelId t : info.tunnelId()) {
             const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
             if (row && keyHoldsTunnel(row->policyKey, t, nullptr)) continue;
-            commit(t, info.id());
+            commit(t, PolicyId(key, candidate.protocol, candidate.discriminator));
          }
       }
    }
@@ -339,7 +351,7 @@ bool TunnelMapExportSm::keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId,
                                        const CandidateId* except) const {
    auto paths = policyTunnelInfo_.find(key);
    if (paths == policyTunnelInfo_.end()) return false;
-   for (const auto& [candidate, info] : paths->second) {
+   for (const auto& [candidate, info] : *paths->second) {
       if (except && candidate == *except) continue;
       if (info.tunnelIdHas(tunnelId)) return true;
    }

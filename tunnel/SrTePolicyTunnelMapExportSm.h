@@ -53,6 +53,7 @@
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
 #include "platform/MoxPool.h"
 #include "platform/Trace.h"
 #include "platform/Tunnel.h"
@@ -141,8 +142,6 @@ class PolicyTunnelInfo {
    using TunnelId = Tunnel::TunnelTable::TunnelId;
    using TunnelIdSet = Mox::SmallSet<TunnelId, 2, 16>;
 
-   explicit PolicyTunnelInfo(const PolicyId& id) : id_(id) {}
-   const PolicyId& id() const noexcept { return id_; }
    const TunnelIdSet& tunnelId() const noexcept { return tunnelId_; }
    bool tunnelIdHas(TunnelId t) const { return tunnelId_.contains(t); }
    // True when the tunnel was not recorded yet.
@@ -151,7 +150,6 @@ class PolicyTunnelInfo {
    void tunnelIdDelAll() noexcept { tunnelId_.clear(); }
 
  private:
-   PolicyId id_;
    TunnelIdSet tunnelId_;
 };
 
@@ -173,8 +171,10 @@ class TunnelMapExportSm : public Mox::RefCounted {
       Trace::Tracer* tracer = nullptr;
    };
 
-   // The paths of one policy key, by candidate: one or two as a rule.
+   // The paths of one policy key, by candidate: one or two as a rule. Held apart from the table's
+   // slots, which a flat table leaves a third to a half empty.
    using PathsOfKey = Mox::SmallMap<CandidateId, PolicyTunnelInfo>;
+   using PathsOfKeyMap = Mox::HashMap2018<PolicyKey, std::unique_ptr<PathsOfKey>>;
    using PendingTunnelSet = absl::btree_set<TunnelId>;
 
    explicit TunnelMapExportSm(Inputs in);
@@ -183,9 +183,7 @@ class TunnelMapExportSm : public Mox::RefCounted {
 
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
-   const Mox::HashMap2018<PolicyKey, PathsOfKey>& policyTunnelInfo() const noexcept {
-      return policyTunnelInfo_;
-   }
+   const PathsOfKeyMap& policyTunnelInfo() const noexcept { return policyTunnelInfo_; }
    // Null when the path maps nothing.
    const PolicyTunnelInfo* policyTunnelInfo(const PolicyId& id) const;
    // In tunnel id order.
@@ -234,7 +232,7 @@ class TunnelMapExportSm : public Mox::RefCounted {
 
    Inputs in_;
    Trace::Tracer* tracer_;
-   Mox::HashMap2018<PolicyKey, PathsOfKey> policyTunnelInfo_;
+   PathsOfKeyMap policyTunnelInfo_;
    PendingTunnelSet pendingTunnel_;
    // Where a run that yielded or backed off goes on; unset: from the first tunnel.
    std::optional<TunnelId> pendingBookmark_;
@@ -246,7 +244,11 @@ class TunnelMapExportSm : public Mox::RefCounted {
    std::unique_ptr<MoxPolicyId> moxPolicyId_;
    // One reactor per selection-input entry, from a pool: declared first, destroyed last.
    Mox::Pool<MoxPolicyIdEntry> policyIdEntryPool_;
-   Mox::HashMap2018<PolicyId, Mox::Pool<MoxPolicyIdEntry>::Ptr> policyIdEntry_;
+   // Keyed by the id of the entry each reactor holds: the id is not stored a second time.
+   struct ReactorId {
+      const PolicyId& operator()(const MoxPolicyIdEntry& r) const noexcept;
+   };
+   Mox::KeyedTable<Mox::Pool<MoxPolicyIdEntry>::Ptr, ReactorId> policyIdEntry_;
    std::unique_ptr<MoxTask> moxTask_;
 };
 

@@ -1,0 +1,140 @@
+// The table of members that hold their own keys: found by key across growth, iterated as (key,
+// pointer), and a member removed through an entity stays readable while reactors hear of it.
+#include "platform/MoxKeyed.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+#include "platform/MoxPool.h"
+
+namespace {
+
+class Item : public Mox::Entity {
+ public:
+   explicit Item(std::string name, int value) : name_(std::move(name)), value_(value) {}
+   const std::string& name() const noexcept { return name_; }
+   int value() const noexcept { return value_; }
+
+ private:
+   std::string name_;
+   int value_;
+};
+
+struct ItemName {
+   const std::string& operator()(const Item& i) const noexcept { return i.name(); }
+};
+using Table = Mox::KeyedTable<Mox::Ptr<Item>, ItemName>;
+
+// An entity owning a table, with the usual collection bodies.
+class Shelf : public Mox::Entity {
+ public:
+   class Notifiee : public Mox::NotifieeOf<Shelf> {
+    public:
+      virtual void onItem(const std::string&) {}
+   };
+   const Table& item() const noexcept { return item_; }
+   Item* itemIs(const std::string& name, int value) {
+      auto [it, made] = item_.findOrInsert(name, [&] { return Mox::make<Item>(name, value); });
+      if (made) notify(&Notifiee::onItem, name);
+      return it->second.get();
+   }
+   void itemDel(const std::string& name) { collDel(item_, name, &Notifiee::onItem); }
+   void itemDelAll() { collDelAll(item_, &Notifiee::onItem); }
+
+ private:
+   Table item_;
+};
+
+TEST(MoxKeyedTable, FindsMembersByTheirOwnKeysAcrossGrowthAndIteratesAsPairs) {
+   Table table;
+   std::map<std::string, const Item*> made;
+   for (int i = 0; i < 5000; ++i) { // several rehashes: each reads keys from the members
+      const std::string name = "item-" + std::to_string(i);
+      int calls = 0;
+      auto [it, inserted] = table.findOrInsert(name, [&] {
+         ++calls;
+         return Mox::make<Item>(name, i);
+      });
+      ASSERT_TRUE(inserted);
+      ASSERT_EQ(calls, 1);
+      made[name] = it->second.get();
+   }
+   // Asking again makes nothing and finds the same object.
+   auto [again, inserted] = table.findOrInsert("item-42", [&]() -> Mox::Ptr<Item> {
+      ADD_FAILURE() << "made twice";
+      return nullptr;
+   });
+   EXPECT_FALSE(inserted);
+   EXPECT_EQ(again->second.get(), made["item-42"]);
+   EXPECT_FALSE(table.insert(Mox::make<Item>("item-7", -1)).second) << "second member for a key";
+
+   size_t seen = 0;
+   for (const auto& [name, item] : table) {
+      EXPECT_EQ(made.at(name), item.get());
+      EXPECT_EQ(&name, &item->name()) << "the key is read from the member, not copied";
+      ++seen;
+   }
+   EXPECT_EQ(seen, 5000u);
+   EXPECT_EQ(table.get("item-4999")->value(), 4999);
+   EXPECT_EQ(table.get("item-5000"), nullptr);
+   EXPECT_EQ(table.erase("item-0"), 1u);
+   EXPECT_EQ(table.erase("item-0"), 0u);
+   EXPECT_FALSE(table.contains("item-0"));
+   EXPECT_EQ(Mox::sortedKeys(table).front(), "item-1");
+}
+
+TEST(MoxKeyedTable, AMemberRemovedThroughItsEntityOutlivesTheNotificationThatNamesIt) {
+   auto shelf = Mox::make<Shelf>();
+   // The reactor reads the member while it hears of its removal: the key it is handed lives in
+   // the member, which the removal keeps alive until every reactor has run.
+   struct Watcher : Shelf::Notifiee {
+      std::string log;
+      void onItem(const std::string& name) override {
+         const Item* item = notifier()->item().get(name);
+         log += name + (item ? "+" : "-") + " ";
+      }
+   } watcher;
+   watcher.notifierIs(shelf);
+
+   Mox::Ptr<Item> held = Mox::make<Item>("kept", 1);
+   shelf->itemIs("a", 1);
+   shelf->itemIs("b", 2);
+   shelf->itemDel("a"); // the table held the last reference
+   shelf->itemDel("missing");
+   EXPECT_EQ(watcher.log, "a+ b+ a- ");
+   shelf->itemDelAll();
+   EXPECT_EQ(watcher.log, "a+ b+ a- b- ");
+   EXPECT_TRUE(shelf->item().empty());
+}
+
+// Reactors pooled and keyed by what they watch: the pointer type carries a deleter.
+struct Watch {
+   explicit Watch(Mox::Ptr<const Item> i) : item(std::move(i)) {}
+   Mox::Ptr<const Item> item;
+};
+struct WatchName {
+   const std::string& operator()(const Watch& w) const noexcept { return w.item->name(); }
+};
+
+TEST(MoxKeyedTable, HoldsPooledObjectsAndGivesThemBackOnErase) {
+   Mox::Pool<Watch, 8> pool;
+   {
+      Mox::KeyedTable<Mox::Pool<Watch, 8>::Ptr, WatchName> table;
+      for (int i = 0; i < 20; ++i) {
+         table.insert(pool.make(Mox::make<Item>("w" + std::to_string(i), i)));
+      }
+      EXPECT_EQ(pool.live(), 20u);
+      auto taken = table.take(table.find("w3"));
+      EXPECT_EQ(taken.first, "w3");
+      EXPECT_EQ(taken.second->item->value(), 3);
+      EXPECT_EQ(table.size(), 19u);
+      EXPECT_EQ(pool.live(), 20u) << "handed over, not destroyed";
+      table.erase("w4");
+      EXPECT_EQ(pool.live(), 19u);
+   }
+   EXPECT_EQ(pool.live(), 0u);
+}
+
+} // namespace
