@@ -196,7 +196,8 @@ void PolicyInputSm::handleInitialized() {
    segmentMap_->segmentListDelAll();
    // Registrations are rebuilt from the records, which are all queued below.
    bsidUser_.clear();
-   for (Protocol p : handledProtocols) handleProtocolSource(p);
+   // Every record of every source; every selection-input entry was queued above.
+   for (Protocol p : handledProtocols) markTablePending(p, true);
    if (!pendingPolicyId_.empty()) {
       task_->scheduleTask();
       return;

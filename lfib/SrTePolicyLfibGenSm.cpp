@@ -48,6 +48,8 @@ SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Inputs in)
    lfib_ = in_.lfibStatus->lfib();
    SRTE_ASSERT(lfib_, "SrTePolicyLfibGenSm needs the protocol LFIB of its status");
    moxPolicyStatus_ = std::make_unique<MoxPolicyStatus>(*this, in_.policyStatus.get());
+   // Sized once: growing a table of a million reactors rehashes it again and again.
+   nestedPolicy_.reserve(in_.policyStatus->status().size());
    for (const auto& [key, entry] : in_.policyStatus->status()) nestedPolicyIs(entry);
    handleInitialized();
 }

@@ -76,6 +76,8 @@ PolicyPublishSm::PolicyPublishSm(Inputs in)
                    in_.attrLogSm,
                "PolicyPublishSm needs every table of its Inputs");
    moxEcPolicy_ = std::make_unique<MoxEcPolicy>(*this, in_.ecPolicy.get());
+   // Sized once: growing a table of a million reactors rehashes it again and again.
+   policy_.reserve(in_.ecPolicy->policy().size());
    for (const auto& [key, policy] : in_.ecPolicy->policy()) policyIs(key, policy.get());
    handleInitialized();
 }
@@ -122,8 +124,22 @@ void PolicyPublishSm::handleInitialized() {
    initialized_ = true;
    initializeNumAllocator();
    rebuildBindingSidAndPolicyMap();
-   for (const auto& [key, policy] : in_.ecPolicy->policy()) markPending(key);
+   markEveryPolicyPending();
    scheduleTask();
+}
+
+void PolicyPublishSm::markEveryPolicyPending() {
+   std::vector<PendingPublishKey> keys;
+   keys.reserve(in_.ecPolicy->policy().size() + in_.status->status().size());
+   for (const auto& [key, policy] : in_.ecPolicy->policy()) keys.emplace_back(key);
+   for (const auto& [key, entry] : in_.status->status()) keys.emplace_back(key);
+   std::sort(keys.begin(), keys.end());
+   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
+   for (const PendingPublishKey& k : keys) {
+      const size_t before = pendingPolicy_.size();
+      pendingPolicy_.insert(pendingPolicy_.end(), k);
+      if (pendingPolicy_.size() != before) ++pendingChanges_;
+   }
 }
 
 void PolicyPublishSm::handlePolicy(const PolicyKey& key) {
@@ -219,8 +235,10 @@ void PolicyPublishSm::initializeNumAllocator() {
 }
 
 void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {
+   // Sized once for the survivors (each published policy holds one binding SID as a rule).
+   policyBindingSidMap_.reserve(in_.status->status().size());
+   bindingSidPolicyMap_.reserve(in_.status->status().size());
    for (const auto& [key, entry] : in_.status->status()) {
-      markPending(key);
       const Ipkit::MplsLabel bsid = entry->bindingSid();
       // A policy published without binding SID holds none; recording "none" would later be
       // released as if it were a binding SID.

@@ -156,6 +156,9 @@ class PolicyPublishSm : public Mox::RefCounted {
    void markPending(const PolicyKey& key) {
       if (pendingPolicy_.insert(PendingPublishKey(key)).second) ++pendingChanges_;
    }
+   // Every policy of EcPolicy and every published one at once: sorted first, so that the tree is
+   // filled at its end rather than at a random leaf per key.
+   void markEveryPolicyPending();
    void scheduleTask();
    void withdraw(const PolicyKey& key);
 

@@ -85,6 +85,8 @@ PolicySelectionSm::PolicySelectionSm(Inputs in)
    moxConfig_->notifierIs(in_.config.get());
    moxPolicyId_ = std::make_unique<MoxPolicyId>(*this);
    moxPolicyId_->notifierIs(in_.policySelectionInput.get());
+   // Sized once: growing rehashes every member, and this table reads each key from its entry.
+   policyIdEntry_.reserve(in_.policySelectionInput->policyIdEntry().size());
    for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) policyIdEntryIs(entry);
    moxResSegList_ = std::make_unique<MoxResSegList>(*this);
    moxResSegList_->notifierIs(in_.segmentListStatus.get());

@@ -90,6 +90,8 @@ TunnelMapExportSm::TunnelMapExportSm(Inputs in)
                    in_.attrLogSm,
                "TunnelMapExportSm needs every table of its Inputs");
    moxPolicyId_ = std::make_unique<MoxPolicyId>(*this, in_.policyId.get());
+   // Sized once: growing rehashes every member, and this table reads each key from its entry.
+   policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
    for (const auto& [id, entry] : in_.policyId->policyIdEntry()) policyIdEntryIs(entry);
    handleInitialized();
 }
@@ -160,12 +162,17 @@ void TunnelMapExportSm::handleInitialized() {
    initialized_ = true;
 
    // What every path maps now, as the selection input names it.
-   Mox::HashSet<TunnelId> held;
+   // Each tunnel some path maps, and whether its row was found right (checked once per tunnel,
+   // not once per path).
+   Mox::HashMap2018<TunnelId, bool> held;
+   held.reserve(in_.tunnelIdToPolicyKey->tunnelEntry().size());
    for (const auto& [id, entry] : in_.policyId->policyIdEntry()) {
+      if (entry->wSegmentList().empty()) continue;
+      PolicyTunnelInfo& info = policyTunnelInfoIs(id);
       for (const auto& [index, w] : entry->wSegmentList()) {
          const TunnelId t = w.segmentListId.getTunnelId();
-         held.insert(t);
-         if (policyTunnelInfoIs(id).tunnelIdIs(t)) {
+         held.try_emplace(t, false);
+         if (info.tunnelIdIs(t)) {
             SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
          }
       }
@@ -175,8 +182,14 @@ void TunnelMapExportSm::handleInitialized() {
    for (const auto& [key, paths] : policyTunnelInfo_) {
       for (const auto& [candidate, info] : *paths) {
          for (TunnelId t : info.tunnelId()) {
+            auto known = held.find(t);
+            if (known != held.end() && known->second) continue;
             const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
-            if (row && keyHoldsTunnel(row->policyKey, t, nullptr)) continue;
+            // A row of this key: this very path maps its tunnel.
+            if (row && (row->policyKey == key || keyHoldsTunnel(row->policyKey, t, nullptr))) {
+               if (known != held.end()) known->second = true;
+               continue;
+            }
             commit(t, PolicyId(key, candidate.protocol, candidate.discriminator));
          }
       }
