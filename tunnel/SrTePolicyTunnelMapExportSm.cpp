@@ -90,9 +90,7 @@ TunnelMapExportSm::TunnelMapExportSm(Inputs in)
                    in_.attrLogSm,
                "TunnelMapExportSm needs every table of its Inputs");
    moxPolicyId_ = std::make_unique<MoxPolicyId>(*this, in_.policyId.get());
-   // Sized once: growing rehashes every member, and this table reads each key from its entry.
-   policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
-   for (const auto& [id, entry] : in_.policyId->policyIdEntry()) policyIdEntryIs(entry);
+   // Each entry's reactor is made by handleInitialized, in its walk over the entries.
    handleInitialized();
 }
 
@@ -166,7 +164,10 @@ void TunnelMapExportSm::handleInitialized() {
    // not once per path).
    Mox::HashMap2018<TunnelId, bool> held;
    held.reserve(in_.tunnelIdToPolicyKey->tunnelEntry().size());
+   // Sized once: growing rehashes every member, and this table reads each key from its entry.
+   policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
    for (const auto& [id, entry] : in_.policyId->policyIdEntry()) {
+      policyIdEntryIs(entry);
       if (entry->wSegmentList().empty()) continue;
       PolicyTunnelInfo& info = policyTunnelInfoIs(id);
       for (const auto& [index, w] : entry->wSegmentList()) {
@@ -223,8 +224,9 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const Policy
 
    // Tunnels the path no longer maps, in tunnel order so that what follows is reproducible.
    TunnelIds dropped;
-   if (const PolicyTunnelInfo* info = policyTunnelInfo(policyId)) {
-      for (TunnelId t : info->tunnelId()) {
+   PolicyTunnelInfo* known = policyTunnelInfo(policyId);
+   if (known) {
+      for (TunnelId t : known->tunnelId()) {
          if (!contains(current, t)) dropped.push_back(t);
       }
    }
@@ -240,8 +242,8 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const Policy
    }
 
    // Looked up once: committing rows runs the table's reactors, which never touch this
-   // machine's records.
-   PolicyTunnelInfo& info = policyTunnelInfoIs(policyId);
+   // machine's records. With nothing dropped, nothing ran since the first lookup.
+   PolicyTunnelInfo& info = known && dropped.empty() ? *known : policyTunnelInfoIs(policyId);
    for (TunnelId t : current) {
       const bool mapped = info.tunnelIdIs(t);
       if (mapped) {
