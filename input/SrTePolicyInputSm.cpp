@@ -172,7 +172,8 @@ void PolicyInputSm::handleInitialized() {
    }
    readSrlbRange();
    cleanupPending_ = true;
-   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) markPending(id, true);
+   policySelectionInput_->policyIdEntry().forEach(
+       [this](const PolicyId& id, const auto&) { markPending(id, true); });
 
    auto* lists = coreDedupTables_->notifyingSegmentListCollection();
    // Until the first full pass is done, a published list missing from the table may only be late.

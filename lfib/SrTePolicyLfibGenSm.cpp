@@ -50,7 +50,10 @@ SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Inputs in)
    moxPolicyStatus_ = std::make_unique<MoxPolicyStatus>(*this, in_.policyStatus.get());
    // Sized once: growing a table of a million reactors rehashes it again and again.
    nestedPolicy_.reserve(in_.policyStatus->status().size());
-   for (const auto& [key, entry] : in_.policyStatus->status()) nestedPolicyIs(entry);
+   in_.policyStatus->status().forEach(
+       [this](const PolicyKey&, const Mox::Ptr<PolicyStatusEntry>& entry) {
+          nestedPolicyIs(entry);
+       });
    handleInitialized();
 }
 
@@ -96,7 +99,10 @@ void SrTePolicyLfibGenSm::handleInitialized() {
    smInited_ = false;
    for (const auto& [routeKey, route] : lfib_->lfibRoute()) unusedLfibRoute_.insert(routeKey);
    // Each entry claims its route; one still right is adopted without being written again.
-   for (const auto& [key, entry] : in_.policyStatus->status()) handlePolicy(key);
+   in_.policyStatus->status().forEach(
+       [this](const PolicyKey& key, const Mox::Ptr<PolicyStatusEntry>& entry) {
+          handlePolicy(key, entry.get());
+       });
    cleanupLfibEntries();
    SRTE_TRACE_TO(tracer_, 8, "SrTePolicyLfibGenSm initialized");
    smInited_ = true;

@@ -96,6 +96,26 @@ class KeyedTable {
    void reserve(size_t n) { set_.reserve(n); }
    void clear() noexcept { set_.clear(); }
 
+   // Calls `visit(key, pointer)` for every member, fetching members a batch ahead: a walk over a
+   // large table meets its members in no memory order, and would otherwise wait on each one.
+   // `visit` must not change the table.
+   template <class F>
+   void forEach(F&& visit) const {
+      constexpr size_t batch = 16;
+      const P* ahead[batch];
+      size_t n = 0;
+      auto flush = [&] {
+         for (size_t i = 0; i < n; ++i) visit(keyOfMember(*ahead[i]), *ahead[i]);
+         n = 0;
+      };
+      for (const P& p : set_) {
+         __builtin_prefetch(&keyOfMember(p)); // an address, not a read
+         ahead[n++] = &p;
+         if (n == batch) flush();
+      }
+      flush();
+   }
+
    const_iterator find(const key_type& k) const { return const_iterator(set_.find(k)); }
    bool contains(const key_type& k) const { return set_.contains(k); }
    size_t count(const key_type& k) const { return set_.count(k); }

@@ -78,7 +78,9 @@ PolicyPublishSm::PolicyPublishSm(Inputs in)
    moxEcPolicy_ = std::make_unique<MoxEcPolicy>(*this, in_.ecPolicy.get());
    // Sized once: growing a table of a million reactors rehashes it again and again.
    policy_.reserve(in_.ecPolicy->policy().size());
-   for (const auto& [key, policy] : in_.ecPolicy->policy()) policyIs(key, policy.get());
+   in_.ecPolicy->policy().forEach([this](const PolicyKey& key, const Mox::Ptr<Policy>& policy) {
+      policyIs(key, policy.get());
+   });
    handleInitialized();
 }
 
@@ -131,8 +133,9 @@ void PolicyPublishSm::handleInitialized() {
 void PolicyPublishSm::markEveryPolicyPending() {
    std::vector<PendingPublishKey> keys;
    keys.reserve(in_.ecPolicy->policy().size() + in_.status->status().size());
-   for (const auto& [key, policy] : in_.ecPolicy->policy()) keys.emplace_back(key);
-   for (const auto& [key, entry] : in_.status->status()) keys.emplace_back(key);
+   auto take = [&keys](const PolicyKey& key, const auto&) { keys.emplace_back(key); };
+   in_.ecPolicy->policy().forEach(take);
+   in_.status->status().forEach(take);
    std::sort(keys.begin(), keys.end());
    keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
    for (const PendingPublishKey& k : keys) {
@@ -238,22 +241,23 @@ void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {
    // Sized once for the survivors (each published policy holds one binding SID as a rule).
    policyBindingSidMap_.reserve(in_.status->status().size());
    bindingSidPolicyMap_.reserve(in_.status->status().size());
-   for (const auto& [key, entry] : in_.status->status()) {
-      const Ipkit::MplsLabel bsid = entry->bindingSid();
-      // A policy published without binding SID holds none; recording "none" would later be
-      // released as if it were a binding SID.
-      if (bsid.isNull()) continue;
-      policyBindingSidMap_[key] = bsid;
-      Mox::Ptr<ConflictingPolicies>& c = bindingSidPolicyMap_[bsid];
-      if (!c) {
-         c = Mox::make<ConflictingPolicies>(bsid);
-         c->chosenIs(key);
-      } else if (!(c->chosen() == key)) {
-         // Two survivors claim one binding SID (impossible unless the table was tampered with):
-         // the one found first keeps it, the other is withdrawn when processed.
-         c->competitorIs(key);
-      }
-   }
+   in_.status->status().forEach(
+       [this](const PolicyKey& key, const Mox::Ptr<PolicyStatusEntry>& entry) {
+          const Ipkit::MplsLabel bsid = entry->bindingSid();
+          // A policy published without binding SID holds none; recording "none" would later be
+          // released as if it were a binding SID.
+          if (bsid.isNull()) return;
+          policyBindingSidMap_[key] = bsid;
+          Mox::Ptr<ConflictingPolicies>& c = bindingSidPolicyMap_[bsid];
+          if (!c) {
+             c = Mox::make<ConflictingPolicies>(bsid);
+             c->chosenIs(key);
+          } else if (!(c->chosen() == key)) {
+             // Two survivors claim one binding SID (impossible unless the table was tampered with):
+             // the one found first keeps it, the other is withdrawn when processed.
+             c->competitorIs(key);
+          }
+       });
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -87,7 +87,8 @@ PolicySelectionSm::PolicySelectionSm(Inputs in)
    moxPolicyId_->notifierIs(in_.policySelectionInput.get());
    // Sized once: growing rehashes every member, and this table reads each key from its entry.
    policyIdEntry_.reserve(in_.policySelectionInput->policyIdEntry().size());
-   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) policyIdEntryIs(entry);
+   in_.policySelectionInput->policyIdEntry().forEach(
+       [this](const PolicyId&, const Mox::Ptr<PolicyIdEntry>& entry) { policyIdEntryIs(entry); });
    moxResSegList_ = std::make_unique<MoxResSegList>(*this);
    moxResSegList_->notifierIs(in_.segmentListStatus.get());
    handleInitialized();
@@ -133,14 +134,13 @@ void PolicySelectionSm::handleInitialized() {
    initialized_ = true;
    // What an earlier life left in EcPolicy is checked again, whether or not its entry is still
    // there.
-   for (const auto& [key, policy] : in_.ecPolicy->policy()) {
+   in_.ecPolicy->policy().forEach([this](const PolicyKey& key, const Mox::Ptr<Policy>& policy) {
       for (const auto& [priority, candidate] : policy->candidate()) {
          markPending(PolicyId(key, priority.protocol, priority.discriminator));
       }
-   }
-   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) {
-      markPending(id);
-   }
+   });
+   in_.policySelectionInput->policyIdEntry().forEach(
+       [this](const PolicyId& id, const auto&) { markPending(id); });
    scheduleTask();
 }
 

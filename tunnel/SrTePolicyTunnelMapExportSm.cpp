@@ -166,18 +166,19 @@ void TunnelMapExportSm::handleInitialized() {
    held.reserve(in_.tunnelIdToPolicyKey->tunnelEntry().size());
    // Sized once: growing rehashes every member, and this table reads each key from its entry.
    policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
-   for (const auto& [id, entry] : in_.policyId->policyIdEntry()) {
-      policyIdEntryIs(entry);
-      if (entry->wSegmentList().empty()) continue;
-      PolicyTunnelInfo& info = policyTunnelInfoIs(id);
-      for (const auto& [index, w] : entry->wSegmentList()) {
-         const TunnelId t = w.segmentListId.getTunnelId();
-         held.try_emplace(t, false);
-         if (info.tunnelIdIs(t)) {
-            SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
-         }
-      }
-   }
+   in_.policyId->policyIdEntry().forEach(
+       [&](const PolicyId& id, const Mox::Ptr<PolicyIdEntry>& entry) {
+          policyIdEntryIs(entry);
+          if (entry->wSegmentList().empty()) return;
+          PolicyTunnelInfo& info = policyTunnelInfoIs(id);
+          for (const auto& [index, w] : entry->wSegmentList()) {
+             const TunnelId t = w.segmentListId.getTunnelId();
+             held.try_emplace(t, false);
+             if (info.tunnelIdIs(t)) {
+                SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
+             }
+          }
+       });
    // A row an earlier life left for a tunnel that its key still maps is adopted as it is; only
    // missing rows and rows of another key are written.
    for (const auto& [key, paths] : policyTunnelInfo_) {

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "platform/MoxPool.h"
 
@@ -77,6 +78,14 @@ TEST(MoxKeyedTable, FindsMembersByTheirOwnKeysAcrossGrowthAndIteratesAsPairs) {
       ++seen;
    }
    EXPECT_EQ(seen, 5000u);
+   // The batched walk meets the same members in the same order, the last partial batch included.
+   std::vector<const Item*> walked, iterated;
+   table.forEach([&](const std::string& name, const Mox::Ptr<Item>& item) {
+      EXPECT_EQ(&name, &item->name());
+      walked.push_back(item.get());
+   });
+   for (const auto& [name, item] : table) iterated.push_back(item.get());
+   EXPECT_EQ(walked, iterated);
    EXPECT_EQ(table.get("item-4999")->value(), 4999);
    EXPECT_EQ(table.get("item-5000"), nullptr);
    EXPECT_EQ(table.erase("item-0"), 1u);
