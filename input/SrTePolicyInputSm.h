@@ -26,8 +26,9 @@
 //    the first full drain withdraws exactly the exported lists that no input claims, forgets the
 //    ids not taken back and raises the segment-list collection's initialPassDone (the segment-list
 //    machine holds its own clean-up until then);
-//  - processing a record again without a change leaves its selection-input entry as it is (no
-//    version bump).
+//  - processing a usable record again without a change (a requeue, a restart) rewrites its
+//    selection-input entry with the same values, so only its version moves: one bump per update,
+//    and selection looks at the path again.
 //
 // Re-initialisation. A change of the configuration's segmentListSharingEnabled runs
 // handleInitialized again, inside the configuration handler. Downstream machines see it as
@@ -41,7 +42,7 @@
 //  2. as the task drains (over several runs when it yields or the output is congested): every
 //     candidate is recorded again at the current time; each usable one gets canonical lists that
 //     take their exported ids back (as after a restart; a stack not exported gets a fresh id), and
-//     its PolicyIdEntry names them, its version bumped only if that changed anything;
+//     its PolicyIdEntry names them, its version bumped once (whether or not anything changed);
 //  3. after the first full drain, the exports under the old ids are withdrawn.
 // So a machine downstream treats a list id that a PolicyIdEntry names but that is no longer in the
 // notifying collection as unresolved until the entry's next version, never as an error; and a
