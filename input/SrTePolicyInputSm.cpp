@@ -493,8 +493,8 @@ BindingSidUser* PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, cons
    if (registered != bsid) deregisterForBindingSid(registered, id);
    if (bsid.isNull()) return nullptr;
    auto [it, made] = bsidUser_.findOrInsert(bsid, [&] { return Mox::make<BindingSidUser>(bsid); });
-   BindingSidUser* user =
-       it->second.get(); // the slot may move when the table next grows; the user not
+   // The slot may move when the table next grows; the user does not.
+   BindingSidUser* user = it->second.get();
    if (user->policyId().empty()) user->availableIs(isLabelAvailableInLfib(bsid));
    user->policyIdIs(id);
    return user;

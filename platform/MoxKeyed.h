@@ -137,6 +137,13 @@ class KeyedTable {
       assert(keyOfMember(*it) == k);
       return {const_iterator(it), made};
    }
+   // Inserts `p`, or puts it in the place of the member with its key (which is let go): one probe.
+   const_iterator assign(P p) {
+      auto [it, inserted] = set_.insert(std::move(p));
+      // Only reached when `p` was not moved from. The slot keeps its place: the key is the same.
+      if (!inserted) const_cast<P&>(*it) = std::move(p);
+      return const_iterator(it);
+   }
    // Inserts `p` unless a member with its key is there.
    std::pair<const_iterator, bool> insert(P p) {
       auto [it, inserted] = set_.insert(std::move(p));

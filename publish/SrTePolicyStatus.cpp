@@ -19,9 +19,7 @@ Mox::Ptr<PolicyStatusEntry> PolicyStatus::statusIs(const PolicyKey& key, Candida
                                                    Vault::Fib::FecId nullLabelFecId) {
    auto entry = Mox::make<PolicyStatusEntry>(key, candidateId, originator, lastModified, bindingSid,
                                              fecId, nullLabelFecId);
-   // A replaced entry leaves first: the table reads keys from its members.
-   if (auto it = status_.find(key); it != status_.end()) status_.erase(it);
-   status_.insert(entry);
+   status_.assign(entry);
    notify(&Notifiee::onStatus, key);
    return entry;
 }

@@ -111,12 +111,9 @@ Mox::Ptr<PolicySelectionSm> policySelectionSmFactory(PolicySelectionSm::Inputs i
 void PolicySelectionSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    if (!entry) throw std::invalid_argument(nullPolicyIdEntryMessage);
    auto it = policyIdEntry_.find(entry->id());
-   if (it != policyIdEntry_.end()) {
-      if (it->second->entry() == entry.get()) return;
-      // An entry removed and made again under the same id is a new object: watch that one.
-      policyIdEntry_.erase(it);
-   }
-   policyIdEntry_.insert(policyIdEntryPool_.make(*this, entry.get()));
+   if (it != policyIdEntry_.end() && it->second->entry() == entry.get()) return;
+   // An entry removed and made again under the same id is a new object: watch that one.
+   policyIdEntry_.assign(policyIdEntryPool_.make(*this, entry.get()));
 }
 
 void PolicySelectionSm::policyIdEntryDel(const PolicyId& id) { policyIdEntry_.erase(id); }

@@ -108,12 +108,9 @@ Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs i
 
 void TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    auto it = policyIdEntry_.find(entry->id());
-   if (it != policyIdEntry_.end()) {
-      if (it->second->entry() == entry.get()) return;
-      // An entry removed and made again under the same id is a new object: watch that one.
-      policyIdEntry_.erase(it);
-   }
-   policyIdEntry_.insert(policyIdEntryPool_.make(*this, entry.get()));
+   if (it != policyIdEntry_.end() && it->second->entry() == entry.get()) return;
+   // An entry removed and made again under the same id is a new object: watch that one.
+   policyIdEntry_.assign(policyIdEntryPool_.make(*this, entry.get()));
 }
 
 const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {

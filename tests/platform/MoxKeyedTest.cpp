@@ -70,6 +70,14 @@ TEST(MoxKeyedTable, FindsMembersByTheirOwnKeysAcrossGrowthAndIteratesAsPairs) {
    EXPECT_FALSE(inserted);
    EXPECT_EQ(again->second.get(), made["item-42"]);
    EXPECT_FALSE(table.insert(Mox::make<Item>("item-7", -1)).second) << "second member for a key";
+   // A replacement takes the old member's place; the old one is let go.
+   Mox::Ptr<Item> old = table.get("item-8");
+   table.assign(Mox::make<Item>("item-8", -8));
+   EXPECT_EQ(table.get("item-8")->value(), -8);
+   EXPECT_EQ(old->refCount(), 1u) << "the table still holds the replaced member";
+   made["item-8"] = table.get("item-8");
+   EXPECT_EQ(table.assign(Mox::make<Item>("item-new", 1))->second->value(), 1);
+   EXPECT_EQ(table.erase("item-new"), 1u);
 
    size_t seen = 0;
    for (const auto& [name, item] : table) {
