@@ -445,7 +445,7 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
       // cannot have it among its users yet.
       const bool newUser = std::find(previous.begin(), previous.end(), slId) == previous.end() &&
                            std::find(current.begin(), current.end(), slId) == current.end();
-      registerSegmentListForPolicy(list, id, newUser);
+      registerSegmentListForPolicy(list, entry, newUser);
       current.push_back(slId);
       entry->wSegmentListIs(static_cast<uint8_t>(i),
                             WeightedSegmentListId(slot.weight, slId, slId.getTunnelId()));
@@ -460,7 +460,7 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
    }
    for (SegmentListId old : previous) {
       if (std::find(current.begin(), current.end(), old) == current.end()) {
-         deregisterSegmentListForPolicy(old, id);
+         deregisterSegmentListForPolicy(old, *entry);
       }
    }
    // Every write bumps the version, a record processed again unchanged included: selection
@@ -473,7 +473,7 @@ void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
    if (!entry) return;
    SegmentListIds lists;
    for (const auto& [index, wsl] : entry->wSegmentList()) lists.push_back(wsl.segmentListId);
-   for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, id);
+   for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, *entry);
    policySelectionInput_->policyIdEntryDel(id);
 }
 
@@ -525,7 +525,9 @@ PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStac
 }
 
 void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
-                                                 const PolicyId& id, bool newUser) {
+                                                 const Mox::Ptr<PolicyIdEntry>& entry,
+                                                 bool newUser) {
+   const PolicyId& id = entry->id();
    const SegmentListId slId = list->segmentListId();
    SRTE_TRACE_TO(tracer_, 9,
                  "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
@@ -548,18 +550,19 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
       }
    }
    if (newUser) {
-      user->policyIdIsNew(id);
+      user->policyIdIsNew(entry);
    } else {
-      user->policyIdIs(id);
+      user->policyIdIs(entry);
    }
 }
 
-void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyId& id) {
+void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const PolicyIdEntry& entry) {
+   const PolicyId& id = entry.id();
    SRTE_TRACE_TO(tracer_, 9,
                  "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
    SegmentListUser* user = segListMap_->segmentListUser(slId);
    if (!user) return;
-   user->policyIdDel(id);
+   user->policyIdDel(entry);
    if (!user->policyId().empty()) return;
    // Last user gone: drop every reference this stage holds, so the list leaves its table.
    Mox::Ptr<const SegmentList> list(user->segmentList());

@@ -209,9 +209,9 @@ class PolicyInputSm : public Mox::RefCounted {
                                                 const PolicyId& id);
    // `newUser`: the caller knows the path is not among the list's users yet (it did not name the
    // list before this record), so registering it needs no search.
-   void registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& segmentList, const PolicyId& id,
-                                     bool newUser = false);
-   void deregisterSegmentListForPolicy(SegmentListId segmentListId, const PolicyId& id);
+   void registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& segmentList,
+                                     const Mox::Ptr<PolicyIdEntry>& entry, bool newUser = false);
+   void deregisterSegmentListForPolicy(SegmentListId segmentListId, const PolicyIdEntry& entry);
    void runCleanupJob();
 
    // Queueing.

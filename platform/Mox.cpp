@@ -21,42 +21,42 @@ void NotifieeBase::bind(Entity* entity) {
 }
 
 Entity::~Entity() {
-   if (reactors_.items.empty()) return;
-   for (NotifieeBase* r : reactors_.items) {
+   if (reactors_.empty()) return;
+   for (NotifieeBase* r : reactors_) {
       if (!r) continue;
       r->notifier_ = nullptr;
    }
    // Tell them after all are unbound, so a reactor that rebinds elsewhere does not touch us.
-   auto items = std::move(reactors_.items);
-   reactors_.items.clear();
+   auto items = std::move(reactors_);
+   reactors_.clear();
    for (NotifieeBase* r : items) {
       if (r) r->onNotifierDeleted();
    }
 }
 
 size_t Entity::notifieeCount() const noexcept {
-   return std::count_if(reactors_.items.begin(), reactors_.items.end(),
+   return std::count_if(reactors_.begin(), reactors_.end(),
                         [](NotifieeBase* r) { return r != nullptr; });
 }
 
-void Entity::attach(NotifieeBase* n) { reactors_.items.push_back(n); }
+void Entity::attach(NotifieeBase* n) { reactors_.push_back(n); }
 
 void Entity::detach(NotifieeBase* n) {
-   auto& items = reactors_.items;
+   auto& items = reactors_;
    auto it = std::find(items.begin(), items.end(), n);
    if (it == items.end()) return;
-   if (reactors_.dispatchDepth > 0) {
+   if (dispatchDepth_ > 0) {
       *it = nullptr; // compacted when the outermost dispatch ends
-      reactors_.hasHoles = true;
+      reactorHoles_ = true;
    } else {
       items.erase(it);
    }
 }
 
 void Entity::compactReactors() {
-   auto& items = reactors_.items;
+   auto& items = reactors_;
    items.erase(std::remove(items.begin(), items.end(), nullptr), items.end());
-   reactors_.hasHoles = false;
+   reactorHoles_ = false;
 }
 
 std::string vformat(const char* fmt, va_list args) {

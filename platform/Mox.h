@@ -118,12 +118,17 @@ class RefCounted {
    [[noreturn]] static void refCountCheckFailed(const char* text) noexcept;
    // When the count falls to `count` (non-zero), onRefCountWatched() runs. A dedup table sets it to
    // the number of references its own bookkeeping holds.
-   void refCountWatchIs(uint32_t count) noexcept { watchAt_ = count; }
+   void refCountWatchIs(uint32_t count) noexcept {
+      debugCheck(count <= UINT8_MAX, "watch mark out of range");
+      watchAt_ = static_cast<uint8_t>(count);
+   }
    virtual void onRefCountWatched() {}
 
  private:
    mutable uint32_t refs_ = 0;
-   uint32_t watchAt_ = 0;
+   // A handful of references at most. One byte leaves the rest of the word to a derived class
+   // (an entity keeps its dispatch state there), which saves 8 bytes on every entity.
+   uint8_t watchAt_ = 0;
 };
 
 template <class T>
@@ -502,13 +507,13 @@ class Entity : public RefCounted {
    // Calls `handler(args...)` on every bound, active reactor of type N, in binding order.
    template <class N, class... P, class... A>
    void notify(void (N::*handler)(P...), const A&... args) {
-      if (reactors_.items.empty()) return;
+      if (reactors_.empty()) return;
 #ifndef NDEBUG
       // Re-entrance would hand the reactors not yet called this change before the earlier one.
-      SRTE_ASSERT(reactors_.dispatchDepth == 0, "Entity changed during its own notification");
+      SRTE_ASSERT(dispatchDepth_ == 0, "Entity changed during its own notification");
 #endif
       DispatchScope scope(*this);
-      auto& items = scope.reactors.items;
+      auto& items = reactors_;
       for (size_t i = 0, n = items.size(); i < n; ++i) {
          NotifieeBase* r = items[i];
          if (r && r->active_) (static_cast<N*>(r)->*handler)(args...);
@@ -591,37 +596,35 @@ class Entity : public RefCounted {
 
  private:
    friend class NotifieeBase;
-   // Held in the entity itself: most entities have no reactor or one (an entity per candidate
-   // path watched by one machine), which then costs neither an allocation nor a pointer to follow
-   // on every notification.
-   struct Reactors {
-      absl::InlinedVector<NotifieeBase*, 2> items;
-      uint32_t dispatchDepth = 0;
-      bool hasHoles = false;
-   };
    // Inline: every notification pays for it.
    struct DispatchScope {
-      explicit DispatchScope(Entity& e) noexcept
-          : entity(e), reactors(e.reactors_), guarded(e.refCount() > 0) {
+      explicit DispatchScope(Entity& e) noexcept : entity(e), guarded(e.refCount() > 0) {
          if (guarded) entity.ref();
-         ++reactors.dispatchDepth;
+         ++entity.dispatchDepth_;
       }
       ~DispatchScope() {
-         if (--reactors.dispatchDepth == 0 && reactors.hasHoles) [[unlikely]] {
+         if (--entity.dispatchDepth_ == 0 && entity.reactorHoles_) [[unlikely]] {
             entity.compactReactors();
          }
          if (guarded) entity.unref();
       }
       Entity& entity;
-      Reactors& reactors;
       bool guarded;
    };
    void attach(NotifieeBase* n);
    void detach(NotifieeBase* n);
    void compactReactors();
 
-   Reactors reactors_;
+   // These two sit in the reference count's word (see RefCounted): an entity is 40 bytes.
+   bool reactorHoles_ = false;  // a reactor left during a dispatch: compact when it ends
+   uint16_t dispatchDepth_ = 0; // nested deliveries under way
+   // Held in the entity itself: most entities have no reactor or one or two (an entity per
+   // candidate path watched by a machine or two), which then cost neither an allocation nor a
+   // pointer to follow on every notification.
+   absl::InlinedVector<NotifieeBase*, 2> reactors_;
 };
+static_assert(sizeof(void*) != 8 || sizeof(Entity) == 40,
+              "an entity's dispatch state shares the reference count's word");
 
 // A reactor that forwards to its owner. A machine's nested reactor classes derive from it and
 // override just the handlers they use, each calling one member function of the machine:

@@ -1,5 +1,6 @@
 #include "segment/SrTePolicySegmentList.h"
 
+#include <algorithm>
 #include <cassert>
 
 #include "platform/Assert.h"
@@ -153,9 +154,36 @@ void SegmentIdToSegmentList::dump(std::string& out, int depth) const {
    }
 }
 
+void SegmentListUser::policyIdDel(Members::const_iterator it) {
+   // The entry may be held by nothing else now: keep it until the reactors have seen it go.
+   const Member keep = *it;
+   policyId_.erase(it);
+   notify(&Notifiee::onPolicyId, keep->id());
+}
+
+void SegmentListUser::policyIdDel(const PolicyIdEntry& entry) {
+   auto it = policyId_.find(Member(&entry));
+   if (it != policyId_.end()) policyIdDel(it);
+}
+
+void SegmentListUser::policyIdDel(const PolicyId& p) {
+   auto it = std::find_if(policyId_.begin(), policyId_.end(),
+                          [&p](const Member& m) { return m->id() == p; });
+   if (it != policyId_.end()) policyIdDel(it);
+}
+
+void SegmentListUser::policyIdDelAll() {
+   // Taken first: erasing at begin() of a large set one at a time would cost the square of its
+   // size. Reactors may add members meanwhile: go round until none is left.
+   while (!policyId_.empty()) {
+      const std::vector<Member> members(policyId_.begin(), policyId_.end());
+      for (const Member& m : members) policyIdDel(*m);
+   }
+}
+
 void SegmentListUser::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cPolicyIds #%zu \n", depth, ' ', policyId_.size());
-   for (const auto& p : policyId_)
+   for (const PolicyId& p : Mox::sortedKeys(policyId()))
       Mox::appendf(out, "%*c%s\n", depth + 2, ' ', p.stringValue().c_str());
 }
 

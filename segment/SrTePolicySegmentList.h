@@ -29,6 +29,7 @@
 #include "platform/Tunnel.h"
 #include "segment/SrTePolicyDedupLifeTime.h"
 #include "segment/SrTePolicySegment.h"
+#include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
@@ -247,9 +248,58 @@ class SegmentIdToSegmentList : public Mox::Entity {
    Map segmentList_;
 };
 
-// The candidate paths that use one segment list.
+// The candidate paths that use one segment list: the set of their PolicyIds. A path joins through
+// its selection-input entry, which holds its id, so a member is a pointer, not a 32-byte id: a list
+// that ten paths share keeps ten pointers (at a million paths the ids were a fifth of the input
+// stage's memory). An entry stays alive while it is a member; the input stage takes a path out
+// before it drops the path's entry.
 class SegmentListUser : public Mox::Entity {
  public:
+   using Member = Mox::Ptr<const PolicyIdEntry>;
+   using Members = Mox::SmallSet<Member, 2, 16>;
+
+   // The members' PolicyIds, in no particular order.
+   class PolicyIds {
+    public:
+      class const_iterator {
+       public:
+         using value_type = PolicyId;
+         using difference_type = std::ptrdiff_t;
+         using reference = const PolicyId&;
+         using pointer = const PolicyId*;
+         using iterator_category = std::forward_iterator_tag;
+         const_iterator() = default;
+         explicit const_iterator(Members::const_iterator it) : it_(it) {}
+         const PolicyId& operator*() const noexcept { return (*it_)->id(); }
+         const PolicyId* operator->() const noexcept { return &**this; }
+         const_iterator& operator++() noexcept {
+            ++it_;
+            return *this;
+         }
+         const_iterator operator++(int) noexcept {
+            auto old = *this;
+            ++it_;
+            return old;
+         }
+         friend bool operator==(const const_iterator&, const const_iterator&) = default;
+
+       private:
+         Members::const_iterator it_;
+      };
+      explicit PolicyIds(const Members& m) noexcept : members_(&m) {}
+      const_iterator begin() const noexcept { return const_iterator(members_->begin()); }
+      const_iterator end() const noexcept { return const_iterator(members_->end()); }
+      size_t size() const noexcept { return members_->size(); }
+      bool empty() const noexcept { return members_->empty(); }
+      // A scan: the members are found by entry, not by id.
+      size_t count(const PolicyId& id) const {
+         return std::find(begin(), end(), id) != end() ? 1 : 0;
+      }
+
+    private:
+      const Members* members_;
+   };
+
    class Notifiee : public Mox::NotifieeOf<SegmentListUser> {
     public:
       virtual void onPolicyId(const PolicyId&) {}
@@ -260,19 +310,31 @@ class SegmentListUser : public Mox::Entity {
 
    SegmentListId id() const noexcept { return id_; }
    const SegmentList* segmentList() const noexcept { return segmentList_.get(); }
-   const PolicyIdSet& policyId() const noexcept { return policyId_; }
-   bool policyIdHas(const PolicyId& p) const { return policyId_.count(p) != 0; }
-   void policyIdIs(const PolicyId& p) { setIs(policyId_, p, &Notifiee::onPolicyId); }
+   PolicyIds policyId() const noexcept { return PolicyIds(policyId_); }
+   // The users' selection-input entries.
+   const Members& policyIdEntry() const noexcept { return policyId_; }
+   bool policyIdHas(const PolicyId& p) const { return policyId().count(p) != 0; }
+   // The path of `entry` uses the list.
+   void policyIdIs(const Member& entry) {
+      if (policyId_.insert(entry).second) notify(&Notifiee::onPolicyId, entry->id());
+   }
    // A path the caller knows is not a user yet: added without searching the users.
-   void policyIdIsNew(const PolicyId& p) { setIsNew(policyId_, p, &Notifiee::onPolicyId); }
-   void policyIdDel(const PolicyId& p) { collDel(policyId_, p, &Notifiee::onPolicyId); }
-   void policyIdDelAll() { collDelAll(policyId_, &Notifiee::onPolicyId); }
+   void policyIdIsNew(const Member& entry) {
+      policyId_.insertNew(entry);
+      notify(&Notifiee::onPolicyId, entry->id());
+   }
+   void policyIdDel(const PolicyIdEntry& entry);
+   // By id: a scan of the members.
+   void policyIdDel(const PolicyId& p);
+   void policyIdDelAll();
    void dump(std::string& out, int depth) const;
 
  private:
+   void policyIdDel(Members::const_iterator it);
+
    SegmentListId id_;
    Mox::Ptr<const SegmentList> segmentList_;
-   PolicyIdSet policyId_;
+   Members policyId_;
 };
 
 class SegmentListIdToPolicyMap : public Mox::Entity {

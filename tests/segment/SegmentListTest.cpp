@@ -94,7 +94,7 @@ TEST(SegmentList, AListFindsItsMapEntryExactlyAsTheMapHoldsIt) {
       auto map = Mox::make<SegmentListIdToPolicyMap>();
       EXPECT_EQ(map->segmentListUser(*list), nullptr);
       SegmentListUser* user = map->segmentListUserIs(id, list);
-      user->policyIdIs(path);
+      user->policyIdIs(Mox::make<PolicyIdEntry>(path, Preference(100), Originator()));
       EXPECT_EQ(map->segmentListUser(*list), user);
       EXPECT_EQ(map->segmentListUserIs(id, list), user) << "registered once";
       map->segmentListUserDel(id);
@@ -110,6 +110,53 @@ TEST(SegmentList, AListFindsItsMapEntryExactlyAsTheMapHoldsIt) {
    EXPECT_EQ(next->segmentListUser(id), nullptr);
    SegmentListUser* user = next->segmentListUserIs(id, list);
    EXPECT_EQ(next->segmentListUser(*list), user);
+}
+
+// The users of a list are their paths' ids, held through the paths' selection-input entries: a
+// reactor hears the id on every change, a large set (past the linear members) behaves the same,
+// and an entry that only the set still held stays readable while the reactors hear it leave.
+TEST(SegmentList, UsersAreThePathsIdsWhateverHoldsThem) {
+   struct Heard : SegmentListUser::Notifiee {
+      std::vector<PolicyId> ids;
+      void onPolicyId(const PolicyId& id) override { ids.push_back(id); }
+   };
+   auto path = [](uint32_t n) {
+      return PolicyId(PolicyKey(Ipkit::IpGenAddr::v4(0x0a000000 + n), Color(1)), Protocol::bgp,
+                      Discriminator(n));
+   };
+   auto user = Mox::make<SegmentListUser>(SegmentListId(7), nullptr);
+   Heard heard;
+   heard.notifierIs(user);
+
+   std::vector<Mox::Ptr<PolicyIdEntry>> entries;
+   for (uint32_t n = 1; n <= 20; ++n) {
+      entries.push_back(Mox::make<PolicyIdEntry>(path(n), Preference(100), Originator()));
+      user->policyIdIsNew(entries.back());
+   }
+   user->policyIdIs(entries[3]); // already a user: nobody hears it
+   EXPECT_EQ(heard.ids.size(), 20u);
+   EXPECT_EQ(user->policyId().size(), 20u);
+   EXPECT_TRUE(user->policyIdHas(path(20)));
+   EXPECT_FALSE(user->policyIdHas(path(21)));
+   std::vector<PolicyId> expected;
+   for (uint32_t n = 1; n <= 20; ++n) expected.push_back(path(n));
+   std::sort(expected.begin(), expected.end());
+   EXPECT_EQ(Mox::sortedKeys(user->policyId()), expected);
+
+   heard.ids.clear();
+   user->policyIdDel(path(5));     // by id
+   user->policyIdDel(*entries[5]); // by entry
+   user->policyIdDel(path(5));     // gone already: nobody hears it
+   EXPECT_EQ(heard.ids, (std::vector<PolicyId>{path(5), path(6)}));
+
+   // Only the set holds the rest now: every id is still readable as it leaves.
+   entries.clear();
+   heard.ids.clear();
+   user->policyIdDelAll();
+   EXPECT_TRUE(user->policyId().empty());
+   std::sort(heard.ids.begin(), heard.ids.end());
+   expected.erase(expected.begin() + 4, expected.begin() + 6);
+   EXPECT_EQ(heard.ids, expected);
 }
 
 } // namespace

@@ -49,7 +49,7 @@ struct SelectionEnv {
       for (uint8_t i = 0; i < lists.size(); ++i) {
          const SegmentListId sl(lists[i]);
          e->wSegmentListIs(i, WeightedSegmentListId(Weight(i + 1), sl));
-         users->segmentListUserIs(sl, nullptr)->policyIdIs(id);
+         users->segmentListUserIs(sl, nullptr)->policyIdIs(e);
       }
       e->versionInc();
    }
