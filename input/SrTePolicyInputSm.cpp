@@ -322,14 +322,16 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
       PolicyInfo* info = policyKeyToIdMap_->policy(id.key);
       const PolicyCandidateInfo* earlier = info ? info->candidate(candidateId) : nullptr;
       const Ipkit::MplsLabel registered = earlier ? earlier->bindingSid : Ipkit::MplsLabel();
-      const BindingSidUser* user = registerForBindingSid(record.bindingSid(), id, registered);
+      // Made first: the binding-SID user holds the path through it.
+      if (!info) info = policyKeyToIdMap_->policyIs(id.key);
+      const BindingSidUser* user =
+          registerForBindingSid(record.bindingSid(), id, *info, registered);
       const PolicyInvalidReason reason = isPolicyEntryValid(record, user);
       if (reason == PolicyInvalidReason::usable) {
          addOrUpdatePolicyIdEntry(record);
       } else {
          deletePolicyIdEntry(id);
       }
-      if (!info) info = policyKeyToIdMap_->policyIs(id.key);
       addInPolicyKeyToIdMap(*info, candidateId, policyChanged, reason, record.bindingSid());
       return;
    }
@@ -489,6 +491,7 @@ Ipkit::MplsLabel PolicyInputSm::getBindingSidOfPolicy(const PolicyId& id) const 
 }
 
 BindingSidUser* PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id,
+                                                     const PolicyInfo& info,
                                                      Ipkit::MplsLabel registered) {
    if (registered != bsid) deregisterForBindingSid(registered, id);
    if (bsid.isNull()) return nullptr;
@@ -496,7 +499,7 @@ BindingSidUser* PolicyInputSm::registerForBindingSid(Ipkit::MplsLabel bsid, cons
    // The slot may move when the table next grows; the user does not.
    BindingSidUser* user = it->second.get();
    if (user->policyId().empty()) user->availableIs(isLabelAvailableInLfib(bsid));
-   user->policyIdIs(id);
+   user->policyIdIs(info, CandidateId(id));
    return user;
 }
 

@@ -59,6 +59,7 @@
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
+#include "platform/MoxView.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
@@ -72,9 +73,35 @@
 
 namespace SrTePolicy {
 
-// The candidate paths naming one binding SID, and whether the LFIB leaves that label to us.
+// The candidate paths naming one binding SID, and whether the LFIB leaves that label to us. A path
+// is held as its key's candidate record and its candidate id, 16 bytes where its PolicyId is 32: a
+// path registered here keeps its candidate in PolicyKeyToIdMap for as long as it is registered
+// (this stage records and drops the two together). Readers see the set of PolicyId.
 class BindingSidUser : public Mox::Entity {
  public:
+   struct Member {
+      Mox::Ptr<const PolicyInfo> info;
+      CandidateId candidate;
+      PolicyId policyId() const {
+         return PolicyId(info->key(), candidate.protocol, candidate.discriminator);
+      }
+      bool names(const PolicyId& id) const {
+         return candidate == CandidateId(id) && info->key() == id.key;
+      }
+      uint32_t hash() const noexcept {
+         return Mox::hashCombine(
+             Mox::mix32(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(info.get()) >> 4)),
+             candidate.hash());
+      }
+      friend bool operator==(const Member&, const Member&) = default;
+   };
+   struct MemberId {
+      PolicyId operator()(const Member& m) const { return m.policyId(); }
+   };
+   using Members = Mox::SmallSet<Member, 2, 16>;
+   // The members' PolicyIds, in no particular order.
+   using PolicyIds = Mox::MappedView<Members, MemberId>;
+
    class Notifiee : public Mox::NotifieeOf<BindingSidUser> {
     public:
       virtual void onAvailable() {}
@@ -85,16 +112,29 @@ class BindingSidUser : public Mox::Entity {
    const Ipkit::MplsLabel& label() const noexcept { return label_; }
    bool available() const noexcept { return available_; }
    void availableIs(bool a) { attrIs(available_, a, &Notifiee::onAvailable); }
-   const PolicyIdSet& policyId() const noexcept { return policyId_; }
-   bool policyIdHas(const PolicyId& id) const { return policyId_.count(id) != 0; }
-   void policyIdIs(const PolicyId& id) { setIs(policyId_, id, &Notifiee::onPolicyId); }
-   void policyIdDel(const PolicyId& id) { collDel(policyId_, id, &Notifiee::onPolicyId); }
-   void policyIdDelAll() { collDelAll(policyId_, &Notifiee::onPolicyId); }
+   PolicyIds policyId() const noexcept { return PolicyIds(policyId_); }
+   bool policyIdHas(const PolicyId& id) const { return policyId().count(id) != 0; }
+   // The path `candidate` of the key whose candidate record is `info`.
+   void policyIdIs(const PolicyInfo& info, const CandidateId& candidate) {
+      const Member m{Mox::Ptr<const PolicyInfo>(&info), candidate};
+      if (policyId_.insert(m).second) notify(&Notifiee::onPolicyId, m.policyId());
+   }
+   // By id: a scan of the members (a label has one or two).
+   void policyIdDel(const PolicyId& id) {
+      auto it = std::find_if(policyId_.begin(), policyId_.end(),
+                             [&id](const Member& m) { return m.names(id); });
+      if (it == policyId_.end()) return;
+      policyId_.erase(it);
+      notify(&Notifiee::onPolicyId, id);
+   }
+   void policyIdDelAll() {
+      while (!policyId_.empty()) policyIdDel(policyId_.begin()->policyId());
+   }
 
  private:
    Ipkit::MplsLabel label_;
    bool available_ = false;
-   PolicyIdSet policyId_;
+   Members policyId_;
 };
 
 // The pending candidate paths, drained in hash order (types/SrTePolicyPendingKey.h); the value
@@ -198,8 +238,9 @@ class PolicyInputSm : public Mox::RefCounted {
    Ipkit::MplsLabel getBindingSidOfPolicy(const PolicyId& id) const;
    // Registers `id` under `bsid`, leaving `registered` (the label it was registered under) when
    // that differs; returns the user of `bsid`, null for the null label.
+   // `info` is the candidate record of the path's key, which the path is recorded in next.
    BindingSidUser* registerForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id,
-                                         Ipkit::MplsLabel registered);
+                                         const PolicyInfo& info, Ipkit::MplsLabel registered);
    void deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyId& id);
    bool isLabelAvailableInLfib(Ipkit::MplsLabel label) const;
 

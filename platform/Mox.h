@@ -246,9 +246,11 @@ using RbTreeMap = std::map<K, V>;
 
 // A set that is usually one or two members (the candidate paths naming one binding SID or one
 // segment list): up to `Inline` members live inline and are searched linearly, so the common case
-// has no table and no allocation; up to `Linear` members live in one block allocated once, still
-// searched linearly; past that the members move to a flat table, so a list that a thousand paths
-// share does not cost a linear search per change. Iteration order is unspecified.
+// has no table and no allocation; up to `Linear` members live in one block, still searched
+// linearly, which grows to three times the inline members, then doubles (a dozen users cost two
+// allocations, and at most half the block stands empty); past that the members move to a flat
+// table, so a list that a thousand paths share does not cost a linear search per change. Iteration
+// order is unspecified.
 template <class K, size_t Inline = 2, size_t Linear = 8>
 class SmallSet {
    using Vec = absl::InlinedVector<K, Inline>;
@@ -327,9 +329,7 @@ class SmallSet {
       auto it = std::find(small_.begin(), small_.end(), k);
       if (it != small_.end()) return {const_iterator(&*it), false};
       if (small_.size() < Linear) {
-         // Past the inline members, room for every linear one at once: one allocation, not one
-         // per doubling.
-         if (small_.size() == Inline) small_.reserve(Linear);
+         growLinear();
          small_.push_back(k);
          return {const_iterator(&small_.back()), true};
       }
@@ -347,7 +347,7 @@ class SmallSet {
          insert(k);
          return;
       }
-      if (small_.size() == Inline) small_.reserve(Linear);
+      growLinear();
       small_.push_back(k);
    }
    void erase(const_iterator it) {
@@ -372,6 +372,12 @@ class SmallSet {
    }
 
  private:
+   void growLinear() {
+      const size_t n = small_.size();
+      if (n < small_.capacity()) return;
+      small_.reserve(std::min(Linear, n == Inline ? 3 * Inline : 2 * n));
+   }
+
    Vec small_;
    std::unique_ptr<Big> big_;
 };

@@ -34,16 +34,17 @@ std::ostream& operator<<(std::ostream& os, const Segment& s) { return os << s.mp
 void SegmentArray::resize(uint32_t n) {
    if (n <= inlineCapacity) {
       if (!isInline()) {
-         std::copy_n(heap_.begin(), n, inline_.begin());
-         std::vector<Segment>().swap(heap_);
+         std::copy_n(heap_.get(), n, inline_.begin());
+         heap_.reset();
       } else {
          std::fill(inline_.begin() + size_, inline_.begin() + std::max(size_, n), Segment());
       }
       size_ = n;
       return;
    }
-   if (isInline()) heap_.assign(inline_.begin(), inline_.begin() + size_);
-   heap_.resize(n);
+   auto grown = std::make_unique<Segment[]>(n); // new slots hold the default segment
+   std::copy_n(data(), std::min(size_, n), grown.get());
+   heap_ = std::move(grown);
    size_ = n;
 }
 

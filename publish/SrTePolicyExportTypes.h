@@ -14,6 +14,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -64,12 +65,13 @@ class SegmentArray {
    void set(uint32_t i, const Segment& s) noexcept { data()[i] = s; }
 
  private:
-   const Segment* data() const noexcept { return isInline() ? inline_.data() : heap_.data(); }
-   Segment* data() noexcept { return isInline() ? inline_.data() : heap_.data(); }
+   const Segment* data() const noexcept { return isInline() ? inline_.data() : heap_.get(); }
+   Segment* data() noexcept { return isInline() ? inline_.data() : heap_.get(); }
 
-   std::array<Segment, inlineCapacity> inline_{};
-   std::vector<Segment> heap_;
+   // The count first, so that it packs with the inline labels: one per exported list, 40 bytes.
    uint32_t size_ = 0;
+   std::array<Segment, inlineCapacity> inline_{};
+   std::unique_ptr<Segment[]> heap_; // exactly size_ labels, past the inline capacity
 };
 
 class SegmentList : public Mox::Entity {

@@ -26,6 +26,7 @@
 #include "platform/Ipkit.h"
 #include "platform/KilnDedup.h"
 #include "platform/Mox.h"
+#include "platform/MoxView.h"
 #include "platform/Tunnel.h"
 #include "segment/SrTePolicyDedupLifeTime.h"
 #include "segment/SrTePolicySegment.h"
@@ -36,10 +37,6 @@ namespace SrTePolicy {
 
 class SegmentListLifeTimeNotifier;
 class SegmentListDedupTable;
-
-// The candidate paths that use one thing (a segment list, a binding SID): one or two as a rule,
-// a dozen for a list that many paths share; a table only past 16.
-using PolicyIdSet = Mox::SmallSet<PolicyId, 2, 16>;
 
 class SegmentListUser;
 
@@ -258,47 +255,11 @@ class SegmentListUser : public Mox::Entity {
    using Member = Mox::Ptr<const PolicyIdEntry>;
    using Members = Mox::SmallSet<Member, 2, 16>;
 
-   // The members' PolicyIds, in no particular order.
-   class PolicyIds {
-    public:
-      class const_iterator {
-       public:
-         using value_type = PolicyId;
-         using difference_type = std::ptrdiff_t;
-         using reference = const PolicyId&;
-         using pointer = const PolicyId*;
-         using iterator_category = std::forward_iterator_tag;
-         const_iterator() = default;
-         explicit const_iterator(Members::const_iterator it) : it_(it) {}
-         const PolicyId& operator*() const noexcept { return (*it_)->id(); }
-         const PolicyId* operator->() const noexcept { return &**this; }
-         const_iterator& operator++() noexcept {
-            ++it_;
-            return *this;
-         }
-         const_iterator operator++(int) noexcept {
-            auto old = *this;
-            ++it_;
-            return old;
-         }
-         friend bool operator==(const const_iterator&, const const_iterator&) = default;
-
-       private:
-         Members::const_iterator it_;
-      };
-      explicit PolicyIds(const Members& m) noexcept : members_(&m) {}
-      const_iterator begin() const noexcept { return const_iterator(members_->begin()); }
-      const_iterator end() const noexcept { return const_iterator(members_->end()); }
-      size_t size() const noexcept { return members_->size(); }
-      bool empty() const noexcept { return members_->empty(); }
-      // A scan: the members are found by entry, not by id.
-      size_t count(const PolicyId& id) const {
-         return std::find(begin(), end(), id) != end() ? 1 : 0;
-      }
-
-    private:
-      const Members* members_;
+   struct MemberId {
+      const PolicyId& operator()(const Member& m) const noexcept { return m->id(); }
    };
+   // The members' PolicyIds, in no particular order.
+   using PolicyIds = Mox::MappedView<Members, MemberId>;
 
    class Notifiee : public Mox::NotifieeOf<SegmentListUser> {
     public:

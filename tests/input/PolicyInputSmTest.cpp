@@ -172,7 +172,8 @@ TEST_F(InputStage, BindingSidHeldByAnotherApplicationUntilItsRouteGoes) {
    scheduler.runUntilIdle();
    EXPECT_EQ(reason(a), PolicyInvalidReason::bsidInUseOtherApplication);
    EXPECT_EQ(sm()->bsidUser().size(), 1u); // one user for both paths
-   EXPECT_EQ(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 2u);
+   EXPECT_EQ(Mox::sortedKeys(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId()),
+             (std::vector<PolicyId>{a, b}));
    ASSERT_EQ(syslog().records().size(), 2u);
    std::vector<std::string> texts{syslog().records()[0].text, syslog().records()[1].text};
    std::sort(texts.begin(), texts.end());
@@ -189,8 +190,15 @@ TEST_F(InputStage, BindingSidHeldByAnotherApplicationUntilItsRouteGoes) {
    // The record itself did not change: the candidate keeps its time of last change.
    EXPECT_EQ(candidate(a)->lastModified, firstSeen);
 
+   // A path that moves to another label leaves this one; a path that goes leaves it too.
+   put(record(a, 900011, {{16001}}));
+   scheduler.runUntilIdle();
+   EXPECT_EQ(Mox::sortedKeys(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId()),
+             (std::vector<PolicyId>{b}));
+   EXPECT_TRUE(sm()->bsidUser(Ipkit::MplsLabel(900011))->policyIdHas(a));
    bgp->policyInputEntryDel(a);
    scheduler.runUntilIdle();
+   EXPECT_EQ(sm()->bsidUser(Ipkit::MplsLabel(900011)), nullptr);
    EXPECT_EQ(sm()->bsidUser(Ipkit::MplsLabel(900010))->policyId().size(), 1u);
    bgp->policyInputEntryDel(b);
    scheduler.runUntilIdle();

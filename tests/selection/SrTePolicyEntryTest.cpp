@@ -232,4 +232,35 @@ TEST(PolicySelectionInput, EntriesNotifyOnlyRealChanges) {
    EXPECT_EQ(input->policyIdEntry(id), nullptr);
 }
 
+// Rows keep index order and their values through sparse inserts and removals anywhere, the
+// highest index included; a row removed from the middle leaves the others where their indexes say.
+TEST(PolicySelectionInput, RowsStayInIndexOrderThroughSparseEdits) {
+   IndexedRows<WeightedTunnelId> rows;
+   auto row = [](uint32_t n) {
+      return WeightedTunnelId(Tunnel::TunnelTable::TunnelId(n), Weight(n));
+   };
+   auto seen = [&rows] {
+      std::string out;
+      for (const auto& [index, w] : rows)
+         out += std::to_string(index) + "=" + std::to_string(w.weight.value) + " ";
+      return out;
+   };
+   for (uint8_t k : {31, 7, 0, 15, 8}) EXPECT_TRUE(rows.try_emplace(k, row(100 + k)).second);
+   EXPECT_FALSE(rows.try_emplace(7, row(1)).second);
+   EXPECT_EQ(seen(), "0=100 7=107 8=108 15=115 31=131 ");
+   EXPECT_EQ(rows.find(15)->second.weight.value, 115u);
+   EXPECT_TRUE(rows.find(16) == rows.end());
+
+   auto next = rows.erase(rows.find(8));
+   EXPECT_EQ((*next).first, 15);
+   rows.find(15)->second = row(5);
+   const auto taken = rows.take(rows.find(0));
+   EXPECT_EQ(taken.first, 0);
+   EXPECT_EQ(taken.second.weight.value, 100u);
+   EXPECT_FALSE(rows.erase(uint8_t(8)));
+   EXPECT_TRUE(rows.erase(uint8_t(31)));
+   EXPECT_EQ(seen(), "7=107 15=5 ");
+   EXPECT_EQ(rows.size(), 2u);
+}
+
 } // namespace
