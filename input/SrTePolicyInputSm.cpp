@@ -112,10 +112,13 @@ PolicyInputSm::PolicyInputSm(Inputs in)
    }
    moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this, mplsConfig_.get());
    moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, mplsStatus_.get());
-   // Binding to the configuration is what starts the machine.
+   // Binding to the configuration is what starts the machine. It would go on with
+   // handleSpecifiedBsidOnly, which queues every record of each handled table and every
+   // selection-input entry of its protocol, record changed: handleInitialized has just queued all
+   // of them that way, so that would only merge into marks already there (at a million paths, two
+   // million of them on every start).
    moxConfig_ = std::make_unique<MoxConfig>(*this, config_.get());
    handleInitialized();
-   handleSpecifiedBsidOnly();
 }
 
 PolicyInputSm::~PolicyInputSm() {
