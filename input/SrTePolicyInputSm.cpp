@@ -286,6 +286,11 @@ void PolicyInputSm::handleTaskRun() {
          delay = true;
          break;
       }
+      // The tables this drain will probe a few paths on: in hash order, every probe misses.
+      if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
+         policySelectionInput_->policyIdEntry().prefetch(soon->key.id);
+         policyKeyToIdMap_->policy().prefetch(soon->key.id.key);
+      }
       // Copied: processing may queue ids, and the member goes once processed.
       const PolicyId id = member->key.id;
       const bool policyChanged = member->value;

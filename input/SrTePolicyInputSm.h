@@ -153,6 +153,7 @@ class PolicyInputSm : public Mox::RefCounted {
    static constexpr const char* taskName = "InputSmTask";
    static constexpr int taskPriority = 2;
    static constexpr double congestionDelay = 0.1;
+   static constexpr size_t prefetchDistance = 8; // paths the drain fetches its table slots ahead
    static constexpr std::array<Protocol, 2> handledProtocols = {Protocol::bgp,
                                                                 Protocol::staticConfig};
 

@@ -67,6 +67,11 @@ class PendingSet {
       }
       return &pass_[cursor_];
    }
+   // The member `n` places past front() in the pass under way, null past its end: what the drain
+   // will reach soon, for fetching its data ahead.
+   const Member* ahead(size_t n) const noexcept {
+      return cursor_ + n < pass_.size() ? &pass_[cursor_ + n] : nullptr;
+   }
    // Where the pass under way resumes; null when no pass is under way.
    const K* bookmark() const noexcept { return passUnderWay() ? &pass_[cursor_].key : nullptr; }
    // The front member is done.

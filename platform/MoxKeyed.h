@@ -116,6 +116,8 @@ class KeyedTable {
       flush();
    }
 
+   // Fetches the slots a lookup of `k` will read, without waiting for them.
+   void prefetch(const key_type& k) const { set_.prefetch(k); }
    const_iterator find(const key_type& k) const { return const_iterator(set_.find(k)); }
    bool contains(const key_type& k) const { return set_.contains(k); }
    size_t count(const key_type& k) const { return set_.count(k); }

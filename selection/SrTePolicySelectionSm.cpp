@@ -192,6 +192,11 @@ void PolicySelectionSm::handleTaskRun() {
          delay = true;
          break;
       }
+      // The tables this drain will probe a few paths on: in hash order, every probe misses.
+      if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
+         in_.policySelectionInput->policyIdEntry().prefetch(soon->key.id);
+         in_.ecPolicy->policy().prefetch(soon->key.id.key);
+      }
       // Copied: reactors downstream may queue ids meanwhile, and the member goes once processed.
       const PolicyId id = member->key.id;
       pendingPolicyId_.pop();

@@ -50,6 +50,7 @@ class PolicySelectionSm : public Mox::RefCounted {
    static constexpr const char* taskName = "SelectionSmTask";
    static constexpr int taskPriority = 2;
    static constexpr double congestionDelay = 0.1;
+   static constexpr size_t prefetchDistance = 8; // paths the drain fetches its table slots ahead
    static constexpr const char* nullPolicyIdEntryMessage =
        "null _policyIdEntry parameter to mutator for SrTePolicy::PolicySelectionSm::policyIdEntry "
        "not allowed";

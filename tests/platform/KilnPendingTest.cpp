@@ -47,6 +47,10 @@ TEST(KilnPending, AYieldedPassResumesAtItsBookmarkAndLateMarksWaitOrJoinIt) {
    EXPECT_EQ(drain(p, 2), "10 20 ");
    ASSERT_NE(p.bookmark(), nullptr);
    EXPECT_EQ(*p.bookmark(), 30);
+   // What the drain reaches next, within the pass under way only.
+   ASSERT_NE(p.ahead(1), nullptr);
+   EXPECT_EQ(p.ahead(1)->key, 40);
+   EXPECT_EQ(p.ahead(2), nullptr);
    // Ahead in the pass: merged there, processed once. Behind it or new: the next pass.
    p.mark(40, true);
    p.mark(10, true);
