@@ -53,6 +53,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "input/SrTePolicyKeyToIdMap.h"
 #include "platform/Kiln.h"
@@ -90,7 +91,7 @@ class BindingSidUser : public Mox::Entity {
       }
       uint32_t hash() const noexcept {
          return Mox::hashCombine(
-             Mox::mix32(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(info.get()) >> 4)),
+             static_cast<uint32_t>(Mox::Hash<Mox::Ptr<const PolicyInfo>>()(info)),
              candidate.hash());
       }
       friend bool operator==(const Member&, const Member&) = default;
@@ -123,15 +124,26 @@ class BindingSidUser : public Mox::Entity {
    void policyIdDel(const PolicyId& id) {
       auto it = std::find_if(policyId_.begin(), policyId_.end(),
                              [&id](const Member& m) { return m.names(id); });
-      if (it == policyId_.end()) return;
-      policyId_.erase(it);
-      notify(&Notifiee::onPolicyId, id);
+      if (it != policyId_.end()) policyIdDel(it);
    }
    void policyIdDelAll() {
-      while (!policyId_.empty()) policyIdDel(policyId_.begin()->policyId());
+      // Taken first: erasing at begin() of a large set one at a time costs the square of its size.
+      while (!policyId_.empty()) {
+         const std::vector<Member> members(policyId_.begin(), policyId_.end());
+         for (const Member& m : members) {
+            auto it = policyId_.find(m);
+            if (it != policyId_.end()) policyIdDel(it);
+         }
+      }
    }
 
  private:
+   void policyIdDel(Members::const_iterator it) {
+      const Member keep = *it; // the key's record stays readable while the reactors hear it go
+      policyId_.erase(it);
+      notify(&Notifiee::onPolicyId, keep.policyId());
+   }
+
    Ipkit::MplsLabel label_;
    bool available_ = false;
    Members policyId_;

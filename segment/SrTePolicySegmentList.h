@@ -272,8 +272,6 @@ class SegmentListUser : public Mox::Entity {
    SegmentListId id() const noexcept { return id_; }
    const SegmentList* segmentList() const noexcept { return segmentList_.get(); }
    PolicyIds policyId() const noexcept { return PolicyIds(policyId_); }
-   // The users' selection-input entries.
-   const Members& policyIdEntry() const noexcept { return policyId_; }
    bool policyIdHas(const PolicyId& p) const { return policyId().count(p) != 0; }
    // The path of `entry` uses the list.
    void policyIdIs(const Member& entry) {

@@ -479,4 +479,33 @@ TEST_F(InputStage, RemovedSourceTableWithdrawsItsCandidates) {
    EXPECT_TRUE(exported->segmentList().empty());
 }
 
+// A binding-SID user holds its paths through their keys' candidate records, yet reads, loses and
+// announces them as PolicyIds; emptying it tells each one, its key still readable as it goes.
+TEST(BindingSidUser, PathsReadAsIdsThroughTheirKeysRecords) {
+   struct Heard : BindingSidUser::Notifiee {
+      std::vector<PolicyId> ids;
+      void onPolicyId(const PolicyId& id) override { ids.push_back(id); }
+   };
+   const PolicyKey key(*Ipkit::IpGenAddr::parse("10.0.0.1"), Color(1));
+   auto info = Mox::make<PolicyInfo>(key);
+   const PolicyId bgp(key, Protocol::bgp, Discriminator(1));
+   const PolicyId configured(key, Protocol::staticConfig, Discriminator(2));
+   auto user = Mox::make<BindingSidUser>(Ipkit::MplsLabel(900010));
+   Heard heard;
+   heard.notifierIs(user);
+   user->policyIdIs(*info, CandidateId(bgp));
+   user->policyIdIs(*info, CandidateId(configured));
+   user->policyIdIs(*info, CandidateId(bgp)); // already there: nobody hears it
+   EXPECT_EQ(Mox::sortedKeys(user->policyId()), (std::vector<PolicyId>{bgp, configured}));
+   EXPECT_TRUE(user->policyIdHas(configured));
+   user->policyIdDel(PolicyId(key, Protocol::bgp, Discriminator(9))); // not a user
+   EXPECT_EQ(heard.ids.size(), 2u);
+
+   info = nullptr; // only the user holds the key's record now
+   user->policyIdDelAll();
+   EXPECT_TRUE(user->policyId().empty());
+   std::sort(heard.ids.begin() + 2, heard.ids.end());
+   EXPECT_EQ(heard.ids, (std::vector<PolicyId>{bgp, configured, bgp, configured}));
+}
+
 } // namespace
