@@ -281,6 +281,7 @@ void PolicyInputSm::handleTaskRun() {
    // queued meanwhile and not ahead in this pass waits for the next.
    uint64_t count = 0;
    bool delay = false;
+   reserveEntries();
    while (auto* member = pendingPolicyId_.front()) {
       if (attrLogSm_->isAttrLogOutClogged()) {
          delay = true;
@@ -313,6 +314,18 @@ void PolicyInputSm::handleTaskRun() {
    } else {
       task_->scheduleTask();
    }
+}
+
+// Each pending path makes at most one selection-input entry, and no more entries exist than
+// records: the table is sized for that at once rather than doubling its way there.
+void PolicyInputSm::reserveEntries() {
+   size_t records = 0;
+   for (const auto& [protocol, table] : input_->policyInput()) {
+      records += table->policyInputEntryCount();
+   }
+   const size_t entries = policySelectionInput_->policyIdEntry().size();
+   policySelectionInput_->policyIdEntryReserve(
+       std::min(entries + pendingPolicyId_.sizeAtMost(), std::max(entries, records)));
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -60,6 +60,7 @@
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
+#include "platform/MoxSlab.h"
 #include "platform/MoxView.h"
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
@@ -78,7 +79,7 @@ namespace SrTePolicy {
 // is held as its key's candidate record and its candidate id, 16 bytes where its PolicyId is 32: a
 // path registered here keeps its candidate in PolicyKeyToIdMap for as long as it is registered
 // (this stage records and drops the two together). Readers see the set of PolicyId.
-class BindingSidUser : public Mox::Entity {
+class BindingSidUser : public Mox::Entity, public Mox::Slabbed<BindingSidUser> {
  public:
    struct Member {
       Mox::Ptr<const PolicyInfo> info;
@@ -235,6 +236,7 @@ class PolicyInputSm : public Mox::RefCounted {
    class MoxMplsStatus;
    class MoxTask;
 
+   void reserveEntries();
    // The steps of one candidate path.
    void processPolicyEntry(const PolicyId& id, bool policyChanged);
    // `user` is the binding-SID user the record's label was just registered with (null for none).

@@ -7,6 +7,7 @@
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
+#include "platform/MoxSlab.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
@@ -19,7 +20,7 @@ struct PolicyCandidateInfo {
    friend bool operator==(const PolicyCandidateInfo&, const PolicyCandidateInfo&) = default;
 };
 
-class PolicyInfo : public Mox::Entity {
+class PolicyInfo : public Mox::Entity, public Mox::Slabbed<PolicyInfo> {
  public:
    // One or two candidates per key as a rule: inline, in key order.
    using Map = Mox::SmallMap<CandidateId, PolicyCandidateInfo>;

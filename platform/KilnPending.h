@@ -50,6 +50,8 @@ class PendingSet {
       compact();
       return pass_.size() - cursor_ + next_.size();
    }
+   // At least size(), without merging: a key marked again while waiting counts each time.
+   size_t sizeAtMost() const noexcept { return pass_.size() - cursor_ + next_.size(); }
    // Whether `key` is pending, in the rest of the pass or waiting for the next (linear).
    bool contains(const K& key) const {
       auto same = [&key](const Member& m) { return !Less()(m.key, key) && !Less()(key, m.key); };

@@ -18,6 +18,7 @@
 //    move.
 #pragma once
 
+#include <algorithm>
 #include <type_traits>
 #include <utility>
 
@@ -94,6 +95,17 @@ class KeyedTable {
    size_t size() const noexcept { return set_.size(); }
    bool empty() const noexcept { return set_.empty(); }
    void reserve(size_t n) { set_.reserve(n); }
+   // How many members the table takes before it grows (and rehashes every member).
+   size_t room() const noexcept {
+      const size_t c = set_.capacity();
+      return std::max(set_.size(), c - c / 8); // the flat table's maximum load, 7/8
+   }
+   // Sized to take as many members as `other` has room for: a table shadowing another one member
+   // for member (a reactor per entry) then grows with it instead of rehashing at every doubling.
+   template <class T>
+   void reserveLike(const T& other) {
+      if (other.room() > room()) set_.reserve(other.room());
+   }
    void clear() noexcept { set_.clear(); }
 
    // Calls `visit(key, pointer)` for every member, fetching members a batch ahead: a walk over a

@@ -23,6 +23,7 @@
 #include "platform/AttrLog.h"
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxSlab.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy::Export {
@@ -74,7 +75,7 @@ class SegmentArray {
    std::unique_ptr<Segment[]> heap_; // exactly size_ labels, past the inline capacity
 };
 
-class SegmentList : public Mox::Entity {
+class SegmentList : public Mox::Entity, public Mox::Slabbed<SegmentList> {
  public:
    static constexpr const char* typeName = "SrTePolicy::Export::SegmentList";
 

@@ -14,12 +14,13 @@
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
+#include "platform/MoxSlab.h"
 #include "platform/VaultFib.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
 
-class PolicyStatusEntry : public Mox::Entity {
+class PolicyStatusEntry : public Mox::Entity, public Mox::Slabbed<PolicyStatusEntry> {
  public:
    static constexpr const char* typeName = "SrTePolicy::PolicyStatusEntry";
 

@@ -26,6 +26,7 @@
 #include "platform/Ipkit.h"
 #include "platform/KilnDedup.h"
 #include "platform/Mox.h"
+#include "platform/MoxSlab.h"
 #include "platform/MoxView.h"
 #include "platform/Tunnel.h"
 #include "segment/SrTePolicyDedupLifeTime.h"
@@ -40,7 +41,7 @@ class SegmentListDedupTable;
 
 class SegmentListUser;
 
-class SegmentList : public Kiln::DedupHandle {
+class SegmentList : public Kiln::DedupHandle, public Mox::Slabbed<SegmentList> {
  public:
    static constexpr uint32_t maxSegments = Ipkit::MplsLabelOperation::capacity;
 
@@ -250,7 +251,7 @@ class SegmentIdToSegmentList : public Mox::Entity {
 // that ten paths share keeps ten pointers (at a million paths the ids were a fifth of the input
 // stage's memory). An entry stays alive while it is a member; the input stage takes a path out
 // before it drops the path's entry.
-class SegmentListUser : public Mox::Entity {
+class SegmentListUser : public Mox::Entity, public Mox::Slabbed<SegmentListUser> {
  public:
    using Member = Mox::Ptr<const PolicyIdEntry>;
    using Members = Mox::SmallSet<Member, 2, 16>;

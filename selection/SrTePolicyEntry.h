@@ -29,6 +29,7 @@
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
+#include "platform/MoxSlab.h"
 #include "platform/Tunnel.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -253,7 +254,7 @@ std::ostream& operator<<(std::ostream& os, const Priority& v);
 // Selection input
 
 // One usable candidate path, as the input stage hands it to selection.
-class PolicyIdEntry : public Mox::Entity {
+class PolicyIdEntry : public Mox::Entity, public Mox::Slabbed<PolicyIdEntry> {
  public:
    static constexpr const char* typeName = "SrTePolicy::PolicyIdEntry";
    using WSegmentListRows = IndexedRows<WeightedSegmentListId>;
@@ -331,6 +332,9 @@ class PolicySelectionInput : public Mox::Entity {
    // preference and originator updated (notifying the entry's own reactors of what changed).
    Mox::Ptr<PolicyIdEntry> policyIdEntryIs(const PolicyId& id, Preference preference,
                                            const Originator& originator);
+   // Room for `n` entries, made before a writer adds many: the table then does not rehash every
+   // entry at each doubling, nor does any reader's table that grows like it (reserveLike).
+   void policyIdEntryReserve(size_t n) { policyIdEntry_.reserve(n); }
    void policyIdEntryDel(const PolicyId& id) {
       collDel(policyIdEntry_, id, &Notifiee::onPolicyIdEntry);
    }
@@ -348,7 +352,7 @@ class PolicySelectionInput : public Mox::Entity {
 // Selection output
 
 // One usable candidate path of a policy.
-class PolicyEntry : public Mox::Entity {
+class PolicyEntry : public Mox::Entity, public Mox::Slabbed<PolicyEntry> {
  public:
    static constexpr const char* typeName = "SrTePolicy::PolicyEntry";
    using WTunnelIdRows = IndexedRows<WeightedTunnelId>;
@@ -390,7 +394,7 @@ class PolicyEntry : public Mox::Entity {
 };
 
 // One SR-TE policy: its candidates best first, and the active one.
-class Policy : public Mox::Entity {
+class Policy : public Mox::Entity, public Mox::Slabbed<Policy> {
  public:
    static constexpr const char* typeName = "SrTePolicy::Policy";
    // A policy key has a candidate or two (one per protocol, as a rule): kept inline, best first.
