@@ -23,7 +23,7 @@ uint64_t pathsMapping(const TunnelMapExportSm& sm, const PolicyKey& key, TunnelI
    auto paths = sm.policyTunnelInfo().find(key);
    if (paths == sm.policyTunnelInfo().end()) return 0;
    uint64_t n = 0;
-   for (const auto& [candidate, info] : *paths->second) n += info.tunnelIdHas(t) ? 1 : 0;
+   for (const auto& [candidate, info] : *paths->second) n += info->tunnelIdHas(t) ? 1 : 0;
    return n;
 }
 

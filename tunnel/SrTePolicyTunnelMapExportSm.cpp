@@ -45,16 +45,7 @@ class TunnelMapExportSm::MoxPolicyId
     : public Mox::Reactor<PolicySelectionInput::Notifiee, TunnelMapExportSm> {
  public:
    using Reactor::Reactor;
-   void onPolicyIdEntry(const PolicyId& id) override {
-      TunnelMapExportSm& sm = owner();
-      Mox::Ptr<PolicyIdEntry> entry = sm.in_.policyId->policyIdEntry(id);
-      if (entry) {
-         sm.policyIdEntryIs(entry);
-      } else {
-         sm.policyIdEntry_.erase(id);
-      }
-      sm.handlePolicyEntry(id, entry.get());
-   }
+   void onPolicyIdEntry(const PolicyId& id) override;
 };
 
 class TunnelMapExportSm::MoxPolicyIdEntry
@@ -65,14 +56,30 @@ class TunnelMapExportSm::MoxPolicyIdEntry
    MoxPolicyIdEntry(TunnelMapExportSm& sm, PolicyIdEntry* entry)
        : Reactor(sm, entry), entry_(entry) {}
    const PolicyIdEntry* entry() const noexcept { return entry_.get(); }
-   void onVersion() override { owner().handlePolicyEntry(entry_->id(), notifier()); }
+   // The tunnels the path maps.
+   PolicyTunnelInfo& info() noexcept { return info_; }
+   const PolicyTunnelInfo& info() const noexcept { return info_; }
+   void onVersion() override { owner().handlePolicyEntry(entry_->id(), notifier(), &info_); }
 
  private:
    Mox::Ptr<const PolicyIdEntry> entry_;
+   PolicyTunnelInfo info_;
 };
 
 const PolicyId& TunnelMapExportSm::ReactorId::operator()(const MoxPolicyIdEntry& r) const noexcept {
    return r.entry()->id();
+}
+
+void TunnelMapExportSm::MoxPolicyId::onPolicyIdEntry(const PolicyId& id) {
+   TunnelMapExportSm& sm = owner();
+   if (Mox::Ptr<PolicyIdEntry> entry = sm.in_.policyId->policyIdEntry(id)) {
+      sm.handlePolicyEntry(id, entry.get(), &sm.policyIdEntryIs(entry).info());
+      return;
+   }
+   // Gone: what the path mapped is let go of before its reactor goes.
+   MoxPolicyIdEntry* reactor = sm.policyIdEntry_.get(id);
+   sm.handlePolicyEntry(id, nullptr, reactor ? &reactor->info() : nullptr);
+   sm.policyIdEntry_.erase(id);
 }
 
 class TunnelMapExportSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, TunnelMapExportSm> {
@@ -106,33 +113,37 @@ Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs i
    return Mox::make<TunnelMapExportSm>(std::move(in));
 }
 
-void TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
-   auto it = policyIdEntry_.find(entry->id());
-   if (it != policyIdEntry_.end() && it->second->entry() == entry.get()) return;
+TunnelMapExportSm::MoxPolicyIdEntry&
+TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
+   const PolicyId& id = entry->id();
+   MoxPolicyIdEntry* earlier = policyIdEntry_.get(id);
+   if (earlier && earlier->entry() == entry.get()) return *earlier;
    // Grown with the selection input, which its writer sizes before adding many entries.
-   if (it == policyIdEntry_.end()) policyIdEntry_.reserveLike(in_.policyId->policyIdEntry());
-   // An entry removed and made again under the same id is a new object: watch that one.
-   policyIdEntry_.assign(policyIdEntryPool_.make(*this, entry.get()));
+   if (!earlier) policyIdEntry_.reserveLike(in_.policyId->policyIdEntry());
+   // An entry removed and made again under the same id is a new object: watch that one, with
+   // what the path mapped through the old one.
+   auto reactor = policyIdEntryPool_.make(*this, entry.get());
+   MoxPolicyIdEntry& made = *reactor;
+   if (earlier) {
+      made.info() = std::move(earlier->info());
+      if (!made.info().tunnelId().empty()) keyPathIs(id, &made.info());
+   }
+   policyIdEntry_.assign(std::move(reactor));
+   return made;
 }
 
 const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {
-   auto paths = policyTunnelInfo_.find(id.key);
-   if (paths == policyTunnelInfo_.end()) return nullptr;
-   auto it = paths->second->find(CandidateId(id));
-   return it == paths->second->end() ? nullptr : &it->second;
+   const MoxPolicyIdEntry* reactor = policyIdEntry_.get(id);
+   return reactor && !reactor->info().tunnelId().empty() ? &reactor->info() : nullptr;
 }
 
-PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) {
-   return const_cast<PolicyTunnelInfo*>(std::as_const(*this).policyTunnelInfo(id));
-}
-
-PolicyTunnelInfo& TunnelMapExportSm::policyTunnelInfoIs(const PolicyId& id) {
+void TunnelMapExportSm::keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info) {
    auto& paths = policyTunnelInfo_[id.key];
    if (!paths) paths = std::make_unique<PathsOfKey>();
-   return paths->try_emplace(CandidateId(id)).first->second;
+   paths->try_emplace(CandidateId(id)).first->second = info;
 }
 
-void TunnelMapExportSm::policyTunnelInfoDel(const PolicyId& id) {
+void TunnelMapExportSm::keyPathDel(const PolicyId& id) {
    auto paths = policyTunnelInfo_.find(id.key);
    if (paths == policyTunnelInfo_.end()) return;
    paths->second->erase(CandidateId(id));
@@ -167,9 +178,9 @@ void TunnelMapExportSm::handleInitialized() {
    policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
    in_.policyId->policyIdEntry().forEach(
        [&](const PolicyId& id, const Mox::Ptr<PolicyIdEntry>& entry) {
-          policyIdEntryIs(entry);
+          PolicyTunnelInfo& info = policyIdEntryIs(entry).info();
           if (entry->wSegmentList().empty()) return;
-          PolicyTunnelInfo& info = policyTunnelInfoIs(id);
+          keyPathIs(id, &info);
           for (const auto& [index, w] : entry->wSegmentList()) {
              const TunnelId t = w.segmentListId.getTunnelId();
              held.try_emplace(t, false);
@@ -182,7 +193,7 @@ void TunnelMapExportSm::handleInitialized() {
    // missing rows and rows of another key are written.
    for (const auto& [key, paths] : policyTunnelInfo_) {
       for (const auto& [candidate, info] : *paths) {
-         for (TunnelId t : info.tunnelId()) {
+         for (TunnelId t : info->tunnelId()) {
             auto known = held.find(t);
             if (known != held.end() && known->second) continue;
             const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
@@ -205,10 +216,13 @@ void TunnelMapExportSm::handleInitialized() {
 }
 
 void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
-   handlePolicyEntry(policyId, in_.policyId->policyIdEntry(policyId).get());
+   MoxPolicyIdEntry* reactor = policyIdEntry_.get(policyId);
+   handlePolicyEntry(policyId, in_.policyId->policyIdEntry(policyId).get(),
+                     reactor ? &reactor->info() : nullptr);
 }
 
-void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry) {
+void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry,
+                                          PolicyTunnelInfo* info) {
    if (!initialized_) return;
    if (!retryPolicyId_.empty()) retryPolicyId_.erase(policyId);
    TunnelIds current;
@@ -224,28 +238,26 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const Policy
 
    // Tunnels the path no longer maps, in tunnel order so that what follows is reproducible.
    TunnelIds dropped;
-   PolicyTunnelInfo* known = policyTunnelInfo(policyId);
-   if (known) {
-      for (TunnelId t : known->tunnelId()) {
+   if (info) {
+      for (TunnelId t : info->tunnelId()) {
          if (!contains(current, t)) dropped.push_back(t);
       }
    }
    std::sort(dropped.begin(), dropped.end());
    for (TunnelId t : dropped) {
       checkAndRemoveTunnel(t, policyId);
-      // Looked up again: the table's reactors ran in between.
-      if (PolicyTunnelInfo* info = policyTunnelInfo(policyId)) info->tunnelIdDel(t);
+      info->tunnelIdDel(t);
    }
    if (current.empty()) {
-      policyTunnelInfoDel(policyId);
+      if (info && !dropped.empty()) keyPathDel(policyId);
       return;
    }
 
-   // Looked up once: committing rows runs the table's reactors, which never touch this
-   // machine's records. With nothing dropped, nothing ran since the first lookup.
-   PolicyTunnelInfo& info = known && dropped.empty() ? *known : policyTunnelInfoIs(policyId);
+   // An entry has its reactor once the machine is initialised; made here if it somehow has not.
+   if (!info) info = &policyIdEntryIs(in_.policyId->policyIdEntry(policyId)).info();
+   if (info->tunnelId().empty()) keyPathIs(policyId, info);
    for (TunnelId t : current) {
-      const bool mapped = info.tunnelIdIs(t);
+      const bool mapped = info->tunnelIdIs(t);
       if (mapped) {
          SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
       }
@@ -368,7 +380,7 @@ bool TunnelMapExportSm::keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId,
    if (paths == policyTunnelInfo_.end()) return false;
    for (const auto& [candidate, info] : *paths->second) {
       if (except && candidate == *except) continue;
-      if (info.tunnelIdHas(tunnelId)) return true;
+      if (info->tunnelIdHas(tunnelId)) return true;
    }
    return false;
 }

@@ -171,9 +171,12 @@ class TunnelMapExportSm : public Mox::RefCounted {
       Trace::Tracer* tracer = nullptr;
    };
 
-   // The paths of one policy key, by candidate: one or two as a rule. Held apart from the table's
-   // slots, which a flat table leaves a third to a half empty.
-   using PathsOfKey = Mox::SmallMap<CandidateId, PolicyTunnelInfo>;
+   // The paths of one policy key that map a tunnel, by candidate: one or two as a rule. Each
+   // path's PolicyTunnelInfo is held by the reactor of its selection-input entry, so that a
+   // version change reaches it without a lookup; this index finds the other paths of a key (the
+   // in-use test). Held apart from the table's slots, which a flat table leaves a third to a half
+   // empty.
+   using PathsOfKey = Mox::SmallMap<CandidateId, const PolicyTunnelInfo*>;
    using PathsOfKeyMap = Mox::HashMap2018<PolicyKey, std::unique_ptr<PathsOfKey>>;
    using PendingTunnelSet = absl::btree_set<TunnelId>;
 
@@ -198,8 +201,6 @@ class TunnelMapExportSm : public Mox::RefCounted {
    // Handlers (reactors call these).
    void handleInitialized();
    void handlePolicyEntry(const PolicyId& policyId);
-   // The same, given the path's entry (null when it is gone): a reactor has it at hand.
-   void handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry);
    void handlePendingTunnelEntry(TunnelId tunnelId);
    void handleTaskRun();
    // The end for good (SR-TE turned off): nothing pending, every row deleted. Never called on
@@ -215,10 +216,16 @@ class TunnelMapExportSm : public Mox::RefCounted {
    class MoxPolicyIdEntry;
    class MoxTask;
 
-   PolicyTunnelInfo* policyTunnelInfo(const PolicyId& id);
-   PolicyTunnelInfo& policyTunnelInfoIs(const PolicyId& id);
-   void policyTunnelInfoDel(const PolicyId& id);
-   void policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry);
+   // The path's entry (null when it is gone) and its info (null when it has no reactor), as a
+   // reactor has them at hand.
+   void handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry,
+                          PolicyTunnelInfo* info);
+   // The key's index of the paths that map a tunnel.
+   void keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info);
+   void keyPathDel(const PolicyId& id);
+   // The entry's reactor, made when missing or when the entry is a new object under the same id
+   // (which takes over what the path mapped).
+   MoxPolicyIdEntry& policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry);
    // Whether a path of `key` other than `except` (none when null) maps the tunnel.
    bool keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId, const CandidateId* except) const;
    void pendingTunnelIs(TunnelId tunnelId);
