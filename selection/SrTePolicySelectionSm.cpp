@@ -110,13 +110,14 @@ Mox::Ptr<PolicySelectionSm> policySelectionSmFactory(PolicySelectionSm::Inputs i
 
 void PolicySelectionSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    if (!entry) throw std::invalid_argument(nullPolicyIdEntryMessage);
-   auto it = policyIdEntry_.find(entry->id());
-   if (it != policyIdEntry_.end() && it->second->entry() == entry.get()) return;
    // Grown with the selection input, which its writer sizes before adding many entries.
-   if (it == policyIdEntry_.end())
-      policyIdEntry_.reserveLike(in_.policySelectionInput->policyIdEntry());
+   policyIdEntry_.reserveLike(in_.policySelectionInput->policyIdEntry());
+   auto [it, made] = policyIdEntry_.findOrInsert(
+       entry->id(), [&] { return policyIdEntryPool_.make(*this, entry.get()); });
    // An entry removed and made again under the same id is a new object: watch that one.
-   policyIdEntry_.assign(policyIdEntryPool_.make(*this, entry.get()));
+   if (!made && it->second->entry() != entry.get()) {
+      policyIdEntry_.assign(policyIdEntryPool_.make(*this, entry.get()));
+   }
 }
 
 void PolicySelectionSm::policyIdEntryDel(const PolicyId& id) { policyIdEntry_.erase(id); }

@@ -116,20 +116,20 @@ Mox::Ptr<TunnelMapExportSm> tunnelMapExportSmFactory(TunnelMapExportSm::Inputs i
 TunnelMapExportSm::MoxPolicyIdEntry&
 TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    const PolicyId& id = entry->id();
-   MoxPolicyIdEntry* earlier = policyIdEntry_.get(id);
-   if (earlier && earlier->entry() == entry.get()) return *earlier;
    // Grown with the selection input, which its writer sizes before adding many entries.
-   if (!earlier) policyIdEntry_.reserveLike(in_.policyId->policyIdEntry());
+   policyIdEntry_.reserveLike(in_.policyId->policyIdEntry());
+   auto [it, made] =
+       policyIdEntry_.findOrInsert(id, [&] { return policyIdEntryPool_.make(*this, entry.get()); });
+   MoxPolicyIdEntry& reactor = *it->second;
+   if (made || reactor.entry() == entry.get()) return reactor;
    // An entry removed and made again under the same id is a new object: watch that one, with
    // what the path mapped through the old one.
-   auto reactor = policyIdEntryPool_.make(*this, entry.get());
-   MoxPolicyIdEntry& made = *reactor;
-   if (earlier) {
-      made.info() = std::move(earlier->info());
-      if (!made.info().tunnelId().empty()) keyPathIs(id, &made.info());
-   }
-   policyIdEntry_.assign(std::move(reactor));
-   return made;
+   auto fresh = policyIdEntryPool_.make(*this, entry.get());
+   MoxPolicyIdEntry& replacement = *fresh;
+   replacement.info() = std::move(reactor.info());
+   if (!replacement.info().tunnelId().empty()) keyPathIs(id, &replacement.info());
+   policyIdEntry_.assign(std::move(fresh));
+   return replacement;
 }
 
 const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) const {
