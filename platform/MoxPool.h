@@ -13,9 +13,9 @@
 #include <memory>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include "platform/Assert.h"
+#include "platform/MoxSlab.h"
 
 namespace Mox {
 
@@ -33,59 +33,33 @@ class Pool {
    };
    using Ptr = std::unique_ptr<T, Deleter>;
 
-   Pool() = default;
+   Pool() : slab_(sizeof(T), alignof(T), PerBlock) {}
    Pool(const Pool&) = delete;
    Pool& operator=(const Pool&) = delete;
-   ~Pool() { SRTE_ASSERT(live_ == 0, "Mox::Pool destroyed before its objects"); }
+   ~Pool() { SRTE_ASSERT(slab_.live() == 0, "Mox::Pool destroyed before its objects"); }
 
    template <class... A>
    Ptr make(A&&... args) {
-      Slot* slot = take();
+      void* slot = slab_.take();
       try {
-         T* object = ::new (static_cast<void*>(slot->storage)) T(std::forward<A>(args)...);
-         ++live_;
-         return Ptr(object, Deleter(this));
+         return Ptr(::new (slot) T(std::forward<A>(args)...), Deleter(this));
       } catch (...) {
-         give(slot);
+         slab_.give(slot);
          throw;
       }
    }
 
-   size_t live() const noexcept { return live_; }
-   size_t capacity() const noexcept { return blocks_.size() * PerBlock; }
+   size_t live() const noexcept { return slab_.live(); }
+   size_t capacity() const noexcept { return slab_.capacity(); }
 
  private:
-   union Slot {
-      Slot* next;
-      alignas(T) unsigned char storage[sizeof(T)];
-   };
-
-   Slot* take() {
-      if (!free_) grow();
-      Slot* slot = free_;
-      free_ = slot->next;
-      return slot;
-   }
-   void give(Slot* slot) noexcept {
-      slot->next = free_;
-      free_ = slot;
-   }
    void destroy(T* object) noexcept {
       object->~T();
-      --live_;
       // The object was built at the start of its slot.
-      give(reinterpret_cast<Slot*>(object));
-   }
-   void grow() {
-      blocks_.push_back(std::make_unique<Slot[]>(PerBlock));
-      Slot* block = blocks_.back().get();
-      // Chained so that the block's slots are taken in address order.
-      for (size_t i = PerBlock; i-- > 0;) give(&block[i]);
+      slab_.give(object);
    }
 
-   std::vector<std::unique_ptr<Slot[]>> blocks_;
-   Slot* free_ = nullptr;
-   size_t live_ = 0;
+   Slab slab_;
 };
 
 } // namespace Mox

@@ -16,6 +16,7 @@
 //    free is still caught.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <new>
@@ -23,43 +24,57 @@
 
 namespace Mox {
 
-template <size_t Size, size_t Align, size_t PerBlock>
+// Slots of one size, carved from blocks and reused through a free list (for Slabbed and Pool).
 class Slab {
  public:
+   Slab(size_t size, size_t align, size_t perBlock) noexcept
+       : align_(std::max(align, alignof(void*))),
+         slotSize_((std::max(size, sizeof(void*)) + align_ - 1) / align_ * align_),
+         perBlock_(perBlock) {}
+   Slab(const Slab&) = delete;
+   Slab& operator=(const Slab&) = delete;
+   ~Slab() {
+      for (void* block : blocks_) ::operator delete(block, std::align_val_t(align_));
+   }
+
    void* take() {
       if (!free_) grow();
-      Slot* slot = free_;
-      free_ = slot->next;
+      void* slot = free_;
+      free_ = free_->next;
       ++live_;
       return slot;
    }
    void give(void* p) noexcept {
-      Slot* slot = static_cast<Slot*>(p);
+      auto* slot = static_cast<Free*>(p);
       slot->next = free_;
       free_ = slot;
       --live_;
    }
    size_t live() const noexcept { return live_; }
-   size_t capacity() const noexcept { return blocks_.size() * PerBlock; }
+   size_t capacity() const noexcept { return blocks_.size() * perBlock_; }
 
  private:
-   union Slot {
-      Slot* next;
-      alignas(Align) unsigned char storage[Size];
+   struct Free {
+      Free* next;
    };
 
    void grow() {
-      blocks_.push_back(std::make_unique_for_overwrite<Slot[]>(PerBlock));
-      Slot* block = blocks_.back().get();
+      void* block = ::operator new(perBlock_* slotSize_, std::align_val_t(align_));
+      blocks_.push_back(block);
       // Chained so that the block's slots are taken in address order.
-      for (size_t i = PerBlock; i-- > 0;) {
-         block[i].next = free_;
-         free_ = &block[i];
+      auto* bytes = static_cast<unsigned char*>(block);
+      for (size_t i = perBlock_; i-- > 0;) {
+         auto* slot = reinterpret_cast<Free*>(bytes + i * slotSize_);
+         slot->next = free_;
+         free_ = slot;
       }
    }
 
-   std::vector<std::unique_ptr<Slot[]>> blocks_;
-   Slot* free_ = nullptr;
+   const size_t align_;
+   const size_t slotSize_;
+   const size_t perBlock_;
+   std::vector<void*> blocks_;
+   Free* free_ = nullptr;
    size_t live_ = 0;
 };
 
@@ -89,7 +104,7 @@ class Slabbed {
    // The class's slab, for tests and memory accounting.
    static auto& slab() {
       // Never destroyed: an object that outlives static destruction can still be freed.
-      static auto* const s = new Slab<sizeof(T), alignof(T), PerBlock>;
+      static Slab* const s = new Slab(sizeof(T), alignof(T), PerBlock);
       return *s;
    }
 };
