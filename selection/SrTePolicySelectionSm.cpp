@@ -44,7 +44,7 @@ class PolicySelectionSm::MoxPolicyIdEntry : public PolicyIdEntry::Notifiee {
    }
    const PolicyIdEntry* entry() const noexcept { return entry_.get(); }
    void onVersion() override { sm_.handlePolicyEntry(entry_->id()); }
-   void onBindingSid() override { sm_.handleBindingSid(entry_->id()); }
+   void onBindingSid() override { sm_.handleBindingSid(*entry_); }
 
  private:
    PolicySelectionSm& sm_;
@@ -162,14 +162,24 @@ void PolicySelectionSm::handleResolvedSegmentList(SegmentListId id) {
 }
 
 void PolicySelectionSm::handleBindingSid(const PolicyId& id) {
+   if (Mox::Ptr<PolicyIdEntry> entry = in_.policySelectionInput->policyIdEntry(id)) {
+      handleBindingSid(*entry);
+   }
+}
+
+void PolicySelectionSm::handleBindingSid(const PolicyIdEntry& entry) {
+   const PolicyId& id = entry.id();
    SRTE_TRACE_TO(tracer_, 9, "Updating Binding SID for policy Id: " << id);
-   Mox::Ptr<PolicyIdEntry> entry = in_.policySelectionInput->policyIdEntry(id);
+   // An entry whose version was never bumped has not been selected from yet: no candidate is
+   // its own (one under its id belongs to an entry since removed, and is rewritten when this one's
+   // version arrives), so the policy is not looked up for every new path.
+   if (entry.version() == 0) return;
    Mox::Ptr<Policy> policy = in_.ecPolicy->policy(id.key);
-   if (!entry || !policy) return;
+   if (!policy) return;
    const CandidateId candidateId(id);
    for (const auto& [priority, candidate] : policy->candidate()) {
       if (candidate->candidateId() == candidateId) {
-         candidate->bindingSidIs(entry->bindingSid());
+         candidate->bindingSidIs(entry.bindingSid());
          return;
       }
    }

@@ -91,6 +91,8 @@ class PolicySelectionSm : public Mox::RefCounted {
    void handlePolicyEntry(const PolicyId& id);
    void handleResolvedSegmentList(SegmentListId id);
    void handleBindingSid(const PolicyId& id);
+   // The same, given the entry (its reactor has it at hand).
+   void handleBindingSid(const PolicyIdEntry& entry);
    void handleTieBreakingLogicChange();
    void handleTaskRun();
    // Stops the machine for good: nothing queued, every policy deleted.

@@ -243,6 +243,13 @@ TEST(PolicySelection, BindingSidFollowsTheEntryWithoutReselecting) {
    env.input->policyIdEntry(bgp(1))->bindingSidIs(Ipkit::MplsLabel(900002));
    EXPECT_EQ(env.policy()->active()->bindingSid(), Ipkit::MplsLabel(900002));
    EXPECT_TRUE(env.sm->pendingPolicyId().empty());
+
+   // Removed and written again under the same id before the selection runs: the new entry's
+   // binding SID reaches the candidate with its version.
+   env.input->policyIdEntryDel(bgp(1));
+   env.path(bgp(1), 100, {1}, {}, 900003);
+   env.run();
+   EXPECT_EQ(env.policy()->active()->bindingSid(), Ipkit::MplsLabel(900003));
 }
 
 // A burst on one path is processed once; congestion and yields in the middle lose nothing.
