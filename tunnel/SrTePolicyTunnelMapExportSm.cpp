@@ -137,13 +137,25 @@ const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) 
    return reactor && !reactor->info().tunnelId().empty() ? &reactor->info() : nullptr;
 }
 
-void TunnelMapExportSm::keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info) {
+const TunnelMapExportSm::PathsOfKeyMap& TunnelMapExportSm::keyIndex() const {
+   if (!keyIndexBuilt_) {
+      keyIndexBuilt_ = true;
+      policyIdEntry_.forEach([this](const PolicyId& id, const auto& reactor) {
+         if (!reactor->info().tunnelId().empty()) keyPathIs(id, &reactor->info());
+      });
+   }
+   return policyTunnelInfo_;
+}
+
+void TunnelMapExportSm::keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info) const {
+   if (!keyIndexBuilt_) return;
    auto& paths = policyTunnelInfo_[id.key];
    if (!paths) paths = std::make_unique<PathsOfKey>();
    paths->try_emplace(CandidateId(id)).first->second = info;
 }
 
 void TunnelMapExportSm::keyPathDel(const PolicyId& id) {
+   if (!keyIndexBuilt_) return;
    auto paths = policyTunnelInfo_.find(id.key);
    if (paths == policyTunnelInfo_.end()) return;
    paths->second->erase(CandidateId(id));
@@ -169,43 +181,44 @@ void TunnelMapExportSm::handleInitialized() {
    }
    initialized_ = true;
 
-   // What every path maps now, as the selection input names it.
-   // Each tunnel some path maps, and whether its row was found right (checked once per tunnel,
-   // not once per path).
-   Mox::HashMap2018<TunnelId, bool> held;
+   // What every path maps now, as the selection input names it. Per tunnel: the first path met
+   // that maps it, and whether its row is right (its key is the key of a path that maps it). The
+   // row is read once per tunnel, and the table does not change during the walk.
+   struct Held {
+      const PolicyId* path = nullptr;
+      const PolicyKey* rowKey = nullptr;
+      bool right = false;
+   };
+   Mox::HashMap2018<TunnelId, Held> held;
    held.reserve(in_.tunnelIdToPolicyKey->tunnelEntry().size());
    // Sized once: growing rehashes every member, and this table reads each key from its entry.
    policyIdEntry_.reserve(in_.policyId->policyIdEntry().size());
    in_.policyId->policyIdEntry().forEach(
        [&](const PolicyId& id, const Mox::Ptr<PolicyIdEntry>& entry) {
           PolicyTunnelInfo& info = policyIdEntryIs(entry).info();
-          if (entry->wSegmentList().empty()) return;
-          keyPathIs(id, &info);
           for (const auto& [index, w] : entry->wSegmentList()) {
              const TunnelId t = w.segmentListId.getTunnelId();
-             held.try_emplace(t, false);
+             auto [it, first] = held.try_emplace(t);
+             Held& h = it->second;
+             if (first) {
+                h.path = &entry->id();
+                const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
+                h.rowKey = row ? &row->policyKey : nullptr;
+             }
+             if (!h.right && h.rowKey && *h.rowKey == id.key) h.right = true;
              if (info.tunnelIdIs(t)) {
                 SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
              }
           }
        });
    // A row an earlier life left for a tunnel that its key still maps is adopted as it is; only
-   // missing rows and rows of another key are written.
-   for (const auto& [key, paths] : policyTunnelInfo_) {
-      for (const auto& [candidate, info] : *paths) {
-         for (TunnelId t : info->tunnelId()) {
-            auto known = held.find(t);
-            if (known != held.end() && known->second) continue;
-            const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
-            // A row of this key: this very path maps its tunnel.
-            if (row && (row->policyKey == key || keyHoldsTunnel(row->policyKey, t, nullptr))) {
-               if (known != held.end()) known->second = true;
-               continue;
-            }
-            commit(t, PolicyId(key, candidate.protocol, candidate.discriminator));
-         }
-      }
+   // missing rows and rows of a key that no longer maps the tunnel are written, in tunnel order.
+   std::vector<std::pair<TunnelId, const PolicyId*>> wrong;
+   for (const auto& [t, h] : held) {
+      if (!h.right) wrong.emplace_back(t, h.path);
    }
+   std::sort(wrong.begin(), wrong.end());
+   for (const auto& [t, path] : wrong) commit(t, *path);
    // Rows no path maps any more: deleted, or queued while the platform counts the tunnel.
    std::vector<TunnelId> stale;
    for (const auto& [t, row] : *in_.tunnelIdToPolicyKey) {
@@ -376,8 +389,9 @@ bool TunnelMapExportSm::isTunnelIdInUse(TunnelId tunnelId, const PolicyId& polic
 
 bool TunnelMapExportSm::keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId,
                                        const CandidateId* except) const {
-   auto paths = policyTunnelInfo_.find(key);
-   if (paths == policyTunnelInfo_.end()) return false;
+   const PathsOfKeyMap& index = keyIndex();
+   auto paths = index.find(key);
+   if (paths == index.end()) return false;
    for (const auto& [candidate, info] : *paths->second) {
       if (except && candidate == *except) continue;
       if (info->tunnelIdHas(tunnelId)) return true;

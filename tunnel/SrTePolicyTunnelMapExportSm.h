@@ -174,8 +174,9 @@ class TunnelMapExportSm : public Mox::RefCounted {
    // The paths of one policy key that map a tunnel, by candidate: one or two as a rule. Each
    // path's PolicyTunnelInfo is held by the reactor of its selection-input entry, so that a
    // version change reaches it without a lookup; this index finds the other paths of a key (the
-   // in-use test). Held apart from the table's slots, which a flat table leaves a third to a half
-   // empty.
+   // in-use test). It is built the first time it is needed: a start or a cold load where no path
+   // lets go of a tunnel never needs it. Held apart from the table's slots, which a flat table
+   // leaves a third to a half empty.
    using PathsOfKey = Mox::SmallMap<CandidateId, const PolicyTunnelInfo*>;
    using PathsOfKeyMap = Mox::HashMap2018<PolicyKey, std::unique_ptr<PathsOfKey>>;
    using PendingTunnelSet = absl::btree_set<TunnelId>;
@@ -186,7 +187,7 @@ class TunnelMapExportSm : public Mox::RefCounted {
 
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
-   const PathsOfKeyMap& policyTunnelInfo() const noexcept { return policyTunnelInfo_; }
+   const PathsOfKeyMap& policyTunnelInfo() const { return keyIndex(); }
    // Null when the path maps nothing.
    const PolicyTunnelInfo* policyTunnelInfo(const PolicyId& id) const;
    // In tunnel id order.
@@ -220,8 +221,10 @@ class TunnelMapExportSm : public Mox::RefCounted {
    // reactor has them at hand.
    void handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry,
                           PolicyTunnelInfo* info);
-   // The key's index of the paths that map a tunnel.
-   void keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info);
+   // The index of the paths of each key that map a tunnel: built from the reactors on first use,
+   // kept up to date from then on.
+   const PathsOfKeyMap& keyIndex() const;
+   void keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info) const;
    void keyPathDel(const PolicyId& id);
    // The entry's reactor, made when missing or when the entry is a new object under the same id
    // (which takes over what the path mapped).
@@ -239,7 +242,8 @@ class TunnelMapExportSm : public Mox::RefCounted {
 
    Inputs in_;
    Trace::Tracer* tracer_;
-   PathsOfKeyMap policyTunnelInfo_;
+   mutable PathsOfKeyMap policyTunnelInfo_;
+   mutable bool keyIndexBuilt_ = false;
    PendingTunnelSet pendingTunnel_;
    // Where a run that yielded or backed off goes on; unset: from the first tunnel.
    std::optional<TunnelId> pendingBookmark_;

@@ -282,6 +282,33 @@ TEST(TunnelMap, RestartKeepsEveryRowInUseUntouched) {
    EXPECT_FALSE(r.sm().task()->isScheduled());
 }
 
+// Rows found wrong at start-up (missing, or of a key that no longer maps the tunnel) are written
+// once, for a path that maps the tunnel; a shared row held by either of its keys is left alone.
+TEST(TunnelMap, StartUpWritesOnlyMissingRowsAndRowsOfAKeyThatLetGo) {
+   Router r;
+   r.put(path(a, 900001, {{16001}, {16002}}));
+   r.put(path(b, 900002, {{16001}}));
+   r.put(path(c, 900003, {{16003}}));
+   r.run();
+   const TunnelId shared = r.tunnel(a, 0), own = r.tunnel(a, 1), other = r.tunnel(c, 0);
+   const PolicyKey sharedKey = r.map()->tunnelEntry(shared)->policyKey;
+   r.core->stop();
+   const PolicyKey k9(*Ipkit::IpGenAddr::parse("10.0.0.9"), Color(9));
+   r.map()->tunnelEntryCommit({own, k9});
+   r.map()->tunnelEntryDel(other);
+
+   MapWatch watch(r.map(), r.scheduler);
+   r.core->start();
+   std::vector<std::string> expected{"~" + sl(own) + " " + a.key.stringValue() + "@0",
+                                     "+" + sl(other) + " " + c.key.stringValue() + "@0"};
+   if (other < own) std::swap(expected[0], expected[1]);
+   EXPECT_EQ(watch.events, expected) << "written once each, in tunnel order";
+   EXPECT_EQ(r.map()->tunnelEntry(shared)->policyKey, sharedKey);
+   r.run();
+   EXPECT_EQ(watch.events, expected) << "the paths written again change nothing";
+   EXPECT_EQ(r.rows(), rows({{shared, sharedKey}, {own, a.key}, {other, c.key}}));
+}
+
 TEST(TunnelMap, YieldAndCongestionOnlyDelayPendingDeletions) {
    Router r;
    std::vector<PolicyId> ids;
