@@ -111,7 +111,8 @@ class DedupHashTable : public Mox::RefCounted {
    // The table holds one reference on each entry (taken by hand: the set keys are raw pointers
    // so that a stack probe can be looked up). Entries are pointers, so nothing moves that a user
    // sees when the table grows.
-   absl::flat_hash_set<DedupHandle*, HashOf, SameContent> entries_;
+   absl::flat_hash_set<DedupHandle*, HashOf, SameContent, Mox::BulkAllocator<DedupHandle*>>
+       entries_;
    DedupHashTableLifeTimeNotifiee* notifiee_ = nullptr;
 };
 

@@ -65,6 +65,7 @@
 #include "absl/container/flat_hash_set.h"
 #include "absl/container/inlined_vector.h"
 #include "platform/Assert.h"
+#include "platform/MoxBulk.h"
 
 namespace Mox {
 
@@ -238,9 +239,10 @@ inline uint32_t hashCombine(uint32_t seed, uint32_t v) noexcept {
 //    visible may follow it: the input stage drains its pending ids from a B-tree in hash order,
 //    dumps and shows sort their rows.
 template <class K, class V>
-using HashMap2018 = absl::flat_hash_map<K, V, Hash<K>>;
+using HashMap2018 =
+    absl::flat_hash_map<K, V, Hash<K>, std::equal_to<K>, BulkAllocator<std::pair<const K, V>>>;
 template <class K>
-using HashSet = absl::flat_hash_set<K, Hash<K>>;
+using HashSet = absl::flat_hash_set<K, Hash<K>, std::equal_to<K>, BulkAllocator<K>>;
 template <class K, class V>
 using RbTreeMap = std::map<K, V>;
 

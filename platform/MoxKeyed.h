@@ -53,7 +53,7 @@ class KeyedTable {
          return key(a) == key(b);
       }
    };
-   using Set = absl::flat_hash_set<P, SlotHash, SlotEq>;
+   using Set = absl::flat_hash_set<P, SlotHash, SlotEq, BulkAllocator<P>>;
 
  public:
    class const_iterator {
