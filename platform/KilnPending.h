@@ -18,6 +18,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "platform/MoxBulk.h"
+
 namespace Kiln {
 
 template <class K, class V, class Less, class Merge>
@@ -88,15 +90,19 @@ class PendingSet {
    }
 
  private:
-   // Sorts the waiting marks and merges those of one key.
+   // Sorts the waiting marks and merges those of one key. The prefix compacted last time is
+   // already sorted and merged, so only the marks since are sorted, then merged into it: a burst of
+   // N marks compacted at each doubling costs about one sort of N, not log N of them.
    void compact() const {
       if (next_.size() < 2) return;
-      std::sort(next_.begin(), next_.end(),
-                [](const Member& a, const Member& b) { return Less()(a.key, b.key); });
+      auto less = [](const Member& a, const Member& b) { return Less()(a.key, b.key); };
+      auto mid = next_.begin() + static_cast<std::ptrdiff_t>(compactedSize_);
+      std::sort(mid, next_.end(), less);
+      if (compactedSize_ > 0) std::inplace_merge(next_.begin(), mid, next_.end(), less);
       size_t out = 0;
       for (size_t i = 1; i < next_.size(); ++i) {
          if (Less()(next_[out].key, next_[i].key)) {
-            next_[++out] = std::move(next_[i]);
+            if (++out != i) next_[out] = std::move(next_[i]);
          } else {
             Merge()(next_[out].value, next_[i].value);
          }
@@ -115,15 +121,17 @@ class PendingSet {
       cursor_ = 0;
       // A big pass gives its memory back; a small one keeps it for the next.
       if (pass_.capacity() > kKeptCapacity) {
-         std::vector<Member>().swap(pass_);
+         Members().swap(pass_);
       } else {
          pass_.clear();
       }
    }
 
    static constexpr size_t kKeptCapacity = 1024;
-   mutable std::vector<Member> next_; // marks waiting for the next pass, unsorted until compacted
-   std::vector<Member> pass_;         // the pass under way, sorted, drained from cursor_
+   // A burst of a million marks is tens of megabytes: bulk memory, on large pages.
+   using Members = std::vector<Member, Mox::BulkAllocator<Member>>;
+   mutable Members next_; // marks waiting for the next pass, unsorted until compacted
+   Members pass_;         // the pass under way, sorted, drained from cursor_
    size_t cursor_ = 0;
    mutable size_t compactedSize_ = 0; // next_'s size after its last compaction
 };

@@ -81,4 +81,31 @@ TEST(KilnPending, AMillionMarksOfFewKeysMergeIntoOneMemberEach) {
    EXPECT_EQ(drain(p), "0! 1 2 3 4 5 6 ");
 }
 
+TEST(KilnPending, MarksSpreadOverManyCompactionsMergeAcrossThem) {
+   // Keys come back long after their first mark, so a key sits in the compacted prefix and again
+   // in the marks since: each must still come out once, in order, with every flag folded in.
+   Pending p;
+   constexpr int kKeys = 5000;
+   std::vector<bool> flagged(kKeys, false);
+   for (int round = 0; round < 3; ++round) {
+      for (int i = 0; i < kKeys; ++i) {
+         int k = (i * 2647 + round * 911) % kKeys; // 2647 is prime to 5000: every key once a round
+         bool flag = (k + round) % 11 == 0;
+         flagged[static_cast<size_t>(k)] = flagged[static_cast<size_t>(k)] || flag;
+         p.mark(k, flag);
+      }
+   }
+   EXPECT_EQ(p.size(), static_cast<size_t>(kKeys));
+   int expected = 0;
+   bool allRight = true;
+   while (auto* m = p.front()) {
+      allRight =
+          allRight && m->key == expected && m->value == flagged[static_cast<size_t>(expected)];
+      ++expected;
+      p.pop();
+   }
+   EXPECT_TRUE(allRight);
+   EXPECT_EQ(expected, kKeys);
+}
+
 } // namespace
