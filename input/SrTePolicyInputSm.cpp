@@ -291,6 +291,19 @@ void PolicyInputSm::handleTaskRun() {
       if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
          policySelectionInput_->policyIdEntry().prefetch(soon->key.id);
          policyKeyToIdMap_->policy().prefetch(soon->key.id.key);
+         if (auto table = input_->policyInput(soon->key.id.protocol)) {
+            table->policyInputEntryPrefetch(soon->key.id);
+         }
+      }
+      // Nearer, the record itself: its slot was fetched above, and its header and first segment
+      // lists are what processing reads first.
+      if (const auto* near = pendingPolicyId_.ahead(prefetchDistance / 2)) {
+         if (auto table = input_->policyInput(near->key.id.protocol)) {
+            if (const auto* record = table->policyInputEntryFind(near->key.id)) {
+               const char* bytes = reinterpret_cast<const char*>(record);
+               for (size_t at = 0; at < recordPrefetchBytes; at += 64) __builtin_prefetch(bytes + at);
+            }
+         }
       }
       // Copied: processing may queue ids, and the member goes once processed.
       const PolicyId id = member->key.id;

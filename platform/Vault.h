@@ -12,7 +12,9 @@
 //    record that fails its own validity check, is corruption: Vault::Corruption is thrown, which
 //    the writer process treats as fatal;
 //  - records are plain, trivially copyable values no larger than MaxRecordSize, so a reader's copy
-//    is a word copy and no record owns heap memory. An insert costs one hash-map insert.
+//    is a word copy and no record owns heap memory. An insert costs one hash-map insert;
+//  - a record stays where it is while it is in the table (the index holds it by pointer), and a
+//    reader can `prefetch` a key's index slot before it looks it up.
 #pragma once
 
 #include <concepts>
@@ -22,9 +24,10 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
-#include <unordered_map>
+#include <vector>
 
 #include "platform/Mox.h"
+#include "platform/MoxSlab.h"
 
 namespace Vault {
 
@@ -67,7 +70,11 @@ template <class K, class R, size_t MaxRecordSize = sizeof(R)>
 requires KeyedRecord<R, K>
 class Table {
    static_assert(sizeof(R) <= MaxRecordSize, "record larger than the table's record size");
-   using Map = std::unordered_map<K, R, Mox::Hash<K>>;
+   // The key sits in the flat index and the record apart: a lookup reads one slot of the index
+   // and never the record, so a reader walking a million keys can fetch ahead what it will need.
+   // Both sit in bulk memory (records in a slab of the table's own), as they would in the
+   // shared-memory segment of a table written by another process.
+   using Map = Mox::HashMap2018<K, R*>;
 
  public:
    static constexpr size_t recordSizeMax = MaxRecordSize;
@@ -85,8 +92,8 @@ class Table {
       using difference_type = std::ptrdiff_t;
       const_iterator() = default;
       explicit const_iterator(typename Map::const_iterator it) : it_(it) {}
-      const R& operator*() const { return it_->second; }
-      const R* operator->() const { return &it_->second; }
+      const R& operator*() const { return *it_->second; }
+      const R* operator->() const { return it_->second; }
       const_iterator& operator++() {
          ++it_;
          return *this;
@@ -101,6 +108,9 @@ class Table {
    Table(std::string name, WriterOps ops) : name_(std::move(name)), ops_(ops) {}
    Table(const Table&) = delete;
    Table& operator=(const Table&) = delete;
+   ~Table() {
+      for (const auto& [key, record] : map_) freeRecord(record);
+   }
 
    const std::string& name() const noexcept { return name_; }
    const WriterOps& writerOps() const noexcept { return ops_; }
@@ -121,29 +131,39 @@ class Table {
    // The record in the table; valid until the next change of the table.
    const R* find(const K& key) const {
       auto it = map_.find(key);
-      return it == map_.end() ? nullptr : &it->second;
+      return it == map_.end() ? nullptr : it->second;
    }
    std::optional<R> lookup(const K& key) const {
       auto it = map_.find(key);
       if (it == map_.end()) return std::nullopt;
-      return it->second;
+      return *it->second;
    }
+   // Brings the index slot of `key` towards the cache (an address, not a read).
+   void prefetch(const K& key) const { map_.prefetch(key); }
    const_iterator begin() const { return const_iterator(map_.begin()); }
    const_iterator end() const { return const_iterator(map_.end()); }
 
    // ---- writer side
    void insert(const R& record) {
       const K& key = record.key();
-      auto [it, inserted] = map_.try_emplace(key, record);
-      if (!inserted) it->second = record;
+      if (auto it = map_.find(key); it != map_.end()) {
+         *it->second = record;
+      } else {
+         R* made = newRecord(record);
+         map_.emplace(key, made);
+      }
       if (observer_) observer_->onRecord(key);
    }
    // The record under `key` for filling in place, made from `key` if absent; readers hear of it
    // at `commit`.
-   R& writable(const K& key) { return map_.try_emplace(key, R(key)).first->second; }
+   R& writable(const K& key) {
+      if (auto it = map_.find(key); it != map_.end()) return *it->second;
+      R* made = newRecord(R(key));
+      return *map_.emplace(key, made).first->second;
+   }
    void commit(const R& record) {
       auto it = map_.find(record.key());
-      if (it == map_.end() || &it->second != &record) {
+      if (it == map_.end() || it->second != &record) {
          throw Corruption("Vault table " + name_ + ": commit of a record not held under its key");
       }
       if constexpr (SelfChecking<R>) {
@@ -157,23 +177,36 @@ class Table {
       auto it = map_.find(key);
       if (it == map_.end()) return false;
       K removed = it->first;
+      freeRecord(it->second);
       map_.erase(it);
       if (observer_) observer_->onRecord(removed);
       return true;
    }
    void clear() {
-      while (!map_.empty()) {
-         K removed = map_.begin()->first;
-         map_.erase(map_.begin());
-         if (observer_) observer_->onRecord(removed);
-      }
+      // The keys first: an observer may read the table between two removals.
+      std::vector<K> keys;
+      keys.reserve(map_.size());
+      for (const auto& [key, record] : map_) keys.push_back(key);
+      for (const K& key : keys) erase(key);
    }
 
  private:
+#if MOX_SLAB_ENABLED
+   R* newRecord(const R& r) { return new (records_.take()) R(r); }
+   void freeRecord(R* r) noexcept { records_.give(r); } // records are trivially destructible
+#else
+   // Under the address sanitizer each record is its own heap block, so overflows are caught.
+   R* newRecord(const R& r) { return new R(r); }
+   void freeRecord(R* r) noexcept { delete r; }
+#endif
+
    std::string name_;
    WriterOps ops_;
    TableObserver<K>* observer_ = nullptr;
    MountStatus mountStatus_ = MountStatus::mounted;
+#if MOX_SLAB_ENABLED
+   Mox::Slab records_{sizeof(R), alignof(R), 64};
+#endif
    Map map_;
 };
 
