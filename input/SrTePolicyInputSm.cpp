@@ -301,7 +301,8 @@ void PolicyInputSm::handleTaskRun() {
          if (auto table = input_->policyInput(near->key.id.protocol)) {
             if (const auto* record = table->policyInputEntryFind(near->key.id)) {
                const char* bytes = reinterpret_cast<const char*>(record);
-               for (size_t at = 0; at < recordPrefetchBytes; at += 64) __builtin_prefetch(bytes + at);
+               for (size_t at = 0; at < recordPrefetchBytes; at += 64)
+                  __builtin_prefetch(bytes + at);
             }
          }
       }
