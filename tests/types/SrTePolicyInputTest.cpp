@@ -199,6 +199,32 @@ TEST(PolicyInput, InPlaceWritesReachReadersAtCommitAndCorruptionIsFatal) {
    EXPECT_THROW(slot.segmentListDelAll(), Mox::RangeError);
 }
 
+// Writers fill records in place and readers keep a found record while they work: a record must
+// not move when the table grows around it or when other records leave and their memory is reused.
+TEST(PolicyInput, RecordsStayPutWhileTheTableGrowsAndOthersLeave) {
+   auto input = policyInputFactory("bgp");
+   PolicyInputEntry& held = input->policyInputEntryWritable(idOf(1, 1));
+   held.preferenceIs(Preference(7));
+   input->policyInputEntryCommit(held);
+   const PolicyInputEntry* found = input->policyInputEntryFind(idOf(1, 1));
+   ASSERT_EQ(found, &held);
+   for (uint32_t round = 0; round < 3; ++round) {
+      for (uint32_t d = 2; d < 5000; ++d) input->policyInputEntryIs(entryWithLists(idOf(1, d), 2));
+      for (uint32_t d = 2; d < 5000; d += 2) input->policyInputEntryDel(idOf(1, d));
+   }
+   EXPECT_EQ(input->policyInputEntryFind(idOf(1, 1)), &held);
+   EXPECT_EQ(held.preference().value, 7u);
+   EXPECT_EQ(input->policyInputEntryCount(), 1u + 2499u);
+   // Records that came back after a removal hold what was last written, not a reused slot's past.
+   ASSERT_EQ(input->policyInputEntryFind(idOf(1, 4998)), nullptr);
+   input->policyInputEntryIs(entryWithLists(idOf(1, 4998), 1));
+   const PolicyInputEntry* back = input->policyInputEntryFind(idOf(1, 4998));
+   ASSERT_NE(back, nullptr);
+   EXPECT_EQ(*back, entryWithLists(idOf(1, 4998), 1));
+   EXPECT_EQ(back->segmentListCount(), 1u);
+   EXPECT_EQ(input->policyInputEntryFind(idOf(1, 4999))->segmentListCount(), 2u);
+}
+
 TEST(PolicyInputSource, HoldsOneTablePerProtocolAndDumpsThem) {
    auto source = policyInputSourceFactory("source");
    struct Log : PolicyInputSource::Notifiee {
