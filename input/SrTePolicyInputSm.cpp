@@ -295,17 +295,6 @@ void PolicyInputSm::handleTaskRun() {
             table->policyInputEntryPrefetch(soon->key.id);
          }
       }
-      // Nearer, the record itself: its slot was fetched above, and its header and first segment
-      // lists are what processing reads first.
-      if (const auto* near = pendingPolicyId_.ahead(prefetchDistance / 2)) {
-         if (auto table = input_->policyInput(near->key.id.protocol)) {
-            if (const auto* record = table->policyInputEntryFind(near->key.id)) {
-               const char* bytes = reinterpret_cast<const char*>(record);
-               for (size_t at = 0; at < recordPrefetchBytes; at += 64)
-                  __builtin_prefetch(bytes + at);
-            }
-         }
-      }
       // Copied: processing may queue ids, and the member goes once processed.
       const PolicyId id = member->key.id;
       const bool policyChanged = member->value;
@@ -351,7 +340,9 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
    Mox::Ptr<PolicyInput> table = input_->policyInput(id.protocol);
    const PolicyInputEntry* found = table ? table->policyInputEntryFind(id) : nullptr;
    if (found) {
-      const PolicyInputEntry record = *found; // processing must not see the table move under it
+      // Copied (its used part): processing must not see the table move under it.
+      PolicyInputEntry record;
+      found->copyUsedTo(record);
       // The key's entry in the candidate map is looked up once: it tells the label the candidate
       // is registered under, and receives the candidate at the end (only this stage writes it).
       PolicyInfo* info = policyKeyToIdMap_->policy(id.key);

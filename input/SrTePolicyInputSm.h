@@ -167,7 +167,6 @@ class PolicyInputSm : public Mox::RefCounted {
    static constexpr int taskPriority = 2;
    static constexpr double congestionDelay = 0.1;
    static constexpr size_t prefetchDistance = 8; // paths the drain fetches its table slots ahead
-   static constexpr size_t recordPrefetchBytes = 192; // a record's header and two segment lists
    static constexpr std::array<Protocol, 2> handledProtocols = {Protocol::bgp,
                                                                 Protocol::staticConfig};
 

@@ -70,6 +70,11 @@ bool PolicyInputEntry::deserialize(const void* buffer, size_t len) noexcept {
    return true;
 }
 
+void PolicyInputEntry::copyUsedTo(PolicyInputEntry& to) const noexcept {
+   const uint32_t n = std::min(segmentListCount_, segmentListCapacity);
+   std::memcpy(static_cast<void*>(&to), this, headerLen + slotLen * n);
+}
+
 bool operator==(const PolicyInputEntry& a, const PolicyInputEntry& b) noexcept {
    if (!(a.key_ == b.key_ && a.originator_ == b.originator_ && a.preference_ == b.preference_ &&
          a.bindingSid_ == b.bindingSid_ && a.segmentListCount_ == b.segmentListCount_)) {

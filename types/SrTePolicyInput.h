@@ -66,6 +66,9 @@ class PolicyInputEntry {
 
    // A record whose count fits its capacity.
    bool isValidRecord() const noexcept { return segmentListCount_ <= segmentListCapacity; }
+   // Copies the header and the used slots into `to` (at most the capacity; its other slots keep
+   // what they held): a reader's copy reads the bytes that mean something and no more.
+   void copyUsedTo(PolicyInputEntry& to) const noexcept;
 
    size_t serializeLen() const noexcept { return headerLen + slotLen * segmentListCount_; }
    // Writes serializeLen() bytes; returns that length, or 0 when `len` is too small or the record
