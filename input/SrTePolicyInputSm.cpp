@@ -636,9 +636,7 @@ void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
 void PolicyInputSm::markTablePending(Protocol protocol, bool policyChanged) {
    Mox::Ptr<PolicyInput> table = input_->policyInput(protocol);
    if (!table) return;
-   for (const PolicyInputEntry& record : table->policyInputEntry()) {
-      markPending(record.key(), policyChanged);
-   }
+   table->policyInputEntryForEachId([&](const PolicyId& id) { markPending(id, policyChanged); });
 }
 
 void PolicyInputSm::scheduleIfPending() {

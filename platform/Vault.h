@@ -140,6 +140,11 @@ class Table {
    }
    // Brings the index slot of `key` towards the cache (an address, not a read).
    void prefetch(const K& key) const { map_.prefetch(key); }
+   // Calls `visit(key)` for every record, reading the index only (not the records).
+   template <class F>
+   void forEachKey(F&& visit) const {
+      for (const auto& [key, record] : map_) visit(key);
+   }
    const_iterator begin() const { return const_iterator(map_.begin()); }
    const_iterator end() const { return const_iterator(map_.end()); }
 

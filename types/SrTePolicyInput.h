@@ -147,6 +147,11 @@ class PolicyInput : public Mox::Entity, private Vault::TableObserver<PolicyId> {
    void policyInputEntryPrefetch(const PolicyId& id) const { table_.prefetch(id); }
    // Iteration (hash order): for (const PolicyInputEntry& e : input->policyInputEntry()).
    const EntryTable& policyInputEntry() const noexcept { return table_; }
+   // Every record's id, without reading the records.
+   template <class F>
+   void policyInputEntryForEachId(F&& visit) const {
+      table_.forEachKey(visit);
+   }
    size_t policyInputEntryCount() const noexcept { return table_.size(); }
 
    Vault::MountStatus mountStatus() const noexcept { return table_.mountStatus(); }
