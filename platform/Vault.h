@@ -24,6 +24,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "platform/Mox.h"
@@ -151,20 +152,14 @@ class Table {
    // ---- writer side
    void insert(const R& record) {
       const K& key = record.key();
-      if (auto it = map_.find(key); it != map_.end()) {
-         *it->second = record;
-      } else {
-         R* made = newRecord(record);
-         map_.emplace(key, made);
-      }
+      auto [held, made] = findOrMake(key, [&] { return record; });
+      if (!made) *held = record;
       if (observer_) observer_->onRecord(key);
    }
    // The record under `key` for filling in place, made from `key` if absent; readers hear of it
    // at `commit`.
    R& writable(const K& key) {
-      if (auto it = map_.find(key); it != map_.end()) return *it->second;
-      R* made = newRecord(R(key));
-      return *map_.emplace(key, made).first->second;
+      return *findOrMake(key, [&] { return R(key); }).first;
    }
    void commit(const R& record) {
       auto it = map_.find(record.key());
@@ -196,6 +191,21 @@ class Table {
    }
 
  private:
+   // The record under `key`, and whether `make()` just made it: one probe of the index.
+   template <class Make>
+   std::pair<R*, bool> findOrMake(const K& key, Make&& make) {
+      auto [it, inserted] = map_.try_emplace(key, nullptr);
+      if (inserted) {
+         try {
+            it->second = newRecord(make());
+         } catch (...) {
+            map_.erase(it);
+            throw;
+         }
+      }
+      return {it->second, inserted};
+   }
+
 #if MOX_SLAB_ENABLED
    R* newRecord(const R& r) { return new (records_.take()) R(r); }
    void freeRecord(R* r) noexcept { records_.give(r); } // records are trivially destructible
