@@ -8,41 +8,17 @@
 #include <set>
 
 #include "core/SrTePolicyCore.h"
+#include "tests/core/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 
 namespace {
 
-PolicyId pathId(const char* endpoint, uint32_t color, uint32_t disc) {
-   return PolicyId(PolicyKey(*Ipkit::IpGenAddr::parse(endpoint), Color(color)), Protocol::bgp,
-                   Discriminator(disc));
-}
+using Testing::bgpPathId;
+using Testing::pathRecord;
 
-PolicyInputEntry path(const PolicyId& id, uint32_t bsid, std::vector<std::vector<uint32_t>> lists) {
-   PolicyInputEntry e(id);
-   if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
-   for (size_t i = 0; i < lists.size(); ++i) {
-      Ipkit::MplsLabelOperation op;
-      for (uint32_t l : lists[i]) op.push(Ipkit::MplsLabel(l));
-      e.segmentListIs(SegmentListIndex(i), WeightedSegList(Weight(1 + i), op));
-   }
-   return e;
-}
-
-// One router with its own clock and a bgp input table, and the core built over it.
-struct Router {
-   Kiln::TaskScheduler scheduler;
-   StandaloneRouter tables;
-   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
-   std::unique_ptr<PolicyCore> core;
-
-   explicit Router(PublishedTables published = {}) {
-      tables.input->policyInputIs(Protocol::bgp, bgp);
-      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
-      core = std::make_unique<PolicyCore>(tables.tables(scheduler), std::move(published));
-      core->start();
-   }
-   void put(const PolicyInputEntry& e) { bgp->policyInputEntryIs(e); }
+struct Router : Testing::CoreTestRouter {
+   explicit Router(PublishedTables published = {}) { start(std::move(published)); }
 
    // What the core computed, without the segment-list ids a restart renumbers: per candidate
    // path its reason, binding SID and weighted label stacks; the exported label stacks.
@@ -116,10 +92,10 @@ TEST(PolicyCore, TwoCoresInOneProcessSeeOnlyTheirOwnMessagesTracesAndTables) {
    b.core->tracer().textLevelIs(9);
    b.core->tracer().captureIs(&linesB);
 
-   a.put(path(pathId("10.0.0.1", 1, 1), Ipkit::MplsLabel::null, {{16001}}));
-   a.put(path(pathId("10.0.0.1", 2, 1), 900001, {{16001, 16002}}));
-   b.put(path(pathId("10.0.0.2", 1, 1), 800000, {{16001}}));
-   b.put(path(pathId("10.0.0.2", 2, 1), 900001, {{17001}}));
+   a.put(pathRecord(bgpPathId("10.0.0.1", 1, 1), Ipkit::MplsLabel::null, {{16001}}));
+   a.put(pathRecord(bgpPathId("10.0.0.1", 2, 1), 900001, {{16001, 16002}}));
+   b.put(pathRecord(bgpPathId("10.0.0.2", 1, 1), 800000, {{16001}}));
+   b.put(pathRecord(bgpPathId("10.0.0.2", 2, 1), 900001, {{17001}}));
    a.scheduler.runUntilIdle();
    b.scheduler.runUntilIdle();
 
@@ -165,26 +141,17 @@ TEST(PolicyCore, TwoCoresInOneProcessSeeOnlyTheirOwnMessagesTracesAndTables) {
 // A mixed load: shared and private lists, an unusable path, then updates and a withdrawal.
 void load(Router& r) {
    // Lists starting at 16000..16002 and 18000 resolve through a swap, 17000..17003 through a push.
-   Mpls::Status& mpls = *r.tables.mplsStatus;
-   const auto eth = [](uint32_t n) { return Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n); };
-   mpls.adjacencyIs(1, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000002), eth(1),
-                                  Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(16000))});
-   mpls.adjacencyIs(2, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000006), eth(2),
-                                  Ipkit::MplsLabelAction::push, Ipkit::MplsLabel(24000))});
-   const auto route = [&](uint32_t label, Mpls::AdjacencyIndex adj) {
-      mpls.lfibRouteIs(Mpls::LFib::Route(
-          Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(label)), Mpls::LFib::RouteType::unknown,
-          Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(adj, Mpls::AdjacencyType::nexthop)));
-   };
-   for (uint32_t l : {16000, 16001, 16002, 18000}) route(l, 1);
-   for (uint32_t l : {17000, 17001, 17002, 17003}) route(l, 2);
+   r.swapAndPushAdjacencies();
+   for (uint32_t l : {16000, 16001, 16002, 18000}) r.route(l, 1);
+   for (uint32_t l : {17000, 17001, 17002, 17003}) r.route(l, 2);
    for (uint32_t i = 0; i < 12; ++i) {
-      r.put(path(pathId("10.0.0.1", i, 1), 900000 + i, {{16000 + i % 3, 16100}, {17000 + i % 4}}));
+      r.put(pathRecord(bgpPathId("10.0.0.1", i, 1), 900000 + i,
+                       {{16000 + i % 3, 16100}, {17000 + i % 4}}));
    }
-   r.put(path(pathId("10.0.0.9", 1, 1), 800000, {{16001}}));
+   r.put(pathRecord(bgpPathId("10.0.0.9", 1, 1), 800000, {{16001}}));
    r.scheduler.runUntilIdle();
-   r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
-   r.bgp->policyInputEntryDel(pathId("10.0.0.1", 4, 1));
+   r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+   r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 4, 1));
    r.scheduler.runUntilIdle();
 }
 
@@ -227,7 +194,7 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       ASSERT_EQ(published.tunnelTable->entry().size(), exported);
 
       // The active entries of the policies untouched while away must stay the same objects.
-      const PolicyKey away = pathId("10.0.0.1", 3, 1).key;
+      const PolicyKey away = bgpPathId("10.0.0.1", 3, 1).key;
       std::map<PolicyKey, Mox::Ptr<PolicyEntry>> actives;
       for (const auto& [key, policy] : published.ecPolicy->policy()) {
          if (!(key == away)) actives[key] = policy->active();
@@ -235,7 +202,7 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       ASSERT_FALSE(actives.empty());
 
       // Withdrawn while the agent is away: its exported lists must go on the next drain.
-      r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
+      r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 3, 1));
       comeBack(r);
 
       // The published tables are the same objects, untouched until the machines run; the
@@ -255,7 +222,7 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
           e.coreDedupTables->notifyingSegmentListCollection()->segmentListNotifier().empty());
 
       r.scheduler.runUntilIdle();
-      r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+      r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
       r.scheduler.runUntilIdle();
       EXPECT_EQ(r.outputs(), converged);
       EXPECT_EQ(r.core->published().ecPolicy, published.ecPolicy);
@@ -362,13 +329,13 @@ TEST(PolicyCore, TearDownWithdrawsEveryOutputKeepsTheInputsAndStartBringsThemBac
    EXPECT_FALSE(r.core->started());
 
    // An input written while stopped is picked up by the next start, as after a restart.
-   r.bgp->policyInputEntryDel(pathId("10.0.0.1", 3, 1));
+   r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 3, 1));
    r.scheduler.runUntilIdle();
    r.core->start();
    EXPECT_TRUE(r.tables.status->agentEnabled());
    r.scheduler.runUntilIdle();
    EXPECT_EQ(tables.policySelectionInput->policyIdEntry().size(), 10u);
-   r.put(path(pathId("10.0.0.1", 3, 1), 900003, {{18000}}));
+   r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
    r.scheduler.runUntilIdle();
    EXPECT_EQ(r.outputs(), converged);
    EXPECT_EQ(publishedOutputs(*r.core), published);
@@ -389,12 +356,10 @@ TEST(PolicyCore, TearDownWithdrawsEveryOutputKeepsTheInputsAndStartBringsThemBac
 // A core built up to the input stage: the later machines are left out, nothing selects or
 // publishes, and it stops and tears down like a whole one.
 TEST(PolicyCore, ACoreBuiltUpToAStageRunsThatStageAloneAndStopsCleanly) {
-   Kiln::TaskScheduler scheduler;
-   StandaloneRouter tables;
-   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
-   tables.input->policyInputIs(Protocol::bgp, bgp);
-   tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
-   PolicyCore core(tables.tables(scheduler), {}, Stage::input);
+   Testing::CoreTestRouter r;
+   Kiln::TaskScheduler& scheduler = r.scheduler;
+   const Mox::Ptr<PolicyInput>& bgp = r.bgp;
+   PolicyCore core(r.tables.tables(scheduler), {}, Stage::input);
    core.start();
    EXPECT_EQ(core.lastStage(), Stage::input);
    ASSERT_TRUE(core.policyInputSm());
@@ -404,8 +369,9 @@ TEST(PolicyCore, ACoreBuiltUpToAStageRunsThatStageAloneAndStopsCleanly) {
    EXPECT_FALSE(core.lfibGenSm());
    EXPECT_FALSE(core.tunnelMapExportSm());
 
-   bgp->policyInputEntryIs(path(pathId("10.0.0.1", 1, 1), 900001, {{16001, 16002}}));
-   bgp->policyInputEntryIs(path(pathId("10.0.0.2", 1, 1), 900002, {{16001, 16002}, {16003}}));
+   bgp->policyInputEntryIs(pathRecord(bgpPathId("10.0.0.1", 1, 1), 900001, {{16001, 16002}}));
+   bgp->policyInputEntryIs(
+       pathRecord(bgpPathId("10.0.0.2", 1, 1), 900002, {{16001, 16002}, {16003}}));
    scheduler.runUntilIdle();
    const PublishedTables& out = core.published();
    EXPECT_EQ(out.policySelectionInput->policyIdEntry().size(), 2u);

@@ -11,6 +11,7 @@
 
 #include "core/SrTePolicyCore.h"
 #include "core/SrTePolicyRestartWatch.h"
+#include "tests/core/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 
@@ -38,32 +39,15 @@ Ipkit::MplsLabelOperation stack(uint32_t n) {
    return op;
 }
 
-struct Router {
-   Kiln::TaskScheduler scheduler;
-   StandaloneRouter tables;
-   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
+struct Router : Testing::CoreTestRouter {
    Mox::Ptr<PolicyInput> staticInput = policyInputFactory("static");
-   std::unique_ptr<PolicyCore> core;
 
-   Router() {
-      tables.input->policyInputIs(Protocol::bgp, bgp);
+   Router() : CoreTestRouter(65536) {
       tables.input->policyInputIs(Protocol::staticConfig, staticInput);
-      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 65536));
-      Mpls::Status& mpls = *tables.mplsStatus;
-      const auto eth = [](uint32_t n) { return Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n); };
-      mpls.adjacencyIs(1, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000002), eth(1),
-                                     Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(16000))});
-      mpls.adjacencyIs(2, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000006), eth(2),
-                                     Ipkit::MplsLabelAction::push, Ipkit::MplsLabel(24000))});
-      const auto route = [&](uint32_t label, Mpls::AdjacencyIndex adj) {
-         mpls.lfibRouteIs(Mpls::LFib::Route(
-             Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(label)), Mpls::LFib::RouteType::unknown,
-             Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(adj, Mpls::AdjacencyType::nexthop)));
-      };
+      swapAndPushAdjacencies();
       for (uint32_t l = 16000; l < 16010; ++l) route(l, 1);
       for (uint32_t l = 17000; l < 17005; ++l) route(l, 2);
-      core = std::make_unique<PolicyCore>(tables.tables(scheduler));
-      core->start();
+      start();
    }
 
    // Every policy has a bgp path; every fourth also a static one of higher preference. Binding

@@ -5,44 +5,22 @@
 #include <map>
 
 #include "core/SrTePolicyCore.h"
+#include "tests/core/CoreTestRouter.h"
 
 namespace SrTePolicy {
 namespace {
 
-PolicyId pathId(const char* endpoint, uint32_t color, uint32_t disc) {
-   return PolicyId(PolicyKey(*Ipkit::IpGenAddr::parse(endpoint), Color(color)), Protocol::bgp,
-                   Discriminator(disc));
+constexpr auto pathId = Testing::bgpPathId;
+
+PolicyInputEntry path(const PolicyId& id, uint32_t bsid, const std::vector<uint32_t>& labels) {
+   return Testing::pathRecord(id, bsid, {labels});
 }
 
-PolicyInputEntry path(const PolicyId& id, uint32_t bsid, std::vector<uint32_t> labels) {
-   PolicyInputEntry e(id);
-   if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
-   Ipkit::MplsLabelOperation op;
-   for (uint32_t l : labels) op.push(Ipkit::MplsLabel(l));
-   e.segmentListIs(SegmentListIndex(0), WeightedSegList(Weight(1), op));
-   return e;
-}
-
-struct Router {
-   Kiln::TaskScheduler scheduler;
-   StandaloneRouter tables;
-   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
-   std::unique_ptr<PolicyCore> core;
-
+struct Router : Testing::CoreTestRouter {
    Router() {
-      tables.input->policyInputIs(Protocol::bgp, bgp);
-      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
-      Mpls::Status& mpls = *tables.mplsStatus;
-      mpls.adjacencyIs(1, {Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000002),
-                                     Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 1),
-                                     Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(16000))});
-      for (uint32_t l : {16001, 16002, 16003}) {
-         mpls.lfibRouteIs(Mpls::LFib::Route(
-             Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)), Mpls::LFib::RouteType::unknown,
-             Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(1, Mpls::AdjacencyType::nexthop)));
-      }
-      core = std::make_unique<PolicyCore>(tables.tables(scheduler));
-      core->start();
+      adjacency(1, 0x0a000002, 1, Ipkit::MplsLabelAction::swap, 16000);
+      for (uint32_t l : {16001, 16002, 16003}) route(l, 1);
+      start();
    }
    PolicyStatus& status() const { return *core->published().policyStatus; }
    const Vault::Fib::ForwardingStatus& fib() const { return *core->published().srteFwdStatus; }

@@ -9,27 +9,15 @@
 #include <vector>
 
 #include "core/SrTePolicyCore.h"
+#include "tests/core/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 using Tunnel::TunnelTable::TunnelId;
 
 namespace {
 
-PolicyId pathId(const char* endpoint, uint32_t color, uint32_t disc) {
-   return PolicyId(PolicyKey(*Ipkit::IpGenAddr::parse(endpoint), Color(color)), Protocol::bgp,
-                   Discriminator(disc));
-}
-
-PolicyInputEntry path(const PolicyId& id, uint32_t bsid, std::vector<std::vector<uint32_t>> lists) {
-   PolicyInputEntry e(id);
-   e.bindingSidIs(Ipkit::MplsLabel(bsid));
-   for (size_t i = 0; i < lists.size(); ++i) {
-      Ipkit::MplsLabelOperation op;
-      for (uint32_t l : lists[i]) op.push(Ipkit::MplsLabel(l));
-      e.segmentListIs(SegmentListIndex(i), WeightedSegList(Weight(1), op));
-   }
-   return e;
-}
+constexpr auto pathId = Testing::bgpPathId;
+constexpr auto path = Testing::pathRecord;
 
 std::string sl(TunnelId t) { return "sl " + std::to_string(t.index()); }
 
@@ -60,21 +48,8 @@ struct MapWatch : TunnelIdToPolicyKey::Notifiee {
    }
 };
 
-struct Router {
-   Kiln::TaskScheduler scheduler;
-   StandaloneRouter tables;
-   Mox::Ptr<PolicyInput> bgp = policyInputFactory("bgp");
-   std::unique_ptr<PolicyCore> core;
-
-   Router() {
-      tables.input->policyInputIs(Protocol::bgp, bgp);
-      tables.mplsConfig->labelRangeIs("srlb", Mpls::LabelRange(900000, 1000));
-      core = std::make_unique<PolicyCore>(tables.tables(scheduler));
-      core->start();
-   }
-   void put(const PolicyInputEntry& e) { bgp->policyInputEntryIs(e); }
-   void del(const PolicyId& id) { bgp->policyInputEntryDel(id); }
-   void run() { scheduler.runUntilIdle(); }
+struct Router : Testing::CoreTestRouter {
+   Router() { start(); }
    void counter(TunnelId t, bool present = true) {
       if (present) {
          tables.counterTable->counterIs(t);
