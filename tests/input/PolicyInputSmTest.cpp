@@ -5,6 +5,7 @@
 
 #include "core/SrTePolicyCore.h"
 #include "input/SrTePolicyInputSm.h"
+#include "tests/core/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 
@@ -46,15 +47,8 @@ struct Env {
       return PolicyId(PolicyKey(addr(endpoint), Color(color)), p, Discriminator(disc));
    }
    static PolicyInputEntry record(const PolicyId& pid, uint32_t bsid,
-                                  std::vector<std::vector<uint32_t>> lists) {
-      PolicyInputEntry e(pid);
-      if (bsid != Ipkit::MplsLabel::null) e.bindingSidIs(Ipkit::MplsLabel(bsid));
-      for (size_t i = 0; i < lists.size(); ++i) {
-         Ipkit::MplsLabelOperation op;
-         for (uint32_t l : lists[i]) op.push(Ipkit::MplsLabel(l));
-         e.segmentListIs(SegmentListIndex(i), WeightedSegList(Weight(1 + i), op));
-      }
-      return e;
+                                  const std::vector<std::vector<uint32_t>>& lists) {
+      return Testing::pathRecord(pid, bsid, lists);
    }
    PolicyInput& table(Protocol p) { return p == Protocol::bgp ? *bgp : *configured; }
    void put(const PolicyInputEntry& e) { table(e.key().protocol).policyInputEntryIs(e); }
