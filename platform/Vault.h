@@ -129,7 +129,8 @@ class Table {
    // ---- reader side
    size_t size() const noexcept { return map_.size(); }
    bool empty() const noexcept { return map_.empty(); }
-   // The record in the table; valid until the next change of the table.
+   // The record in the table; valid while it stays there (other keys coming and going do not
+   // move it), not across its own erase.
    const R* find(const K& key) const {
       auto it = map_.find(key);
       return it == map_.end() ? nullptr : it->second;
