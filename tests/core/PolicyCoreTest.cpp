@@ -149,10 +149,10 @@ void load(Router& r) {
                        {{16000 + i % 3, 16100}, {17000 + i % 4}}));
    }
    r.put(pathRecord(bgpPathId("10.0.0.9", 1, 1), 800000, {{16001}}));
-   r.scheduler.runUntilIdle();
+   r.run();
    r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
-   r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 4, 1));
-   r.scheduler.runUntilIdle();
+   r.del(bgpPathId("10.0.0.1", 4, 1));
+   r.run();
 }
 
 SegmentListId highestExported(const PolicyCore& core) {
@@ -202,7 +202,7 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       ASSERT_FALSE(actives.empty());
 
       // Withdrawn while the agent is away: its exported lists must go on the next drain.
-      r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 3, 1));
+      r.del(bgpPathId("10.0.0.1", 3, 1));
       comeBack(r);
 
       // The published tables are the same objects, untouched until the machines run; the
@@ -221,9 +221,9 @@ TEST(PolicyCore, RestartAndANewCoreOverThePublishedTablesReconvergeToTheSameOutp
       EXPECT_TRUE(
           e.coreDedupTables->notifyingSegmentListCollection()->segmentListNotifier().empty());
 
-      r.scheduler.runUntilIdle();
+      r.run();
       r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
-      r.scheduler.runUntilIdle();
+      r.run();
       EXPECT_EQ(r.outputs(), converged);
       EXPECT_EQ(r.core->published().ecPolicy, published.ecPolicy);
       for (const auto& [key, active] : actives) {
@@ -329,14 +329,14 @@ TEST(PolicyCore, TearDownWithdrawsEveryOutputKeepsTheInputsAndStartBringsThemBac
    EXPECT_FALSE(r.core->started());
 
    // An input written while stopped is picked up by the next start, as after a restart.
-   r.bgp->policyInputEntryDel(bgpPathId("10.0.0.1", 3, 1));
-   r.scheduler.runUntilIdle();
+   r.del(bgpPathId("10.0.0.1", 3, 1));
+   r.run();
    r.core->start();
    EXPECT_TRUE(r.tables.status->agentEnabled());
-   r.scheduler.runUntilIdle();
+   r.run();
    EXPECT_EQ(tables.policySelectionInput->policyIdEntry().size(), 10u);
    r.put(pathRecord(bgpPathId("10.0.0.1", 3, 1), 900003, {{18000}}));
-   r.scheduler.runUntilIdle();
+   r.run();
    EXPECT_EQ(r.outputs(), converged);
    EXPECT_EQ(publishedOutputs(*r.core), published);
    const size_t tunnels = tables.exportedSegmentListColl->segmentList().size();
