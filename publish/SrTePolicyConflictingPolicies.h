@@ -2,18 +2,20 @@
 //
 // One entity per binding SID that some active policy asks for. `chosen` is the holder (the
 // default PolicyKey while the holder has let go and a competitor has yet to take it); the
-// competitors are the policies refused while `chosen` held it. A policy is never both.
+// competitors are the policies refused while `chosen` held it. A policy is never both. There is
+// one per published binding SID, so they come from a slab.
 #pragma once
 
 #include <string>
 
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxSlab.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
 
-class ConflictingPolicies : public Mox::Entity {
+class ConflictingPolicies : public Mox::Entity, public Mox::Slabbed<ConflictingPolicies> {
  public:
    static constexpr const char* typeName = "SrTePolicy::ConflictingPolicies";
    using CompetitorSet = Mox::SmallSet<PolicyKey>;
