@@ -97,6 +97,9 @@ void SrTePolicyLfibGenSm::nestedPolicyDel(const PolicyKey& key) { nestedPolicy_.
 void SrTePolicyLfibGenSm::handleInitialized() {
    initialized_ = true;
    smInited_ = false;
+   // Sized once for what the walk below records: a route per survivor, a binding SID per entry.
+   unusedLfibRoute_.reserve(lfib_->lfibRoute().size());
+   policyKeyBindingSidMap_.reserve(in_.policyStatus->status().size());
    for (const auto& [routeKey, route] : lfib_->lfibRoute()) unusedLfibRoute_.insert(routeKey);
    // Each entry claims its route; one still right is adopted without being written again.
    in_.policyStatus->status().forEach(

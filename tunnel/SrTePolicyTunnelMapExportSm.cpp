@@ -183,12 +183,16 @@ void TunnelMapExportSm::handleInitialized() {
 
    // What every path maps now, as the selection input names it. Per tunnel: the first path met
    // that maps it, and whether its row is right (its key is the key of a path that maps it). The
-   // row is read once per tunnel, and the table does not change during the walk.
+   // row is read once per tunnel, and the table does not change during the walk. The row key's
+   // hash is kept beside the pointer: a tunnel is met once per path that maps it, and most of
+   // those paths are of other keys, which the hash tells apart without reading the row again.
    struct Held {
       const PolicyId* path = nullptr;
       const PolicyKey* rowKey = nullptr;
+      uint32_t rowKeyHash = 0; // 32 bits keep a member at 24 bytes
       bool right = false;
    };
+   const Mox::Hash<PolicyKey> hashKey;
    Mox::HashMap2018<TunnelId, Held> held;
    held.reserve(in_.tunnelIdToPolicyKey->tunnelEntry().size());
    // Sized once: growing rehashes every member, and this table reads each key from its entry.
@@ -196,6 +200,7 @@ void TunnelMapExportSm::handleInitialized() {
    in_.policyId->policyIdEntry().forEach(
        [&](const PolicyId& id, const Mox::Ptr<PolicyIdEntry>& entry) {
           PolicyTunnelInfo& info = policyIdEntryIs(entry).info();
+          const auto keyHash = static_cast<uint32_t>(hashKey(id.key));
           for (const auto& [index, w] : entry->wSegmentList()) {
              const TunnelId t = w.segmentListId.getTunnelId();
              auto [it, first] = held.try_emplace(t);
@@ -204,8 +209,11 @@ void TunnelMapExportSm::handleInitialized() {
                 h.path = &entry->id();
                 const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
                 h.rowKey = row ? &row->policyKey : nullptr;
+                h.rowKeyHash = row ? static_cast<uint32_t>(hashKey(row->policyKey)) : 0;
              }
-             if (!h.right && h.rowKey && *h.rowKey == id.key) h.right = true;
+             if (!h.right && h.rowKey && h.rowKeyHash == keyHash && *h.rowKey == id.key) {
+                h.right = true;
+             }
              if (info.tunnelIdIs(t)) {
                 SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
              }
