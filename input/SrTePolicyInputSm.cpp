@@ -354,7 +354,7 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
           registerForBindingSid(record.bindingSid(), id, *info, registered);
       const PolicyInvalidReason reason = isPolicyEntryValid(record, user);
       if (reason == PolicyInvalidReason::usable) {
-         addOrUpdatePolicyIdEntry(record);
+         addOrUpdatePolicyIdEntry(record, earlier != nullptr);
       } else {
          deletePolicyIdEntry(id);
       }
@@ -450,7 +450,7 @@ void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
    if (info->candidate().empty()) policyKeyToIdMap_->policyDel(key);
 }
 
-void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
+void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record, bool recorded) {
    const PolicyId& id = record.key();
    SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << id << " added/updated");
    Mox::Ptr<PolicyIdEntry> entry =
@@ -470,9 +470,10 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record) {
       Mox::Ptr<SegmentList> list = createDedupSegmentList(slot.segList, id);
       const SegmentListId slId = list->segmentListId();
       // A list the path did not name before (in its last record or an earlier slot of this one)
-      // cannot have it among its users yet.
-      const bool newUser = std::find(previous.begin(), previous.end(), slId) == previous.end() &&
-                           std::find(current.begin(), current.end(), slId) == current.end();
+      // cannot have it among its users yet; nor can any list, for a path not recorded yet.
+      const bool newUser =
+          (!recorded || std::find(previous.begin(), previous.end(), slId) == previous.end()) &&
+          std::find(current.begin(), current.end(), slId) == current.end();
       registerSegmentListForPolicy(list, entry, newUser);
       current.push_back(slId);
       entry->wSegmentListIs(static_cast<uint8_t>(i),

@@ -246,7 +246,11 @@ class PolicyInputSm : public Mox::RefCounted {
    void addInPolicyKeyToIdMap(PolicyInfo& info, const CandidateId& candidateId, bool policyChanged,
                               PolicyInvalidReason reason, Ipkit::MplsLabel bindingSid);
    void deleteFromPolicyKeyToIdMap(const PolicyKey& key, const CandidateId& candidateId);
-   void addOrUpdatePolicyIdEntry(const PolicyInputEntry& entry);
+   // `recorded`: the candidate map already holds the path. One it does not hold is no list's
+   // user (a path's registrations go with its candidate: when its record goes, and all at once
+   // when the stage starts), so every list the record names is new to it, whatever its
+   // selection-input entry named before a restart.
+   void addOrUpdatePolicyIdEntry(const PolicyInputEntry& entry, bool recorded);
    void deletePolicyIdEntry(const PolicyId& id);
 
    // Binding-SID users.

@@ -461,6 +461,39 @@ TEST_F(InputStage, RestartKeepsPublishedTablesAndCleansUpExactlyTheStaleLists) {
    EXPECT_EQ(exported->segmentList().size(), 3u);
 }
 
+// A restart forgets the lists' users while the selection input still names every path's lists:
+// each path must be registered again exactly once per list, or its lists outlive it.
+TEST_F(InputStage, RestartRegistersEachPathOnceWithEachListItNames) {
+   const auto a = id(Protocol::bgp, "10.0.0.1", 1, 1);
+   const auto b = id(Protocol::bgp, "10.0.0.2", 1, 1);
+   const auto c = id(Protocol::staticConfig, "10.0.0.3", 1, 1);
+   put(record(a, 900001, {{16001}, {16003}}));
+   put(record(b, 900002, {{16001}}));
+   put(record(c, 900003, {{16002}}));
+   scheduler.runUntilIdle();
+
+   core.stop();
+   put(record(c, 900003, {{16002}, {16001}, {16002}})); // rewritten meanwhile, one list twice
+   core.start();
+   scheduler.runUntilIdle();
+   auto users = [&](uint32_t label) {
+      for (const auto& [slId, user] : segListMap()->segmentListUser()) {
+         if (user->segmentList()->labelStack().stringValue() == std::to_string(label)) {
+            return Mox::sortedKeys(user->policyId());
+         }
+      }
+      return std::vector<PolicyId>{};
+   };
+   EXPECT_EQ(users(16001), (std::vector<PolicyId>{a, b, c}));
+   EXPECT_EQ(users(16002), (std::vector<PolicyId>{c}));
+   EXPECT_EQ(users(16003), (std::vector<PolicyId>{a}));
+
+   for (const auto& p : {a, b, c}) table(p.protocol).policyInputEntryDel(p);
+   scheduler.runUntilIdle();
+   EXPECT_TRUE(segListMap()->segmentListUser().empty());
+   EXPECT_TRUE(exported->segmentList().empty());
+}
+
 TEST_F(InputStage, RemovedSourceTableWithdrawsItsCandidates) {
    const auto a = id(Protocol::staticConfig, "10.0.0.1", 1, 100);
    put(record(a, 900001, {{16001}}));
