@@ -4,6 +4,8 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "platform/MoxBulk.h"
+
 namespace Agent {
 
 // The agent's reaction to SR-TE being configured on or off.
@@ -111,6 +113,7 @@ void Host::start() {
 }
 
 void Host::restart() {
+   Mox::BulkKeep keep; // as PolicyCore::restart: the new core reuses the old one's blocks
    dropStages();
    ++restarts_;
    buildStages();

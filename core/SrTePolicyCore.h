@@ -44,6 +44,7 @@
 #include "lfib/SrTePolicyLfibGenSm.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
+#include "platform/MoxBulk.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
@@ -195,7 +196,10 @@ class PolicyCore {
    void stop(StopMode mode = StopMode::keepOutputs);
    // SR-TE turned off: stop(StopMode::withdrawOutputs).
    void tearDown() { stop(StopMode::withdrawOutputs); }
+   // The machines' tables and pools are made again at their old sizes: their memory is kept
+   // across (Mox::BulkKeep) rather than given back and zeroed again.
    void restart() {
+      Mox::BulkKeep keep;
       stop();
       start();
    }

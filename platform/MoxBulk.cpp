@@ -3,6 +3,7 @@
 #include <sys/mman.h>
 
 #include <cstdint>
+#include <map>
 
 namespace Mox {
 
@@ -22,6 +23,10 @@ constexpr bool kMapped = true;
 
 size_t gMappedBytes = 0;
 size_t gMappedBlocks = 0;
+int gKeeps = 0;
+size_t gKeptBytes = 0;
+// Freed blocks kept for reuse, by mapped size; a restart frees a few thousand at most.
+std::multimap<size_t, void*>* gKept = nullptr;
 
 bool isMapped(size_t bytes) noexcept { return kMapped && bytes >= bulkMinBytes; }
 
@@ -34,6 +39,20 @@ size_t mappedBytes(size_t bytes) noexcept {
 bool bulkMapped() noexcept { return kMapped; }
 size_t bulkMappedBytes() noexcept { return gMappedBytes; }
 size_t bulkMappedBlocks() noexcept { return gMappedBlocks; }
+size_t bulkKeptBytes() noexcept { return gKeptBytes; }
+
+BulkKeep::BulkKeep() noexcept { ++gKeeps; }
+
+BulkKeep::~BulkKeep() {
+   if (--gKeeps > 0 || !gKept) return;
+   for (const auto& [size, p] : *gKept) {
+      munmap(p, size);
+      gMappedBytes -= size;
+      --gMappedBlocks;
+   }
+   gKept->clear();
+   gKeptBytes = 0;
+}
 
 void* bulkAllocate(size_t bytes, size_t align) {
    if (!isMapped(bytes)) {
@@ -42,6 +61,17 @@ void* bulkAllocate(size_t bytes, size_t align) {
                  : ::operator new(bytes);
    }
    const size_t size = mappedBytes(bytes);
+   if (gKeptBytes > 0) {
+      // The last kept of this size: the one most likely still in the caches.
+      auto [first, last] = gKept->equal_range(size);
+      if (first != last) {
+         --last;
+         void* p = last->second;
+         gKept->erase(last);
+         gKeptBytes -= size;
+         return p;
+      }
+   }
    // Over-map by one large page and trim, so the block starts on a large-page boundary: only
    // whole aligned 2 MiB ranges can be backed by a large page.
    const size_t span = size + largePageBytes;
@@ -70,8 +100,19 @@ void bulkFree(void* p, size_t bytes, size_t align) noexcept {
       }
       return;
    }
-   munmap(p, mappedBytes(bytes));
-   gMappedBytes -= mappedBytes(bytes);
+   const size_t size = mappedBytes(bytes);
+   if (gKeeps > 0) {
+      try {
+         if (!gKept) gKept = new std::multimap<size_t, void*>; // never destroyed, like the blocks
+         gKept->emplace(size, p);
+         gKeptBytes += size;
+         return;
+      } catch (const std::bad_alloc&) {
+         // No room to remember it: unmapped at once, as without a keep.
+      }
+   }
+   munmap(p, size);
+   gMappedBytes -= size;
    --gMappedBlocks;
 }
 

@@ -13,6 +13,11 @@
 //    throws std::bad_alloc; `bulkFree` takes the same size and alignment back;
 //  - BulkAllocator<T> is a standard allocator, stateless (all instances are equal), so tables
 //    that use it swap and move as with std::allocator;
+//  - while a BulkKeep lives, a mapped block that is freed is kept mapped and is what the next
+//    allocation of the same mapped size gets (last kept first); when the last keep ends, the
+//    blocks nobody took are unmapped. A restart destroys the in-process tables and pools and makes
+//    them again at the same sizes: reusing their blocks spares the kernel zeroing every page
+//    again. A kept block's content is whatever its last owner left;
 //  - under AddressSanitizer every block is ordinary heap memory, so that overflows are caught.
 #pragma once
 
@@ -33,6 +38,17 @@ bool bulkMapped() noexcept;
 // the heap, so a count of heap allocations does not see it).
 size_t bulkMappedBytes() noexcept;
 size_t bulkMappedBlocks() noexcept;
+// Of those, what is freed and kept for reuse (see BulkKeep).
+size_t bulkKeptBytes() noexcept;
+
+// Keeps freed mapped blocks for reuse while it lives; keeps nest. One thread (the event loop's).
+class BulkKeep {
+ public:
+   BulkKeep() noexcept;
+   ~BulkKeep();
+   BulkKeep(const BulkKeep&) = delete;
+   BulkKeep& operator=(const BulkKeep&) = delete;
+};
 
 template <class T>
 struct BulkAllocator {

@@ -107,4 +107,45 @@ TEST(MoxBulk, ASlabTakesLargePageBlocksOnceItHasGrownAndItsSlotsStayDistinct) {
    EXPECT_EQ(Mox::bulkMappedBytes(), bytes0) << "a slab's blocks go with it";
 }
 
+// A restart frees its tables and makes them again at the same sizes: under a keep the new ones
+// get the old blocks back, a size nobody freed is mapped afresh, and what nobody took is unmapped
+// when the outermost keep ends.
+TEST(MoxBulk, AKeepHandsFreedBlocksToTheNextTablesOfTheSameSizeAndUnmapsTheRest) {
+   if (!Mox::bulkMapped()) GTEST_SKIP() << "heap memory only under AddressSanitizer";
+   const size_t bytes0 = Mox::bulkMappedBytes();
+   const size_t big = 3 * Mox::largePageBytes, other = 2 * Mox::largePageBytes;
+   void* a = Mox::bulkAllocate(big, 64);
+   void* b = Mox::bulkAllocate(big - 4096, 64); // the same number of large pages
+   void* c = Mox::bulkAllocate(other, 64);
+   std::memset(a, 0x11, big);
+   {
+      Mox::BulkKeep keep;
+      Mox::bulkFree(a, big, 64);
+      {
+         Mox::BulkKeep inner;
+         Mox::bulkFree(b, big - 4096, 64);
+      }
+      EXPECT_EQ(Mox::bulkKeptBytes(), 6 * Mox::largePageBytes) << "an inner keep ended early";
+      EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + 8 * Mox::largePageBytes);
+
+      // Last kept first; then the other one; then a fresh mapping.
+      EXPECT_EQ(Mox::bulkAllocate(big, 64), b);
+      void* again = Mox::bulkAllocate(big - 100, 64);
+      EXPECT_EQ(again, a);
+      EXPECT_EQ(static_cast<unsigned char*>(again)[big - 1], 0x11) << "not the same block";
+      void* fresh = Mox::bulkAllocate(other, 64);
+      EXPECT_NE(fresh, c);
+      EXPECT_EQ(Mox::bulkKeptBytes(), 0u);
+      EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + 10 * Mox::largePageBytes);
+
+      Mox::bulkFree(fresh, other, 64);
+      Mox::bulkFree(again, big, 64);
+      Mox::bulkFree(b, big, 64);
+   }
+   EXPECT_EQ(Mox::bulkKeptBytes(), 0u);
+   EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + other) << "kept blocks outlived the keep";
+   Mox::bulkFree(c, other, 64);
+   EXPECT_EQ(Mox::bulkMappedBytes(), bytes0);
+}
+
 } // namespace
