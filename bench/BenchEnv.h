@@ -54,6 +54,18 @@ inline long residentBytes() {
    return resident * 4096;
 }
 
+// Profiles one phase: with SRTE_PERF_CTL naming the control fifo of
+// `perf record -D -1 --control=fifo:<fifo>`, `perfControl("enable")` and `perfControl("disable")`
+// bracket what is to be sampled. Without it, nothing happens.
+inline void perfControl(const char* command) {
+   static const char* fifo = std::getenv("SRTE_PERF_CTL");
+   if (!fifo) return;
+   if (FILE* f = std::fopen(fifo, "w")) {
+      std::fprintf(f, "%s\n", command);
+      std::fclose(f);
+   }
+}
+
 // The high-water mark of resident memory (VmHWM), in bytes.
 inline long peakResidentBytes() {
    long kib = 0;
