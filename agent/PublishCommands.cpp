@@ -67,18 +67,17 @@ Show::View policyStatus(Host& host) {
 
 Show::View fecs(Host& host) {
    const PolicyStatus& status = *host.core().published().policyStatus;
-   const auto& fec = host.core().published().srteFwdStatus->fec();
+   const Vault::Fib::ForwardingStatus& fib = *host.core().published().srteFwdStatus;
    Show::Table t({{"FEC", "fecId"}, {"Policy", "policy"}},
                  {Show::Level{{{"Via", "viaIndex"},
                                {"Tunnel", "tunnelId"},
                                {"Label", "label"},
                                {"Action", "labelAction", ColumnKind::enumeration}},
                               "vias"}});
-   for (const auto* member : Mox::sortedMembers(fec)) {
-      auto& row = t.rowIs(
-          {fecIdCell(member->first), policyKeyCell(status.fecIdToPolicyKey(member->first))});
+   for (const Vault::Fib::FecId& id : Mox::sortedKeys(fib.fec())) {
+      auto& row = t.rowIs({fecIdCell(id), policyKeyCell(status.fecIdToPolicyKey(id))});
       uint32_t index = 0;
-      for (const Vault::Fib::Via& via : member->second.via()) {
+      for (const Vault::Fib::Via& via : fib.fec(id)->via()) {
          row.lineIs(
              {Show::number(index++),
               Show::cell(Show::tunnelText(via.tunnelId()),
@@ -88,7 +87,7 @@ Show::View fecs(Host& host) {
       }
    }
    return Show::View()
-       .lineIs("Policy FECs: " + Show::count(fec.size(), "FEC"))
+       .lineIs("Policy FECs: " + Show::count(fib.fec().size(), "FEC"))
        .tableIs("", std::move(t));
 }
 

@@ -203,7 +203,7 @@ RestartWatch::RestartWatch(const PublishedTables& p) {
        [fib](const auto& visit) {
           for (const auto& [k, fec] : fib->fec()) {
              std::string text;
-             for (const auto& via : fec.via()) text += via.stringValue() + "; ";
+             for (const auto& via : fec->via()) text += via.stringValue() + "; ";
              visit(k, std::move(text));
           }
        },

@@ -115,6 +115,8 @@ class Slabbed {
       if (!MOX_SLAB_ENABLED || n != sizeof(T)) return ::operator delete(p);
       slab().give(p);
    }
+   // No state: a value class that compares its members by default compares equal here.
+   friend bool operator==(const Slabbed&, const Slabbed&) noexcept { return true; }
    // The class's slab, for tests and memory accounting.
    static auto& slab() {
       // Never destroyed: an object that outlives static destruction can still be freed.

@@ -41,16 +41,23 @@ void ForwardingStatus::corruptionCheck() {
    }
 }
 
-void ForwardingStatus::fecCommit(const Fec& fec) {
-   corruptionCheck();
-   collIs(fec_, fec.fecId(), fec, &Notifiee::onFec);
-}
-
-void ForwardingStatus::fecCommit(Fec&& fec) {
+template <class F>
+void ForwardingStatus::commit(F&& fec) {
    corruptionCheck();
    const FecId id = fec.fecId();
-   collIs(fec_, id, std::move(fec), &Notifiee::onFec);
+   auto [it, made] =
+       fec_.findOrInsert(id, [&] { return std::make_unique<Fec>(std::forward<F>(fec)); });
+   if (!made) {
+      Fec& held = *it->second;
+      if (held == fec) return;
+      held = std::forward<F>(fec);
+   }
+   notify(&Notifiee::onFec, id);
 }
+
+void ForwardingStatus::fecCommit(const Fec& fec) { commit(fec); }
+
+void ForwardingStatus::fecCommit(Fec&& fec) { commit(std::move(fec)); }
 
 void ForwardingStatus::fecDel(FecId id) {
    corruptionCheck();

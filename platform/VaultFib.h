@@ -7,10 +7,13 @@
 //  - a FEC holds at most 512 vias: a via index outside 0..511 is a range error and changes nothing;
 //  - `fecCommit` replaces the whole FEC of that id and notifies only when it differs, whether the
 //    FEC is copied or handed over, whatever its number of vias;
-//    `fecDel`/`fecDelAll` notify once per removed FEC.
+//    `fecDel`/`fecDelAll` notify once per removed FEC;
+//  - a FEC found through `fec(id)` stays where it is until its own deletion: commits of other
+//    FECs, and of this one, do not move it.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -19,6 +22,8 @@
 #include "absl/container/inlined_vector.h"
 #include "platform/Ipkit.h"
 #include "platform/Mox.h"
+#include "platform/MoxKeyed.h"
+#include "platform/MoxSlab.h"
 #include "platform/Tunnel.h"
 #include "platform/Vault.h"
 
@@ -99,8 +104,8 @@ class Via {
 };
 
 // A policy FEC usually has one or two vias (one per tunnel of the policy): those live inside the
-// FEC, so building one and writing it into the table allocates nothing.
-class Fec {
+// FEC, so building one allocates nothing, and writing it into the table takes a slab slot.
+class Fec : public Mox::Slabbed<Fec> {
  public:
    static constexpr uint32_t maxVias = ViaIndex::max + 1;
    static constexpr size_t inlineVias = 2;
@@ -109,7 +114,7 @@ class Fec {
    Fec() = default;
    explicit Fec(FecId id) : fecId_(id) {}
 
-   FecId fecId() const noexcept { return fecId_; }
+   const FecId& fecId() const noexcept { return fecId_; }
    // Sets the via at an index; the FEC grows (with default vias) to cover it.
    void viaIs(ViaIndex i, const Via& v);
    void viaIs(uint32_t i, const Via& v) { viaIs(ViaIndex(i), v); }
@@ -148,11 +153,15 @@ class ForwardingStatus : public Mox::Entity {
    void fecDel(FecId id);
    void fecDelAll();
    // Null when absent.
-   const Fec* fec(FecId id) const noexcept {
-      auto it = fec_.find(id);
-      return it == fec_.end() ? nullptr : &it->second;
-   }
-   const Mox::HashMap2018<FecId, Fec>& fec() const noexcept { return fec_; }
+   const Fec* fec(FecId id) const noexcept { return fec_.get(id); }
+   // Each FEC lives on its own (in the FEC slab) and the table holds a pointer: a table of a
+   // million FECs doubles by moving 8-byte slots rather than whole FECs, and its half-empty slots
+   // after a doubling cost 8 bytes each. Iterates as (id, pointer) pairs.
+   struct FecOfId {
+      const FecId& operator()(const Fec& f) const noexcept { return f.fecId(); }
+   };
+   using FecTable = Mox::KeyedTable<std::unique_ptr<Fec>, FecOfId>;
+   const FecTable& fec() const noexcept { return fec_; }
 
    // Fault injection: the next mutation throws Vault::Corruption and changes nothing.
    void corruptionInjectIs(bool inject) noexcept { corruptionInject_ = inject; }
@@ -162,9 +171,11 @@ class ForwardingStatus : public Mox::Entity {
 
  private:
    void corruptionCheck();
+   template <class F>
+   void commit(F&& fec);
 
    Mox::Name name_;
-   Mox::HashMap2018<FecId, Fec> fec_;
+   FecTable fec_;
    bool corruptionInject_ = false;
    uint32_t corruptionCount_ = 0;
 };

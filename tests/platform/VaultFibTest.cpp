@@ -80,6 +80,17 @@ TEST(VaultFib, ForwardingStatusCommitsWholeFecsAndNotifiesOnChange) {
    EXPECT_EQ(log.seen, (std::vector<uint64_t>{1, 2, 1}));
    EXPECT_EQ(fib->fec(a.fecId())->viaCount(), 2u);
 
+   // A FEC found stays put while the table grows around it and while it is rewritten.
+   const Fec* held = fib->fec(a.fecId());
+   for (uint32_t i = 100; i < 5100; ++i)
+      fib->fecCommit(Fec(FecId::fecIdForAdjType(AdjType::srTePolicy, i)));
+   a.viaIs(2, v);
+   fib->fecCommit(a);
+   EXPECT_EQ(fib->fec(a.fecId()), held);
+   EXPECT_EQ(held->viaCount(), 3u);
+   for (uint32_t i = 100; i < 5100; ++i)
+      fib->fecDel(FecId::fecIdForAdjType(AdjType::srTePolicy, i));
+
    // An injected corruption throws once and leaves the table as it was.
    fib->corruptionInjectIs(true);
    EXPECT_THROW(fib->fecDel(a.fecId()), Vault::Corruption);
