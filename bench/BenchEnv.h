@@ -9,7 +9,9 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <numeric>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -77,6 +79,57 @@ inline long peakResidentBytes() {
       std::fclose(f);
    }
    return kib * 1024;
+}
+
+// What this machine's memory costs, to read the figures beside it: the core's time per path at a
+// million paths is mostly dependent reads that miss the caches, and its resident memory is first
+// touched during the run. Both vary by machine (and by the day, on a shared VM) far more than the
+// core's own work does.
+struct MachineMemory {
+   double cachedReadNs = 0; // a dependent read at a random place of a block the caches hold
+   double memoryReadNs = 0; // the same in a block far larger than the caches
+   double freshGBps = 0;    // never-touched memory made usable (the kernel provides and zeroes it)
+};
+
+// One dependent read after the other, every cache line of the block once in a random order.
+inline double dependentReadNs(size_t bytes) {
+   const size_t lines = bytes / 64;
+   auto* memory = static_cast<uint64_t*>(Mox::bulkAllocate(bytes, 64));
+   std::vector<uint32_t> order(lines);
+   std::iota(order.begin(), order.end(), 0u);
+   std::shuffle(order.begin(), order.end(), std::mt19937_64(1));
+   for (size_t i = 0; i < lines; ++i) memory[size_t{order[i]} * 8] = order[(i + 1) % lines] * 8ull;
+   constexpr size_t reads = 2'000'000;
+   uint64_t at = order[0] * 8ull;
+   const auto t0 = Clock::now();
+   for (size_t i = 0; i < reads; ++i) at = memory[at];
+   const double ns = seconds(t0, Clock::now()) * 1e9 / reads;
+   Mox::bulkFree(memory, bytes, 64);
+   return at == ~0ull ? -1 : ns; // `at` is used, so the chain is not optimised away
+}
+
+// Measured after the core's run: the pages it touches here are free for the kernel to hand out
+// again, and a core measured after it would get them cheaply. Fresh memory is cheap too where the
+// kernel still has pages that another process just gave back: the figure says what it cost now.
+inline MachineMemory machineMemory() {
+   MachineMemory m;
+   // First, before the reads below free blocks that the kernel could hand back to it at once.
+   const size_t bytes = size_t{256} << 20;
+   auto* fresh = static_cast<unsigned char*>(Mox::bulkAllocate(bytes, 64));
+   const auto t0 = Clock::now();
+   for (size_t i = 0; i < bytes; i += 4096) fresh[i] = 1;
+   m.freshGBps = static_cast<double>(bytes) / 1e9 / seconds(t0, Clock::now());
+   Mox::bulkFree(fresh, bytes, 64);
+   m.cachedReadNs = dependentReadNs(size_t{4} << 20);
+   m.memoryReadNs = dependentReadNs(size_t{1} << 30);
+   return m;
+}
+
+inline void printMachineMemory() {
+   const MachineMemory m = machineMemory();
+   std::printf("this machine's memory      random read %.0f ns in cache, %.0f ns beyond; "
+               "fresh memory %.2f GB/s\n",
+               m.cachedReadNs, m.memoryReadNs, m.freshGBps);
 }
 
 // The router the scale benches drive: a real-time scheduler, the bgp and static input tables and an

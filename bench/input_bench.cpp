@@ -11,7 +11,8 @@
 //  - allocations and live bytes per path during convergence: the heap's (a replaced global operator
 //    new counts them) and the large-page blocks the core maps itself (platform/MoxBulk.h); and
 //    resident memory per path beyond the input tables;
-//  - a requeue of every record by an SRLB change that leaves every binding SID inside.
+//  - a requeue of every record by an SRLB change that leaves every binding SID inside;
+//  - last, what this machine's memory costs (BenchEnv.h: machineMemory).
 //
 //   input_bench [paths] [scattered]     default 100000; `scattered`: keys written in a shuffled
 //                                       order, each path's lists drawn at random
@@ -154,5 +155,6 @@ int main(int argc, char** argv) {
    std::printf("requeue by SRLB change     %.3f s, %.2f us/path, %.2f allocations/path\n",
                seconds(r0, r1), seconds(r0, r1) * 1e6 / paths,
                static_cast<double>(requeueAllocations) / paths);
+   printMachineMemory();
    return 0;
 }

@@ -14,7 +14,8 @@
 //  - resident memory per path beyond the input tables, now and at its peak;
 //  - a restart of the core over its published tables, run until idle: its time and its churn, the
 //    changes every output table notified, counted by reactors watching them (and the entries
-//    inside them) from the converged state on.
+//    inside them) from the converged state on;
+//  - last, what this machine's memory costs (BenchEnv.h: machineMemory).
 //
 //   pipeline_bench [paths] [cold] [scattered] [profile-restart]
 //      default 100000; `cold` stops at convergence (for profiles); `scattered` writes the keys in
@@ -275,7 +276,10 @@ int main(int argc, char** argv) {
    std::printf("resident bytes per path    %.0f after, %.0f at peak (input tables excluded)\n",
                static_cast<double>(residentAfter - residentBefore) / paths,
                static_cast<double>(peak - residentBefore) / paths);
-   if (coldOnly) return 0;
+   if (coldOnly) {
+      printMachineMemory();
+      return 0;
+   }
    std::printf("restart to convergence     %.3f s (%.3f s CPU), %.2f of the cold start, %zu runs\n",
                restartSeconds, restartCpu, restartSeconds / runSeconds, restartRuns);
    std::printf("  %-26s %.3f s (%.0f%%)\n", "stop", stopSeconds,
@@ -285,5 +289,6 @@ int main(int argc, char** argv) {
    restartShares.print(restartSeconds);
    std::printf("restart churn              %zu changes\n", churn.total());
    for (const auto& [table, n] : churn.changes) std::printf("  %-26s %zu\n", table.c_str(), n);
+   printMachineMemory();
    return 0;
 }
