@@ -282,12 +282,21 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const Policy
       if (mapped) {
          SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
       }
-      // A path written again with a tunnel it already maps leaves the row as it is: when keys
-      // share a tunnel, re-committing would hand the row from key to key on every rewrite (a
-      // restart writes every path again).
-      if (mapped || !in_.tunnelIdToPolicyKey->tunnelEntry(t)) commit(t, policyId);
+      if (mapped || rowToTakeOver(t, policyId.key)) commit(t, policyId);
       pendingTunnelDel(t);
    }
+}
+
+// A path written again with a tunnel it already maps leaves the row as it is when the row is
+// right: when keys share a tunnel, re-committing would hand the row from key to key on every
+// rewrite (a restart writes every path again). It writes a missing row, and a row that waits for
+// its deletion because the key it names let go of the tunnel: the path still maps the tunnel, and
+// cancelling the deletion would otherwise leave the row naming a key that does not.
+bool TunnelMapExportSm::rowToTakeOver(TunnelId t, const PolicyKey& key) const {
+   const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
+   if (!row) return true;
+   if (pendingTunnel_.empty() || !pendingTunnel_.count(t)) return false;
+   return row->policyKey != key && !keyHoldsTunnel(row->policyKey, t, nullptr);
 }
 
 void TunnelMapExportSm::handlePendingTunnelEntry(TunnelId) {

@@ -231,6 +231,9 @@ class TunnelMapExportSm : public Mox::RefCounted {
    MoxPolicyIdEntry& policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry);
    // Whether a path of `key` other than `except` (none when null) maps the tunnel.
    bool keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId, const CandidateId* except) const;
+   // Whether a path of `key` that maps the tunnel is to write its row (missing, or left by a key
+   // that let go of the tunnel while the platform counts it).
+   bool rowToTakeOver(TunnelId tunnelId, const PolicyKey& key) const;
    void pendingTunnelIs(TunnelId tunnelId);
    void pendingTunnelDel(TunnelId tunnelId);
    // Table writes. A corrupt table changes nothing: the failure is logged and handed to the

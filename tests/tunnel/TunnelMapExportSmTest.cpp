@@ -195,6 +195,34 @@ TEST(TunnelMap, MappingAPendingTunnelAgainCancelsItsDeletion) {
    for (const auto& e : watch.events) EXPECT_NE(e[0], '-') << e;
 }
 
+// The row of a tunnel that two keys share names the key that committed last. When that key lets
+// go while the platform counts the tunnel, the row waits for deletion; a rewrite of the other
+// key's path, which still maps the tunnel, cancels the deletion and must take the row over rather
+// than leave it naming a key that no longer maps the tunnel.
+TEST(TunnelMap, APathThatStillMapsAPendingTunnelTakesItsRowOver) {
+   Router r;
+   r.put(path(a, 900001, {{16001}}));
+   r.run();
+   r.put(path(c, 900003, {{16001}}));
+   r.run();
+   const TunnelId t = r.tunnel(a, 0);
+   ASSERT_EQ(r.tunnel(c, 0), t);
+   ASSERT_EQ(r.rows(), row(t, c));
+   r.counter(t);
+   r.del(c);
+   r.run();
+   EXPECT_EQ(r.pending(), sl(t));
+   EXPECT_EQ(r.rows(), row(t, c));
+
+   r.put(path(a, 900011, {{16001}})); // a new version, the same list
+   r.run();
+   EXPECT_EQ(r.pending(), "");
+   EXPECT_EQ(r.rows(), row(t, a));
+   r.counter(t, false);
+   r.scheduler.advance(5);
+   EXPECT_EQ(r.rows(), row(t, a));
+}
+
 TEST(TunnelMap, RestartKeepsEveryRowInUseUntouched) {
    Router r;
    r.put(path(a, 900001, {{16001}, {16002}}));
