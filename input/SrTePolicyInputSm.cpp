@@ -85,39 +85,26 @@ class PolicyInputSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyI
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-namespace {
-Kiln::TaskScheduler& checkedScheduler(Kiln::TaskScheduler* scheduler) {
-   SRTE_ASSERT(scheduler, "PolicyInputSm needs a task scheduler");
-   return *scheduler;
-}
-} // namespace
-
 PolicyInputSm::PolicyInputSm(Inputs in)
-    : config_(std::move(in.config)), input_(std::move(in.input)),
-      mplsConfig_(std::move(in.mplsConfig)), mplsStatus_(std::move(in.mplsStatus)),
-      policySelectionInput_(std::move(in.policySelectionInput)),
-      coreDedupTables_(std::move(in.coreDedupTables)), segListMap_(std::move(in.segListMap)),
-      segmentMap_(std::move(in.segmentMap)), policyKeyToIdMap_(std::move(in.policyKeyToIdMap)),
-      exportedSegmentListColl_(std::move(in.exportedSegmentListColl)),
-      scheduler_(checkedScheduler(in.scheduler)), attrLogSm_(std::move(in.attrLogSm)),
-      syslog_(in.syslog ? in.syslog : &Syslog::processLog()),
-      tracer_(in.tracer ? in.tracer : &Trace::processTracer) {
-   SRTE_ASSERT(config_ && input_ && mplsConfig_ && mplsStatus_ && policySelectionInput_ &&
-                   coreDedupTables_ && segListMap_ && segmentMap_ && policyKeyToIdMap_ &&
-                   exportedSegmentListColl_ && attrLogSm_,
+    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
+      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+   SRTE_ASSERT(in_.config && in_.input && in_.mplsConfig && in_.mplsStatus &&
+                   in_.policySelectionInput && in_.coreDedupTables && in_.segListMap &&
+                   in_.segmentMap && in_.policyKeyToIdMap && in_.exportedSegmentListColl &&
+                   in_.scheduler && in_.attrLogSm,
                "PolicyInputSm needs every table of its Inputs");
-   moxInput_ = std::make_unique<MoxInput>(*this, input_.get());
-   for (const auto& [protocol, table] : input_->policyInput()) {
+   moxInput_ = std::make_unique<MoxInput>(*this, in_.input.get());
+   for (const auto& [protocol, table] : in_.input->policyInput()) {
       if (isHandled(protocol)) moxPolicyIs(protocol);
    }
-   moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this, mplsConfig_.get());
-   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, mplsStatus_.get());
+   moxMplsConfig_ = std::make_unique<MoxMplsConfig>(*this, in_.mplsConfig.get());
+   moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());
    // Binding to the configuration is what starts the machine. It would go on with
    // handleSpecifiedBsidOnly, which queues every record of each handled table and every
    // selection-input entry of its protocol, record changed: handleInitialized has just queued all
    // of them that way, so that would only merge into marks already there (at a million paths, two
    // million of them on every start).
-   moxConfig_ = std::make_unique<MoxConfig>(*this, config_.get());
+   moxConfig_ = std::make_unique<MoxConfig>(*this, in_.config.get());
    handleInitialized();
 }
 
@@ -143,7 +130,7 @@ bool PolicyInputSm::isHandled(Protocol protocol) const noexcept {
 }
 
 void PolicyInputSm::moxPolicyIs(Protocol protocol) {
-   Mox::Ptr<PolicyInput> table = input_->policyInput(protocol);
+   Mox::Ptr<PolicyInput> table = in_.input->policyInput(protocol);
    if (!table) {
       policy_.erase(protocol);
       return;
@@ -168,21 +155,21 @@ void PolicyInputSm::handleInitialized() {
    initialized_ = true;
    SRTE_TRACE_TO(tracer_, 3,
                  "handleInitialized called with segmentListSharingEnabled="
-                     << (config_->segmentListSharingEnabled() ? "True" : "False"));
+                     << (in_.config->segmentListSharingEnabled() ? "True" : "False"));
    if (!task_) {
-      task_ = Mox::make<Kiln::Task>(scheduler_, taskPriority, taskName);
+      task_ = Mox::make<Kiln::Task>(*in_.scheduler, taskPriority, taskName);
       moxTask_ = std::make_unique<MoxTask>(*this, task_);
    }
    readSrlbRange();
    cleanupPending_ = true;
-   policySelectionInput_->policyIdEntry().forEach(
+   in_.policySelectionInput->policyIdEntry().forEach(
        [this](const PolicyId& id, const auto&) { markPending(id, true); });
 
-   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
+   auto* lists = in_.coreDedupTables->notifyingSegmentListCollection();
    // Until the first full pass is done, a published list missing from the table may only be late.
    lists->initialPassDoneIs(false);
    SegmentListId maxExported;
-   for (const auto& [id, list] : exportedSegmentListColl_->segmentList()) {
+   for (const auto& [id, list] : in_.exportedSegmentListColl->segmentList()) {
       maxExported = std::max(maxExported, id);
       // A list that comes back with the same labels keeps its id, and so its tunnel.
       Ipkit::MplsLabelOperation stack;
@@ -195,9 +182,9 @@ void PolicyInputSm::handleInitialized() {
    // Never move the counter back: ids issued in this process are not reused either.
    lists->uniqueIdIs(std::max(lists->uniqueId(), maxExported));
 
-   policyKeyToIdMap_->policyDelAll();
-   segListMap_->segmentListUserDelAll();
-   segmentMap_->segmentListDelAll();
+   in_.policyKeyToIdMap->policyDelAll();
+   in_.segListMap->segmentListUserDelAll();
+   in_.segmentMap->segmentListDelAll();
    // Registrations are rebuilt from the records, which are all queued below.
    bsidUser_.clear();
    // Every record of every source; every selection-input entry was queued above.
@@ -219,15 +206,15 @@ void PolicyInputSm::handleDel() {
    pendingPolicyId_.clear();
    cleanupPending_ = false;
    std::vector<PolicyId> ids;
-   ids.reserve(policySelectionInput_->policyIdEntry().size());
-   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) ids.push_back(id);
+   ids.reserve(in_.policySelectionInput->policyIdEntry().size());
+   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) ids.push_back(id);
    for (const PolicyId& id : ids) deletePolicyIdEntry(id);
-   policyKeyToIdMap_->policyDelAll();
+   in_.policyKeyToIdMap->policyDelAll();
    bsidUser_.clear();
    // Lists still registered without a selection-input entry (none in steady state) go too.
-   segListMap_->segmentListUserDelAll();
-   segmentMap_->segmentListDelAll();
-   exportedSegmentListColl_->segmentListDelAll();
+   in_.segListMap->segmentListUserDelAll();
+   in_.segmentMap->segmentListDelAll();
+   in_.exportedSegmentListColl->segmentListDelAll();
 }
 
 void PolicyInputSm::handleSpecifiedBsidOnly() {
@@ -240,7 +227,7 @@ void PolicyInputSm::handleProtocolSource(Protocol protocol) {
    SRTE_TRACE_TO(tracer_, 5, "Source change: add new policies");
    markTablePending(protocol, true);
    SRTE_TRACE_TO(tracer_, 5, "Source change: cleanup of stale policies");
-   for (const auto& [id, entry] : policySelectionInput_->policyIdEntry()) {
+   for (const auto& [id, entry] : in_.policySelectionInput->policyIdEntry()) {
       if (id.protocol == protocol) markPending(id, true);
    }
    scheduleIfPending();
@@ -283,15 +270,15 @@ void PolicyInputSm::handleTaskRun() {
    bool delay = false;
    reserveEntries();
    while (auto* member = pendingPolicyId_.front()) {
-      if (attrLogSm_->isAttrLogOutClogged()) {
+      if (in_.attrLogSm->isAttrLogOutClogged()) {
          delay = true;
          break;
       }
       // The tables this drain will probe a few paths on: in hash order, every probe misses.
       if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
-         policySelectionInput_->policyIdEntry().prefetch(soon->key.id);
-         policyKeyToIdMap_->policy().prefetch(soon->key.id.key);
-         if (auto table = input_->policyInput(soon->key.id.protocol)) {
+         in_.policySelectionInput->policyIdEntry().prefetch(soon->key.id);
+         in_.policyKeyToIdMap->policy().prefetch(soon->key.id.key);
+         if (auto table = in_.input->policyInput(soon->key.id.protocol)) {
             table->policyInputEntryPrefetch(soon->key.id);
          }
       }
@@ -323,11 +310,11 @@ void PolicyInputSm::handleTaskRun() {
 // records: the table is sized for that at once rather than doubling its way there.
 void PolicyInputSm::reserveEntries() {
    size_t records = 0;
-   for (const auto& [protocol, table] : input_->policyInput()) {
+   for (const auto& [protocol, table] : in_.input->policyInput()) {
       records += table->policyInputEntryCount();
    }
-   const size_t entries = policySelectionInput_->policyIdEntry().size();
-   policySelectionInput_->policyIdEntryReserve(
+   const size_t entries = in_.policySelectionInput->policyIdEntry().size();
+   in_.policySelectionInput->policyIdEntryReserve(
        std::min(entries + pendingPolicyId_.sizeAtMost(), std::max(entries, records)));
 }
 
@@ -337,7 +324,7 @@ void PolicyInputSm::reserveEntries() {
 void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
    SRTE_TRACE_TO(tracer_, 8, "Processing policy entry: " << id);
    const CandidateId candidateId(id);
-   Mox::Ptr<PolicyInput> table = input_->policyInput(id.protocol);
+   Mox::Ptr<PolicyInput> table = in_.input->policyInput(id.protocol);
    const PolicyInputEntry* found = table ? table->policyInputEntryFind(id) : nullptr;
    if (found) {
       // Copied (its used part): processing must not see the table move under it.
@@ -345,11 +332,11 @@ void PolicyInputSm::processPolicyEntry(const PolicyId& id, bool policyChanged) {
       found->copyUsedTo(record);
       // The key's entry in the candidate map is looked up once: it tells the label the candidate
       // is registered under, and receives the candidate at the end (only this stage writes it).
-      PolicyInfo* info = policyKeyToIdMap_->policy(id.key);
+      PolicyInfo* info = in_.policyKeyToIdMap->policy(id.key);
       const PolicyCandidateInfo* earlier = info ? info->candidate(candidateId) : nullptr;
       const Ipkit::MplsLabel registered = earlier ? earlier->bindingSid : Ipkit::MplsLabel();
       // Made first: the binding-SID user holds the path through it.
-      if (!info) info = policyKeyToIdMap_->policyIs(id.key);
+      if (!info) info = in_.policyKeyToIdMap->policyIs(id.key);
       const BindingSidUser* user =
           registerForBindingSid(record.bindingSid(), id, *info, registered);
       const PolicyInvalidReason reason = isPolicyEntryValid(record, user);
@@ -372,7 +359,7 @@ PolicyInvalidReason PolicyInputSm::isPolicyEntryValid(const PolicyInputEntry& en
    PolicyInvalidReason reason = PolicyInvalidReason::usable;
    const Ipkit::MplsLabel bsid = entry.bindingSid();
    if (bsid.isNull()) {
-      if (config_->specifiedBsidOnly()) reason = PolicyInvalidReason::bsidMissing;
+      if (in_.config->specifiedBsidOnly()) reason = PolicyInvalidReason::bsidMissing;
    } else {
       const bool inside = srlbFormable_ && bsid.value() >= srlbConfigRangeBase() &&
                           bsid.value() <= srlbConfigRangeBase() + srlbConfigRangeSize() - 1;
@@ -433,7 +420,7 @@ void PolicyInputSm::emitInvalidPolicySyslog(const PolicyInputEntry& entry,
 void PolicyInputSm::addInPolicyKeyToIdMap(PolicyInfo& info, const CandidateId& candidateId,
                                           bool policyChanged, PolicyInvalidReason reason,
                                           Ipkit::MplsLabel bindingSid) {
-   PolicyCandidateInfo candidate{scheduler_.now(), reason, bindingSid};
+   PolicyCandidateInfo candidate{in_.scheduler->now(), reason, bindingSid};
    if (!policyChanged) {
       if (const PolicyCandidateInfo* earlier = info.candidate(candidateId)) {
          candidate.lastModified = earlier->lastModified;
@@ -444,17 +431,17 @@ void PolicyInputSm::addInPolicyKeyToIdMap(PolicyInfo& info, const CandidateId& c
 
 void PolicyInputSm::deleteFromPolicyKeyToIdMap(const PolicyKey& key,
                                                const CandidateId& candidateId) {
-   PolicyInfo* info = policyKeyToIdMap_->policy(key);
+   PolicyInfo* info = in_.policyKeyToIdMap->policy(key);
    if (!info) return;
    info->candidateDel(candidateId);
-   if (info->candidate().empty()) policyKeyToIdMap_->policyDel(key);
+   if (info->candidate().empty()) in_.policyKeyToIdMap->policyDel(key);
 }
 
 void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record, bool recorded) {
    const PolicyId& id = record.key();
    SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << id << " added/updated");
    Mox::Ptr<PolicyIdEntry> entry =
-       policySelectionInput_->policyIdEntryIs(id, record.preference(), record.originator());
+       in_.policySelectionInput->policyIdEntryIs(id, record.preference(), record.originator());
    entry->bindingSidIs(record.bindingSid());
 
    // Register the new lists before letting go of the old ones, so that a list the update keeps
@@ -498,12 +485,12 @@ void PolicyInputSm::addOrUpdatePolicyIdEntry(const PolicyInputEntry& record, boo
 }
 
 void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
-   Mox::Ptr<PolicyIdEntry> entry = policySelectionInput_->policyIdEntry(id);
+   Mox::Ptr<PolicyIdEntry> entry = in_.policySelectionInput->policyIdEntry(id);
    if (!entry) return;
    SegmentListIds lists;
    for (const auto& [index, wsl] : entry->wSegmentList()) lists.push_back(wsl.segmentListId);
    for (SegmentListId slId : lists) deregisterSegmentListForPolicy(slId, *entry);
-   policySelectionInput_->policyIdEntryDel(id);
+   in_.policySelectionInput->policyIdEntryDel(id);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -511,7 +498,7 @@ void PolicyInputSm::deletePolicyIdEntry(const PolicyId& id) {
 
 Ipkit::MplsLabel PolicyInputSm::getBindingSidOfPolicy(const PolicyId& id) const {
    // The candidate map records the label every registered candidate names.
-   if (PolicyInfo* info = policyKeyToIdMap_->policy(id.key)) {
+   if (PolicyInfo* info = in_.policyKeyToIdMap->policy(id.key)) {
       if (const PolicyCandidateInfo* c = info->candidate(CandidateId(id))) return c->bindingSid;
    }
    return Ipkit::MplsLabel();
@@ -539,7 +526,7 @@ void PolicyInputSm::deregisterForBindingSid(Ipkit::MplsLabel bsid, const PolicyI
 }
 
 bool PolicyInputSm::isLabelAvailableInLfib(Ipkit::MplsLabel label) const {
-   const Mpls::LFib::Route* route = mplsStatus_->lfibRoute(Mpls::RouteKey::fromLabel(label));
+   const Mpls::LFib::Route* route = in_.mplsStatus->lfibRoute(Mpls::RouteKey::fromLabel(label));
    if (!route) return true;
    return route->source == Mpls::LFib::Source::srTePolicy;
 }
@@ -551,7 +538,7 @@ Mox::Ptr<SegmentList>
 PolicyInputSm::createDedupSegmentList(const Ipkit::MplsLabelOperation& labelStack,
                                       const PolicyId&) {
    SRTE_TRACE_TO(tracer_, 9, "Creating dedup segmentList for label stack: " << labelStack);
-   return coreDedupTables_->dedupSegmentList(labelStack);
+   return in_.coreDedupTables->dedupSegmentList(labelStack);
 }
 
 void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& list,
@@ -561,19 +548,19 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
    const SegmentListId slId = list->segmentListId();
    SRTE_TRACE_TO(tracer_, 9,
                  "Registration of SegmentList Id: " << slId << " for Policy Id: " << id);
-   SegmentListUser* user = segListMap_->segmentListUser(*list);
+   SegmentListUser* user = in_.segListMap->segmentListUser(*list);
    if (!user) {
-      user = segListMap_->segmentListUserIs(slId, list);
-      Mox::Ptr<Export::SegmentList> exported = exportedSegmentListColl_->segmentListIs(slId);
+      user = in_.segListMap->segmentListUserIs(slId, list);
+      Mox::Ptr<Export::SegmentList> exported = in_.exportedSegmentListColl->segmentListIs(slId);
       exported->sizeIs(list->size());
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId segId = list->getSegmentId(i);
          SRTE_TRACE_TO(tracer_, 9,
                        "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
-         SegmentListCollection* users = segmentMap_->segmentList(segId);
+         SegmentListCollection* users = in_.segmentMap->segmentList(segId);
          if (!users) {
-            segmentMap_->segmentListIs(segId, Mox::make<SegmentListCollection>());
-            users = segmentMap_->segmentList(segId);
+            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListCollection>());
+            users = in_.segmentMap->segmentList(segId);
          }
          users->segmentListPtrIs(list);
          exported->segmentIs(i, Export::Segment(list->segmentLabel(i)));
@@ -590,7 +577,7 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
    const PolicyId& id = entry.id();
    SRTE_TRACE_TO(tracer_, 9,
                  "Removing registration of SegmentList Id: " << slId << " for Policy Id: " << id);
-   SegmentListUser* user = segListMap_->segmentListUser(slId);
+   SegmentListUser* user = in_.segListMap->segmentListUser(slId);
    if (!user) return;
    user->policyIdDel(entry);
    if (!user->policyId().empty()) return;
@@ -601,28 +588,28 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
       SRTE_TRACE_TO(tracer_, 9,
                     "Removing registration of Segment Id: " << segId
                                                             << " from segmentList Id: " << slId);
-      if (SegmentListCollection* users = segmentMap_->segmentList(segId)) {
+      if (SegmentListCollection* users = in_.segmentMap->segmentList(segId)) {
          users->segmentListPtrDel(list);
-         if (users->segmentListPtr().empty()) segmentMap_->segmentListDel(segId);
+         if (users->segmentListPtr().empty()) in_.segmentMap->segmentListDel(segId);
       }
    }
-   segListMap_->segmentListUserDel(slId);
-   exportedSegmentListColl_->segmentListDel(slId);
+   in_.segListMap->segmentListUserDel(slId);
+   in_.exportedSegmentListColl->segmentListDel(slId);
 }
 
 void PolicyInputSm::runCleanupJob() {
    SRTE_TRACE_TO(tracer_, 3, "Running cleanup");
    std::vector<SegmentListId> stale;
-   for (const auto& [slId, list] : exportedSegmentListColl_->segmentList()) {
-      if (!segListMap_->segmentListUser(slId)) stale.push_back(slId);
+   for (const auto& [slId, list] : in_.exportedSegmentListColl->segmentList()) {
+      if (!in_.segListMap->segmentListUser(slId)) stale.push_back(slId);
    }
    std::sort(stale.begin(), stale.end());
    for (SegmentListId slId : stale) {
       SRTE_TRACE_TO(tracer_, 5, "Deleting old segmentListId: " << slId);
-      exportedSegmentListColl_->segmentListDel(slId);
+      in_.exportedSegmentListColl->segmentListDel(slId);
    }
    // Every list still claimed is back: the ids not taken belong to lists nobody wants.
-   auto* lists = coreDedupTables_->notifyingSegmentListCollection();
+   auto* lists = in_.coreDedupTables->notifyingSegmentListCollection();
    lists->adoptableIdDelAll();
    lists->initialPassDoneIs(true);
 }
@@ -635,7 +622,7 @@ void PolicyInputSm::markPending(const PolicyId& id, bool policyChanged) {
 }
 
 void PolicyInputSm::markTablePending(Protocol protocol, bool policyChanged) {
-   Mox::Ptr<PolicyInput> table = input_->policyInput(protocol);
+   Mox::Ptr<PolicyInput> table = in_.input->policyInput(protocol);
    if (!table) return;
    table->policyInputEntryForEachId([&](const PolicyId& id) { markPending(id, policyChanged); });
 }
@@ -645,7 +632,7 @@ void PolicyInputSm::scheduleIfPending() {
 }
 
 void PolicyInputSm::readSrlbRange() {
-   const Mpls::LabelRange* range = mplsConfig_->labelRange(Mpls::srlbRangeName);
+   const Mpls::LabelRange* range = in_.mplsConfig->labelRange(Mpls::srlbRangeName);
    srlbConfigRange_ = range ? *range : Mpls::LabelRange(0, 0);
    // Both bounds must be labels; an SRLB that reaches past the label space (or none at all, whose
    // last label wraps) holds no usable label. Decided once here, not per candidate path.

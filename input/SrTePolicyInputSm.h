@@ -282,18 +282,7 @@ class PolicyInputSm : public Mox::RefCounted {
    bool isHandled(Protocol protocol) const noexcept;
    void moxPolicyIs(Protocol protocol);
 
-   Mox::Ptr<const Config> config_;
-   Mox::Ptr<const PolicyInputSource> input_;
-   Mox::Ptr<const Mpls::Config> mplsConfig_;
-   Mox::Ptr<const Mpls::Status> mplsStatus_;
-   Mox::Ptr<PolicySelectionInput> policySelectionInput_;
-   Mox::Ptr<CoreDedupTables> coreDedupTables_;
-   Mox::Ptr<SegmentListIdToPolicyMap> segListMap_;
-   Mox::Ptr<SegmentIdToSegmentList> segmentMap_;
-   Mox::Ptr<PolicyKeyToIdMap> policyKeyToIdMap_;
-   Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl_;
-   Kiln::TaskScheduler& scheduler_;
-   Mox::Ptr<Kiln::AttrLogSm> attrLogSm_;
+   Inputs in_;
    Syslog::Log* syslog_;
    Trace::Tracer* tracer_;
 
