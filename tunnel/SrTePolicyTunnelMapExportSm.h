@@ -27,7 +27,8 @@
 //    policy key holds the tunnel and the counter table has no counter for it; a pending tunnel
 //    goes at the first run (one every 1.0 s) that finds its counter gone, never earlier, and a
 //    yield or congestion only delays it;
-//  - a pending tunnel that a path maps again leaves pendingTunnel and keeps its row;
+//  - a pending tunnel that a path maps again, or still maps in a new version, leaves pendingTunnel
+//    and keeps its row; a row naming a key that no longer maps the tunnel then names the path's;
 //  - TunnelIdToPolicyKey outlives the machine: destroying it (an agent restart) leaves every row
 //    as it is. A new machine adopts each row whose tunnel a selection-input entry of the row's key
 //    names, without writing it, and deletes (or queues) the others. handleDel is the end for
