@@ -13,8 +13,17 @@ namespace {
 
 using namespace SrTePolicy;
 
+// Some faults show in one sequence of a few thousand (a tunnel-map row left naming the wrong key
+// did, twice in the first 4,000): optimised builds check that many. Debug builds under the
+// sanitizers run some forty times slower and check the first 400.
+#ifdef NDEBUG
+constexpr uint64_t kSeeds = 4000;
+#else
+constexpr uint64_t kSeeds = 400;
+#endif
+
 TEST(Convergence, RandomSequencesEndWhereAFreshAgentStarts) {
-   for (uint64_t seed = 1; seed <= 400; ++seed) {
+   for (uint64_t seed = 1; seed <= kSeeds; ++seed) {
       const auto o = Converge::check(Converge::generate(seed));
       if (!o.divergence) continue;
       const auto small = Converge::shrink(o.accepted, o.divergence->table);
