@@ -266,43 +266,23 @@ void PolicyInputSm::handleTaskRun() {
    if (!initialized_) return;
    // Resume the pass under way at its bookmark, or begin one over everything pending; what is
    // queued meanwhile and not ahead in this pass waits for the next.
-   uint64_t count = 0;
-   bool delay = false;
    reserveEntries();
-   while (auto* member = pendingPolicyId_.front()) {
-      if (in_.attrLogSm->isAttrLogOutClogged()) {
-         delay = true;
-         break;
-      }
-      // The tables this drain will probe a few paths on: in hash order, every probe misses.
-      if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
-         in_.policySelectionInput->policyIdEntry().prefetch(soon->key.id);
-         in_.policyKeyToIdMap->policy().prefetch(soon->key.id.key);
-         if (auto table = in_.input->policyInput(soon->key.id.protocol)) {
-            table->policyInputEntryPrefetch(soon->key.id);
-         }
-      }
-      // Copied: processing may queue ids, and the member goes once processed.
-      const PolicyId id = member->key.id;
-      const bool policyChanged = member->value;
-      pendingPolicyId_.pop();
-      processPolicyEntry(id, policyChanged);
-      ++count;
-      if (task_->taskShouldYield()) break;
-   }
-   task_->taskWorkCountInc(count);
-   SRTE_TRACE_TO(tracer_, 5,
-                 "Processed " << count << " input policy entries, delay task: "
-                              << (delay ? "True" : "False"));
-   if (pendingPolicyId_.empty()) {
-      if (cleanupPending_) {
-         cleanupPending_ = false;
-         runCleanupJob();
-      }
-   } else if (delay) {
-      task_->scheduleTaskLowestDelay(congestionDelay);
-   } else {
-      task_->scheduleTask();
+   const Kiln::DrainEnd end = pendingPolicyId_.run(
+       *task_, *in_.attrLogSm, *tracer_,
+       [this](const PendingPolicyKey& key, bool policyChanged) {
+          processPolicyEntry(key.id, policyChanged);
+       },
+       // The tables this drain will probe a few paths on: in hash order, every probe misses.
+       [this](const PendingPolicyKey& soon) {
+          in_.policySelectionInput->policyIdEntry().prefetch(soon.id);
+          in_.policyKeyToIdMap->policy().prefetch(soon.id.key);
+          if (auto table = in_.input->policyInput(soon.id.protocol)) {
+             table->policyInputEntryPrefetch(soon.id);
+          }
+       });
+   if (end == Kiln::DrainEnd::drained && cleanupPending_) {
+      cleanupPending_ = false;
+      runCleanupJob();
    }
 }
 
@@ -315,7 +295,7 @@ void PolicyInputSm::reserveEntries() {
    }
    const size_t entries = in_.policySelectionInput->policyIdEntry().size();
    in_.policySelectionInput->policyIdEntryReserve(
-       std::min(entries + pendingPolicyId_.sizeAtMost(), std::max(entries, records)));
+       std::min(entries + pendingPolicyId_.pending().sizeAtMost(), std::max(entries, records)));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -649,7 +629,7 @@ void PolicyInputSm::readSrlbRange() {
 void PolicyInputSm::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*csrlbConfigRange: %s\n", depth, ' ',
                 srlbConfigRange_.stringValue().c_str());
-   Mox::appendf(out, "%*cpendingPolicyIds #%zu \n", depth, ' ', pendingPolicyId_.size());
+   Mox::appendf(out, "%*cpendingPolicyIds #%zu \n", depth, ' ', pendingPolicyId_.pending().size());
    Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
                 pendingBookmark().stringValue().c_str());
    Mox::appendf(out, "%*cbsidUsers #%zu \n", depth, ' ', bsidUser_.size());

@@ -57,7 +57,7 @@
 
 #include "input/SrTePolicyKeyToIdMap.h"
 #include "platform/Kiln.h"
-#include "platform/KilnPending.h"
+#include "platform/KilnDrain.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
 #include "platform/MoxSlab.h"
@@ -152,8 +152,9 @@ class BindingSidUser : public Mox::Entity, public Mox::Slabbed<BindingSidUser> {
 
 // The pending candidate paths, drained in hash order (types/SrTePolicyPendingKey.h); the value
 // says whether the record itself changed.
-using PendingPolicyIdMap =
-    Kiln::PendingSet<PendingPolicyKey, bool, std::less<PendingPolicyKey>, Kiln::MergeOr>;
+using PendingPolicyIdDrain =
+    Kiln::Drain<PendingPolicyKey, bool, std::less<PendingPolicyKey>, Kiln::MergeOr>;
+using PendingPolicyIdMap = PendingPolicyIdDrain::Pending;
 
 // The system-log messages of unusable candidate paths.
 extern const Syslog::MessageDef SRTE_POLICY_INVALID_BSID_OUT_OF_RANGE;
@@ -204,7 +205,7 @@ class PolicyInputSm : public Mox::RefCounted {
    using BsidUserMap = Mox::KeyedTable<Mox::Ptr<BindingSidUser>, BsidUserLabel>;
    const BsidUserMap& bsidUser() const noexcept { return bsidUser_; }
    BindingSidUser* bsidUser(Ipkit::MplsLabel label) const;
-   const PendingPolicyIdMap& pendingPolicyId() const noexcept { return pendingPolicyId_; }
+   const PendingPolicyIdMap& pendingPolicyId() const noexcept { return pendingPolicyId_.pending(); }
    // Where the pass under way resumes; the default id when none is under way.
    PolicyId pendingBookmark() const noexcept {
       const PendingPolicyKey* at = pendingPolicyId_.bookmark();
@@ -290,7 +291,10 @@ class PolicyInputSm : public Mox::RefCounted {
    bool srlbFormable_ = false; // both SRLB bounds are labels
    BsidUserMap bsidUser_;
    Mox::RbTreeMap<Protocol, std::unique_ptr<MoxPolicy>> policy_;
-   PendingPolicyIdMap pendingPolicyId_;
+   PendingPolicyIdDrain pendingPolicyId_{{.what = "input policy entries",
+                                          .traceLevel = 5,
+                                          .congestionDelay = Kiln::durationOf(congestionDelay),
+                                          .prefetchDistance = prefetchDistance}};
    bool cleanupPending_ = false;
    bool initialized_ = false;
    Mox::Ptr<Kiln::Task> task_;

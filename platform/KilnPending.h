@@ -60,6 +60,37 @@ class PendingSet {
       return std::any_of(pass_.begin() + static_cast<std::ptrdiff_t>(cursor_), pass_.end(), same) ||
              std::any_of(next_.begin(), next_.end(), same);
    }
+   // Resets the value of `key`'s member, if it is pending, to V(): the member stays and is reached
+   // as usual, but lets go of what its value held (a handle to an object that is gone).
+   void forget(const K& key) {
+      auto less = [](const Member& m, const K& k) { return Less()(m.key, k); };
+      auto rest = pass_.begin() + static_cast<std::ptrdiff_t>(cursor_);
+      auto it = std::lower_bound(rest, pass_.end(), key, less);
+      if (it != pass_.end() && !Less()(key, it->key)) it->value = V();
+      compact();
+      auto w = std::lower_bound(next_.begin(), next_.end(), key, less);
+      if (w != next_.end() && !Less()(key, w->key)) w->value = V();
+   }
+   // Every key pending, in order and each once: for dumps and tables.
+   std::vector<K> keys() const {
+      compact();
+      std::vector<K> out;
+      out.reserve(pass_.size() - cursor_ + next_.size());
+      auto p = pass_.begin() + static_cast<std::ptrdiff_t>(cursor_);
+      auto n = next_.begin();
+      const Less less;
+      while (p != pass_.end() || n != next_.end()) {
+         if (n == next_.end() || (p != pass_.end() && less(p->key, n->key))) {
+            out.push_back((p++)->key);
+         } else if (p == pass_.end() || less(n->key, p->key)) {
+            out.push_back((n++)->key);
+         } else {
+            out.push_back((p++)->key);
+            ++n;
+         }
+      }
+      return out;
+   }
    // Whether a pass is under way (begun and not finished).
    bool passUnderWay() const noexcept { return cursor_ < pass_.size(); }
    // The member the drain is at: the pass's next one, a new pass begun when none is under way;

@@ -14,8 +14,9 @@
 //    slot: the pointer type owns it (Ptr, unique_ptr) or the caller guarantees it;
 //  - lookups compare keys through the objects, so a probe that meets another member reads that
 //    member's key: every member must be alive whenever the table is used;
-//  - iterators and references are invalidated by any insert (as in a flat map); the objects never
-//    move.
+//  - iterators and references are invalidated by any insert or erase (as in a flat map); the
+//    objects never move. Where assertions are compiled in (platform/MoxEpoch.h), using an iterator
+//    after the table changed, or changing the table inside forEach, aborts.
 #pragma once
 
 #include <algorithm>
@@ -24,10 +25,11 @@
 
 #include "absl/container/flat_hash_set.h"
 #include "platform/Mox.h"
+#include "platform/MoxEpoch.h"
 
 namespace Mox {
 
-template <class P, class KeyOf>
+template <class P, class KeyOf, class Epoch = DebugEpoch>
 class KeyedTable {
    using Object = std::remove_reference_t<decltype(*std::declval<const P&>())>;
 
@@ -68,15 +70,19 @@ class KeyedTable {
       };
 
       const_iterator() = default;
-      value_type operator*() const noexcept { return {keyOfMember(*it_), *it_}; }
-      Arrow operator->() const noexcept { return Arrow{**this}; }
-      const_iterator& operator++() noexcept {
+      value_type operator*() const {
+         at_.check();
+         return {keyOfMember(*it_), *it_};
+      }
+      Arrow operator->() const { return Arrow{**this}; }
+      const_iterator& operator++() {
+         at_.check();
          ++it_;
          return *this;
       }
-      const_iterator operator++(int) noexcept {
+      const_iterator operator++(int) {
          auto old = *this;
-         ++it_;
+         ++*this;
          return old;
       }
       friend bool operator==(const const_iterator& a, const const_iterator& b) noexcept {
@@ -85,16 +91,20 @@ class KeyedTable {
 
     private:
       friend class KeyedTable;
-      explicit const_iterator(typename Set::const_iterator it) : it_(it) {}
+      const_iterator(typename Set::const_iterator it, const Epoch* epoch) : it_(it), at_(epoch) {}
       typename Set::const_iterator it_;
+      [[no_unique_address]] typename Epoch::Handle at_;
    };
    using iterator = const_iterator;
 
-   const_iterator begin() const noexcept { return const_iterator(set_.begin()); }
-   const_iterator end() const noexcept { return const_iterator(set_.end()); }
+   const_iterator begin() const noexcept { return iter(set_.begin()); }
+   const_iterator end() const noexcept { return iter(set_.end()); }
    size_t size() const noexcept { return set_.size(); }
    bool empty() const noexcept { return set_.empty(); }
-   void reserve(size_t n) { set_.reserve(n); }
+   void reserve(size_t n) {
+      epoch_.bump();
+      set_.reserve(n);
+   }
    // How many members the table takes before it grows (and rehashes every member).
    size_t room() const noexcept {
       const size_t c = set_.capacity();
@@ -104,9 +114,12 @@ class KeyedTable {
    // for member (a reactor per entry) then grows with it instead of rehashing at every doubling.
    template <class T>
    void reserveLike(const T& other) {
-      if (other.room() > room()) set_.reserve(other.room());
+      if (other.room() > room()) reserve(other.room());
    }
-   void clear() noexcept { set_.clear(); }
+   void clear() noexcept {
+      epoch_.bump();
+      set_.clear();
+   }
 
    // Calls `visit(key, pointer)` for every member, fetching members a batch ahead: a walk over a
    // large table meets its members in no memory order, and would otherwise wait on each one.
@@ -116,8 +129,12 @@ class KeyedTable {
       constexpr size_t batch = 16;
       const P* ahead[batch];
       size_t n = 0;
+      const typename Epoch::Handle at(&epoch_);
       auto flush = [&] {
-         for (size_t i = 0; i < n; ++i) visit(keyOfMember(*ahead[i]), *ahead[i]);
+         for (size_t i = 0; i < n; ++i) {
+            visit(keyOfMember(*ahead[i]), *ahead[i]);
+            at.check();
+         }
          n = 0;
       };
       for (const P& p : set_) {
@@ -130,7 +147,7 @@ class KeyedTable {
 
    // Fetches the slots a lookup of `k` will read, without waiting for them.
    void prefetch(const key_type& k) const { set_.prefetch(k); }
-   const_iterator find(const key_type& k) const { return const_iterator(set_.find(k)); }
+   const_iterator find(const key_type& k) const { return iter(set_.find(k)); }
    bool contains(const key_type& k) const { return set_.contains(k); }
    size_t count(const key_type& k) const { return set_.count(k); }
    // The member of `k`, null when absent.
@@ -149,25 +166,37 @@ class KeyedTable {
          construct(make());
       });
       assert(keyOfMember(*it) == k);
-      return {const_iterator(it), made};
+      if (made) epoch_.bump();
+      return {iter(it), made};
    }
    // Inserts `p`, or puts it in the place of the member with its key (which is let go): one probe.
    const_iterator assign(P p) {
+      epoch_.bump();
       auto [it, inserted] = set_.insert(std::move(p));
       // Only reached when `p` was not moved from. The slot keeps its place: the key is the same.
       if (!inserted) const_cast<P&>(*it) = std::move(p);
-      return const_iterator(it);
+      return iter(it);
    }
    // Inserts `p` unless a member with its key is there.
    std::pair<const_iterator, bool> insert(P p) {
       auto [it, inserted] = set_.insert(std::move(p));
-      return {const_iterator(it), inserted};
+      if (inserted) epoch_.bump();
+      return {iter(it), inserted};
    }
 
-   void erase(const_iterator it) { set_.erase(it.it_); }
-   size_t erase(const key_type& k) { return set_.erase(k); }
+   void erase(const_iterator it) {
+      it.at_.check();
+      epoch_.bump();
+      set_.erase(it.it_);
+   }
+   size_t erase(const key_type& k) {
+      epoch_.bump();
+      return set_.erase(k);
+   }
    // Removes a member and hands it over, with its key (which lives in the member).
    std::pair<const key_type&, P> take(const_iterator it) {
+      it.at_.check();
+      epoch_.bump();
       auto node = set_.extract(it.it_);
       P p = std::move(node.value());
       const key_type& k = keyOfMember(p);
@@ -175,7 +204,12 @@ class KeyedTable {
    }
 
  private:
+   const_iterator iter(typename Set::const_iterator it) const noexcept {
+      return const_iterator(it, &epoch_);
+   }
+
    Set set_;
+   [[no_unique_address]] Epoch epoch_;
 };
 
 } // namespace Mox

@@ -131,18 +131,9 @@ void PolicyPublishSm::handleInitialized() {
 }
 
 void PolicyPublishSm::markEveryPolicyPending() {
-   std::vector<PendingPublishKey> keys;
-   keys.reserve(in_.ecPolicy->policy().size() + in_.status->status().size());
-   auto take = [&keys](const PolicyKey& key, const auto&) { keys.emplace_back(key); };
+   auto take = [this](const PolicyKey& key, const auto&) { markPending(key); };
    in_.ecPolicy->policy().forEach(take);
    in_.status->status().forEach(take);
-   std::sort(keys.begin(), keys.end());
-   keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-   for (const PendingPublishKey& k : keys) {
-      const size_t before = pendingPolicy_.size();
-      pendingPolicy_.insert(pendingPolicy_.end(), k);
-      if (pendingPolicy_.size() != before) ++pendingChanges_;
-   }
 }
 
 void PolicyPublishSm::handlePolicy(const PolicyKey& key) {
@@ -152,48 +143,11 @@ void PolicyPublishSm::handlePolicy(const PolicyKey& key) {
 
 void PolicyPublishSm::handleTaskRun() {
    if (!initialized_) return;
-   auto it = pendingPolicy_.end();
-   if (!(pendingBookmark_ == PolicyKey()))
-      it = pendingPolicy_.find(PendingPublishKey(pendingBookmark_));
-   if (it == pendingPolicy_.end()) it = pendingPolicy_.begin();
-   pendingBookmark_ = PolicyKey();
-
-   uint64_t count = 0;
-   while (it != pendingPolicy_.end()) {
-      if (in_.attrLogSm->isAttrLogOutClogged()) {
-         pendingBookmark_ = it->key;
-         SRTE_TRACE_TO(tracer_, 9,
-                       "Bookmark placed at Endpoint: " << pendingBookmark_.endpoint
-                                                       << " color: " << pendingBookmark_.color);
-         SRTE_TRACE_TO(tracer_, 9, "publish entries, delay task: " << delayTime_);
-         task_->scheduleTaskLowestDelay(delayTime_);
-         break;
-      }
-      const PendingPublishKey pending = *it;
-      const uint64_t changes = pendingChanges_;
-      processPolicy(pending.key);
-      if (pendingChanges_ == changes) {
-         it = pendingPolicy_.erase(it);
-      } else {
-         // Processing queued competitors of a released binding SID: the tree may have moved.
-         it = pendingPolicy_.find(pending);
-         it = it != pendingPolicy_.end() ? pendingPolicy_.erase(it)
-                                         : pendingPolicy_.upper_bound(pending);
-      }
-      ++count;
-      if (task_->taskShouldYield()) {
-         if (it != pendingPolicy_.end()) {
-            pendingBookmark_ = it->key;
-            SRTE_TRACE_TO(tracer_, 9,
-                          "Bookmark placed at Endpoint: " << pendingBookmark_.endpoint
-                                                          << " color: " << pendingBookmark_.color);
-         }
-         break;
-      }
-   }
-   task_->taskWorkCountInc(count);
-   // Keys queued behind the position reached (or left at a yield) wait for the next run.
-   if (!pendingPolicy_.empty() && !task_->isScheduled()) task_->scheduleTask();
+   // Processing a key may queue the competitors of a binding SID it released: those still ahead
+   // in the pass are processed in it, the others in the next.
+   pendingPolicy_.run(
+       *task_, *in_.attrLogSm, *tracer_,
+       [this](const PendingKey<PolicyKey>& key, Kiln::NoValue) { processPolicy(key.id); });
 }
 
 void PolicyPublishSm::handleDel() {
@@ -201,8 +155,6 @@ void PolicyPublishSm::handleDel() {
    SRTE_TRACE_TO(tracer_, 6, "PolicyPublishSm is to be deleted");
    if (task_) task_->unscheduleTask();
    pendingPolicy_.clear();
-   ++pendingChanges_;
-   pendingBookmark_ = PolicyKey();
    initialized_ = false;
    try {
       in_.srteFwdStatus->fecDelAll();
@@ -475,15 +427,15 @@ void PolicyPublishSm::deleteSrTePolicyFecs(const PolicyStatusEntry& statusEntry)
 
 void PolicyPublishSm::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cpendingPolicies #%u \n", depth, ' ',
-                static_cast<unsigned>(pendingPolicy_.size()));
+                static_cast<unsigned>(pendingPolicy_.pending().size()));
    std::vector<PolicyKey> pending;
-   for (const PendingPublishKey& p : pendingPolicy_) pending.push_back(p.key);
+   for (const PendingKey<PolicyKey>& p : pendingPolicy_.pending().keys()) pending.push_back(p.id);
    std::sort(pending.begin(), pending.end());
    for (const PolicyKey& key : pending) {
       Mox::appendf(out, "%*c%s\n", depth + 2, ' ', key.stringValue().c_str());
    }
    Mox::appendf(out, "%*cpendingBookmark: %s \n", depth, ' ',
-                pendingBookmark_.stringValue().c_str());
+                pendingBookmark().stringValue().c_str());
    Mox::appendf(out, "%*cTask Dump: \n", depth, ' ');
    if (task_) Mox::appendf(out, "%*c%s\n", depth + 2, ' ', task_->stringValue().c_str());
    Mox::appendf(out, "%*cdelayTime#: %f\n", depth, ' ', delayTime_);

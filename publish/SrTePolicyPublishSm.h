@@ -35,8 +35,8 @@
 #include <memory>
 #include <string>
 
-#include "absl/container/btree_set.h"
 #include "platform/Kiln.h"
+#include "platform/KilnDrain.h"
 #include "platform/KilnNumAllocator.h"
 #include "platform/Mox.h"
 #include "platform/MoxPool.h"
@@ -46,22 +46,16 @@
 #include "publish/SrTePolicyConflictingPolicies.h"
 #include "publish/SrTePolicyStatus.h"
 #include "selection/SrTePolicyEntry.h"
+#include "types/SrTePolicyPendingKey.h"
 
 namespace SrTePolicy {
 
 extern const Syslog::MessageDef SRTE_POLICY_CONFLICT_BSID_IN_USE;
 
-// A pending key in hash order: ordered by the key's hash, then the key. A flat table's order also
-// depends on its history and on where its slots live, and the order decides who wins a released
-// binding SID.
-struct PendingPublishKey {
-   uint32_t hash;
-   PolicyKey key;
-   explicit PendingPublishKey(const PolicyKey& k) : hash(k.hash()), key(k) {}
-   friend bool operator==(const PendingPublishKey&, const PendingPublishKey&) = default;
-   friend auto operator<=>(const PendingPublishKey&, const PendingPublishKey&) = default;
-};
-using PendingPolicySet = absl::btree_set<PendingPublishKey>;
+// The pending policy keys, drained in hash order (types/SrTePolicyPendingKey.h): the order decides
+// who wins a released binding SID.
+using PendingPolicyDrain = Kiln::Drain<PendingKey<PolicyKey>>;
+using PendingPolicySet = PendingPolicyDrain::Pending;
 
 class PolicyPublishSm : public Mox::RefCounted {
  public:
@@ -98,11 +92,15 @@ class PolicyPublishSm : public Mox::RefCounted {
 
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
-   const PendingPolicySet& pendingPolicy() const noexcept { return pendingPolicy_; }
+   const PendingPolicySet& pendingPolicy() const noexcept { return pendingPolicy_.pending(); }
    bool pendingPolicyHas(const PolicyKey& key) const {
-      return pendingPolicy_.contains(PendingPublishKey(key));
+      return pendingPolicy_.pending().contains(PendingKey<PolicyKey>(key));
    }
-   const PolicyKey& pendingBookmark() const noexcept { return pendingBookmark_; }
+   // Where the pass under way resumes; the default key when none is under way.
+   PolicyKey pendingBookmark() const noexcept {
+      const PendingKey<PolicyKey>* at = pendingPolicy_.bookmark();
+      return at ? at->id : PolicyKey();
+   }
    Kiln::Task* task() const noexcept { return task_.get(); }
    double delayTime() const noexcept { return delayTime_; }
    const BindingSidPolicyMap& bindingSidPolicyMap() const noexcept { return bindingSidPolicyMap_; }
@@ -153,11 +151,8 @@ class PolicyPublishSm : public Mox::RefCounted {
    class MoxPolicy;
    class MoxTask;
 
-   void markPending(const PolicyKey& key) {
-      if (pendingPolicy_.insert(PendingPublishKey(key)).second) ++pendingChanges_;
-   }
-   // Every policy of EcPolicy and every published one at once: sorted first, so that the tree is
-   // filled at its end rather than at a random leaf per key.
+   void markPending(const PolicyKey& key) { pendingPolicy_.mark(PendingKey<PolicyKey>(key)); }
+   // Every policy of EcPolicy and every published one.
    void markEveryPolicyPending();
    void scheduleTask();
    void withdraw(const PolicyKey& key);
@@ -167,11 +162,8 @@ class PolicyPublishSm : public Mox::RefCounted {
    Trace::Tracer* tracer_;
    Kiln::TimerWheel* clock_;
 
-   PendingPolicySet pendingPolicy_;
-   // Counts insertions into (and clears of) pendingPolicy_: while it stands still, an iterator into
-   // the tree stays valid.
-   uint64_t pendingChanges_ = 0;
-   PolicyKey pendingBookmark_;
+   PendingPolicyDrain pendingPolicy_{
+       {.what = "policies", .traceLevel = 9, .congestionDelay = Kiln::durationOf(congestionDelay)}};
    BindingSidPolicyMap bindingSidPolicyMap_;
    PolicyBindingSidMap policyBindingSidMap_;
    Mox::Ptr<Kiln::NumAllocatorConfig> numAllocatorConfig_;

@@ -368,7 +368,9 @@ void SegmentListSm::handleSegmentList(const Mox::Ptr<SegmentListLifeTimeNotifier
       processSegmentList(list);
       return;
    }
-   pendingSegmentList_.erase(list.segmentListId());
+   // Left queued if it is, without its notifier (which would keep the list alive): the drain
+   // skips it.
+   if (!pendingSegmentList_.empty()) pendingSegmentList_.forget(list.segmentListId());
    removeSegmentListStatusById(list.segmentListId());
 }
 
@@ -386,7 +388,7 @@ void SegmentListSm::handleSegmentStatus(SegmentId id) {
    for (const auto& list : users->segmentListPtr()) {
       // A list withdrawn but still registered has no notifier; its removal was handled.
       if (SegmentListLifeTimeNotifier* n = list->segmentListLifeTimeNotifier()) {
-         pendingSegmentList_.try_emplace(list->segmentListId(), n);
+         markPending(n);
       }
    }
    scheduleIfPending();
@@ -410,48 +412,15 @@ void SegmentListSm::handlePlatformMaxLabelStackSize() {
 
 void SegmentListSm::handleTaskRun() {
    if (!initialized_) return;
-   auto it = pendingSegmentList_.end();
-   if (pendingBookmark_.value != 0) it = pendingSegmentList_.find(pendingBookmark_);
-   if (it == pendingSegmentList_.end()) it = pendingSegmentList_.begin();
-   pendingBookmark_ = SegmentListId();
-
-   uint64_t count = 0;
-   bool delay = false;
-   while (it != pendingSegmentList_.end()) {
-      if (in_.attrLogSm->isAttrLogOutClogged()) {
-         delay = true;
-         pendingBookmark_ = it->first;
-         break;
-      }
-      const SegmentListId id = it->first;
-      const Mox::Ptr<SegmentListLifeTimeNotifier> notifier = it->second;
-      if (in_.notifyingSegmentList->segmentListNotifierHas(notifier)) {
-         processSegmentList(*notifier->segmentListRawPtr());
-      }
-      // Processing queues nothing, but find the id again rather than trust the iterator.
-      it = pendingSegmentList_.find(id);
-      if (it != pendingSegmentList_.end()) {
-         auto next = std::next(it);
-         pendingSegmentList_.erase(it);
-         it = next;
-      }
-      ++count;
-      if (task_->taskShouldYield()) {
-         if (it != pendingSegmentList_.end()) pendingBookmark_ = it->first;
-         break;
-      }
-   }
-   task_->taskWorkCountInc(count);
-   SRTE_TRACE_TO(tracer_, 5,
-                 "Processed " << count
-                              << " segment lists, delay task: " << (delay ? "True" : "False"));
-   if (!pendingSegmentList_.empty()) {
-      if (delay) {
-         task_->scheduleTaskLowestDelay(congestionDelay);
-      } else {
-         task_->scheduleTask();
-      }
-   } else if (cleanupPending_) {
+   const Kiln::DrainEnd end = pendingSegmentList_.run(
+       *task_, *in_.attrLogSm, *tracer_,
+       [this](SegmentListId, const Mox::Ptr<SegmentListLifeTimeNotifier>& notifier) {
+          if (notifier && in_.notifyingSegmentList->segmentListNotifierHas(notifier)) {
+             processSegmentList(*notifier->segmentListRawPtr());
+          }
+       });
+   if (end != Kiln::DrainEnd::drained) return;
+   if (cleanupPending_) {
       // Lists still claimed may not be back yet: the input stage says when its first pass is
       // done, and only then are the entries nobody re-created stale.
       if (!in_.notifyingSegmentList->initialPassDone()) return;
@@ -470,7 +439,6 @@ void SegmentListSm::handleDel() {
    SRTE_TRACE_TO(tracer_, 3, "SegmentListSm is to be deleted");
    if (task_) task_->unscheduleTask();
    pendingSegmentList_.clear();
-   pendingBookmark_ = SegmentListId();
    unusedSegmentListIds_.clear();
    cleanupPending_ = false;
    Mox::HashSet<SegmentListId> live;
@@ -496,8 +464,13 @@ void SegmentListSm::handleDel() {
 
 void SegmentListSm::addAllSlsToBacklog() {
    for (const auto& n : in_.notifyingSegmentList->segmentListNotifier()) {
-      pendingSegmentList_.try_emplace(n->segmentListRawPtr()->segmentListId(), n);
+      markPending(n.get());
    }
+}
+
+void SegmentListSm::markPending(SegmentListLifeTimeNotifier* notifier) {
+   pendingSegmentList_.mark(notifier->segmentListRawPtr()->segmentListId(),
+                            Mox::Ptr<SegmentListLifeTimeNotifier>(notifier));
 }
 
 void SegmentListSm::scheduleIfPending() {

@@ -56,6 +56,7 @@
 #include <string>
 
 #include "platform/Kiln.h"
+#include "platform/KilnDrain.h"
 #include "platform/Mox.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
@@ -118,8 +119,11 @@ class SegmentListSm : public Mox::RefCounted {
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
    bool cleanupPending() const noexcept { return cleanupPending_; }
-   size_t pendingSegmentListCount() const noexcept { return pendingSegmentList_.size(); }
-   bool pendingSegmentListHas(SegmentListId id) const { return pendingSegmentList_.count(id); }
+   // Lists queued (one withdrawn since stays queued, and is skipped when reached).
+   size_t pendingSegmentListCount() const { return pendingSegmentList_.pending().size(); }
+   bool pendingSegmentListHas(SegmentListId id) const {
+      return pendingSegmentList_.pending().contains(id);
+   }
    const Mox::HashSet<SegmentListId>& unusedSegmentListIds() const noexcept {
       return unusedSegmentListIds_;
    }
@@ -180,8 +184,13 @@ class SegmentListSm : public Mox::RefCounted {
    Inputs in_;
    Syslog::Log* syslog_;
    Trace::Tracer* tracer_;
-   Mox::HashMap2018<SegmentListId, Mox::Ptr<SegmentListLifeTimeNotifier>> pendingSegmentList_;
-   SegmentListId pendingBookmark_;
+   // In list id order; the value is the list's notifier as last queued.
+   Kiln::Drain<SegmentListId, Mox::Ptr<SegmentListLifeTimeNotifier>, std::less<SegmentListId>,
+               Kiln::MergeLatest>
+       pendingSegmentList_{{.what = "segment lists",
+                            .traceLevel = 5,
+                            .congestionDelay = Kiln::durationOf(congestionDelay)}};
+   void markPending(SegmentListLifeTimeNotifier* notifier);
    Mox::HashSet<SegmentListId> unusedSegmentListIds_;
    bool cleanupPending_ = false;
    bool initialized_ = false;

@@ -10,44 +10,39 @@ namespace SrTePolicy {
 // ---------------------------------------------------------------------------------------------
 // Reactors: each forwards to one handler.
 
-class PolicySelectionSm::MoxConfig : public Config::Notifiee {
+class PolicySelectionSm::MoxConfig : public Mox::Reactor<Config::Notifiee, PolicySelectionSm> {
  public:
-   explicit MoxConfig(PolicySelectionSm& sm) : sm_(sm) {}
-   void onUseDiscriminatorInTieBreaking() override { sm_.handleTieBreakingLogicChange(); }
-
- private:
-   PolicySelectionSm& sm_;
+   using Reactor::Reactor;
+   void onUseDiscriminatorInTieBreaking() override { owner().handleTieBreakingLogicChange(); }
 };
 
-class PolicySelectionSm::MoxPolicyId : public PolicySelectionInput::Notifiee {
+class PolicySelectionSm::MoxPolicyId
+    : public Mox::Reactor<PolicySelectionInput::Notifiee, PolicySelectionSm> {
  public:
-   explicit MoxPolicyId(PolicySelectionSm& sm) : sm_(sm) {}
+   using Reactor::Reactor;
    void onPolicyIdEntry(const PolicyId& id) override {
-      sm_.handlePolicyEntry(id);
-      if (Mox::Ptr<PolicyIdEntry> entry = sm_.in_.policySelectionInput->policyIdEntry(id)) {
-         sm_.policyIdEntryIs(entry);
+      PolicySelectionSm& sm = owner();
+      sm.handlePolicyEntry(id);
+      if (Mox::Ptr<PolicyIdEntry> entry = sm.in_.policySelectionInput->policyIdEntry(id)) {
+         sm.policyIdEntryIs(entry);
       } else {
-         sm_.policyIdEntryDel(id);
+         sm.policyIdEntryDel(id);
       }
    }
-
- private:
-   PolicySelectionSm& sm_;
 };
 
-class PolicySelectionSm::MoxPolicyIdEntry : public PolicyIdEntry::Notifiee {
+class PolicySelectionSm::MoxPolicyIdEntry
+    : public Mox::Reactor<PolicyIdEntry::Notifiee, PolicySelectionSm> {
  public:
    // One per selection-input entry. It holds the entry, whose id keys the machine's reactor table
    // and must stay readable for as long as the reactor is in it.
-   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry) : sm_(sm), entry_(entry) {
-      notifierIs(entry);
-   }
+   MoxPolicyIdEntry(PolicySelectionSm& sm, PolicyIdEntry* entry)
+       : Reactor(sm, entry), entry_(entry) {}
    const PolicyIdEntry* entry() const noexcept { return entry_.get(); }
-   void onVersion() override { sm_.handlePolicyEntry(entry_->id()); }
-   void onBindingSid() override { sm_.handleBindingSid(*entry_); }
+   void onVersion() override { owner().handlePolicyEntry(entry_->id()); }
+   void onBindingSid() override { owner().handleBindingSid(*entry_); }
 
  private:
-   PolicySelectionSm& sm_;
    Mox::Ptr<const PolicyIdEntry> entry_;
 };
 
@@ -55,22 +50,17 @@ const PolicyId& PolicySelectionSm::ReactorId::operator()(const MoxPolicyIdEntry&
    return r.entry()->id();
 }
 
-class PolicySelectionSm::MoxResSegList : public SegmentListStatus::Notifiee {
+class PolicySelectionSm::MoxResSegList
+    : public Mox::Reactor<SegmentListStatus::Notifiee, PolicySelectionSm> {
  public:
-   explicit MoxResSegList(PolicySelectionSm& sm) : sm_(sm) {}
-   void onStatus(const SegmentListId& id) override { sm_.handleResolvedSegmentList(id); }
-
- private:
-   PolicySelectionSm& sm_;
+   using Reactor::Reactor;
+   void onStatus(const SegmentListId& id) override { owner().handleResolvedSegmentList(id); }
 };
 
-class PolicySelectionSm::MoxTask : public Kiln::Task::Notifiee {
+class PolicySelectionSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicySelectionSm> {
  public:
-   explicit MoxTask(PolicySelectionSm& sm) : sm_(sm) {}
-   void onTaskRun() override { sm_.handleTaskRun(); }
-
- private:
-   PolicySelectionSm& sm_;
+   using Reactor::Reactor;
+   void onTaskRun() override { owner().handleTaskRun(); }
 };
 
 // ---------------------------------------------------------------------------------------------
@@ -81,16 +71,13 @@ PolicySelectionSm::PolicySelectionSm(Inputs in)
    SRTE_ASSERT(in_.config && in_.policySelectionInput && in_.segmentListStatus &&
                    in_.segmentListIdToPolicyMap && in_.ecPolicy && in_.scheduler && in_.attrLogSm,
                "PolicySelectionSm needs every table of its Inputs");
-   moxConfig_ = std::make_unique<MoxConfig>(*this);
-   moxConfig_->notifierIs(in_.config.get());
-   moxPolicyId_ = std::make_unique<MoxPolicyId>(*this);
-   moxPolicyId_->notifierIs(in_.policySelectionInput.get());
+   moxConfig_ = std::make_unique<MoxConfig>(*this, in_.config.get());
+   moxPolicyId_ = std::make_unique<MoxPolicyId>(*this, in_.policySelectionInput.get());
    // Sized once: growing rehashes every member, and this table reads each key from its entry.
    policyIdEntry_.reserve(in_.policySelectionInput->policyIdEntry().size());
    in_.policySelectionInput->policyIdEntry().forEach(
        [this](const PolicyId&, const Mox::Ptr<PolicyIdEntry>& entry) { policyIdEntryIs(entry); });
-   moxResSegList_ = std::make_unique<MoxResSegList>(*this);
-   moxResSegList_->notifierIs(in_.segmentListStatus.get());
+   moxResSegList_ = std::make_unique<MoxResSegList>(*this, in_.segmentListStatus.get());
    handleInitialized();
 }
 
@@ -129,8 +116,7 @@ void PolicySelectionSm::handleInitialized() {
    SRTE_TRACE_TO(tracer_, 9, "handleInitialized");
    if (!task_) {
       task_ = Mox::make<Kiln::Task>(*in_.scheduler, taskPriority, taskName);
-      moxTask_ = std::make_unique<MoxTask>(*this);
-      moxTask_->notifierIs(task_);
+      moxTask_ = std::make_unique<MoxTask>(*this, task_);
    }
    initialized_ = true;
    // What an earlier life left in EcPolicy is checked again, whether or not its entry is still
@@ -199,36 +185,14 @@ void PolicySelectionSm::handleTieBreakingLogicChange() {
 void PolicySelectionSm::handleTaskRun() {
    if (!initialized_) return;
    // Resume the pass under way at its bookmark, or begin one over everything pending.
-   uint64_t count = 0;
-   bool delay = false;
-   while (auto* member = pendingPolicyId_.front()) {
-      if (in_.attrLogSm->isAttrLogOutClogged()) {
-         delay = true;
-         break;
-      }
-      // The tables this drain will probe a few paths on: in hash order, every probe misses.
-      if (const auto* soon = pendingPolicyId_.ahead(prefetchDistance)) {
-         in_.policySelectionInput->policyIdEntry().prefetch(soon->key.id);
-         in_.ecPolicy->policy().prefetch(soon->key.id.key);
-      }
-      // Copied: reactors downstream may queue ids meanwhile, and the member goes once processed.
-      const PolicyId id = member->key.id;
-      pendingPolicyId_.pop();
-      processPolicyEntry(id);
-      ++count;
-      if (task_->taskShouldYield()) break;
-   }
-   task_->taskWorkCountInc(count);
-   SRTE_TRACE_TO(tracer_, 9,
-                 "Processed " << count
-                              << " selection entries, delay task: " << (delay ? "True" : "False"));
-   if (pendingPolicyId_.empty()) return;
-   if (delay) {
-      task_->scheduleTaskLowestDelay(congestionDelay);
-   } else {
-      task_->scheduleTask();
-   }
-   SRTE_TRACE_TO(tracer_, 9, "PS sm Bookmark placed at Id: " << pendingBookmark());
+   pendingPolicyId_.run(
+       *task_, *in_.attrLogSm, *tracer_,
+       [this](const PendingPolicyKey& key, Kiln::NoValue) { processPolicyEntry(key.id); },
+       // The tables this drain will probe a few paths on: in hash order, every probe misses.
+       [this](const PendingPolicyKey& soon) {
+          in_.policySelectionInput->policyIdEntry().prefetch(soon.id);
+          in_.ecPolicy->policy().prefetch(soon.id.key);
+       });
 }
 
 void PolicySelectionSm::handleDel() {
@@ -353,7 +317,7 @@ void PolicySelectionSm::selectNewActive(const PolicyKey& key, const Mox::Ptr<Pol
 
 void PolicySelectionSm::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cpendingPolicyIds #%u \n", depth, ' ',
-                static_cast<unsigned>(pendingPolicyId_.size()));
+                static_cast<unsigned>(pendingPolicyId_.pending().size()));
    Mox::appendf(out, "%*cpendingBookmark: %s\n", depth, ' ',
                 pendingBookmark().stringValue().c_str());
    Mox::appendf(out, "%*cTask Dump\n", depth, ' ');

@@ -32,7 +32,7 @@
 #include <string>
 
 #include "platform/Kiln.h"
-#include "platform/KilnPending.h"
+#include "platform/KilnDrain.h"
 #include "platform/Mox.h"
 #include "platform/MoxKeyed.h"
 #include "platform/MoxPool.h"
@@ -73,9 +73,9 @@ class PolicySelectionSm : public Mox::RefCounted {
    // State, for the host's tables and for tests.
    bool initialized() const noexcept { return initialized_; }
    // Drained in passes in hash order: a pass's order depends on what is pending alone.
-   using PendingPolicyIdSet = Kiln::PendingSet<PendingPolicyKey, Kiln::NoValue,
-                                               std::less<PendingPolicyKey>, Kiln::MergeNothing>;
-   const PendingPolicyIdSet& pendingPolicyId() const noexcept { return pendingPolicyId_; }
+   using PendingPolicyIdDrain = Kiln::Drain<PendingPolicyKey>;
+   using PendingPolicyIdSet = PendingPolicyIdDrain::Pending;
+   const PendingPolicyIdSet& pendingPolicyId() const noexcept { return pendingPolicyId_.pending(); }
    // Where the pass under way resumes; the default id when none is under way.
    PolicyId pendingBookmark() const noexcept {
       const PendingPolicyKey* at = pendingPolicyId_.bookmark();
@@ -118,12 +118,15 @@ class PolicySelectionSm : public Mox::RefCounted {
    class MoxTask;
 
    bool isResolved(SegmentListId id) const;
-   void markPending(const PolicyId& id) { pendingPolicyId_.mark(PendingPolicyKey(id), {}); }
+   void markPending(const PolicyId& id) { pendingPolicyId_.mark(PendingPolicyKey(id)); }
    void scheduleTask();
 
    Inputs in_;
    Trace::Tracer* tracer_;
-   PendingPolicyIdSet pendingPolicyId_;
+   PendingPolicyIdDrain pendingPolicyId_{{.what = "selection entries",
+                                          .traceLevel = 9,
+                                          .congestionDelay = Kiln::durationOf(congestionDelay),
+                                          .prefetchDistance = prefetchDistance}};
    bool initialized_ = false;
    Mox::Ptr<Kiln::Task> task_;
 

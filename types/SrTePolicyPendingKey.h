@@ -1,4 +1,5 @@
-// PendingPolicyKey: a candidate path's id as the machines' pending sets order it.
+// PendingKey: an id as the machines' pending sets order it (a candidate path's PolicyId for the
+// input stage and selection, a PolicyKey for publishing).
 #pragma once
 
 #include <cstdint>
@@ -10,14 +11,17 @@ namespace SrTePolicy {
 // Ordered by the id's hash (then the id), so that the order of a pass is a function of what is
 // pending alone. Not a hash table's order: a flat table's order also depends on its insertion
 // history and, for Abseil's, on where its slots happen to live in memory, and the processing order
-// decides which segment list gets which id; every run of the same inputs must give the same ids.
-// The hash goes first so that sorting a pass mostly compares one word.
-struct PendingPolicyKey {
+// decides which segment list gets which id and which policy wins a released binding SID; every
+// run of the same inputs must give the same outcome. The hash goes first so that sorting a pass
+// mostly compares one word.
+template <class Id>
+struct PendingKey {
    uint32_t hash;
-   PolicyId id;
-   explicit PendingPolicyKey(const PolicyId& p) : hash(p.hash()), id(p) {}
-   friend bool operator==(const PendingPolicyKey&, const PendingPolicyKey&) = default;
-   friend auto operator<=>(const PendingPolicyKey&, const PendingPolicyKey&) = default;
+   Id id;
+   explicit PendingKey(const Id& i) : hash(i.hash()), id(i) {}
+   friend bool operator==(const PendingKey&, const PendingKey&) = default;
+   friend auto operator<=>(const PendingKey&, const PendingKey&) = default;
 };
+using PendingPolicyKey = PendingKey<PolicyId>;
 
 } // namespace SrTePolicy

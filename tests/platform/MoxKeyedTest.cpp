@@ -154,4 +154,60 @@ TEST(MoxKeyedTable, HoldsPooledObjectsAndGivesThemBackOnErase) {
    EXPECT_EQ(pool.live(), 0u);
 }
 
+// Changing a table while it is walked is a bug that a flat table hides until it grows: an
+// iterator used after the change, or a change inside forEach, aborts wherever the epoch is
+// compiled in. Here it is compiled in explicitly, so every build checks it.
+TEST(MoxKeyedTableDeathTest, ATableChangedWhileWalkedAbortsWhereTheEpochIsCompiledIn) {
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   using Checked = Mox::KeyedTable<Mox::Ptr<Item>, ItemName, Mox::DebugEpochBase<true>>;
+   Checked t;
+   for (int i = 0; i < 4; ++i) t.insert(Mox::make<Item>("i" + std::to_string(i), i));
+   // Lookups and walks that change nothing are fine, and so is an iterator taken after a change.
+   int sum = 0;
+   t.forEach([&](const std::string&, const Mox::Ptr<Item>& item) { sum += item->value(); });
+   EXPECT_EQ(sum, 6);
+   auto it = t.find("i2");
+   ASSERT_NE(it, t.end());
+   EXPECT_EQ(it->second->value(), 2);
+   t.erase("i3");
+   it = t.find("i2");
+   EXPECT_EQ(it->second->value(), 2);
+   // An insert that finds its key changes nothing either.
+   EXPECT_FALSE(t.insert(Mox::make<Item>("i1", 9)).second);
+   EXPECT_EQ(it->second->value(), 2);
+
+   EXPECT_DEATH(
+       {
+          auto stale = t.begin();
+          t.insert(Mox::make<Item>("new", 7));
+          ++stale;
+       },
+       "table changed while it was walked");
+   EXPECT_DEATH(t.forEach([&](const std::string& k, const Mox::Ptr<Item>&) {
+      if (k == "i0") t.erase("i1");
+   }),
+                "table changed while it was walked");
+   EXPECT_DEATH(
+       {
+          auto stale = t.find("i0");
+          t.findOrInsert("i9", [] { return Mox::make<Item>("i9", 9); });
+          t.erase(stale);
+       },
+       "table changed while it was walked");
+}
+
+// Where it is compiled out it costs nothing: neither the table nor its iterators grow.
+TEST(MoxKeyedTable, TheEpochCompiledOutCostsNoSpace) {
+   using Plain = Mox::KeyedTable<Mox::Ptr<Item>, ItemName, Mox::DebugEpochBase<false>>;
+   using Checked = Mox::KeyedTable<Mox::Ptr<Item>, ItemName, Mox::DebugEpochBase<true>>;
+   EXPECT_EQ(sizeof(Plain) + sizeof(uint64_t), sizeof(Checked));
+   EXPECT_EQ(sizeof(Plain::const_iterator) + sizeof(void*) + sizeof(uint64_t),
+             sizeof(Checked::const_iterator));
+#ifdef NDEBUG
+   EXPECT_EQ(sizeof(Table), sizeof(Plain));
+#else
+   EXPECT_EQ(sizeof(Table), sizeof(Checked));
+#endif
+}
+
 } // namespace
