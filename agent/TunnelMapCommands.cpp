@@ -20,10 +20,10 @@ using Tunnel::TunnelTable::TunnelId;
 
 // The candidate paths of `key` that map the tunnel, as the machine holds them.
 uint64_t pathsMapping(const TunnelMapExportSm& sm, const PolicyKey& key, TunnelId t) {
-   auto paths = sm.policyTunnelInfo().find(key);
-   if (paths == sm.policyTunnelInfo().end()) return 0;
+   const TunnelMapExportSm::TunnelPaths* paths = sm.tunnelPaths(t);
+   if (!paths) return 0;
    uint64_t n = 0;
-   for (const auto& [candidate, info] : *paths->second) n += info->tunnelIdHas(t) ? 1 : 0;
+   for (const PolicyId& id : *paths) n += id.key == key ? 1 : 0;
    return n;
 }
 

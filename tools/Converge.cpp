@@ -592,10 +592,11 @@ Rows bsidConflicts(PolicyCore& core, const History&) {
    return rows;
 }
 
-// ---- the tunnel map. A tunnel that paths of several policy keys share maps to the key committed
-// last, and a row whose tunnel no path names any more stays while the platform still counts it:
-// both follow history, so the first is content only as its group, and the second is left out here
-// and checked in ruleViolations (it must be waiting for its counter).
+// ---- the tunnel map. Every tunnel a path names has a row naming a key whose path names it. A
+// tunnel that paths of several policy keys share maps to one of them, which one following history,
+// so its row is content only as its group; a row whose tunnel no path names any more stays while
+// the platform still counts it, which follows history too: it is left out here and checked in
+// ruleViolations (it must be waiting for its counter).
 
 // Per tunnel, the policy keys whose selection-input paths name it.
 std::map<Tunnel::TunnelTable::TunnelId, std::set<PolicyKey>> tunnelUsers(const PolicyCore& core) {
@@ -606,7 +607,7 @@ std::map<Tunnel::TunnelTable::TunnelId, std::set<PolicyKey>> tunnelUsers(const P
    return out;
 }
 
-Rows tunnelMap(PolicyCore& core, const History& h) {
+Rows tunnelMap(PolicyCore& core, const History&) {
    const Names names(core);
    const auto users = tunnelUsers(core);
    const TunnelIdToPolicyKey& map = *core.published().tunnelIdToPolicyKey;
@@ -616,14 +617,6 @@ Rows tunnelMap(PolicyCore& core, const History& h) {
       if (it == users.end()) {
          if (core.router().counterTable->counter(tunnel)) continue;
          rows.push_back(names.ofTunnel(tunnel) + " stale row " + entry.policyKey.stringValue());
-      } else if (h.sharedTunnelRowsMayGo) {
-         // Only what a row says is compared, not which used tunnels have one; a row waiting for
-         // its counter may still name the key that let go of the tunnel last.
-         if (!it->second.count(entry.policyKey) &&
-             !core.tunnelMapExportSm()->pendingTunnel().count(tunnel)) {
-            rows.push_back(names.ofTunnel(tunnel) + " mapped to " + entry.policyKey.stringValue() +
-                           ", used by" + keysText(it->second));
-         }
       } else if (it->second.size() > 1) {
          rows.push_back(
              names.ofTunnel(tunnel) + " one of" + keysText(it->second) +
@@ -633,7 +626,7 @@ Rows tunnelMap(PolicyCore& core, const History& h) {
       }
    }
    for (const auto& [tunnel, keys] : users) {
-      if (!map.tunnelEntry(tunnel) && !h.sharedTunnelRowsMayGo) {
+      if (!map.tunnelEntry(tunnel)) {
          rows.push_back(names.ofTunnel(tunnel) + " unmapped");
       }
    }
@@ -873,14 +866,13 @@ std::optional<Divergence> compare(PolicyCore& agent, double agentNow, PolicyCore
    return std::nullopt;
 }
 
-Outcome check(const std::vector<std::string>& lines, bool strict) {
+Outcome check(const std::vector<std::string>& lines) {
    Outcome o;
    std::ostringstream sink;
    Agent::Host host(sink);
    Agent::registerModules(host);
    host.start();
    History history;
-   history.sharedTunnelRowsMayGo = !strict;
    for (const std::string& line : lines) {
       Agent::Host::Apply apply;
       try {
@@ -921,13 +913,12 @@ Outcome check(const std::vector<std::string>& lines, bool strict) {
    return o;
 }
 
-std::vector<std::string> shrink(const std::vector<std::string>& lines, const std::string& table,
-                                bool strict) {
+std::vector<std::string> shrink(const std::vector<std::string>& lines, const std::string& table) {
    auto diverges = [&](const std::vector<std::string>& candidate, Outcome& o) {
-      o = check(candidate, strict);
+      o = check(candidate);
       return o.divergence && o.divergence->table == table;
    };
-   Outcome o = check(lines, strict);
+   Outcome o = check(lines);
    std::vector<std::string> cur = o.accepted;
    size_t parts = 2;
    while (cur.size() >= 2) {

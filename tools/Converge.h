@@ -39,13 +39,6 @@ struct History {
    // Protocols whose input table was removed since the last restart: their unusable candidates
    // stay (the input stage only reviews what the table still holds and what it published).
    std::set<SrTePolicy::Protocol> removedTables;
-   // Known and not fixed here: when paths of two policy keys share a tunnel, a path of one key
-   // letting go of it deletes the row although the other key's paths still use it (the in-use
-   // test looks only at the key of the path that lets go), and a row waiting for its counter
-   // keeps naming the key that let go although another key's paths use the tunnel. Set, only
-   // what the rows say is compared (not which used tunnels have one, nor a waiting row's key);
-   // `converge --strict` compares it all.
-   bool sharedTunnelRowsMayGo = true;
 };
 
 // One output table in canonical form: sorted rows, ids replaced by what they stand for.
@@ -69,8 +62,7 @@ struct Outcome {
    std::map<std::string, size_t> rowCount; // per table compared, the agent's rows
 };
 
-// `strict` also compares what History::sharedTunnelRowsMayGo leaves out.
-Outcome check(const std::vector<std::string>& lines, bool strict = false);
+Outcome check(const std::vector<std::string>& lines);
 
 // Runs a core's scheduler to convergence: congestion cleared, no ready task, no timer left
 // (advancing time for the timers; given the core, the tunnel map's retry while a counter lasts
@@ -84,8 +76,7 @@ std::optional<Divergence> compare(SrTePolicy::PolicyCore& agent, double agentNow
                                   std::map<std::string, size_t>* rowCount = nullptr);
 
 // A smaller sequence that still diverges in the same table.
-std::vector<std::string> shrink(const std::vector<std::string>& lines, const std::string& table,
-                                bool strict = false);
+std::vector<std::string> shrink(const std::vector<std::string>& lines, const std::string& table);
 
 // The lines as a script that runs to convergence and shows the tables: run it with `srte`.
 std::string script(const std::vector<std::string>& lines, const std::string& header);

@@ -1,9 +1,8 @@
 // converge: runs the differential convergence check over many seeds.
 //
-//   converge [--seeds N] [--from S] [--shrink K] [--quiet] [--strict]
+//   converge [--seeds N] [--from S] [--shrink K] [--quiet]
 //       N seeds from S (default 1000 from 1); the first K divergences (default 3) are shrunk and
 //       printed as srte scripts: the agent's, and a fresh agent's on the same inputs.
-//       --strict also compares what is known to diverge and not fixed yet (Converge::History).
 //   converge --print S       the script of seed S
 //   converge --file F        checks the lines of script F (comments and show lines are skipped)
 // Exit status 0 when every sequence converged, 1 otherwise, 2 on bad arguments.
@@ -19,20 +18,17 @@
 namespace {
 
 int usage() {
-   std::cerr
-       << "usage: converge [--seeds N] [--from S] [--shrink K] [--quiet] [--strict] | --print S | "
-          "--file F\n";
+   std::cerr << "usage: converge [--seeds N] [--from S] [--shrink K] [--quiet] | --print S | "
+                "--file F\n";
    return 2;
 }
-
-bool strict = false;
 
 void report(uint64_t seed, const std::vector<std::string>& lines, const Converge::Divergence& d,
             bool doShrink) {
    std::cout << "seed " << seed << ": diverges in " << d.table << ": " << d.row << "\n";
    if (!doShrink) return;
-   const auto small = Converge::shrink(lines, d.table, strict);
-   const auto again = Converge::check(small, strict);
+   const auto small = Converge::shrink(lines, d.table);
+   const auto again = Converge::check(small);
    const std::string header = "converge seed " + std::to_string(seed) + ", shrunk to " +
                               std::to_string(small.size()) + " lines\ndiverges in " +
                               again.divergence->table + ": " + again.divergence->row;
@@ -56,8 +52,6 @@ int main(int argc, char** argv) {
             from = std::stoull(value());
          } else if (a == "--shrink") {
             shrinkCount = std::stoull(value());
-         } else if (a == "--strict") {
-            strict = true;
          } else if (a == "--quiet") {
             quiet = true;
          } else if (a == "--print") {
@@ -73,7 +67,7 @@ int main(int argc, char** argv) {
                if (l.empty() || l[0] == '#' || l.rfind("show", 0) == 0) continue;
                lines.push_back(l);
             }
-            const auto o = Converge::check(lines, strict);
+            const auto o = Converge::check(lines);
             if (!o.divergence) {
                std::cout << "converges\n";
                return 0;
@@ -92,7 +86,7 @@ int main(int argc, char** argv) {
    std::map<std::string, uint64_t> rows;
    for (uint64_t seed = from; seed < from + seeds; ++seed) {
       const auto generated = Converge::generate(seed);
-      const auto o = Converge::check(generated, strict);
+      const auto o = Converge::check(generated);
       lines += generated.size();
       accepted += o.accepted.size();
       for (const auto& [t, n] : o.rowCount) rows[t] += n;

@@ -126,8 +126,8 @@ TunnelMapExportSm::policyIdEntryIs(const Mox::Ptr<PolicyIdEntry>& entry) {
    // what the path mapped through the old one.
    auto fresh = policyIdEntryPool_.make(*this, entry.get());
    MoxPolicyIdEntry& replacement = *fresh;
+   // The index names the path by its id, which stays.
    replacement.info() = std::move(reactor.info());
-   if (!replacement.info().tunnelId().empty()) keyPathIs(id, &replacement.info());
    policyIdEntry_.assign(std::move(fresh));
    return replacement;
 }
@@ -137,29 +137,43 @@ const PolicyTunnelInfo* TunnelMapExportSm::policyTunnelInfo(const PolicyId& id) 
    return reactor && !reactor->info().tunnelId().empty() ? &reactor->info() : nullptr;
 }
 
-const TunnelMapExportSm::PathsOfKeyMap& TunnelMapExportSm::keyIndex() const {
-   if (!keyIndexBuilt_) {
-      keyIndexBuilt_ = true;
+const TunnelMapExportSm::TunnelPathsMap& TunnelMapExportSm::tunnelIndex() const {
+   if (!tunnelIndexBuilt_) {
+      tunnelIndexBuilt_ = true;
       policyIdEntry_.forEach([this](const PolicyId& id, const auto& reactor) {
-         if (!reactor->info().tunnelId().empty()) keyPathIs(id, &reactor->info());
+         for (TunnelId t : reactor->info().tunnelId()) {
+            auto& paths = tunnelPaths_[t];
+            if (!paths) paths = std::make_unique<TunnelPaths>();
+            paths->insert(id);
+         }
       });
    }
-   return policyTunnelInfo_;
+   return tunnelPaths_;
 }
 
-void TunnelMapExportSm::keyPathIs(const PolicyId& id, const PolicyTunnelInfo* info) const {
-   if (!keyIndexBuilt_) return;
-   auto& paths = policyTunnelInfo_[id.key];
-   if (!paths) paths = std::make_unique<PathsOfKey>();
-   paths->try_emplace(CandidateId(id)).first->second = info;
+const TunnelMapExportSm::TunnelPaths* TunnelMapExportSm::tunnelPaths(TunnelId tunnelId) const {
+   const TunnelPathsMap& index = tunnelIndex();
+   auto it = index.find(tunnelId);
+   return it == index.end() ? nullptr : it->second.get();
 }
 
-void TunnelMapExportSm::keyPathDel(const PolicyId& id) {
-   if (!keyIndexBuilt_) return;
-   auto paths = policyTunnelInfo_.find(id.key);
-   if (paths == policyTunnelInfo_.end()) return;
-   paths->second->erase(CandidateId(id));
-   if (paths->second->empty()) policyTunnelInfo_.erase(paths);
+bool TunnelMapExportSm::tunnelMap(PolicyTunnelInfo& info, const PolicyId& id, TunnelId tunnelId) {
+   if (!info.tunnelIdIs(tunnelId)) return false;
+   if (tunnelIndexBuilt_) {
+      auto& paths = tunnelPaths_[tunnelId];
+      if (!paths) paths = std::make_unique<TunnelPaths>();
+      paths->insert(id);
+   }
+   return true;
+}
+
+void TunnelMapExportSm::tunnelUnmap(PolicyTunnelInfo& info, const PolicyId& id, TunnelId tunnelId) {
+   info.tunnelIdDel(tunnelId);
+   if (!tunnelIndexBuilt_) return;
+   auto it = tunnelPaths_.find(tunnelId);
+   if (it == tunnelPaths_.end()) return;
+   it->second->erase(id);
+   if (it->second->empty()) tunnelPaths_.erase(it);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -214,7 +228,7 @@ void TunnelMapExportSm::handleInitialized() {
              if (!h.right && h.rowKey && h.rowKeyHash == keyHash && *h.rowKey == id.key) {
                 h.right = true;
              }
-             if (info.tunnelIdIs(t)) {
+             if (tunnelMap(info, id, t)) {
                 SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << id);
              }
           }
@@ -233,7 +247,7 @@ void TunnelMapExportSm::handleInitialized() {
       if (!held.contains(t)) stale.push_back(t);
    }
    std::sort(stale.begin(), stale.end());
-   for (TunnelId t : stale) checkAndRemoveTunnel(t, PolicyId());
+   for (TunnelId t : stale) checkAndRemoveTunnel(t);
 }
 
 void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
@@ -245,7 +259,8 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId) {
 void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const PolicyIdEntry* entry,
                                           PolicyTunnelInfo* info) {
    if (!initialized_) return;
-   if (!retryPolicyId_.empty()) retryPolicyId_.erase(policyId);
+   // A path whose rows a corrupt table refused writes every row it maps again.
+   const bool retried = !retryPolicyId_.empty() && retryPolicyId_.erase(policyId) != 0;
    TunnelIds current;
    if (entry) {
       SRTE_TRACE_TO(tracer_, 8, "Policy Id: " << policyId << " has been updated");
@@ -266,37 +281,25 @@ void TunnelMapExportSm::handlePolicyEntry(const PolicyId& policyId, const Policy
    }
    std::sort(dropped.begin(), dropped.end());
    for (TunnelId t : dropped) {
-      checkAndRemoveTunnel(t, policyId);
-      info->tunnelIdDel(t);
+      tunnelUnmap(*info, policyId, t);
+      checkAndRemoveTunnel(t);
    }
-   if (current.empty()) {
-      if (info && !dropped.empty()) keyPathDel(policyId);
-      return;
-   }
+   if (current.empty()) return;
 
    // An entry has its reactor once the machine is initialised; made here if it somehow has not.
    if (!info) info = &policyIdEntryIs(in_.policyId->policyIdEntry(policyId)).info();
-   if (info->tunnelId().empty()) keyPathIs(policyId, info);
    for (TunnelId t : current) {
-      const bool mapped = info->tunnelIdIs(t);
+      const bool mapped = tunnelMap(*info, policyId, t);
       if (mapped) {
          SRTE_TRACE_TO(tracer_, 7, "Mapping tunnel " << t << " to policy " << policyId);
       }
-      if (mapped || rowToTakeOver(t, policyId.key)) commit(t, policyId);
+      // A tunnel the path already maps keeps its row: every row names a key that maps its
+      // tunnel, and when keys share one, re-committing would hand the row from key to key on
+      // every rewrite (a restart writes every path again). A missing row (a write refused) is
+      // written.
+      if (mapped || retried || !in_.tunnelIdToPolicyKey->tunnelEntry(t)) commit(t, policyId);
       pendingTunnelDel(t);
    }
-}
-
-// A path written again with a tunnel it already maps leaves the row as it is when the row is
-// right: when keys share a tunnel, re-committing would hand the row from key to key on every
-// rewrite (a restart writes every path again). It writes a missing row, and a row that waits for
-// its deletion because the key it names let go of the tunnel: the path still maps the tunnel, and
-// cancelling the deletion would otherwise leave the row naming a key that does not.
-bool TunnelMapExportSm::rowToTakeOver(TunnelId t, const PolicyKey& key) const {
-   const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(t);
-   if (!row) return true;
-   if (pendingTunnel_.empty() || !pendingTunnel_.count(t)) return false;
-   return row->policyKey != key && !keyHoldsTunnel(row->policyKey, t, nullptr);
 }
 
 void TunnelMapExportSm::handlePendingTunnelEntry(TunnelId) {
@@ -312,57 +315,29 @@ void TunnelMapExportSm::handleTaskRun() {
    if (!initialized_) return;
    // Paths whose rows a corrupt table refused: written again first, they are overdue.
    if (!retryPolicyId_.empty()) {
+      // Each leaves the set as it is handled (and comes back if refused again).
       std::vector<PolicyId> ids(retryPolicyId_.begin(), retryPolicyId_.end());
-      retryPolicyId_.clear();
       std::sort(ids.begin(), ids.end());
       for (const PolicyId& id : ids) handlePolicyEntry(id);
    }
 
-   auto it =
-       pendingBookmark_ ? pendingTunnel_.lower_bound(*pendingBookmark_) : pendingTunnel_.begin();
-   pendingBookmark_.reset();
-   uint64_t processed = 0;
    uint64_t removed = 0;
-   bool congested = false;
-   bool yielded = false;
-   while (it != pendingTunnel_.end()) {
-      if (in_.attrLogSm->isAttrLogOutClogged()) {
-         congested = true;
-         pendingBookmark_ = *it;
-         break;
-      }
-      const TunnelId t = *it;
-      if (!in_.tunnelCounter->counterHas(t)) {
-         if (!erase(t)) {
-            // The table refused: the tunnel stays queued, the next run starts with it.
-            pendingBookmark_ = t;
-            break;
-         }
-         ++removed;
-         pendingTunnelDel(t);
-      }
-      ++processed;
-      // Found again rather than kept: the table's reactors ran in between.
-      it = pendingTunnel_.upper_bound(t);
-      if (task_->taskShouldYield()) {
-         if (it != pendingTunnel_.end()) {
-            yielded = true;
-            pendingBookmark_ = *it;
-         }
-         break;
-      }
-   }
-   task_->taskWorkCountInc(processed);
-   SRTE_TRACE_TO(tracer_, 8,
-                 "Processed " << processed << " pending tunnel entries and removed " << removed
-                              << " entries");
+   const Kiln::DrainEnd end =
+       pendingCheck_.run(*task_, *in_.attrLogSm, *tracer_, [&](TunnelId t, Kiln::NoValue) {
+          if (!pendingTunnel_.contains(t)) return; // mapped again meanwhile
+          if (in_.tunnelCounter->counterHas(t) || !erase(t)) {
+             // Still counted, or the table refused: checked again at the next pass.
+             pendingCheck_.mark(t);
+             return;
+          }
+          ++removed;
+          pendingTunnelDel(t);
+       });
+   SRTE_TRACE_TO(tracer_, 8, "Removed " << removed << " pending tunnel entries");
    if (!workLeft()) return;
-   if (congested) {
-      task_->scheduleTaskLowestDelay(congestionDelay);
-   } else if (yielded) {
-      // The rest of this pass is due now; the next pass a second after it ends.
-      task_->scheduleTask();
-   } else {
+   // A run that yielded or backed off has its task scheduled; the next pass is due a second after
+   // this one ended.
+   if (end == Kiln::DrainEnd::drained || end == Kiln::DrainEnd::passDone) {
       task_->scheduleTaskLowestDelay(retryDelay);
    }
 }
@@ -371,7 +346,7 @@ void TunnelMapExportSm::handleDel() {
    if (!initialized_) return;
    if (task_) task_->unscheduleTask();
    pendingTunnel_.clear();
-   pendingBookmark_.reset();
+   pendingCheck_.clear();
    retryPolicyId_.clear();
    try {
       in_.tunnelIdToPolicyKey->tunnelEntryDelAll();
@@ -383,8 +358,21 @@ void TunnelMapExportSm::handleDel() {
 // ---------------------------------------------------------------------------------------------
 // One tunnel
 
-void TunnelMapExportSm::checkAndRemoveTunnel(TunnelId tunnelId, const PolicyId& policyId) {
-   if (isTunnelIdInUse(tunnelId, policyId)) return;
+void TunnelMapExportSm::checkAndRemoveTunnel(TunnelId tunnelId) {
+   if (const TunnelPaths* paths = tunnelPaths(tunnelId)) {
+      // Still in use. The row stays if a path of its key maps the tunnel; otherwise the key it
+      // names let go of it, and it passes to the smallest of the paths that map it.
+      const TunnelIdToPolicyKeyEntry* row = in_.tunnelIdToPolicyKey->tunnelEntry(tunnelId);
+      const PolicyId* heir = nullptr;
+      for (const PolicyId& id : *paths) {
+         if (row && id.key == row->policyKey) return;
+         if (!heir || id < *heir) heir = &id;
+      }
+      const PolicyId next = *heir; // the commit may move the index's members
+      SRTE_TRACE_TO(tracer_, 7, "Tunnel " << tunnelId << " passes to policy " << next);
+      commit(tunnelId, next);
+      return;
+   }
    if (in_.tunnelCounter->counterHas(tunnelId)) {
       SRTE_TRACE_TO(tracer_, 7,
                     "Queueing tunnel " << tunnelId << " for deletion as it is still in use");
@@ -399,25 +387,14 @@ void TunnelMapExportSm::checkAndRemoveTunnel(TunnelId tunnelId, const PolicyId& 
    }
 }
 
-bool TunnelMapExportSm::isTunnelIdInUse(TunnelId tunnelId, const PolicyId& policyId) const {
-   const CandidateId self(policyId);
-   return keyHoldsTunnel(policyId.key, tunnelId, &self);
-}
-
-bool TunnelMapExportSm::keyHoldsTunnel(const PolicyKey& key, TunnelId tunnelId,
-                                       const CandidateId* except) const {
-   const PathsOfKeyMap& index = keyIndex();
-   auto paths = index.find(key);
-   if (paths == index.end()) return false;
-   for (const auto& [candidate, info] : *paths->second) {
-      if (except && candidate == *except) continue;
-      if (info->tunnelIdHas(tunnelId)) return true;
-   }
-   return false;
+bool TunnelMapExportSm::isTunnelIdInUse(TunnelId tunnelId) const {
+   return tunnelPaths(tunnelId) != nullptr;
 }
 
 void TunnelMapExportSm::pendingTunnelIs(TunnelId tunnelId) {
-   if (pendingTunnel_.insert(tunnelId).second) handlePendingTunnelEntry(tunnelId);
+   if (!pendingTunnel_.insert(tunnelId).second) return;
+   pendingCheck_.mark(tunnelId);
+   handlePendingTunnelEntry(tunnelId);
 }
 
 void TunnelMapExportSm::pendingTunnelDel(TunnelId tunnelId) {

@@ -49,10 +49,6 @@ const char* faultName(Fault f) {
 // input are compared there.
 bool knownDivergence(const std::string& scenario, const std::string& fault,
                      const std::string& row) {
-   // Three policy keys share one segment list there. The tunnel map holds one key per tunnel (the
-   // last one written) and a key that lets go of the tunnel checks only its own paths, so whether
-   // the row survives another key's release depends on the order of work.
-   if (scenario == "lfib-binding-sid-routes.srte" && row.rfind("tunnelMap", 0) == 0) return true;
    if (scenario != "publish-bsid-conflict.srte" && scenario != "restart-changes-nothing.srte") {
       return false;
    }

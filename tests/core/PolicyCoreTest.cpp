@@ -275,16 +275,19 @@ std::string publishedOutputs(const PolicyCore& core) {
 }
 
 // The tunnel map, by content: which key a tunnel shared by several policies maps to depends on
-// the order of the work, so only whether every tunnel in use has its row.
+// the order of the work, so only whether every tunnel in use has its row, naming a key that uses
+// it.
 std::string tunnelMapCoverage(const PolicyCore& core) {
    const PublishedTables& p = core.published();
-   std::set<Tunnel::TunnelTable::TunnelId> inUse;
+   std::map<Tunnel::TunnelTable::TunnelId, std::set<PolicyKey>> inUse;
    for (const auto& [id, entry] : p.policySelectionInput->policyIdEntry()) {
-      for (const auto& [index, w] : entry->wSegmentList()) inUse.insert(w.tunnelId);
+      for (const auto& [index, w] : entry->wSegmentList()) inUse[w.tunnelId].insert(id.key);
    }
    size_t mapped = 0;
-   for (const auto& [tunnel, row] : p.tunnelIdToPolicyKey->tunnelEntry())
-      mapped += inUse.count(tunnel);
+   for (const auto& [tunnel, row] : p.tunnelIdToPolicyKey->tunnelEntry()) {
+      auto users = inUse.find(tunnel);
+      mapped += users != inUse.end() && users->second.count(row.policyKey);
+   }
    return "tunnel map rows " + std::to_string(p.tunnelIdToPolicyKey->size()) + ", in use " +
           std::to_string(mapped) + " of " + std::to_string(inUse.size());
 }

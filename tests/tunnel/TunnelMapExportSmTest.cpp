@@ -123,7 +123,7 @@ TEST(TunnelMap, SharedListRowLastsUntilNoPathOfItsKeyMapsIt) {
    r.run();
    EXPECT_EQ(watch.events.back(), "-" + sl(shared) + "@0");
    EXPECT_EQ(r.rows(), row(other, c));
-   EXPECT_EQ(r.sm().policyTunnelInfo().size(), 1u);
+   EXPECT_EQ(r.sm().tunnelPaths().size(), 1u);
    EXPECT_EQ(r.pending(), "");
    EXPECT_FALSE(r.sm().task()->isScheduled());
 }
@@ -169,58 +169,74 @@ TEST(TunnelMap, CountedTunnelGoesAtTheFirstRunAfterItsCounterGoesNeverBefore) {
    EXPECT_EQ(r.sm().task()->workCount(), 5u); // runs at 1, 2 (both tunnels) and 3
 }
 
-// Two policy keys share a segment list, which keeps the list (and its tunnel id) alive while the
-// one path of the first key is withdrawn and written again.
-TEST(TunnelMap, MappingAPendingTunnelAgainCancelsItsDeletion) {
+// The row of a tunnel that several keys share names the key that committed last. A key the row
+// does not name letting go changes nothing; the named key letting go hands the row to the
+// smallest path still mapping the tunnel, at once and whether or not the platform counts it: a
+// key still forwarding over the tunnel must own its counters. Only the last path going deletes it.
+TEST(TunnelMap, ASharedTunnelsRowPassesToAKeyThatStillMapsIt) {
+   const PolicyId d = pathId("10.0.0.3", 1, 1);
    Router r;
-   r.put(path(a, 900001, {{16001}}));
+   r.put(path(d, 900004, {{16001}}));
    r.put(path(c, 900003, {{16001}}));
+   r.run();
+   r.put(path(a, 900001, {{16001}}));
    r.run();
    const TunnelId t = r.tunnel(a, 0);
    ASSERT_EQ(r.tunnel(c, 0), t);
+   ASSERT_EQ(r.tunnel(d, 0), t);
+   ASSERT_EQ(r.rows(), row(t, a));
    r.counter(t);
+   MapWatch watch(r.map(), r.scheduler);
+
+   r.del(d); // not the row's key
+   r.run();
+   EXPECT_TRUE(watch.events.empty());
+   r.put(path(d, 900004, {{16001}}));
+   r.run();
+   ASSERT_EQ(r.rows(), row(t, d)) << "a path mapping the tunnel anew commits it";
+
+   r.del(d); // the row's key: c and a map it still, a is the smaller
+   r.run();
+   EXPECT_EQ(r.rows(), row(t, a));
+   EXPECT_EQ(r.pending(), "");
+   EXPECT_EQ(r.sm().tunnelPaths(t)->size(), 2u);
    r.del(a);
    r.run();
-   EXPECT_EQ(r.pending(), sl(t));
-   MapWatch watch(r.map(), r.scheduler);
-   r.scheduler.advance(0.5);
-   r.put(path(a, 900001, {{16001}}));
-   r.run();
-   EXPECT_EQ(r.pending(), "");
-   EXPECT_FALSE(r.sm().task()->isScheduled());
-   r.counter(t, false);
-   r.scheduler.advance(5);
-   // Never deleted; the last commit names the first key.
-   EXPECT_EQ(r.rows(), row(t, a));
-   for (const auto& e : watch.events) EXPECT_NE(e[0], '-') << e;
-}
+   EXPECT_EQ(r.rows(), row(t, c));
+   EXPECT_EQ(watch.events,
+             (std::vector<std::string>{"~" + sl(t) + " " + d.key.stringValue() + "@0",
+                                       "~" + sl(t) + " " + a.key.stringValue() + "@0",
+                                       "~" + sl(t) + " " + c.key.stringValue() + "@0"}));
 
-// The row of a tunnel that two keys share names the key that committed last. When that key lets
-// go while the platform counts the tunnel, the row waits for deletion; a rewrite of the other
-// key's path, which still maps the tunnel, cancels the deletion and must take the row over rather
-// than leave it naming a key that no longer maps the tunnel.
-TEST(TunnelMap, APathThatStillMapsAPendingTunnelTakesItsRowOver) {
-   Router r;
-   r.put(path(a, 900001, {{16001}}));
-   r.run();
-   r.put(path(c, 900003, {{16001}}));
-   r.run();
-   const TunnelId t = r.tunnel(a, 0);
-   ASSERT_EQ(r.tunnel(c, 0), t);
-   ASSERT_EQ(r.rows(), row(t, c));
-   r.counter(t);
+   // The last path: the row waits for its counter.
    r.del(c);
    r.run();
    EXPECT_EQ(r.pending(), sl(t));
-   EXPECT_EQ(r.rows(), row(t, c));
-
-   r.put(path(a, 900011, {{16001}})); // a new version, the same list
-   r.run();
-   EXPECT_EQ(r.pending(), "");
-   EXPECT_EQ(r.rows(), row(t, a));
+   EXPECT_EQ(r.sm().tunnelPaths(t), nullptr);
    r.counter(t, false);
-   r.scheduler.advance(5);
-   EXPECT_EQ(r.rows(), row(t, a));
+   r.scheduler.advance(1);
+   EXPECT_EQ(r.rows(), "");
+}
+
+// The same hand-over when a new version of a path (not its removal) drops the list, and when the
+// table refuses the hand-over's write: the heir writes it once the table takes writes again.
+TEST(TunnelMap, AHandOverThatTheTableRefusesIsWrittenByTheTask) {
+   Router r;
+   r.put(path(c, 900003, {{16001}}));
+   r.run();
+   r.put(path(a, 900001, {{16001}, {16002}}));
+   r.run();
+   const TunnelId t = r.tunnel(a, 0);
+   ASSERT_EQ(r.rows(), rows({{t, a.key}, {r.tunnel(a, 1), a.key}}));
+   r.map()->corruptionInjectIs(true);
+   r.put(path(a, 900011, {{16002}})); // a keeps only its own list
+   r.run();
+   EXPECT_EQ(r.map()->corruptionCount(), 1u);
+   EXPECT_EQ(r.map()->tunnelEntry(t)->policyKey, a.key) << "refused: nothing written";
+   r.scheduler.advance(1);
+   EXPECT_EQ(r.map()->tunnelEntry(t)->policyKey, c.key);
+   EXPECT_EQ(r.pending(), "");
+   EXPECT_FALSE(r.sm().task()->isScheduled());
 }
 
 TEST(TunnelMap, RestartKeepsEveryRowInUseUntouched) {
