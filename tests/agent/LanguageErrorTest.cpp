@@ -129,8 +129,8 @@ TEST(LanguageError, MissingAndRepeatedValues) {
               {"adjacency 1 via 10.1.0.2 Ethernet1", "missing 'action'; usage: adjacency <index> "
                                                      "[via <nexthop> <interface> action <a> [label "
                                                      "<l>]]..."},
-              {"adjacency 1 via 10.1.0.2 Ethernet1 action swap via 10.1.0.2 Ethernet1 action swap",
-               "via 10.1.0.2 Ethernet1 swap given twice"},
+              {"adjacency 1 via 10.1.0.2 Ethernet1 action pop via 10.1.0.2 Ethernet1 action pop",
+               "via 10.1.0.2 Ethernet1 pop given twice"},
               {"lfib route 16002", "missing 'adjacency'; usage: lfib route <label> adjacency "
                                    "<index> [adjacency-type <t>] [route-type <t>] [source <s>]"},
               {"label-range srlb base 900000", "missing 'size'; usage: label-range <name> base "
@@ -230,11 +230,44 @@ TEST(LanguageError, LabelRangesStackAndNamesStayInTheLabelSpaceAndInText) {
                "b base 1 size 2",
                "a range name is text (UTF-8, no control characters), got 'a\\x01b'"},
           });
-   // The whole label space is one valid range; a UTF-8 name is a name like any other.
-   s.host.execute("label-range all base 0 size 1048576");
+   // The label space past the reserved labels is one valid range; a UTF-8 name is a name like
+   // any other.
+   s.host.execute("label-range all base 16 size 1048560");
    s.host.execute("label-range \xc3\xa9t\xc3\xa9 base 1048575 size 1");
    EXPECT_NE(s.state().find("{\"name\": \"\xc3\xa9t\xc3\xa9\", \"base\": 1048575, \"size\": 1}"),
              std::string::npos);
+}
+
+// MPLS state no router has: a label range handing out reserved labels (0 to 15), a swap or push
+// that writes no label. Both would reach forwarding (binding SIDs 0 to 15, a null label in a
+// resolved stack), so they are refused where they are typed.
+TEST(LanguageError, MplsStateNoRouterHasIsRefused) {
+   Shell s;
+   populate(s);
+   expectRefused(s,
+                 {
+                     {"label-range srlb base 0 size 1048576",
+                      "base 0: labels 0 to 15 are reserved; a label range starts at 16 or above"},
+                     {"label-range srlb base 15 size 100",
+                      "base 15: labels 0 to 15 are reserved; a label range starts at 16 or above"},
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action swap",
+                      "action swap writes a label: give it one (label <l>)"},
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action push label none",
+                      "action push writes a label: give it one (label <l>)"},
+                     // The second via is the faulty one: the first does not slip through.
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action swap label 16004 via 10.1.0.3 "
+                      "Ethernet2 action 3",
+                      "action push writes a label: give it one (label <l>)"},
+                     {"adjacency-ext 5 fec 7 via 10.1.0.2 Ethernet1 action swap",
+                      "action swap writes a label: give it one (label <l>)"},
+                 });
+   // The lowest unreserved label starts a range; pop and forward need no label.
+   s.host.execute("label-range srlb base 16 size 10");
+   s.host.execute("adjacency 5 via 10.1.0.2 Ethernet1 action pop via 10.1.0.3 Ethernet2 action "
+                  "forward");
+   const std::string state = s.state();
+   EXPECT_NE(state.find("{\"name\": \"srlb\", \"base\": 16, \"size\": 10}"), std::string::npos);
+   EXPECT_NE(state.find("\"labelActionName\": \"forward\""), std::string::npos);
 }
 
 TEST(LanguageError, GarbageIsRefusedQuicklyWithAShortPrintableMessage) {
@@ -266,8 +299,9 @@ TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
             {"input BGP 10.0.0.4 c 1 d 2 s w 2 l 17", "input bgp 10.0.0.4 color 1 discriminator 2 "
                                                       "segment-list weight 2 labels 17"},
             {"no lab srlb", "no label-range srlb"},
-            {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP", "adjacency 2 via 10.1.0.3 Ethernet2 "
-                                                            "action swap"},
+            {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP lab 16",
+             "adjacency 2 via 10.1.0.3 "
+             "Ethernet2 action swap label 16"},
         }) {
       s.host.execute(shortLine);
       full.host.execute(fullLine);
