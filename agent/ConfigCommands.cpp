@@ -266,7 +266,7 @@ void registerConfig(Host& host) {
                });
    host.verbIs(
        "static segment-list",
-       "static segment-list <endpoint> color <c> preference <p> labels <l>... [weight <w>] "
+       "static segment-list <endpoint> color <c> preference <p> labels [<l>]... [weight <w>] "
        "[index <i>]",
        "configure a segment list of a static candidate path (policy and path made if absent)",
        [&host](Args& a) -> Host::Apply {
@@ -285,7 +285,8 @@ void registerConfig(Host& host) {
                       SegmentListIndex(static_cast<uint32_t>(c->staticSegmentListCount()));
                    } catch (const Mox::RangeError& e) {
                       a.fail("segment list " + std::to_string(c->staticSegmentListCount() + 1) +
-                             " of a candidate path: " + e.what());
+                             " of a candidate path: " + e.what() +
+                             " (a candidate path holds at most 16)");
                    }
                 }
              }
@@ -311,7 +312,7 @@ void registerConfig(Host& host) {
                   return [&host, key, pref] { host.config()->policy(key)->candidatePathDel(pref); };
                });
    host.verbIs("no static segment-list",
-               "no static segment-list <endpoint> color <c> preference <p> labels <l>...",
+               "no static segment-list <endpoint> color <c> preference <p> labels [<l>]...",
                "remove a segment list of a static candidate path", [&host](Args& a) -> Host::Apply {
                   StaticWords w = readStatic(a, {"color", "preference", "labels"});
                   const PolicyKey key = keyOf(a, w);

@@ -143,7 +143,11 @@ class Host {
       std::vector<std::string> words;
       std::vector<std::string> choices;
       std::vector<std::string> ambiguous;
+      // The ambiguity is between longer verbs and the first argument of `verb`.
+      bool ambiguousArgument = false;
    };
+   // The keywords the usage of `verb` allows as its first argument (tables for show).
+   std::vector<std::string> firstArgumentWords(const Verb& verb, size_t verbWords) const;
    VerbMatch matchVerb(const std::vector<std::string>& tokens) const;
    void execute(std::string_view line) {
       if (auto a = parse(line)) a();

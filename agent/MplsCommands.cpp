@@ -362,7 +362,7 @@ void registerMpls(Host& host) {
                });
 
    host.verbIs("counter tunnel",
-               "counter tunnel <tunnelId>|segment-list <id> [packets <n>] [bytes <n>]",
+               "counter tunnel (<tunnelId>|segment-list <id>) [packets <n>] [bytes <n>]",
                "a tunnel has a traffic counter (segment-list <id>: that segment list's tunnel)",
                [&host](Args& a) -> Host::Apply {
                   const TunnelId id = readTunnelId(a);
@@ -373,7 +373,7 @@ void registerMpls(Host& host) {
                   }
                   return [&host, id, c] { host.counterTable()->counterIs(id, c); };
                });
-   host.verbIs("no counter tunnel", "no counter tunnel <tunnelId>|segment-list <id>",
+   host.verbIs("no counter tunnel", "no counter tunnel (<tunnelId>|segment-list <id>)",
                "a tunnel's counter goes away", [&host](Args& a) -> Host::Apply {
                   const TunnelId id = readTunnelId(a);
                   if (!host.counterTable()->counterHas(id)) {

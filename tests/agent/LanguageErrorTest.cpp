@@ -123,7 +123,7 @@ TEST(LanguageError, MissingAndRepeatedValues) {
               {"input bgp 10.0.0.3 color 7 discriminator 1 segment-list weight 1",
                "segment-list 1 has no 'labels'; usage: input <protocol> <endpoint> color <c> "
                "discriminator <d> [originator <asn> <address>] [preference <p>] [bsid <label>] "
-               "[segment-list [weight <w>] labels <l>...]..."},
+               "[segment-list [weight <w>] labels [<l>]...]..."},
               {"color-dscp 5 dscp", "missing DSCP value; usage: color-dscp <color> dscp "
                                     "<value>... [symbolic]"},
               {"adjacency 1 via 10.1.0.2 Ethernet1", "missing 'action'; usage: adjacency <index> "
@@ -148,35 +148,39 @@ TEST(LanguageError, OutOfRangeValuesCarryTheTypesOwnMessage) {
       s.host.execute(sixteen + std::to_string(17000 + i)); // 15 more: 16 in all
    }
    expectRefused(
-       s, {
-              {"static policy 10.0.0.2 color 100 bsid 1048577",
-               "bsid 1048577 is out of range: a label is 0 to 1048575, or none for no label"},
-              {"static segment-list 10.0.0.2 color 100 preference 200 labels 1 weight 0",
-               "weight 0: Weight::value < Weight::min or > Weight::max not allowed"},
-              {"static path 10.0.0.2 color 100 preference 4294967296",
-               "preference 4294967296: Preference::value < Preference::min or > "
-               "Preference::max not allowed"},
-              {"static policy 10.0.0.2 color 99999999999999999999",
-               "color 99999999999999999999: Color::value < Color::min or > Color::max not "
-               "allowed"},
-              {"static segment-list 10.0.0.2 color 100 preference 2 labels 1 2 3 4 5 6 7 8 9",
-               "label 9 of the stack: MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
-               "MplsStackEntryIndex::max not allowed (a stack holds at most 8 labels)"},
-              {seventeen.c_str(),
-               "segment-list 17: SegmentListIndex::value < SegmentListIndex::min or > "
-               "SegmentListIndex::max not allowed (a record holds at most 16)"},
-              {(sixteen + "18000").c_str(),
-               "segment list 17 of a candidate path: SegmentListIndex::value < "
-               "SegmentListIndex::min or > SegmentListIndex::max not allowed"},
-              {"color-dscp 5 dscp 64",
-               "dscp 64: DscpValue::value < DscpValue::min or > DscpValue::max not allowed"},
-              {"trace 10", "trace level 10 is out of range (0 to 9)"},
-              {"lfib route 1048576 adjacency 1",
-               "route label 1048576 is out of range: a label is 0 to 1048575, or none for no "
-               "label"},
-              {"lfib route none adjacency 1", "an LFIB route needs a label, not none"},
-              {"platform max-label-depth 256", "max-label-depth 256 is out of range (0 to 255)"},
-          });
+       s,
+       {
+           {"static policy 10.0.0.2 color 100 bsid 1048577",
+            "bsid 1048577 is out of range: a label is 0 to 1048575, or none for no label"},
+           {"static segment-list 10.0.0.2 color 100 preference 200 labels 1 weight 0",
+            "weight 0: Weight::value < Weight::min or > Weight::max not allowed (weight is 1 to "
+            "4294967295)"},
+           {"static path 10.0.0.2 color 100 preference 4294967296",
+            "preference 4294967296: Preference::value < Preference::min or > "
+            "Preference::max not allowed (preference is 0 to 4294967295)"},
+           {"static policy 10.0.0.2 color 99999999999999999999",
+            "color 99999999999999999999: Color::value < Color::min or > Color::max not "
+            "allowed (color is 0 to 4294967295)"},
+           {"static segment-list 10.0.0.2 color 100 preference 2 labels 1 2 3 4 5 6 7 8 9",
+            "label 9 of the stack: MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+            "MplsStackEntryIndex::max not allowed (a stack holds at most 8 labels)"},
+           {seventeen.c_str(),
+            "segment-list 17: SegmentListIndex::value < SegmentListIndex::min or > "
+            "SegmentListIndex::max not allowed (a record holds at most 16)"},
+           {(sixteen + "18000").c_str(),
+            "segment list 17 of a candidate path: SegmentListIndex::value < "
+            "SegmentListIndex::min or > SegmentListIndex::max not allowed (a candidate path holds "
+            "at most 16)"},
+           {"color-dscp 5 dscp 64",
+            "dscp 64: DscpValue::value < DscpValue::min or > DscpValue::max not allowed (dscp is "
+            "0 to 63)"},
+           {"trace 10", "trace level 10 is out of range (0 to 9)"},
+           {"lfib route 1048576 adjacency 1",
+            "route label 1048576 is out of range: a label is 0 to 1048575, or none for no "
+            "label"},
+           {"lfib route none adjacency 1", "an LFIB route needs a label, not none"},
+           {"platform max-label-depth 256", "max-label-depth 256 is out of range (0 to 255)"},
+       });
 }
 
 TEST(LanguageError, RemovingOrCreatingWhatIsNotThereOrAlreadyIs) {
