@@ -150,7 +150,7 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
 int runLines(Host& host, LineSource& lines, const Reporter& reporter) {
    const bool interactive = lines.interactive();
-   std::string line, command;
+   std::string line, command, typed;
    std::vector<Piece> pieces;
    size_t lineNo = 0;
    for (;;) {
@@ -164,6 +164,7 @@ int runLines(Host& host, LineSource& lines, const Reporter& reporter) {
       }
       if (r == LineSource::Read::cancelled) {
          command.clear();
+         typed.clear();
          pieces.clear();
          continue;
       }
@@ -180,19 +181,23 @@ int runLines(Host& host, LineSource& lines, const Reporter& reporter) {
                          "line longer than " + std::to_string(maxLineBytes) +
                              " bytes: refused (is this a script?)");
          command.clear();
+         typed.clear();
          pieces.clear();
          if (!interactive) return exitRefused;
          continue;
       }
       if (lineNo == 1 && line.starts_with(kByteOrderMark)) line.erase(0, kByteOrderMark.size());
+      // Echoed as written, a continued command on its lines.
+      if (host.echo()) {
+         typed += (command.empty() ? kPrompt : kContinuationPrompt) + printable(line) + "\n";
+      }
       pieces.push_back(Piece{lineNo, tokenize(command).size()});
       const bool more = continues(line);
       command += line;
       if (more) continue;
       bool failed = false;
-      if (host.echo() && !tokenize(command).empty()) {
-         host.out() << kPrompt << printable(command) << "\n";
-      }
+      if (host.echo() && !tokenize(command).empty()) host.out() << typed;
+      typed.clear();
       try {
          host.execute(command);
       } catch (const ScriptError& e) {
