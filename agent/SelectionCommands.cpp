@@ -198,9 +198,8 @@ Programmed programmed(Host& host, const PolicyKey& key, const CandidateView& c) 
    const auto status = host.core().published().policyStatus->status(key);
    if (status && status->candidateId() == c.id) return {"yes", "", ""};
    if (const PolicyKey* holder = bsidHolder(host, key, c)) {
-      return {"no",
-              "bsid " + c.entry->bindingSid().stringValue() + " held by " + holder->stringValue(),
-              "bsidHeldBy"};
+      // The BSID column shows which binding SID.
+      return {"no", "bsid held by " + holder->stringValue(), "bsidHeldBy"};
    }
    return {"pending", "not published yet", "pending"};
 }
@@ -216,7 +215,7 @@ void listLines(Host& host, const CandidateView& c, Show::Table::Row& row) {
               Show::cell("", Json::Value::number(uint64_t{w.tunnelId.index()})),
               Show::number(w.weight.value),
               Show::cell(Show::tunnelText(w.tunnelId), Json::Value::number(w.tunnelId.value)),
-              Show::flag(true, "usable", "unusable"), Show::cell("", Json::Value::null()),
+              Show::flag(true, "yes", "no"), Show::cell("", Json::Value::null()),
               Show::cell("", Json::Value::null())});
       }
       return;
@@ -228,7 +227,7 @@ void listLines(Host& host, const CandidateView& c, Show::Table::Row& row) {
       const bool usable = r.why == segmentListResolveErrorName(SegmentListResolveError::success);
       const auto tunnel = Tunnel::TunnelTable::TunnelId::make(
           Tunnel::TunnelTable::TunnelId::Type::srTeSegmentList, w.segmentListId.value);
-      std::string status = usable ? "usable" : "unusable: " + r.why;
+      std::string status = usable ? "yes" : "no, " + r.why;
       if (!usable && r.firstLabel) status += " (" + r.firstLabel->stringValue() + ")";
       row.lineIs(
           {Show::number(index), Show::text(w.segmentListId.stringValue()),
@@ -273,7 +272,7 @@ Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys, bool det
                                                    {"", "segmentListId"},
                                                    {"Weight", "weight"},
                                                    {"", "tunnelId"},
-                                                   {"Status", "usable"},
+                                                   {"Usable", "usable"},
                                                    {"", "status"},
                                                    {"", "firstLabel"}},
                                                   "segmentLists"}});
