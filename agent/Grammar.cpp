@@ -214,6 +214,42 @@ bool startsClause(const Node& n) {
           beginsWithWord(n.kids.front());
 }
 
+// Splits elements into keyword clauses: each begins with a keyword (or an optional group that
+// begins with one) and holds the values after it. Empty when an element before the first clause
+// is a value: then the order is fixed.
+std::vector<Node> clausesOf(const std::vector<Node>& elements) {
+   std::vector<Node> out;
+   for (const Node& e : elements) {
+      if (startsClause(e)) {
+         out.push_back(Node{Node::Kind::seq, {}, {e}});
+      } else if (out.empty()) {
+         return {};
+      } else {
+         out.back().kids.push_back(e);
+      }
+   }
+   return out;
+}
+
+// Inside a clause, keyword clauses after its keyword come in any order too
+// ("segment-list [weight <w>] labels <l>..." takes "labels 16 weight 2"): the body becomes the
+// choice of their orders.
+Node anyOrderInside(const Node& body) {
+   if (body.kind != Node::Kind::seq || body.kids.size() < 3) return body;
+   const std::vector<Node> rest(body.kids.begin() + 1, body.kids.end());
+   std::vector<Node> parts = clausesOf(rest);
+   if (parts.size() < 2 || parts.size() > 4) return body;
+   std::vector<size_t> order(parts.size());
+   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+   Node orders{Node::Kind::alt, {}, {}};
+   do {
+      Node seq{Node::Kind::seq, {}, {}};
+      for (size_t i : order) seq.kids.push_back(parts[i]);
+      orders.kids.push_back(std::move(seq));
+   } while (std::next_permutation(order.begin(), order.end()));
+   return Node{Node::Kind::seq, {}, {body.kids.front(), std::move(orders)}};
+}
+
 } // namespace
 
 struct Grammar::Impl {
@@ -310,7 +346,7 @@ Grammar::Grammar(const std::string& usage) : impl_(std::make_unique<Impl>()) {
    impl_->positional = Nfa::of(positional);
    for (size_t i = 0; i < clauseNodes.size(); ++i) {
       Impl::Clause c;
-      c.nfa = Nfa::of(clauseNodes[i]);
+      c.nfa = Nfa::of(anyOrderInside(clauseNodes[i]));
       c.required = kinds[i].first;
       c.repeated = kinds[i].second;
       const Node& body = clauseNodes[i];

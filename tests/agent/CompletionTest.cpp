@@ -63,7 +63,12 @@ TEST(Completion, OffersWhatTheParserWouldTakeNext) {
    EXPECT_EQ(words(host, "input bgp 10.0.0.1 color 5 "),
              "discriminator originator preference bsid segment-list");
    EXPECT_EQ(words(host, "input bgp 10.0.0.1 color 5 discriminator 1 segment-list labels 16 "),
-             "<l> originator preference bsid segment-list <cr>");
+             "<l> originator preference bsid segment-list weight <cr>");
+   // Inside a segment list, its weight and labels come in either order, each once.
+   EXPECT_EQ(words(host, "input bgp 10.0.0.1 color 5 discriminator 1 segment-list "),
+             "labels weight");
+   EXPECT_EQ(words(host, "input bgp 10.0.0.1 c 5 d 1 segment-list labels 16 weight 2 "),
+             "originator preference bsid segment-list <cr>");
    // A tunnel is a number, or `segment-list <id>`; then its counters.
    EXPECT_EQ(words(host, "counter tunnel "), "<tunnelId> segment-list");
    EXPECT_EQ(words(host, "counter tunnel segment-list "), "<id>");
