@@ -266,7 +266,9 @@ Host::Apply Host::parse(std::string_view line) const {
                                   std::move(text)});
          at = end;
       }
-      const std::string command(line.substr(0, line.find('|')));
+      // The words before the first filter (a '|' inside a word is part of that word).
+      std::string command;
+      for (auto t = tokens.begin(); t != bar; ++t) command += (command.empty() ? "" : " ") + *t;
       const VerbMatch m = matchVerb(tokenize(command));
       if (!m.verb || (m.verb->name.rfind("show", 0) != 0 && m.verb->name != "help")) {
          throw ScriptError("'|' filters what show and help print", 0);

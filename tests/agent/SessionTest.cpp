@@ -145,6 +145,11 @@ TEST(Session, OutputFiltersAndTheirRefusals) {
       }
       EXPECT_EQ(got, expected) << line;
    }
+   // A '|' inside a word is part of the word, before and after the filter.
+   s.host.execute("label-range a|b base 100 size 10");
+   const std::string named = s.show("show mpls | include a|b");
+   EXPECT_EQ(named.rfind("  a|b ", 0), 0u) << named;
+   EXPECT_EQ(named.find('\n'), named.size() - 1) << named;
    // The output goes back to where it went when the filtered command fails.
    EXPECT_EQ(s.show("show config | count").empty(), false);
 }
