@@ -2,9 +2,10 @@
 //
 // A verb's parser reads its words through an Args cursor. Every read either yields a valid value
 // or throws ScriptError with a message fit for the user ("missing value for 'color'", "weight 0:
-// Weight::value < Weight::min or > Weight::max not allowed"); range errors carry the value type's
-// own message. Parsers never change anything: they return the change as a closure, which runs
-// only when the whole line has been read without error.
+// Weight::value < Weight::min or > Weight::max not allowed (weight is 1 to 4294967295)"); range
+// errors carry the value type's own message, then the range in plain words. Parsers never change
+// anything: they return the change as a closure, which runs only when the whole line has been read
+// without error.
 #pragma once
 
 #include <initializer_list>
@@ -86,7 +87,9 @@ class Args {
          if (d == Decimal::tooLarge) throw Mox::RangeError(B::rangeMessage);
          return B::fromWide(v);
       } catch (const Mox::RangeError& e) {
-         fail(std::string(what) + " " + text + ": " + e.what());
+         // The type's own message, then the range in plain words.
+         fail(std::string(what) + " " + text + ": " + e.what() + " (" + std::string(what) + " is " +
+              std::to_string(uint64_t{B::min}) + " to " + std::to_string(uint64_t{B::max}) + ")");
       }
    }
    // 0..1048575, or `none` for the null label.

@@ -2,41 +2,12 @@
 
 #include <algorithm>
 
+#include "agent/Grammar.h"
 #include "agent/Host.h"
 
 namespace Agent {
 
 namespace {
-
-// One word of a usage line after the verb: its alternatives ("<tunnelId>|segment-list"), with
-// brackets and repetition marks taken off; `optional` when it was bracketed.
-struct Slot {
-   std::vector<std::string> alternatives;
-   bool optional = false;
-};
-
-std::vector<Slot> usageSlots(const std::string& usage, size_t verbWords) {
-   std::vector<Slot> out;
-   const auto tokens = tokenize(usage);
-   for (size_t i = verbWords; i < tokens.size(); ++i) {
-      Slot slot;
-      slot.optional = tokens[i].find('[') != std::string::npos;
-      std::string t = tokens[i];
-      t.erase(std::remove_if(t.begin(), t.end(), [](char c) { return c == '[' || c == ']'; }),
-              t.end());
-      size_t start = 0;
-      for (size_t k = 0; k <= t.size(); ++k) {
-         if (k == t.size() || t[k] == '|') {
-            std::string w = t.substr(start, k - start);
-            while (w.size() >= 3 && w.compare(w.size() - 3, 3, "...") == 0) w.resize(w.size() - 3);
-            if (!w.empty()) slot.alternatives.push_back(w);
-            start = k + 1;
-         }
-      }
-      if (!slot.alternatives.empty()) out.push_back(std::move(slot));
-   }
-   return out;
-}
 
 void add(std::vector<Choice>& out, std::string word, std::string help) {
    for (const auto& c : out) {
@@ -45,58 +16,128 @@ void add(std::vector<Choice>& out, std::string word, std::string help) {
    out.push_back(Choice{std::move(word), std::move(help)});
 }
 
-void addWord(const Host& host, std::vector<Choice>& out, const std::string& w) {
+// A few words on a usage word: what a value is, what a keyword introduces or does.
+std::string helpOf(const std::string& w) {
+   static const std::pair<const char*, const char*> known[] = {
+       {"<endpoint>", "the policy's endpoint: an IPv4 or IPv6 address"},
+       {"<nexthop>", "the next hop's IPv4 or IPv6 address"},
+       {"<address>", "an IPv4 or IPv6 address"},
+       {"<interface>", "an interface: Ethernet1, Vlan10, Port-Channel2, ..."},
+       {"<c>", "a color, 0 to 4294967295"},
+       {"<color>", "a color, 0 to 4294967295"},
+       {"<p>", "a preference, 0 to 4294967295"},
+       {"<d>", "a discriminator, 0 to 4294967295"},
+       {"<w>", "a weight, 1 to 4294967295"},
+       {"<i>", "an index, 0 to 4294967295"},
+       {"<l>", "a label, 0 to 1048575"},
+       {"<label>", "a label, 0 to 1048575, or none"},
+       {"<b>", "the first label, 16 to 1048575"},
+       {"<s>", "how many labels"},
+       {"<asn>", "an AS number"},
+       {"<a>", "a label action: a name or a number"},
+       {"<t>", "a type: a name or a number"},
+       {"<value>", "a DSCP value, 0 to 63, or a name (ef, af11, cs1, ...)"},
+       {"<seconds>", "seconds, such as 2 or 0.5"},
+       {"<level>", "a trace level, 0 to 9"},
+       {"<file>", "a file name"},
+       {"<name>", "a name"},
+       {"<index>", "an index"},
+       {"<n>", "a number"},
+       {"<tunnelId>", "a tunnel id (a number)"},
+       {"<id>", "a segment-list id"},
+       {"<fecId>", "a FEC id (a number)"},
+       {"<task runs>", "at most this many task runs"},
+       {"<protocol>", "a protocol name or number"},
+       {"json", "as JSON"},
+       {"force", "replace the file if it exists"},
+       {"remount", "mount the existing table again, whole"},
+       {"symbolic", "save the values by name"},
+       {"on", "turn it on"},
+       {"off", "turn it off"},
+       {"all", "every table"},
+       {"via", "a next hop: <nexthop> <interface> action <a> [label <l>]"},
+       {"segment-list", "a segment list: [weight <w>] labels [<l>]..."},
+       {"originator", "the originator: <asn> <address>"},
+       {"labels", "the label stack, top first"},
+   };
+   for (const auto& [word, help] : known) {
+      if (w == word) return help;
+   }
+   return w[0] == '<' ? "a value" : "";
+}
+
+void addWord(const Host& host, std::vector<Choice>& out, const std::string& w,
+             const std::string& after) {
    if (w == "<table>") {
       for (const auto& s : host.shows()) add(out, s.table, s.summary);
-      add(out, "all", "every table");
    } else if (w == "<protocol>") {
-      for (const auto& n : protocolNames()) add(out, n, "");
-      add(out, w, "a protocol name or number");
-   } else if (w == "json") {
-      add(out, w, "as JSON");
-   } else if (w != "none") {
-      add(out, w, w[0] == '<' ? "a value" : "");
+      for (const auto& n : protocolNames()) add(out, n, "protocol");
+      add(out, w, helpOf(w));
+   } else if (w == "<a>") {
+      for (const char* n : {"none", "pop", "swap", "push", "forward"}) add(out, n, "label action");
+      add(out, w, helpOf(w));
+   } else {
+      std::string help = helpOf(w);
+      // A keyword that takes a value says which.
+      if (help.empty() && !after.empty()) help = "followed by " + after;
+      add(out, w, help);
    }
 }
 
-// The arguments that may follow a complete verb, given the ones already typed.
+// The arguments that may follow a complete verb, given the ones already typed: exactly what its
+// usage line allows there, and <cr> only where the command may end.
 void argumentChoices(const Host& host, const Host::Verb& verb, size_t verbWords,
                      const std::vector<std::string>& args, std::vector<Choice>& out) {
    if (verb.name == "help") {
       if (args.empty()) {
-         for (const auto& v : host.verbs()) add(out, tokenize(v.name).front(), "");
+         for (const auto& v : host.verbs()) {
+            const std::string first = tokenize(v.name).front();
+            add(out, first, "the commands that start with " + first);
+         }
+         add(out, "<cr>", "end of the command");
       }
       return;
    }
-   const auto slots = usageSlots(verb.usage, verbWords);
-   // Leading required placeholders are positional: offer the one due.
-   size_t positional = 0;
-   while (positional < slots.size() && !slots[positional].optional &&
-          slots[positional].alternatives[0][0] == '<') {
-      ++positional;
-   }
-   if (args.size() < positional) {
-      for (const auto& w : slots[args.size()].alternatives) addWord(host, out, w);
-      return;
-   }
-   // After a keyword that takes a value, the value is due.
-   if (!args.empty()) {
-      for (size_t i = positional; i + 1 < slots.size(); ++i) {
-         for (const auto& w : slots[i].alternatives) {
-            if (w == lowercase(args.back()) && slots[i + 1].alternatives[0][0] == '<') {
-               add(out, slots[i + 1].alternatives[0], "");
-               return;
-            }
+   const auto usage = tokenize(verb.usage);
+   std::string rest;
+   for (size_t i = verbWords; i < usage.size(); ++i) rest += usage[i] + " ";
+   const Grammar grammar(rest);
+   const Grammar::Next next = grammar.next(args);
+   for (const std::string& w : next.words) {
+      // The value after a keyword, from what follows it once taken.
+      std::string after;
+      if (w[0] != '<') {
+         std::vector<std::string> more = args;
+         more.push_back(w);
+         const Grammar::Next then = grammar.next(more);
+         if (!then.complete && then.words.size() == 1 && then.words[0][0] == '<') {
+            after = then.words[0];
          }
       }
+      addWord(host, out, w, after);
    }
-   // Otherwise any keyword of the rest, in usage order, or the end of the command.
-   for (size_t i = positional; i < slots.size(); ++i) {
-      for (const auto& w : slots[i].alternatives) {
-         if (w[0] != '<') addWord(host, out, w);
+   if (next.complete) add(out, "<cr>", "end of the command");
+}
+
+// The help of a word of multi-word verbs: the verb's summary when the word ends it, else what the
+// group holds.
+std::string groupHelp(const Host& host, const std::vector<std::string>& before,
+                      const std::string& word) {
+   std::vector<std::string> tails;
+   for (const auto& v : host.verbs()) {
+      const auto words = tokenize(v.name);
+      if (words.size() <= before.size() || words[before.size()] != word ||
+          !std::equal(before.begin(), before.end(), words.begin())) {
+         continue;
+      }
+      if (words.size() == before.size() + 1) return v.summary;
+      if (std::find(tails.begin(), tails.end(), words[before.size() + 1]) == tails.end()) {
+         tails.push_back(words[before.size() + 1]);
       }
    }
-   add(out, "<cr>", "end of the command");
+   std::string help;
+   for (const auto& t : tails) help += (help.empty() ? "" : ", ") + t;
+   return help.empty() ? help : "then " + help;
 }
 
 } // namespace
@@ -112,17 +153,7 @@ std::vector<Choice> choicesAt(const Host& host, std::string_view line) {
    const Host::VerbMatch m = host.matchVerb(tokens);
    if (m.words.size() == tokens.size() && !m.choices.empty()) {
       // Still choosing the verb: the words registered verbs have here.
-      for (const auto& w : m.choices) {
-         std::string help;
-         for (const auto& v : host.verbs()) {
-            auto words = tokenize(v.name);
-            if (words.size() == tokens.size() + 1 && words.back() == w &&
-                std::equal(m.words.begin(), m.words.end(), words.begin())) {
-               help = v.summary;
-            }
-         }
-         add(all, w, help);
-      }
+      for (const auto& w : m.choices) add(all, w, groupHelp(host, m.words, w));
    }
    if (m.verb && m.words.size() == m.verbWords) {
       std::vector<std::string> args(tokens.begin() + static_cast<long>(m.verbWords), tokens.end());

@@ -1,8 +1,10 @@
 // What may come next on a command line: the shell's Tab completion and its `?` listing.
 //
-// Derived from what the host has registered (verbs with their usage lines, tables, protocols),
-// so a subsystem's commands complete without any work of its own. Words match the way the
-// parser matches them: case-insensitively, and a prefix that names one choice stands for it.
+// Derived from what the host has registered (verbs with their usage lines, read as grammars by
+// agent/Grammar.h; tables; protocols), so a subsystem's commands complete without any work of
+// its own: exactly the words the usage allows next, and `<cr>` only where the command is
+// complete. Words match the way the parser matches them: case-insensitively, and a prefix that
+// names one choice stands for it.
 #pragma once
 
 #include <string>

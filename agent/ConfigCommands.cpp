@@ -3,6 +3,7 @@
 // records (StaticInputWriter) lives here too, as long as the host.
 #include <algorithm>
 #include <ostream>
+#include <utility>
 #include <vector>
 
 #include "agent/Host.h"
@@ -108,6 +109,26 @@ std::vector<Ipkit::DscpValue> readDscpList(Args& a) {
 
 // ---- show config
 
+// Static policies become candidate paths only through the static input table.
+bool staticTableExists(Host& host) {
+   return host.policyInputSource()->policyInput(Protocol::staticConfig) != nullptr;
+}
+
+// Says once, until the table appears, that static policies configured without it stay inert: a
+// configuration that silently never becomes candidates is a trap.
+void warnWithoutStaticTable(Host& host) {
+   struct Warned {
+      bool once = false;
+   };
+   bool& warned = host.shared<Warned>().once;
+   if (staticTableExists(host)) {
+      warned = false;
+   } else if (!std::exchange(warned, true)) {
+      host.warn("no 'input-table static': static policies are not candidate paths until it "
+                "exists");
+   }
+}
+
 std::vector<Mox::Ptr<StaticPolicy>> policiesByKey(const Config& config) {
    std::vector<Mox::Ptr<StaticPolicy>> out;
    for (const auto& [key, p] : config.policy()) out.push_back(p);
@@ -138,6 +159,7 @@ Show::View configView(Host& host) {
          }
       }
    }
+   const bool inert = c.policyCount() > 0 && !staticTableExists(host);
    return Show::View()
        .lineIs("SR-TE configuration")
        .settingsIs(
@@ -149,7 +171,9 @@ Show::View configView(Host& host) {
             setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
                     c.useDiscriminatorInTieBreaking()),
             setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled())})
-       .lineIs(Mox::format("Static policies: %zu", c.policyCount()))
+       .lineIs(Mox::format("Static policies: %zu", c.policyCount()) +
+               (inert ? " (no 'input-table static': they are not candidate paths)" : ""))
+       .fieldIs("", "staticInputTable", Show::flag(staticTableExists(host), "yes", "no"))
        .tableIs("policies", std::move(t));
 }
 
@@ -224,7 +248,10 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "bsid"});
                   const PolicyKey key = keyOf(a, w);
                   const Ipkit::MplsLabel bsid = w.bsid.value_or(Ipkit::MplsLabel());
-                  return [&host, key, bsid] { host.config()->policyIs(key)->bindingSidIs(bsid); };
+                  return [&host, key, bsid] {
+                     host.config()->policyIs(key)->bindingSidIs(bsid);
+                     warnWithoutStaticTable(host);
+                  };
                });
    host.verbIs("static path", "static path <endpoint> color <c> preference <p>",
                "configure a candidate path of a static policy (made if absent)",
@@ -232,12 +259,14 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "preference"});
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
-                  return
-                      [&host, key, pref] { host.config()->policyIs(key)->candidatePathIs(pref); };
+                  return [&host, key, pref] {
+                     host.config()->policyIs(key)->candidatePathIs(pref);
+                     warnWithoutStaticTable(host);
+                  };
                });
    host.verbIs(
        "static segment-list",
-       "static segment-list <endpoint> color <c> preference <p> labels <l>... [weight <w>] "
+       "static segment-list <endpoint> color <c> preference <p> labels [<l>]... [weight <w>] "
        "[index <i>]",
        "configure a segment list of a static candidate path (policy and path made if absent)",
        [&host](Args& a) -> Host::Apply {
@@ -256,13 +285,15 @@ void registerConfig(Host& host) {
                       SegmentListIndex(static_cast<uint32_t>(c->staticSegmentListCount()));
                    } catch (const Mox::RangeError& e) {
                       a.fail("segment list " + std::to_string(c->staticSegmentListCount() + 1) +
-                             " of a candidate path: " + e.what());
+                             " of a candidate path: " + e.what() +
+                             " (a candidate path holds at most 16)");
                    }
                 }
              }
           }
           return [&host, key, pref, labels, list] {
              host.config()->policyIs(key)->candidatePathIs(pref)->staticSegmentListIs(labels, list);
+             warnWithoutStaticTable(host);
           };
        });
    host.verbIs("no static policy", "no static policy <endpoint> color <c>",
@@ -281,7 +312,7 @@ void registerConfig(Host& host) {
                   return [&host, key, pref] { host.config()->policy(key)->candidatePathDel(pref); };
                });
    host.verbIs("no static segment-list",
-               "no static segment-list <endpoint> color <c> preference <p> labels <l>...",
+               "no static segment-list <endpoint> color <c> preference <p> labels [<l>]...",
                "remove a segment list of a static candidate path", [&host](Args& a) -> Host::Apply {
                   StaticWords w = readStatic(a, {"color", "preference", "labels"});
                   const PolicyKey key = keyOf(a, w);

@@ -7,6 +7,7 @@
 
 #include "agent/Host.h"
 #include "agent/Modules.h"
+#include "agent/Script.h"
 #include "agent/ShowFormat.h"
 #include "agent/ShowTable.h"
 #include "platform/Trace.h"
@@ -30,6 +31,17 @@ Kiln::Duration parseAdvance(Args& a, const Kiln::TaskScheduler& scheduler) {
              " at virtual time " + Kiln::secondsText(scheduler.nowNs()) + ")");
    }
    return *d;
+}
+
+// What run and advance did, in the shell or when commands are echoed.
+void summarise(Host& host, const char* verb, uint64_t taskRuns) {
+   auto& s = host.scheduler();
+   host.out() << verb << ": " << Show::count(taskRuns, "task run") << ", virtual time "
+              << Kiln::secondsText(s.nowNs()) << " s";
+   if (const size_t ready = s.readyTaskCount()) {
+      host.out() << ", " << Show::count(ready, "task") << " still ready";
+   }
+   host.out() << "\n";
 }
 
 void showOne(Host& host, const Host::Show& s, bool json) {
@@ -67,7 +79,10 @@ void registerCore(Host& host) {
        [&host](Args& a) -> Host::Apply {
           size_t runs = SIZE_MAX;
           if (!a.done()) runs = a.number("task runs");
-          return [&host, runs] { host.scheduler().runUntilIdle(runs); };
+          return [&host, runs] {
+             const size_t done = host.scheduler().runUntilIdle(runs);
+             if (host.verbose()) summarise(host, "run", done);
+          };
        });
 
    // Slices of one work unit make every task yield after each key: the bookmarks and requeues
@@ -76,7 +91,13 @@ void registerCore(Host& host) {
                "move virtual time forward, firing in order every timer due by the new time",
                [&host](Args& a) -> Host::Apply {
                   const Kiln::Duration d = parseAdvance(a, host.scheduler());
-                  return [&host, d] { host.scheduler().advance(d); };
+                  return [&host, d] {
+                     const uint64_t before = host.scheduler().taskRunCount();
+                     host.scheduler().advance(d);
+                     if (host.verbose()) {
+                        summarise(host, "advance", host.scheduler().taskRunCount() - before);
+                     }
+                  };
                });
 
    host.verbIs("restart", "restart",
@@ -160,6 +181,13 @@ void registerCore(Host& host) {
              host.out() << text;
           };
        });
+
+   host.verbIs("load", "load <file>",
+               "run the commands of a script file here; its first refused line stops it",
+               [&host](Args& a) -> Host::Apply {
+                  const std::string path = a.word("file name");
+                  return [&host, path] { loadFile(host, path); };
+               });
 
    host.verbIs("quit", "quit", "stop reading commands",
                [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });

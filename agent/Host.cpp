@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 
 #include "platform/MoxBulk.h"
@@ -123,9 +124,32 @@ namespace {
 std::vector<std::string> wordsOf(const std::string& name) { return tokenize(name); }
 } // namespace
 
+std::vector<std::string> Host::firstArgumentWords(const Verb& verb, size_t verbWords) const {
+   // The keywords of the usage's first argument ("show <table>|all": the tables and all).
+   std::vector<std::string> out;
+   const auto usage = tokenize(verb.usage);
+   if (usage.size() <= verbWords) return out;
+   std::string t = usage[verbWords];
+   std::erase_if(t, [](char c) { return c == '[' || c == ']'; });
+   size_t start = 0;
+   for (size_t k = 0; k <= t.size(); ++k) {
+      if (k < t.size() && t[k] != '|') continue;
+      const std::string w = t.substr(start, k - start);
+      start = k + 1;
+      if (w == "<table>") {
+         for (const auto& s : shows_) out.push_back(s.table);
+      } else if (!w.empty() && w[0] != '<' && w.find('.') == std::string::npos) {
+         out.push_back(w);
+      }
+   }
+   return out;
+}
+
 Host::VerbMatch Host::matchVerb(const std::vector<std::string>& tokens) const {
    // Word by word: the typed word names one of the words that registered verbs have at that
-   // place, given the words before. The longest verb whose words all matched wins.
+   // place, given the words before. The longest verb whose words all matched wins. Where a
+   // complete verb could also take the word as its first argument ("show policies" beside the
+   // verb "show policy"), an abbreviation that fits both is ambiguous.
    VerbMatch m;
    for (size_t i = 0;; ++i) {
       std::vector<std::string> choices;
@@ -146,6 +170,21 @@ Host::VerbMatch Host::matchVerb(const std::vector<std::string>& tokens) const {
       if (i >= tokens.size() || choices.empty()) break;
       std::vector<std::string> ambiguous;
       std::string w = matchWord(tokens[i], choices, &ambiguous);
+      if (m.verb && m.verbWords == i) {
+         std::vector<std::string> all = choices;
+         for (auto& a : firstArgumentWords(*m.verb, i)) {
+            if (std::find(all.begin(), all.end(), a) == all.end()) all.push_back(std::move(a));
+         }
+         std::vector<std::string> widely;
+         const std::string either = matchWord(tokens[i], all, &widely);
+         if (either.empty() && widely.size() > 1) {
+            m.ambiguous = std::move(widely);
+            m.ambiguousArgument = true;
+            break;
+         }
+         // The word names an argument of the shorter verb, or one of the longer verbs.
+         if (either != w) w.clear();
+      }
       m.ambiguous = std::move(ambiguous);
       if (w.empty()) break;
       m.words.push_back(std::move(w));
@@ -157,9 +196,100 @@ Host::VerbMatch Host::matchVerb(const std::vector<std::string>& tokens) const {
    return m;
 }
 
+namespace {
+// An output filter after '|': include or exclude the lines holding some text, or count them.
+struct Filter {
+   enum class Kind { include, exclude, count } kind;
+   std::string text;
+};
+
+std::string applyFilters(const std::string& output, const std::vector<Filter>& filters) {
+   std::vector<std::string> lines;
+   size_t start = 0;
+   while (start < output.size()) {
+      size_t end = output.find('\n', start);
+      if (end == std::string::npos) end = output.size();
+      lines.push_back(output.substr(start, end - start));
+      start = end + 1;
+   }
+   for (const Filter& f : filters) {
+      if (f.kind == Filter::Kind::count) {
+         lines = {std::to_string(lines.size())};
+         continue;
+      }
+      const bool keep = f.kind == Filter::Kind::include;
+      std::erase_if(lines, [&](const std::string& l) {
+         return (l.find(f.text) != std::string::npos) != keep;
+      });
+   }
+   std::string out;
+   for (const auto& l : lines) out += l + "\n";
+   return out;
+}
+} // namespace
+
 Host::Apply Host::parse(std::string_view line) const {
    std::vector<std::string> tokens = tokenize(line);
    if (tokens.empty()) return {};
+
+   // `show ... | include WORD | count`: the filters apply to what the command prints.
+   const auto bar = std::find(tokens.begin(), tokens.end(), "|");
+   if (bar != tokens.end()) {
+      std::vector<Filter> filters;
+      size_t at = static_cast<size_t>(bar - tokens.begin());
+      while (at < tokens.size()) {
+         const size_t filterAt = at + 1;
+         if (filterAt >= tokens.size()) {
+            throw ScriptError("'|' needs a filter: include <text>, exclude <text> or count", at);
+         }
+         std::vector<std::string> ambiguous;
+         const std::string kind =
+             matchWord(tokens[filterAt], {"include", "exclude", "count"}, &ambiguous);
+         if (kind.empty()) {
+            throw ScriptError("unknown filter '" + tokens[filterAt] +
+                                  "': include <text>, exclude <text> or count",
+                              filterAt);
+         }
+         size_t end = filterAt + 1;
+         while (end < tokens.size() && tokens[end] != "|") ++end;
+         std::string text;
+         for (size_t k = filterAt + 1; k < end; ++k) text += (text.empty() ? "" : " ") + tokens[k];
+         if (kind == "count" && !text.empty()) {
+            throw ScriptError("'count' takes no words, got '" + text + "'", filterAt + 1);
+         }
+         if (kind != "count" && text.empty()) {
+            throw ScriptError("'" + kind + "' needs the text to look for", filterAt);
+         }
+         filters.push_back(Filter{kind == "include"   ? Filter::Kind::include
+                                  : kind == "exclude" ? Filter::Kind::exclude
+                                                      : Filter::Kind::count,
+                                  std::move(text)});
+         at = end;
+      }
+      // The words before the first filter (a '|' inside a word is part of that word).
+      std::string command;
+      for (auto t = tokens.begin(); t != bar; ++t) command += (command.empty() ? "" : " ") + *t;
+      const VerbMatch m = matchVerb(tokenize(command));
+      if (!m.verb || (m.verb->name.rfind("show", 0) != 0 && m.verb->name != "help")) {
+         throw ScriptError("'|' filters what show and help print", 0);
+      }
+      Apply inner = parse(command);
+      // Applied by execute(), which holds the host as the verbs do.
+      Host* self = const_cast<Host*>(this);
+      return [self, inner = std::move(inner), filters = std::move(filters)] {
+         std::ostringstream captured;
+         std::ostream* const shown = self->out_;
+         self->out_ = &captured;
+         try {
+            inner();
+         } catch (...) {
+            self->out_ = shown;
+            throw;
+         }
+         self->out_ = shown;
+         *shown << applyFilters(captured.str(), filters);
+      };
+   }
 
    const VerbMatch m = matchVerb(tokens);
    const Verb* verb = m.verb;
@@ -198,6 +328,13 @@ Host::Apply Host::parse(std::string_view line) const {
       }
       for (const auto& c : choices) msg += " " + c;
       throw ScriptError(msg, std::min(at, tokens.size() - 1));
+   }
+   if (m.ambiguousArgument) {
+      std::string msg = "ambiguous command '";
+      for (size_t i = 0; i <= verbWords; ++i) msg += (i ? " " : "") + tokens[i];
+      msg += "': it begins";
+      for (const auto& c : m.ambiguous) msg += " " + c;
+      throw ScriptError(msg, verbWords);
    }
    Args args(std::move(tokens), verbWords, verb->usage);
    Apply apply = verb->parse(args);

@@ -60,6 +60,7 @@
 #include <string_view>
 #include <type_traits>
 #include <typeindex>
+#include <utility>
 #include <vector>
 
 #include "agent/Args.h"
@@ -142,7 +143,11 @@ class Host {
       std::vector<std::string> words;
       std::vector<std::string> choices;
       std::vector<std::string> ambiguous;
+      // The ambiguity is between longer verbs and the first argument of `verb`.
+      bool ambiguousArgument = false;
    };
+   // The keywords the usage of `verb` allows as its first argument (tables for show).
+   std::vector<std::string> firstArgumentWords(const Verb& verb, size_t verbWords) const;
    VerbMatch matchVerb(const std::vector<std::string>& tokens) const;
    void execute(std::string_view line) {
       if (auto a = parse(line)) a();
@@ -179,6 +184,21 @@ class Host {
    const Show* show(std::string_view table) const;
    bool quitRequested() const { return quit_; }
    void quitIs() { quit_ = true; }
+
+   // ---- the session around the commands
+   // Commands that print nothing of their own (run, advance, write) say in one line what they did:
+   // in the interactive shell and when commands are echoed. Scripts print only what they show.
+   bool verbose() const { return verbose_; }
+   void verboseIs(bool v) { verbose_ = v; }
+   // Each command is printed before its output (srte -x); `load` echoes the file's as well.
+   bool echo() const { return echo_; }
+   void echoIs(bool e) { echo_ = e; }
+   // A warning about the command being applied: whoever runs the command reports it with the
+   // command's place (a script's line).
+   void warn(std::string text) { warnings_.push_back(std::move(text)); }
+   std::vector<std::string> takeWarnings() { return std::exchange(warnings_, {}); }
+   // How many `load` commands are running inside each other.
+   int& loadDepth() { return loadDepth_; }
    uint32_t restartCount() const { return restarts_; }
    // The core is running (SR-TE enabled); while it is not, its machines and in-process entities
    // do not exist and the published tables are empty.
@@ -231,6 +251,10 @@ class Host {
    std::vector<Slot> process_;
    bool started_ = false;
    bool quit_ = false;
+   bool verbose_ = false;
+   bool echo_ = false;
+   int loadDepth_ = 0;
+   std::vector<std::string> warnings_;
    uint32_t restarts_ = 0;
 };
 

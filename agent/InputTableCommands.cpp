@@ -139,7 +139,7 @@ void registerInputTables(Host& host) {
    host.verbIs(
        "input",
        "input <protocol> <endpoint> color <c> discriminator <d> [originator <asn> <address>] "
-       "[preference <p>] [bsid <label>] [segment-list [weight <w>] labels <l>...]...",
+       "[preference <p>] [bsid <label>] [segment-list [weight <w>] labels [<l>]...]...",
        "write a candidate-path record into the protocol's input table, replacing any earlier one",
        [&host](Args& a) -> Host::Apply {
           std::optional<Originator> originator;

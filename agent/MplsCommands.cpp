@@ -98,6 +98,11 @@ Mpls::ViaSet readVias(Args& a) {
       a.expect("action");
       v.labelAction = readAction(a);
       if (a.accept("label")) v.label = a.label("via label");
+      // A swap or a push writes a label: without one, a null label would reach forwarding.
+      if (v.label.isNull() && (v.labelAction == Ipkit::MplsLabelAction::swap ||
+                               v.labelAction == Ipkit::MplsLabelAction::push)) {
+         a.fail("action " + actionText(v.labelAction) + " writes a label: give it one (label <l>)");
+      }
       if (!vias.viaIs(v)) a.fail("via " + v.stringValue() + " given twice");
    }
    return vias;
@@ -115,6 +120,8 @@ uint32_t readRangeLabel(const Args& a, const std::string& what, const std::strin
    }
    return static_cast<uint32_t>(v);
 }
+
+constexpr uint32_t kFirstUnreservedLabel = 16;
 
 Mpls::AdjacencyIndex readAdjacencyIndex(Args& a) { return a.number("adjacency index"); }
 
@@ -163,6 +170,11 @@ Show::View mpls(Host& host) {
    }
    v.lineIs(Mox::format("Label ranges: %zu", config.labelRange().size()))
        .tableIs("labelRanges", std::move(ranges));
+   // Binding SIDs are checked against the SRLB; without one, each is out of range, and the
+   // message then shows the whole label space as its bounds.
+   if (!config.labelRange(Mpls::srlbRangeName)) {
+      v.lineIs("No SRLB (label-range srlb): every binding SID is outside it");
+   }
 
    Show::Table routes({{"Label", "label"},
                        {"Adjacency", "adjacencyIndex"},
@@ -237,6 +249,14 @@ void registerMpls(Host& host) {
                      }
                   }
                   const uint32_t first = need(a, base, "base"), n = need(a, size, "size");
+                  // Labels 0 to 15 have fixed meanings (explicit null, router alert, ...): no
+                  // block hands them out.
+                  if (first < kFirstUnreservedLabel) {
+                     a.fail("base " + std::to_string(first) + ": labels 0 to " +
+                            std::to_string(kFirstUnreservedLabel - 1) +
+                            " are reserved; a label range starts at " +
+                            std::to_string(kFirstUnreservedLabel) + " or above");
+                  }
                   // The whole range lies in the label space: its last label is a label too.
                   readRangeLabel(a, "last label (base + size - 1)",
                                  std::to_string(uint64_t{first} + n - 1));
@@ -342,7 +362,7 @@ void registerMpls(Host& host) {
                });
 
    host.verbIs("counter tunnel",
-               "counter tunnel <tunnelId>|segment-list <id> [packets <n>] [bytes <n>]",
+               "counter tunnel (<tunnelId>|segment-list <id>) [packets <n>] [bytes <n>]",
                "a tunnel has a traffic counter (segment-list <id>: that segment list's tunnel)",
                [&host](Args& a) -> Host::Apply {
                   const TunnelId id = readTunnelId(a);
@@ -353,7 +373,7 @@ void registerMpls(Host& host) {
                   }
                   return [&host, id, c] { host.counterTable()->counterIs(id, c); };
                });
-   host.verbIs("no counter tunnel", "no counter tunnel <tunnelId>|segment-list <id>",
+   host.verbIs("no counter tunnel", "no counter tunnel (<tunnelId>|segment-list <id>)",
                "a tunnel's counter goes away", [&host](Args& a) -> Host::Apply {
                   const TunnelId id = readTunnelId(a);
                   if (!host.counterTable()->counterHas(id)) {

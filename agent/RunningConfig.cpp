@@ -2,6 +2,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 
 #include "agent/Host.h"
@@ -182,21 +186,58 @@ std::string runningConfig(Host& host) {
 }
 
 void registerRunningConfig(Host& host) {
-   host.verbIs(
-       "show running-config", "show running-config",
-       "print the current inputs as a script that rebuilds them",
-       [&host](Args&) -> Host::Apply { return [&host] { host.out() << runningConfig(host); }; });
-   host.verbIs("write", "write <file>", "save the current inputs (show running-config) to a file",
+   host.verbIs("show running-config", "show running-config [json]",
+               "print the current inputs as a script that rebuilds them (json: its commands)",
                [&host](Args& a) -> Host::Apply {
-                  const std::string path = a.word("file");
-                  return [&host, path] {
-                     std::ofstream file(path, std::ios::trunc);
-                     if (file) file << runningConfig(host);
-                     if (!file || !file.flush()) {
-                        throw ScriptError("cannot write '" + path + "': " + std::strerror(errno));
+                  const bool json = a.accept("json");
+                  return [&host, json] {
+                     const std::string script = runningConfig(host);
+                     if (!json) {
+                        host.out() << script;
+                        return;
                      }
+                     // The commands, one string each, without the comment lines.
+                     Json::Value commands = Json::Value::array();
+                     size_t start = 0;
+                     while (start < script.size()) {
+                        size_t end = script.find('\n', start);
+                        if (end == std::string::npos) end = script.size();
+                        const std::string line = script.substr(start, end - start);
+                        if (!line.empty() && line[0] != '#') {
+                           commands.push(Json::Value::string(line));
+                        }
+                        start = end + 1;
+                     }
+                     Json::Value top = Json::Value::object();
+                     top.set("runningConfig", std::move(commands));
+                     host.out() << top.render();
                   };
                });
+   host.verbIs(
+       "write", "write <file> [force]",
+       "save the current inputs (show running-config) to a file; force: replace it",
+       [&host](Args& a) -> Host::Apply {
+          const std::string path = a.word("file");
+          const bool force = a.accept("force");
+          return [&host, path, force] {
+             // Replacing a saved file by accident loses work: ask for it.
+             struct stat st {};
+             if (!force && ::stat(path.c_str(), &st) == 0) {
+                throw ScriptError("'" + path + "' exists; 'write " + path + " force' replaces it");
+             }
+             const std::string script = runningConfig(host);
+             std::ofstream file(path, std::ios::trunc);
+             if (file) file << script;
+             if (!file || !file.flush()) {
+                throw ScriptError("cannot write '" + path + "': " + std::strerror(errno));
+             }
+             size_t lines = 0;
+             for (char c : script) lines += c == '\n';
+             if (host.verbose()) {
+                host.out() << "wrote " << Show::count(lines, "line") << " to '" << path << "'\n";
+             }
+          };
+       });
 }
 
 } // namespace Agent

@@ -2,9 +2,11 @@
 //
 // Lines come from a LineSource: a file or standard input read as a script, a string (tests, the
 // built-in demo) or the interactive shell (agent/Shell.h). A script stops at its first error; the
-// shell reports errors and reads on. Errors are written as "<name>:<line>: error: <what>". A line
-// that ends in a backslash continues on the next one; an error names the line holding the word at
-// fault, and input that ends in the middle of a continued command is an error.
+// shell reports errors and reads on. Errors are written as "<name>:<line>: error: <what>" (at the
+// shell's prompt as "error: <what>": the session's line count means nothing to the person typing).
+// A line that ends in a backslash continues on the next one; an error names the line holding the
+// word at fault, and input that ends in the middle of a continued command is an error. A byte-order
+// mark at the start of the input is skipped; a line longer than maxLineBytes is refused.
 #pragma once
 
 #include <iosfwd>
@@ -29,9 +31,14 @@ class ReadError : public std::runtime_error {
    using std::runtime_error::runtime_error;
 };
 
+// The longest line a script may have: garbage without newlines (a device, a binary) must not
+// grow the process without bound.
+constexpr size_t maxLineBytes = size_t{1} << 20;
+
 class LineSource {
  public:
-   enum class Read { line, end, cancelled };
+   // `tooLong`: the line exceeds maxLineBytes; its bytes are dropped up to its end.
+   enum class Read { line, end, cancelled, tooLong };
    virtual ~LineSource() = default;
    // Reads the next line, without its end, into `line`. `continued`: the line before asked for
    // more (a shell shows another prompt). `cancelled` (an interactive interrupt) drops the
@@ -59,23 +66,30 @@ class StreamLines : public LineSource {
 };
 
 // Lines of a file descriptor, read with read(2) so that a directory or an I/O error is reported
-// rather than taken for the end of the input. `what` names the input in errors.
+// rather than taken for the end of the input. `what` names the input in errors. With `promptOut`,
+// an interactive session (errors do not end it) that prints prompts there.
 class FileLines : public LineSource {
  public:
-   FileLines(int fd, std::string what) : fd_(fd), what_(std::move(what)) {}
+   FileLines(int fd, std::string what, std::ostream* promptOut = nullptr)
+       : fd_(fd), what_(std::move(what)), promptOut_(promptOut) {}
    Read next(std::string& line, bool continued) override;
+   bool interactive() const override { return promptOut_ != nullptr; }
 
  private:
    bool fill();
    int fd_;
    std::string what_;
+   std::ostream* promptOut_;
    std::string buffer_;
    size_t pos_ = 0;
    bool eof_ = false;
+   bool skipping_ = false; // dropping the rest of an overlong line
 };
 
 struct ScriptOptions {
    std::string name; // shown in error messages: a file name, or "<stdin>"
+   // Each command is printed (after the prompt string) before its output, as shells trace.
+   bool echo = false;
 };
 
 // Returns the exit status (ExitStatus).
@@ -84,5 +98,11 @@ int runScript(Host& host, LineSource& lines, std::ostream& err, const ScriptOpti
 // A stream as a script, or, when `interactive`, as a session with prompts on host.out().
 int runScript(Host& host, std::istream& in, std::ostream& err, const ScriptOptions& options,
               bool interactive = false);
+
+// `load FILE`: runs the file's commands in the host's session. Its warnings become the host's.
+// The first refused line stops it: throws ScriptError naming the file and line (the lines before
+// it have run). Files that load each other stop at a depth of maxLoadDepth.
+constexpr int maxLoadDepth = 16;
+void loadFile(Host& host, const std::string& path);
 
 } // namespace Agent

@@ -184,8 +184,65 @@ const PolicyKey* bsidHolder(Host& host, const PolicyKey& key, const CandidateVie
    return &conflict->chosen();
 }
 
-// One row per candidate path, its tunnels as lines; readable and JSON from the same rows.
-Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys) {
+// Whether an active path is programmed (has its policy status: FECs, LFIB route), and if not,
+// why. Selection choosing a path and publishing programming it are two facts: a path refused its
+// binding SID stays selection's choice but forwards nothing.
+struct Programmed {
+   std::string word;  // yes, no, pending; empty for a path that is not active
+   std::string why;   // readable detail, when not programmed
+   std::string cause; // its JSON word
+};
+
+Programmed programmed(Host& host, const PolicyKey& key, const CandidateView& c) {
+   if (!c.active) return {};
+   const auto status = host.core().published().policyStatus->status(key);
+   if (status && status->candidateId() == c.id) return {"yes", "", ""};
+   if (const PolicyKey* holder = bsidHolder(host, key, c)) {
+      // The BSID column shows which binding SID.
+      return {"no", "bsid held by " + holder->stringValue(), "bsidHeldBy"};
+   }
+   return {"pending", "not published yet", "pending"};
+}
+
+// One line per segment list of a path, usable or not, from the selection input (selection's own
+// entry holds only the lists that resolved).
+void listLines(Host& host, const CandidateView& c, Show::Table::Row& row) {
+   if (!c.input) {
+      if (!c.entry) return;
+      for (const auto& [index, w] : c.entry->wTunnelId()) {
+         row.lineIs(
+             {Show::number(index), Show::text(std::to_string(w.tunnelId.index())),
+              Show::cell("", Json::Value::number(uint64_t{w.tunnelId.index()})),
+              Show::number(w.weight.value),
+              Show::cell(Show::tunnelText(w.tunnelId), Json::Value::number(w.tunnelId.value)),
+              Show::flag(true, "yes", "no"), Show::cell("", Json::Value::null()),
+              Show::cell("", Json::Value::null())});
+      }
+      return;
+   }
+   const std::vector<ListReason> reasons = listReasons(host, *c.input);
+   size_t k = 0;
+   for (const auto& [index, w] : c.input->wSegmentList()) {
+      const ListReason& r = reasons[k++];
+      const bool usable = r.why == segmentListResolveErrorName(SegmentListResolveError::success);
+      const auto tunnel = Tunnel::TunnelTable::TunnelId::make(
+          Tunnel::TunnelTable::TunnelId::Type::srTeSegmentList, w.segmentListId.value);
+      std::string status = usable ? "yes" : "no, " + r.why;
+      if (!usable && r.firstLabel) status += " (" + r.firstLabel->stringValue() + ")";
+      row.lineIs(
+          {Show::number(index), Show::text(w.segmentListId.stringValue()),
+           Show::cell("", Json::Value::number(uint64_t{w.segmentListId.value})),
+           Show::number(w.weight.value), Show::cell("", Json::Value::number(tunnel.value)),
+           Show::cell(std::move(status), Json::Value::boolean(usable)),
+           Show::cell("", Json::Value::string(r.why)),
+           Show::cell("", r.firstLabel ? Json::Value::label(*r.firstLabel) : Json::Value::null())});
+   }
+}
+
+// One row per candidate path, its segment lists as lines; readable and JSON from the same rows.
+// The readable form is narrow enough for a 120-column terminal with common keys; `detail` (one
+// policy) adds the originator. The JSON has everything in both.
+Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys, bool detail) {
    using Show::ColumnKind;
    size_t paths = 0;
    std::vector<PolicyView> views;
@@ -193,21 +250,32 @@ Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys) {
       views.push_back(policyView(host, key));
       paths += views.back().candidates.size();
    }
-   Show::Table t(
-       {{"Endpoint", "endpoint"},
-        {"Color", "color"},
-        {"Active", ""},
-        {"Protocol", "protocol", ColumnKind::enumeration},
-        {"Discriminator", "discriminator"},
-        {"", "active"},
-        {"Preference", ""},
-        {"Originator", ""},
-        {"BSID", ""},
-        {"", "", ColumnKind::members}, // preference, originator, binding SID when known
-        {"Not active", "notActive"},
-        {"Why", ""},
-        {"", "", ColumnKind::members}}, // the details of why
-       {Show::Level{{{"", "index"}, {"Weight", "weight"}, {"Tunnel", "tunnelId"}}, "wTunnelId"}});
+   // Without an SRLB every binding SID is out of range: say so where that is the reason.
+   const bool noSrlb = !host.mplsConfig()->labelRange(Mpls::srlbRangeName);
+   std::vector<Show::Column> columns{
+       {"Policy", ""}, {"", "", ColumnKind::members}, // endpoint, color
+       {"Path", ""},   {"", "", ColumnKind::members}, // protocol, discriminator
+       {"", "active"}, {"Pref", ""}};
+   if (detail) columns.push_back({"Originator", ""});
+   for (Show::Column c : std::vector<Show::Column>{
+            {"BSID", ""},
+            {"", "", ColumnKind::members}, // preference, originator, binding SID when known
+            {"Selection", ""},
+            {"", "notActive"},
+            {"Programmed", "programmed"},
+            {"Why", ""},
+            {"", "", ColumnKind::members}}) { // the details of why
+      columns.push_back(std::move(c));
+   }
+   Show::Table t(std::move(columns), {Show::Level{{{"", "index"},
+                                                   {"List", ""},
+                                                   {"", "segmentListId"},
+                                                   {"Weight", "weight"},
+                                                   {"", "tunnelId"},
+                                                   {"Usable", "usable"},
+                                                   {"", "status"},
+                                                   {"", "firstLabel"}},
+                                                  "segmentLists"}});
    for (const PolicyView& v : views) {
       for (const CandidateView& c : v.candidates) {
          std::optional<Preference> preference;
@@ -229,50 +297,57 @@ Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys) {
                 .set("bindingSid", Json::Value::label(*bsid));
          }
          std::string why = detailText(c);
+         if (c.reason == "unresolved" && !c.lists.empty()) why = "no list resolves";
          Json::Value details = Json::Value::row();
          if (!c.criterion.empty()) details.set("criterion", c.criterion);
          if (c.invalid) {
             Show::enumIs(details, "invalidReason", *c.invalid, policyInvalidReasonName(*c.invalid));
-         }
-         if (c.reason == "unresolved") {
-            Json::Value lists = Json::Value::inlineArray();
-            for (const ListReason& l : c.lists) {
-               Json::Value lr = Json::Value::row();
-               lr.set("segmentListId", l.id.value).set("why", l.why);
-               if (l.firstLabel) lr.set("firstLabel", Json::Value::label(*l.firstLabel));
-               lists.push(std::move(lr));
+            if (*c.invalid == PolicyInvalidReason::bsidOutOfRange && noSrlb) {
+               why += " (no SRLB configured)";
+               details.set("srlbConfigured", Json::Value::boolean(false));
             }
-            details.set("segmentLists", std::move(lists));
          }
+         const Programmed prog = programmed(host, v.key, c);
+         if (!prog.why.empty()) why = prog.why;
+         if (!prog.cause.empty()) details.set("notProgrammed", prog.cause);
          if (const PolicyKey* holder = bsidHolder(host, v.key, c)) {
-            why = "bsid held by " + holder->stringValue();
             details.set("bsidHeldBy", Json::Value::row()
                                           .set("endpoint", Json::Value::address(holder->endpoint))
                                           .set("color", holder->color.value));
          }
-         auto& row = t.rowIs(
-             {Show::address(v.key.endpoint), Show::number(v.key.color.value),
-              Show::text(c.active ? "*" : ""),
-              Show::enumerated(c.id.protocol, protocolEnumToString(c.id.protocol)),
-              Show::number(c.id.discriminator.value), Show::flag(c.active, "yes", "no"),
-              Show::text(preference ? std::to_string(preference->value) : ""),
-              Show::text(originator ? originator->stringValue() : ""),
-              Show::text(bsid ? Show::labelText(*bsid) : ""), Show::cell("", std::move(known)),
-              Show::cell(c.reason,
-                         c.reason.empty() ? Json::Value::null() : Json::Value::string(c.reason)),
-              Show::text(why), Show::cell("", std::move(details))});
-         if (!c.entry) continue;
-         for (const auto& [index, w] : c.entry->wTunnelId()) {
-            row.lineIs(
-                {Show::number(index), Show::number(w.weight.value),
-                 Show::cell(Show::tunnelText(w.tunnelId), Json::Value::number(w.tunnelId.value))});
+         Json::Value keyJson = Json::Value::row()
+                                   .set("endpoint", Json::Value::address(v.key.endpoint))
+                                   .set("color", v.key.color.value);
+         Json::Value pathJson = Json::Value::row();
+         Show::enumIs(pathJson, "protocol", c.id.protocol, protocolEnumToString(c.id.protocol));
+         pathJson.set("discriminator", c.id.discriminator.value);
+         std::vector<Show::Cell> cells{
+             Show::text(v.key.stringValue()),
+             Show::cell("", std::move(keyJson)),
+             Show::text(c.id.stringValue()),
+             Show::cell("", std::move(pathJson)),
+             Show::flag(c.active, "yes", "no"),
+             Show::text(preference ? std::to_string(preference->value) : "")};
+         if (detail) cells.push_back(Show::text(originator ? originator->stringValue() : ""));
+         for (Show::Cell& cell : std::vector<Show::Cell>{
+                  Show::text(bsid ? Show::labelText(*bsid) : ""), Show::cell("", std::move(known)),
+                  Show::text(c.active ? "active" : c.reason),
+                  Show::cell("", c.reason.empty() ? Json::Value::null()
+                                                  : Json::Value::string(c.reason)),
+                  Show::cell(prog.word, prog.word.empty()
+                                            ? Json::Value::null()
+                                            : Json::Value::boolean(prog.word == "yes")),
+                  Show::text(why), Show::cell("", std::move(details))}) {
+            cells.push_back(std::move(cell));
          }
+         auto& row = t.rowIs(std::move(cells));
+         listLines(host, c, row);
       }
    }
-   return Show::View()
-       .lineIs("Policies: " + Show::count(keys.size(), "policy key") + ", " +
-               Show::count(paths, "candidate path"))
-       .tableIs("", std::move(t));
+   std::string heading = "Policies: " + Show::count(keys.size(), "policy key") + ", " +
+                         Show::count(paths, "candidate path");
+   if (noSrlb) heading += "; no SRLB configured: every binding SID is out of range";
+   return Show::View().lineIs(std::move(heading)).tableIs("", std::move(t));
 }
 
 } // namespace
@@ -280,7 +355,7 @@ Show::View policiesView(Host& host, const std::vector<PolicyKey>& keys) {
 void registerSelection(Host& host) {
    host.showIs("policies",
                "per policy key: candidates best first, the active one, why others are not",
-               [&host] { return policiesView(host, allKeys(host)); });
+               [&host] { return policiesView(host, allKeys(host), false); });
 
    host.verbIs("show policy", "show policy <endpoint> color <color> [json]",
                "one policy key: its candidates, the active one, why the others are not",
@@ -291,7 +366,20 @@ void registerSelection(Host& host) {
                   const bool json = a.accept("json");
                   a.end();
                   return [&host, key = PolicyKey(endpoint, color), json] {
-                     const Show::View view = policiesView(host, {key});
+                     if (policyView(host, key).candidates.empty()) {
+                        // An unknown key is not an empty policy: say so in both forms.
+                        if (json) {
+                           Json::Value top = Json::Value::object();
+                           top.set("policy", Json::Value::null());
+                           host.out() << top.render();
+                        } else {
+                           host.out() << "No policy " << key.endpoint.stringValue() << " color "
+                                      << key.color.value
+                                      << ": no candidate path has this endpoint and color\n";
+                        }
+                        return;
+                     }
+                     const Show::View view = policiesView(host, {key}, true);
                      if (json) {
                         Json::Value top = Json::Value::object();
                         top.set("policy", view.json());

@@ -19,7 +19,6 @@
 
 #include "agent/Completion.h"
 #include "agent/Host.h"
-#include "agent/Modules.h"
 #include "agent/Script.h"
 
 namespace Agent {
@@ -216,10 +215,10 @@ class EditLineSource : public LineSource {
 
 } // namespace
 
-int runShell(std::ostream& out, std::ostream& err) {
+int runShell(Host& host, std::ostream& err) {
    std::setlocale(LC_CTYPE, ""); // the terminal's encoding, for editing non-ASCII text
-   Host host(out);
-   registerModules(host);
+   const bool verbose = host.verbose();
+   host.verboseIs(true);
    host.scheduler().interruptFlagIs(&interruptRequested);
 
    // No SA_RESTART: a read at the prompt returns so that the line can be cancelled.
@@ -238,6 +237,7 @@ int runShell(std::ostream& out, std::ostream& err) {
    }
    sigaction(SIGINT, &previous, nullptr);
    host.scheduler().interruptFlagIs(nullptr);
+   host.verboseIs(verbose);
    return status;
 }
 

@@ -12,7 +12,10 @@
 
 namespace Agent {
 
-// Runs the shell on the terminal of standard input; returns the exit status.
-int runShell(std::ostream& out, std::ostream& err);
+class Host;
+
+// Runs the shell on the terminal of standard input, on `host` (started, perhaps after scripts
+// ran on it); returns the exit status.
+int runShell(Host& host, std::ostream& err);
 
 } // namespace Agent

@@ -3,13 +3,18 @@
 // The caller adds rows in key order (it knows the key's own order, which text sorting would get
 // wrong for numbers and addresses). Columns are as wide as their widest cell; the last column is
 // not padded, so lines carry no trailing blanks. An empty cell prints as "-", except in the
-// continuation lines of an entry that spans several lines.
+// continuation lines of an entry that spans several lines. A table that would be wider than
+// terminalColumns wraps its last column at blanks onto lines of its own, when at least
+// kNarrowestWrap columns are left for it; JSON forms keep every text whole.
 #pragma once
 
 #include <string>
 #include <vector>
 
 namespace Show {
+
+constexpr size_t terminalColumns = 120;
+constexpr size_t kNarrowestWrap = 24;
 
 class TextTable {
  public:

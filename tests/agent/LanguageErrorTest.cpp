@@ -123,14 +123,14 @@ TEST(LanguageError, MissingAndRepeatedValues) {
               {"input bgp 10.0.0.3 color 7 discriminator 1 segment-list weight 1",
                "segment-list 1 has no 'labels'; usage: input <protocol> <endpoint> color <c> "
                "discriminator <d> [originator <asn> <address>] [preference <p>] [bsid <label>] "
-               "[segment-list [weight <w>] labels <l>...]..."},
+               "[segment-list [weight <w>] labels [<l>]...]..."},
               {"color-dscp 5 dscp", "missing DSCP value; usage: color-dscp <color> dscp "
                                     "<value>... [symbolic]"},
               {"adjacency 1 via 10.1.0.2 Ethernet1", "missing 'action'; usage: adjacency <index> "
                                                      "[via <nexthop> <interface> action <a> [label "
                                                      "<l>]]..."},
-              {"adjacency 1 via 10.1.0.2 Ethernet1 action swap via 10.1.0.2 Ethernet1 action swap",
-               "via 10.1.0.2 Ethernet1 swap given twice"},
+              {"adjacency 1 via 10.1.0.2 Ethernet1 action pop via 10.1.0.2 Ethernet1 action pop",
+               "via 10.1.0.2 Ethernet1 pop given twice"},
               {"lfib route 16002", "missing 'adjacency'; usage: lfib route <label> adjacency "
                                    "<index> [adjacency-type <t>] [route-type <t>] [source <s>]"},
               {"label-range srlb base 900000", "missing 'size'; usage: label-range <name> base "
@@ -148,35 +148,39 @@ TEST(LanguageError, OutOfRangeValuesCarryTheTypesOwnMessage) {
       s.host.execute(sixteen + std::to_string(17000 + i)); // 15 more: 16 in all
    }
    expectRefused(
-       s, {
-              {"static policy 10.0.0.2 color 100 bsid 1048577",
-               "bsid 1048577 is out of range: a label is 0 to 1048575, or none for no label"},
-              {"static segment-list 10.0.0.2 color 100 preference 200 labels 1 weight 0",
-               "weight 0: Weight::value < Weight::min or > Weight::max not allowed"},
-              {"static path 10.0.0.2 color 100 preference 4294967296",
-               "preference 4294967296: Preference::value < Preference::min or > "
-               "Preference::max not allowed"},
-              {"static policy 10.0.0.2 color 99999999999999999999",
-               "color 99999999999999999999: Color::value < Color::min or > Color::max not "
-               "allowed"},
-              {"static segment-list 10.0.0.2 color 100 preference 2 labels 1 2 3 4 5 6 7 8 9",
-               "label 9 of the stack: MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
-               "MplsStackEntryIndex::max not allowed (a stack holds at most 8 labels)"},
-              {seventeen.c_str(),
-               "segment-list 17: SegmentListIndex::value < SegmentListIndex::min or > "
-               "SegmentListIndex::max not allowed (a record holds at most 16)"},
-              {(sixteen + "18000").c_str(),
-               "segment list 17 of a candidate path: SegmentListIndex::value < "
-               "SegmentListIndex::min or > SegmentListIndex::max not allowed"},
-              {"color-dscp 5 dscp 64",
-               "dscp 64: DscpValue::value < DscpValue::min or > DscpValue::max not allowed"},
-              {"trace 10", "trace level 10 is out of range (0 to 9)"},
-              {"lfib route 1048576 adjacency 1",
-               "route label 1048576 is out of range: a label is 0 to 1048575, or none for no "
-               "label"},
-              {"lfib route none adjacency 1", "an LFIB route needs a label, not none"},
-              {"platform max-label-depth 256", "max-label-depth 256 is out of range (0 to 255)"},
-          });
+       s,
+       {
+           {"static policy 10.0.0.2 color 100 bsid 1048577",
+            "bsid 1048577 is out of range: a label is 0 to 1048575, or none for no label"},
+           {"static segment-list 10.0.0.2 color 100 preference 200 labels 1 weight 0",
+            "weight 0: Weight::value < Weight::min or > Weight::max not allowed (weight is 1 to "
+            "4294967295)"},
+           {"static path 10.0.0.2 color 100 preference 4294967296",
+            "preference 4294967296: Preference::value < Preference::min or > "
+            "Preference::max not allowed (preference is 0 to 4294967295)"},
+           {"static policy 10.0.0.2 color 99999999999999999999",
+            "color 99999999999999999999: Color::value < Color::min or > Color::max not "
+            "allowed (color is 0 to 4294967295)"},
+           {"static segment-list 10.0.0.2 color 100 preference 2 labels 1 2 3 4 5 6 7 8 9",
+            "label 9 of the stack: MplsStackEntryIndex::value < MplsStackEntryIndex::min or > "
+            "MplsStackEntryIndex::max not allowed (a stack holds at most 8 labels)"},
+           {seventeen.c_str(),
+            "segment-list 17: SegmentListIndex::value < SegmentListIndex::min or > "
+            "SegmentListIndex::max not allowed (a record holds at most 16)"},
+           {(sixteen + "18000").c_str(),
+            "segment list 17 of a candidate path: SegmentListIndex::value < "
+            "SegmentListIndex::min or > SegmentListIndex::max not allowed (a candidate path holds "
+            "at most 16)"},
+           {"color-dscp 5 dscp 64",
+            "dscp 64: DscpValue::value < DscpValue::min or > DscpValue::max not allowed (dscp is "
+            "0 to 63)"},
+           {"trace 10", "trace level 10 is out of range (0 to 9)"},
+           {"lfib route 1048576 adjacency 1",
+            "route label 1048576 is out of range: a label is 0 to 1048575, or none for no "
+            "label"},
+           {"lfib route none adjacency 1", "an LFIB route needs a label, not none"},
+           {"platform max-label-depth 256", "max-label-depth 256 is out of range (0 to 255)"},
+       });
 }
 
 TEST(LanguageError, RemovingOrCreatingWhatIsNotThereOrAlreadyIs) {
@@ -230,11 +234,44 @@ TEST(LanguageError, LabelRangesStackAndNamesStayInTheLabelSpaceAndInText) {
                "b base 1 size 2",
                "a range name is text (UTF-8, no control characters), got 'a\\x01b'"},
           });
-   // The whole label space is one valid range; a UTF-8 name is a name like any other.
-   s.host.execute("label-range all base 0 size 1048576");
+   // The label space past the reserved labels is one valid range; a UTF-8 name is a name like
+   // any other.
+   s.host.execute("label-range all base 16 size 1048560");
    s.host.execute("label-range \xc3\xa9t\xc3\xa9 base 1048575 size 1");
    EXPECT_NE(s.state().find("{\"name\": \"\xc3\xa9t\xc3\xa9\", \"base\": 1048575, \"size\": 1}"),
              std::string::npos);
+}
+
+// MPLS state no router has: a label range handing out reserved labels (0 to 15), a swap or push
+// that writes no label. Both would reach forwarding (binding SIDs 0 to 15, a null label in a
+// resolved stack), so they are refused where they are typed.
+TEST(LanguageError, MplsStateNoRouterHasIsRefused) {
+   Shell s;
+   populate(s);
+   expectRefused(s,
+                 {
+                     {"label-range srlb base 0 size 1048576",
+                      "base 0: labels 0 to 15 are reserved; a label range starts at 16 or above"},
+                     {"label-range srlb base 15 size 100",
+                      "base 15: labels 0 to 15 are reserved; a label range starts at 16 or above"},
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action swap",
+                      "action swap writes a label: give it one (label <l>)"},
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action push label none",
+                      "action push writes a label: give it one (label <l>)"},
+                     // The second via is the faulty one: the first does not slip through.
+                     {"adjacency 5 via 10.1.0.2 Ethernet1 action swap label 16004 via 10.1.0.3 "
+                      "Ethernet2 action 3",
+                      "action push writes a label: give it one (label <l>)"},
+                     {"adjacency-ext 5 fec 7 via 10.1.0.2 Ethernet1 action swap",
+                      "action swap writes a label: give it one (label <l>)"},
+                 });
+   // The lowest unreserved label starts a range; pop and forward need no label.
+   s.host.execute("label-range srlb base 16 size 10");
+   s.host.execute("adjacency 5 via 10.1.0.2 Ethernet1 action pop via 10.1.0.3 Ethernet2 action "
+                  "forward");
+   const std::string state = s.state();
+   EXPECT_NE(state.find("{\"name\": \"srlb\", \"base\": 16, \"size\": 10}"), std::string::npos);
+   EXPECT_NE(state.find("\"labelActionName\": \"forward\""), std::string::npos);
 }
 
 TEST(LanguageError, GarbageIsRefusedQuicklyWithAShortPrintableMessage) {
@@ -266,8 +303,9 @@ TEST(LanguageError, KeywordsInAnyCaseAndUnambiguousAbbreviations) {
             {"input BGP 10.0.0.4 c 1 d 2 s w 2 l 17", "input bgp 10.0.0.4 color 1 discriminator 2 "
                                                       "segment-list weight 2 labels 17"},
             {"no lab srlb", "no label-range srlb"},
-            {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP", "adjacency 2 via 10.1.0.3 Ethernet2 "
-                                                            "action swap"},
+            {"adjacency 2 via 10.1.0.3 Ethernet2 act SWAP lab 16",
+             "adjacency 2 via 10.1.0.3 "
+             "Ethernet2 action swap label 16"},
         }) {
       s.host.execute(shortLine);
       full.host.execute(fullLine);

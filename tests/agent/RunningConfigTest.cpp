@@ -3,6 +3,7 @@
 // sessions that create, change and remove inputs of every kind.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -52,14 +53,29 @@ TEST(RunningConfig, TheDemoReplays) {
    std::ostringstream err;
    ASSERT_EQ(Agent::runScript(demo.host, file, err, options), 0) << err.str();
    expectReplayed(demo, "demo");
-   // `write` saves the same script.
+   // `write` saves the same script; it replaces a file only when asked, and says what it wrote
+   // in a session that reports.
    const std::string path = ::testing::TempDir() + "running-config.srte";
+   std::remove(path.c_str());
    demo.host.execute("write " + path);
-   std::ifstream saved(path);
-   std::stringstream text;
-   text << saved.rdbuf();
-   EXPECT_EQ(text.str(), Agent::runningConfig(demo.host));
+   const auto savedText = [&] {
+      std::ifstream saved(path);
+      std::stringstream text;
+      text << saved.rdbuf();
+      return text.str();
+   };
+   EXPECT_EQ(savedText(), Agent::runningConfig(demo.host));
+   { std::ofstream(path) << "# mine\n"; }
+   EXPECT_THROW(demo.host.execute("write " + path), Agent::ScriptError);
+   EXPECT_EQ(savedText(), "# mine\n");
+   demo.host.verboseIs(true);
+   demo.out.str("");
+   demo.host.execute("write " + path + " force");
+   EXPECT_EQ(savedText(), Agent::runningConfig(demo.host));
+   EXPECT_NE(demo.out.str().find("wrote "), std::string::npos);
+   EXPECT_NE(demo.out.str().find(" lines to '" + path + "'"), std::string::npos);
    EXPECT_THROW(demo.host.execute("write /nonexistent-dir/x.srte"), Agent::ScriptError);
+   std::remove(path.c_str());
 }
 
 // A random command over small value sets, so that commands meet the same keys again.

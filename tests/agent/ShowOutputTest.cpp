@@ -176,3 +176,40 @@ TEST(ShowOutput, ViewsKeyTheirItemsOrAreTheirOnlyTable) {
 }
 
 } // namespace
+
+namespace {
+
+// A table wider than the terminal wraps its last column at blanks: every line fits, no word is
+// lost, the other cells stay on the entry's first line. When the other columns leave too little
+// room, nothing wraps.
+TEST(ShowOutput, WideLastColumnsWrapToTheTerminal) {
+   std::string message;
+   for (int i = 0; i < 40; ++i) message += "word" + std::to_string(i) + " ";
+   message.pop_back();
+   Show::TextTable t({"Seq", "Message"});
+   t.rowIs({"1", message});
+   t.rowIs({"2", "short"});
+   std::string out;
+   t.render(out, 2);
+   std::string words;
+   size_t lines = 0;
+   for (size_t start = 0; start < out.size();) {
+      const size_t end = out.find('\n', start);
+      const std::string line = out.substr(start, end - start);
+      EXPECT_LE(line.size(), Show::terminalColumns) << line;
+      EXPECT_NE(line.back(), ' ') << line;
+      if (++lines > 2) words += line.substr(7) + " "; // past the Seq column
+      start = end + 1;
+   }
+   EXPECT_EQ(words, message + " short ");
+   EXPECT_EQ(out.find("  1    word0 "), out.find('\n', out.find('\n') + 1) + 1);
+   EXPECT_GT(lines, 4u);
+
+   Show::TextTable narrow({"Wide", "Message"});
+   narrow.rowIs({std::string(110, 'w'), message});
+   std::string unwrapped;
+   narrow.render(unwrapped);
+   EXPECT_NE(unwrapped.find(message), std::string::npos);
+}
+
+} // namespace

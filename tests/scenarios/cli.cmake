@@ -23,7 +23,10 @@ endif()
 expect(missing 2 "^$" "^srte: cannot open '${DIR}/none.srte': No such file or directory\n$"
        ${SRTE} ${DIR}/none.srte)
 expect(option 2 "^$" "unknown option '--nope'" ${SRTE} --nope)
-expect(arguments 2 "^$" "too many arguments" ${SRTE} a b)
+# Standard input is read once, and not as a script when the session goes on from it.
+expect(stdin-twice 2 "^$" "standard input can be read once" ${SRTE} - -)
+expect(stdin-interactive 2 "^$" "standard input can be read once, and not with -i" ${SRTE} -i -)
+expect(version 0 "^srte [0-9]+\\.[0-9]+\n$" "^$" ${SRTE} --version)
 expect(help 0 "Exit status:" "^$" ${SRTE} --help)
 # `-` reads standard input, as a script.
 execute_process(COMMAND ${SRTE} - INPUT_FILE ${DIR}/ok.srte OUTPUT_VARIABLE out RESULT_VARIABLE rc)
@@ -36,6 +39,54 @@ expect(continued 1 "^$" "^${DIR}/continued.srte:4: error: weight 0: " ${SRTE} ${
 expect(dangling 1 "^$"
        "dangling.srte:2: error: the command continued with '\\\\' but the input ends here\n$"
        ${SRTE} ${DIR}/dangling.srte)
+
+# Several scripts run in order in one session: the second sees what the first made; the first
+# error stops them, naming its file.
+file(WRITE ${DIR}/second.srte "show mpls json\n")
+file(WRITE ${DIR}/refused.srte "label-range srgb base 16000 size 0\n")
+expect(files-in-order 0 "\"base\": 15000, \"size\": 10" "^$"
+       ${SRTE} ${DIR}/ok.srte ${DIR}/second.srte)
+expect(files-stop 1 "^$" "^${DIR}/refused.srte:1: error: size 0" ${SRTE} ${DIR}/refused.srte
+       ${DIR}/ok.srte)
+# -x prints each command after the prompt string before its output, and what run and advance did;
+# comments and blank lines are not commands.
+file(WRITE ${DIR}/echo.srte "# a comment\n\nadvance 1.5\nrun\nshow scheduler json\n")
+expect(echo 0
+       "^srte> advance 1.5\nadvance: 0 task runs, virtual time 1.5 s\nsrte> run\nrun: 0 task runs, virtual time 1.5 s\nsrte> show scheduler json\n{"
+       "^$" ${SRTE} -x ${DIR}/echo.srte)
+# Without -x, a script prints only what it shows.
+expect(no-echo 0 "^{\n  \"scheduler\"" "^$" ${SRTE} ${DIR}/echo.srte)
+# The demo is echoed.
+expect(demo-echoed 0 "srte> show policies\n" "^$" ${SRTE} --demo)
+# A byte-order mark at the start of a file is not part of its first word.
+string(ASCII 239 187 191 bom)
+file(WRITE ${DIR}/bom.srte "${bom}label-range srlb base 15000 size 10\nshow mpls json\n")
+expect(bom 0 "\"base\": 15000, \"size\": 10" "^$" ${SRTE} ${DIR}/bom.srte)
+# A line longer than 1 MiB is refused with its line number, at once and in bounded memory: a
+# device without newlines too.
+string(REPEAT "x" 1100000 long)
+file(WRITE ${DIR}/long.srte "label-range srlb base 15000 size 10\n# ${long}\nshow mpls\n")
+expect(long-line 1 "^$" "^${DIR}/long.srte:2: error: line longer than 1048576 bytes" ${SRTE}
+       ${DIR}/long.srte)
+if(EXISTS /dev/zero)
+  expect(dev-zero 1 "^$" "^/dev/zero:1: error: line longer than 1048576 bytes" ${SRTE} /dev/zero)
+endif()
+# -i: the session goes on after the scripts with standard input's commands, which see what the
+# scripts made; an error there does not end it, and carries no line number.
+file(WRITE ${DIR}/session.txt "show mpls json\nweight\nquit\n")
+execute_process(COMMAND ${SRTE} -i ${DIR}/ok.srte INPUT_FILE ${DIR}/session.txt
+                OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0 OR NOT out MATCHES "srte> {\n.*\"base\": 15000, \"size\": 10.*srte> srte> \n?$"
+   OR NOT err MATCHES "^error: unknown command 'weight'")
+  set(failures "${failures}\ninteractive: exit ${rc}, stdout [${out}], stderr [${err}]")
+endif()
+# A script that fails under -i leaves the session going with what ran.
+execute_process(COMMAND ${SRTE} -i ${DIR}/ok.srte ${DIR}/refused.srte INPUT_FILE ${DIR}/session.txt
+                OUTPUT_VARIABLE out ERROR_VARIABLE err RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0 OR NOT out MATCHES "\"base\": 15000"
+   OR NOT err MATCHES "refused.srte:1: error: size 0.*goes on interactively")
+  set(failures "${failures}\ninteractive after error: exit ${rc}, stdout [${out}], stderr [${err}]")
+endif()
 
 if(failures)
   message(FATAL_ERROR "srte input handling:${failures}")

@@ -13,18 +13,23 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 class Terminal {
  public:
-   explicit Terminal(const std::string& home) {
+   // `args`: srte's arguments.
+   explicit Terminal(const std::string& home, std::vector<std::string> args = {}) {
+      std::vector<char*> argv{const_cast<char*>("srte")};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
       pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
       if (pid_ == 0) {
          setenv("HOME", home.c_str(), 1);
          unsetenv("SRTE_HISTORY");
          setenv("TERM", "xterm", 1);
-         execl(SRTE_PROGRAM, "srte", static_cast<char*>(nullptr));
+         execv(SRTE_PROGRAM, argv.data());
          _exit(127);
       }
    }
@@ -184,6 +189,35 @@ TEST(ShellTerminal, CompletionQuestionMarkCtrlCAndHistoryAcrossSessions) {
       t.type(ctrlC);
       EXPECT_EQ(t.exitStatus(), 0);
    }
+   std::system(("rm -rf " + home).c_str());
+}
+
+// srte -i FILE: the file runs, then the shell goes on in the same session; the shell says what
+// run did, and its errors carry no line number.
+TEST(ShellTerminal, AScriptThenTheShellInOneSession) {
+   const std::string home = scratchHome();
+   const std::string script = home + "/network.srte";
+   std::ofstream(script) << "label-range srlb base 15000 size 10\ninput-table bgp\n"
+                            "input bgp 10.0.0.1 color 1 discriminator 1 bsid 15001 "
+                            "segment-list labels 16 17\n";
+   Terminal t(home, {"-i", script});
+   ASSERT_TRUE(t.prompt());
+   ASSERT_TRUE(t.command("run"));
+   EXPECT_NE(t.screen().find("run: "), std::string::npos) << t.screen();
+   EXPECT_NE(t.screen().find("virtual time 0 s"), std::string::npos) << t.screen();
+   ASSERT_TRUE(t.command("show policies | include 10.0.0.1"));
+   EXPECT_NE(t.screen().find("10.0.0.1|1"), std::string::npos) << t.screen();
+   ASSERT_TRUE(t.command("weight"));
+   EXPECT_NE(t.screen().find("error: unknown command 'weight'"), std::string::npos) << t.screen();
+   EXPECT_EQ(t.screen().find("<stdin>:"), std::string::npos) << t.screen();
+   // `?` after a complete command offers <cr>; after a keyword that wants a value, not.
+   t.type("config enabled ?");
+   ASSERT_TRUE(t.waitFor("turn it off"));
+   ASSERT_TRUE(t.waitFor("srte> config enabled "));
+   EXPECT_EQ(t.screen().rfind("<cr>"), std::string::npos) << t.screen();
+   t.type(ctrlU);
+   t.type("quit\n");
+   EXPECT_EQ(t.exitStatus(), 0);
    std::system(("rm -rf " + home).c_str());
 }
 

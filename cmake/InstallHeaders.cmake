@@ -1,0 +1,42 @@
+# Installs the public headers: those a program using the policy core needs, that is every header
+# of the tree that the roots include, directly or not. They go under <prefix>/include/srte/ and
+# are included as <srte/folder/Name.h>; their includes of each other are rewritten to that form,
+# so that no generic name ("platform/Assert.h") reaches a consumer's include path.
+#   SRTE_SOURCE_DIR  the source tree
+#   SRTE_HEADER_ROOTS  the headers a consumer includes (a list, relative to the tree)
+#   SRTE_STAGE  a scratch directory in the build tree
+#   SRTE_INCLUDE_DESTINATION  where the srte/ folder goes (absolute)
+cmake_policy(PUSH)
+cmake_policy(VERSION 3.25)
+set(pending ${SRTE_HEADER_ROOTS})
+set(public "")
+while(pending)
+  list(POP_FRONT pending header)
+  if(header IN_LIST public)
+    continue()
+  endif()
+  if(NOT EXISTS ${SRTE_SOURCE_DIR}/${header})
+    message(FATAL_ERROR "public header ${header} is not in the tree")
+  endif()
+  list(APPEND public ${header})
+  file(STRINGS ${SRTE_SOURCE_DIR}/${header} includes REGEX "^#include \"[^\"]+\"")
+  foreach(line ${includes})
+    string(REGEX REPLACE "^#include \"([^\"]+)\".*" "\\1" included "${line}")
+    if(EXISTS ${SRTE_SOURCE_DIR}/${included})
+      list(APPEND pending ${included})
+    endif()
+  endforeach()
+endwhile()
+
+file(REMOVE_RECURSE ${SRTE_STAGE})
+foreach(header ${public})
+  file(READ ${SRTE_SOURCE_DIR}/${header} text)
+  foreach(other ${public})
+    string(REPLACE "#include \"${other}\"" "#include <srte/${other}>" text "${text}")
+  endforeach()
+  file(WRITE ${SRTE_STAGE}/srte/${header} "${text}")
+endforeach()
+list(LENGTH public count)
+message(STATUS "Public headers: ${count}")
+file(INSTALL DESTINATION ${SRTE_INCLUDE_DESTINATION} TYPE DIRECTORY FILES ${SRTE_STAGE}/srte)
+cmake_policy(POP)
