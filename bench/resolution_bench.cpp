@@ -85,9 +85,9 @@ int main(int argc, char** argv) {
       Mox::Ptr<SegmentList> list = dedup->dedupSegmentList(listLabels(j));
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId id = list->getSegmentId(i);
-         SegmentListCollection* users = segmentMap->segmentList(id);
+         SegmentListsOfSegment* users = segmentMap->segmentList(id);
          if (!users) {
-            segmentMap->segmentListIs(id, Mox::make<SegmentListCollection>());
+            segmentMap->segmentListIs(id, Mox::make<SegmentListsOfSegment>());
             users = segmentMap->segmentList(id);
          }
          users->segmentListPtrIs(list);

@@ -557,9 +557,9 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
          const SegmentId segId = list->getSegmentId(i);
          SRTE_TRACE_TO(tracer_, 9,
                        "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
-         SegmentListCollection* users = in_.segmentMap->segmentList(segId);
+         SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId);
          if (!users) {
-            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListCollection>());
+            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListsOfSegment>());
             users = in_.segmentMap->segmentList(segId);
          }
          users->segmentListPtrIs(list);
@@ -588,7 +588,7 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
       SRTE_TRACE_TO(tracer_, 9,
                     "Removing registration of Segment Id: " << segId
                                                             << " from segmentList Id: " << slId);
-      if (SegmentListCollection* users = in_.segmentMap->segmentList(segId)) {
+      if (SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId)) {
          users->segmentListPtrDel(list);
          if (users->segmentListPtr().empty()) in_.segmentMap->segmentListDel(segId);
       }

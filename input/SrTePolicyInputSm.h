@@ -55,7 +55,9 @@
 #include <string>
 #include <vector>
 
+#include "input/SrTePolicyExportTypes.h"
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "input/SrTePolicySelectionInput.h"
 #include "platform/Kiln.h"
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
@@ -65,10 +67,8 @@
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
-#include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
-#include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicy.h"
 #include "types/SrTePolicyInput.h"
 #include "types/SrTePolicyPendingKey.h"

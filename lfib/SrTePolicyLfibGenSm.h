@@ -33,11 +33,11 @@
 #include <memory>
 #include <string>
 
+#include "lfib/SrTePolicyLfibStatus.h"
 #include "platform/Mox.h"
 #include "platform/MoxPool.h"
 #include "platform/Mpls.h"
 #include "platform/Trace.h"
-#include "publish/SrTePolicyLfibStatus.h"
 #include "publish/SrTePolicyStatus.h"
 #include "types/SrTePolicyTypes.h"
 

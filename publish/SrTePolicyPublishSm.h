@@ -45,7 +45,7 @@
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyConflictingPolicies.h"
 #include "publish/SrTePolicyStatus.h"
-#include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicyEcPolicy.h"
 
 namespace SrTePolicy {
 

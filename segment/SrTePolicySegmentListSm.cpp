@@ -381,7 +381,7 @@ void SegmentListSm::handleInitialPassDone() {
 void SegmentListSm::handleSegmentStatus(SegmentId id) {
    if (!initialized_) return;
    SRTE_TRACE_TO(tracer_, 7, " SegmentId : " << id);
-   const SegmentListCollection* users = in_.segmentIdToSegmentList->segmentList(id);
+   const SegmentListsOfSegment* users = in_.segmentIdToSegmentList->segmentList(id);
    if (!users) return;
    for (const auto& list : users->segmentListPtr()) {
       // A list withdrawn but still registered has no notifier; its removal was handled.

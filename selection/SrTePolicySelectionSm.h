@@ -31,6 +31,7 @@
 #include <memory>
 #include <string>
 
+#include "input/SrTePolicySelectionInput.h"
 #include "platform/Kiln.h"
 #include "platform/KilnPending.h"
 #include "platform/Mox.h"
@@ -39,7 +40,7 @@
 #include "platform/Trace.h"
 #include "segment/SrTePolicySegmentList.h"
 #include "segment/SrTePolicySegmentListStatus.h"
-#include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicyEcPolicy.h"
 #include "types/SrTePolicy.h"
 #include "types/SrTePolicyPendingKey.h"
 

@@ -85,7 +85,7 @@ struct ResolutionEnv {
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId id = list->getSegmentId(i);
          if (!segmentMap->segmentList(id)) {
-            segmentMap->segmentListIs(id, Mox::make<SegmentListCollection>());
+            segmentMap->segmentListIs(id, Mox::make<SegmentListsOfSegment>());
          }
          segmentMap->segmentList(id)->segmentListPtrIs(list);
       }
@@ -96,7 +96,7 @@ struct ResolutionEnv {
       Mox::Ptr<SegmentList> list = lists[labels];
       lists.erase(labels);
       for (uint32_t i = 0; i < list->size(); ++i) {
-         SegmentListCollection* users = segmentMap->segmentList(list->getSegmentId(i));
+         SegmentListsOfSegment* users = segmentMap->segmentList(list->getSegmentId(i));
          users->segmentListPtrDel(list);
          if (users->segmentListPtr().empty()) segmentMap->segmentListDel(list->getSegmentId(i));
       }
