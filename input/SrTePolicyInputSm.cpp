@@ -86,8 +86,7 @@ class PolicyInputSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyI
 // Construction
 
 PolicyInputSm::PolicyInputSm(Inputs in)
-    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
-      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+    : in_(std::move(in)), syslog_(&in_.syslog), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.config && in_.input && in_.mplsConfig && in_.mplsStatus &&
                    in_.policySelectionInput && in_.coreDedupTables && in_.segListMap &&
                    in_.segmentMap && in_.policyKeyToIdMap && in_.exportedSegmentListColl &&

@@ -185,8 +185,9 @@ class PolicyInputSm : public Mox::RefCounted {
       Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl;
       Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
 
    explicit PolicyInputSm(Inputs in);

@@ -55,7 +55,8 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
       Mox::Ptr<const PolicyStatus> policyStatus;
       Mox::Ptr<SrTePolicyLfibStatus> lfibStatus;
       Mox::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    explicit SrTePolicyLfibGenSm(Inputs in);

@@ -69,8 +69,7 @@ class PolicyPublishSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Polic
 // Construction
 
 PolicyPublishSm::PolicyPublishSm(Inputs in)
-    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
-      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer),
+    : in_(std::move(in)), syslog_(&in_.syslog), tracer_(&in_.tracer),
       clock_(in_.timerWheel ? in_.timerWheel : in_.taskScheduler) {
    SRTE_ASSERT(in_.ecPolicy && in_.taskScheduler && in_.status && in_.srteFwdStatus &&
                    in_.attrLogSm,

@@ -86,8 +86,9 @@ class PolicyPublishSm : public Mox::RefCounted {
       Kiln::TimerWheel* timerWheel = nullptr;
       Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
    using BindingSidPolicyMap = Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<ConflictingPolicies>>;
    using PolicyBindingSidMap = Mox::HashMap2018<PolicyKey, Ipkit::MplsLabel>;

@@ -109,8 +109,7 @@ class SegmentListSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Segment
 // Construction
 
 SegmentListSm::SegmentListSm(const Inputs& inputs)
-    : in_(inputs), syslog_(inputs.syslog ? inputs.syslog : &Syslog::processLog()),
-      tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
+    : in_(inputs), syslog_(&inputs.syslog), tracer_(&inputs.tracer) {
    moxSegmentList_ = std::make_unique<MoxSegmentList>(*this, in_.notifyingSegmentList.get());
    moxSegmentStatus_ = std::make_unique<MoxSegmentStatus>(*this, in_.segmentStatus.get());
    moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());

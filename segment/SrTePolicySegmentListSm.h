@@ -107,9 +107,9 @@ class SegmentListSm : public Mox::RefCounted {
       // May be null: then no depth limit applies.
       Mox::Ptr<const Routing::Hardware::Status> routingHwStatus;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      // Default to the process log and tracer; an assembly gives its own.
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
 
    explicit SegmentListSm(const Inputs& inputs);

@@ -65,7 +65,8 @@ class PolicySelectionSm : public Mox::RefCounted {
       Mox::Ptr<EcPolicy> ecPolicy;
       Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    explicit PolicySelectionSm(Inputs in);

@@ -62,8 +62,7 @@ class TunnelMapExportSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Tun
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-TunnelMapExportSm::TunnelMapExportSm(Inputs in)
-    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+TunnelMapExportSm::TunnelMapExportSm(Inputs in) : in_(std::move(in)), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.policyId && in_.tunnelIdToPolicyKey && in_.tunnelCounter && in_.scheduler &&
                    in_.attrLogSm,
                "TunnelMapExportSm needs every table of its Inputs");

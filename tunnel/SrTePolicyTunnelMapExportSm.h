@@ -101,7 +101,8 @@ class TunnelMapExportSm : public Mox::RefCounted {
       Mox::Ptr<const FlexCounters::CounterTable> tunnelCounter;
       Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    // The paths of one policy key that map a tunnel, by candidate: one or two as a rule. Each

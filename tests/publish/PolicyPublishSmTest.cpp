@@ -59,8 +59,8 @@ struct PublishEnv {
                                    .timerWheel = scheduler.get(),
                                    .srteFwdStatus = fib,
                                    .attrLogSm = attrLog,
-                                   .syslog = &log,
-                                   .tracer = &tracer});
+                                   .syslog = log,
+                                   .tracer = tracer});
    }
    void restart() {
       sm = nullptr;

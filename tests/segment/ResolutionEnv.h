@@ -29,6 +29,10 @@ struct ResolutionEnv {
        Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>();
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
 
+   // The machines' own log and tracer, as a core hands them its own.
+   Syslog::Capture logged;
+   Syslog::Log log;
+   Trace::Tracer tracer;
    Mox::Ptr<CoreDedupTables> dedup;
    Mox::Ptr<SegmentIdToSegmentList> segmentMap;
    Mox::Ptr<SegmentResolver> resolver;
@@ -36,7 +40,10 @@ struct ResolutionEnv {
    Mox::Ptr<SegmentListSm> listSm;
    std::map<std::vector<uint32_t>, Mox::Ptr<SegmentList>> lists;
 
-   ResolutionEnv() { start(); }
+   ResolutionEnv() {
+      log.sinkIs(&logged);
+      start();
+   }
    ~ResolutionEnv() { stop(); }
 
    // Lists given here exist before the machines start (a restart's backlog).
@@ -50,12 +57,13 @@ struct ResolutionEnv {
          dedup->notifyingSegmentListCollection()->uniqueIdIs(highest);
       }
       for (const auto& labels : existing) add(labels);
-      resolver = segmentResolverFactory(mpls);
+      resolver = segmentResolverFactory(mpls, tracer);
       segmentSm = segmentSmFactory({.notifyingSegment = dedup->notifyingSegmentCollection(),
                                     .mplsStatus = mpls,
                                     .segmentStatus = segmentStatus,
                                     .coreDedupTables = dedup,
-                                    .segmentResolver = resolver});
+                                    .segmentResolver = resolver,
+                                    .tracer = tracer});
       listSm =
           segmentListSmFactory({.notifyingSegmentList = dedup->notifyingSegmentListCollection(),
                                 .segmentStatus = segmentStatus,
@@ -66,7 +74,9 @@ struct ResolutionEnv {
                                 .segmentIdToSegmentList = segmentMap,
                                 .coreDedupTables = dedup,
                                 .routingHwStatus = hardware,
-                                .attrLogSm = attrLog});
+                                .attrLogSm = attrLog,
+                                .syslog = log,
+                                .tracer = tracer});
    }
    // What a process restart drops; the published tables stay.
    void stop() {

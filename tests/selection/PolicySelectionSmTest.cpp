@@ -28,6 +28,7 @@ struct SelectionEnv {
    Mox::Ptr<EcPolicy> ec = ecPolicyFactory("ecPolicy");
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
    Mox::Ptr<PolicySelectionSm> sm;
+   Trace::Tracer tracer;
 
    SelectionEnv() { start(); }
    void start() {
@@ -37,7 +38,8 @@ struct SelectionEnv {
                                      .segmentListIdToPolicyMap = users,
                                      .ecPolicy = ec,
                                      .scheduler = scheduler.get(),
-                                     .attrLogSm = attrLog});
+                                     .attrLogSm = attrLog,
+                                     .tracer = tracer});
    }
 
    // A candidate path with the given lists, written as the input stage writes it.
