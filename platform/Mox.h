@@ -170,11 +170,6 @@ Ptr<T> make(A&&... args) {
    return Ptr<T>(new T(std::forward<A>(args)...));
 }
 
-template <class T, class U>
-Ptr<T> ptrCast(const Ptr<U>& p) {
-   return Ptr<T>(static_cast<T*>(p.get()));
-}
-
 // ---------------------------------------------------------------------------------------------
 // Hashing for keyed collections: a key offers `uint32_t hash() const`, or std::hash applies.
 //
@@ -659,18 +654,6 @@ class Reactor : public N {
  private:
    Owner& owner_;
 };
-
-// Iterates a collection's keys while the body may insert or remove members: the keys are taken
-// first, and a key removed before its turn is skipped.
-template <class M, class F>
-void forEachKeySafe(M& map, F&& body) {
-   std::vector<typename M::key_type> keys;
-   keys.reserve(map.size());
-   for (const auto& kv : map) keys.push_back(keyOf(kv));
-   for (const auto& k : keys) {
-      if (map.find(k) != map.end()) body(k);
-   }
-}
 
 // A collection's keys in key order (hash collections iterate in no useful order): for dumps and
 // tables. Keys are copied, so the collection may change while they are walked.

@@ -203,13 +203,7 @@ void PolicyPublishSm::handleDel() {
    ++pendingChanges_;
    pendingBookmark_ = PolicyKey();
    initialized_ = false;
-   try {
-      in_.srteFwdStatus->fecDelAll();
-   } catch (const Vault::Corruption& e) {
-      SRTE_TRACE_TO(tracer_, 0, e.what());
-      in_.srteFwdStatus->handleCorruption();
-      SRTE_ASSERT(false, "srteFwdStatus corrupted");
-   }
+   fwdStatusWrite([](Vault::Fib::ForwardingStatus& fwd) { fwd.fecDelAll(); });
    in_.status->statusDelAll();
    // The reverse map holds the ids of the entries just removed and nothing else.
    in_.status->fecIdToPolicyKeyDelAll();
@@ -327,13 +321,6 @@ void PolicyPublishSm::withdraw(const PolicyKey& key) {
    in_.status->statusDel(key);
 }
 
-bool PolicyPublishSm::requestBindingSid(const Policy& policy, const PolicyKey& key) {
-   auto asked = policyBindingSidMap_.find(key);
-   return requestBindingSid(*policy.active(), key,
-                            asked != policyBindingSidMap_.end() &&
-                                asked->second == policy.active()->bindingSid());
-}
-
 bool PolicyPublishSm::requestBindingSid(const PolicyEntry& active, const PolicyKey& key,
                                         bool recorded) {
    const Ipkit::MplsLabel bsid = active.bindingSid();
@@ -443,25 +430,23 @@ void PolicyPublishSm::createSrTePolicyFecEntry(Vault::Fib::FecId fecId,
       SRTE_TRACE_TO(tracer_, 9, "Adding tunnelId: " << row.tunnelId);
       fec.viaIs(viaIndex++, via);
    }
-   try {
-      in_.srteFwdStatus->fecCommit(std::move(fec));
-   } catch (const Vault::Corruption& e) {
-      SRTE_TRACE_TO(tracer_, 0, e.what());
-      in_.srteFwdStatus->handleCorruption();
-      SRTE_ASSERT(false, "srteFwdStatus corrupted");
-   }
+   fwdStatusWrite([&fec](Vault::Fib::ForwardingStatus& fwd) { fwd.fecCommit(std::move(fec)); });
 }
 
 void PolicyPublishSm::deleteSrTePolicyFec(Vault::Fib::FecId fecId) {
    SRTE_TRACE_TO(tracer_, 8, "Delete policy fecId: " << fecId);
+   fwdStatusWrite([fecId](Vault::Fib::ForwardingStatus& fwd) { fwd.fecDel(fecId); });
+   numAllocator_->releaseNumber(static_cast<Kiln::Number>(fecId.index()));
+}
+
+void PolicyPublishSm::fwdStatusWrite(absl::FunctionRef<void(Vault::Fib::ForwardingStatus&)> write) {
    try {
-      in_.srteFwdStatus->fecDel(fecId);
+      write(*in_.srteFwdStatus);
    } catch (const Vault::Corruption& e) {
       SRTE_TRACE_TO(tracer_, 0, e.what());
       in_.srteFwdStatus->handleCorruption();
       SRTE_ASSERT(false, "srteFwdStatus corrupted");
    }
-   numAllocator_->releaseNumber(static_cast<Kiln::Number>(fecId.index()));
 }
 
 void PolicyPublishSm::deleteSrTePolicyFecs(const PolicyStatusEntry& statusEntry) {

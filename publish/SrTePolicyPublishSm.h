@@ -36,6 +36,7 @@
 #include <string>
 
 #include "absl/container/btree_set.h"
+#include "absl/functional/function_ref.h"
 #include "platform/Kiln.h"
 #include "platform/KilnNumAllocator.h"
 #include "platform/Mox.h"
@@ -130,11 +131,13 @@ class PolicyPublishSm : public Mox::RefCounted {
 
    // The steps of one key.
    void processPolicy(const PolicyKey& key);
-   bool requestBindingSid(const Policy& policy, const PolicyKey& key);
-   // The same for the active entry of the key; `recorded`: policyBindingSidMap already holds the
-   // entry's binding SID for the key (saves a second look-up).
+   // Claims the binding SID of the key's active entry; `recorded`: policyBindingSidMap already
+   // holds the entry's binding SID for the key (saves a second look-up).
    bool requestBindingSid(const PolicyEntry& active, const PolicyKey& key, bool recorded);
    void releaseBindingSid(Ipkit::MplsLabel bsid, const PolicyKey& key);
+   // Every write to the FIB's FEC table goes through here: a table found corrupt is counted, and
+   // is fatal, since what the FIB holds can no longer be told.
+   void fwdStatusWrite(absl::FunctionRef<void(Vault::Fib::ForwardingStatus&)> write);
    Vault::Fib::FecId getFecId();
    void createSrTePolicyFecEntry(Vault::Fib::FecId fecId, const PolicyEntry& policyEntry,
                                  Ipkit::MplsLabel viaMplsLabel);

@@ -155,7 +155,6 @@ class SegmentListSm : public Mox::RefCounted {
    void updateSegmentListStatus(const SegmentList& list, const SegmentListResolveResult& res);
    void updateTunnelTable(Tunnel::TunnelTable::TunnelId tunnelId, const MplsViaSet& viaSet,
                           Vault::Fib::FecId fecId);
-   void removeSegmentListStatus(SegmentListId id) { removeSegmentListStatusById(id); }
    void removeSegmentListStatusById(SegmentListId id);
 
  private:
