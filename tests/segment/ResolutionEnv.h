@@ -9,10 +9,11 @@
 
 #include "segment/SrTePolicySegmentListSm.h"
 #include "segment/SrTePolicySegmentSm.h"
+#include "tests/support/TestValues.h"
 
 namespace SrTePolicy::Testing {
 
-inline Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 inline Ipkit::IntfId intf(const char* name) { return *Ipkit::IntfId::parse(name); }
 inline Mpls::Via via(const char* hop, const char* interface, Ipkit::MplsLabelAction action,
                      uint32_t label = Ipkit::MplsLabel::null) {
@@ -28,11 +29,11 @@ struct ResolutionEnv {
    Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnels =
        Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>();
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
-
    // The machines' own log and tracer, as a core hands them its own.
    Syslog::Capture logged;
    Syslog::Log log;
    Trace::Tracer tracer;
+
    Mox::Ptr<CoreDedupTables> dedup;
    Mox::Ptr<SegmentIdToSegmentList> segmentMap;
    Mox::Ptr<SegmentResolver> resolver;

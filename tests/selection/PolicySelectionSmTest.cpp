@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "selection/SrTePolicySelectionSm.h"
+#include "tests/support/TestValues.h"
 
 namespace SrTePolicy {
 namespace {
 
-Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 
 const PolicyKey keyA(addr("10.0.0.1"), Color(10));
 
@@ -27,8 +28,8 @@ struct SelectionEnv {
    Mox::Ptr<SegmentListIdToPolicyMap> users = Mox::make<SegmentListIdToPolicyMap>();
    Mox::Ptr<EcPolicy> ec = ecPolicyFactory("ecPolicy");
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
-   Mox::Ptr<PolicySelectionSm> sm;
    Trace::Tracer tracer;
+   Mox::Ptr<PolicySelectionSm> sm;
 
    SelectionEnv() { start(); }
    void start() {
