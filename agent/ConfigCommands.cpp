@@ -1,6 +1,6 @@
 // The SR-TE configuration: Config flags, static policies and the color-to-DSCP map; the tables
 // `config` and `color-dscp`. The configuration process that turns static policies into input
-// records (StaticInputWriter) lives here too, as long as the host.
+// records (StaticInputWriter) is the host's, as long as the host.
 #include <algorithm>
 #include <ostream>
 #include <utility>
@@ -10,19 +10,12 @@
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
 #include "agent/ShowTable.h"
-#include "agent/StaticInputWriter.h"
 
 namespace Agent {
 
 using namespace SrTePolicy;
 
 namespace {
-
-// The configuration process: writes the static source's input records (see StaticInputWriter.h).
-struct ConfigProcess {
-   StaticInputWriter writer;
-   explicit ConfigProcess(Host& host) : writer(host.config(), host.policyInputSource()) {}
-};
 
 // The words of the static commands, all optional here; each verb says which it needs.
 struct StaticWords {
@@ -230,8 +223,6 @@ Show::View colorDscp(Host& host) {
 } // namespace
 
 void registerConfig(Host& host) {
-   host.shared<ConfigProcess>();
-
    registerFlag(host, "enabled", "SR-TE on or off", &Config::enabledIs);
    registerFlag(host, "specified-bsid-only",
                 "on: a candidate path without a binding SID is unusable",

@@ -19,7 +19,8 @@ class Host::AgentEnable : public Mox::Reactor<SrTePolicy::Config::Notifiee, Host
 Host::Host(std::ostream& out)
     : out_(&out),
       scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {
+      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))),
+      staticInputWriter_(std::make_unique<StaticInputWriter>(router_.config, router_.input)) {
    // A router on which SR-TE is configured.
    router_.config->enabledIs(true);
    agentEnable_ = std::make_unique<AgentEnable>(*this, router_.config.get());
@@ -29,15 +30,13 @@ Host::~Host() {
    agentEnable_.reset();
    dropStages();
    core_.reset();
-   clearSlots(shared_);
+   staticInputWriter_.reset();
 }
 
 const SrTePolicy::ProcessEntities& Host::coreEntities() {
    if (core_->started()) return core_->entities();
-   struct Stopped {
-      SrTePolicy::ProcessEntities none;
-   };
-   return shared<Stopped>().none;
+   if (!noEntities_) noEntities_ = std::make_unique<SrTePolicy::ProcessEntities>();
+   return *noEntities_;
 }
 
 void Host::handleEnabled() {
@@ -68,15 +67,6 @@ void Host::showIs(std::string table, std::string summary, ShowView view) {
        [view] { return view().json(); });
 }
 
-void Host::stageIs(int order, std::string name, StageFn build, StageFn drop) {
-   // A stage registered after start is built at once, as it would join a running agent.
-   if (started_ && build) build();
-   stages_.push_back(Stage{order, std::move(name), std::move(build), std::move(drop)});
-   // Stable: stages of equal order keep their registration order.
-   std::stable_sort(stages_.begin(), stages_.end(),
-                    [](const Stage& a, const Stage& b) { return a.order < b.order; });
-}
-
 const Host::Show* Host::show(std::string_view table) const {
    for (const auto& s : shows_) {
       if (s.table == table) return &s;
@@ -84,26 +74,17 @@ const Host::Show* Host::show(std::string_view table) const {
    return nullptr;
 }
 
-void Host::clearSlots(std::vector<Slot>& slots) {
-   while (!slots.empty()) {
-      auto last = std::move(slots.back().object);
-      slots.pop_back();
-      last.reset();
-   }
-}
-
 void Host::dropStages() {
-   for (auto it = stages_.rbegin(); it != stages_.rend(); ++it) {
-      if (it->drop) it->drop();
-   }
+   // First, while the core it watches still exists.
+   restartWatch_.reset();
    core_->stop();
-   clearSlots(process_);
 }
 
 void Host::buildStages() {
-   for (auto& s : stages_) {
-      if (s.build) s.build();
-   }
+   // Between the core's stop and its start: the snapshot is what the last incarnation left, and
+   // the watch's reactors see everything the new one writes.
+   if (restarts_ != 0)
+      restartWatch_ = std::make_unique<SrTePolicy::RestartWatch>(core_->published());
    if (router_.config->enabled()) core_->start();
 }
 

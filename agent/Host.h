@@ -7,8 +7,9 @@
 //  - the policy core (SrTePolicy::PolicyCore, core/SrTePolicyCore.h), built over those tables. It
 //    holds the published tables, the system log and the trace context, and builds and orders every
 //    state machine; `restart` restarts it;
-//  - host-private per-incarnation state (stages below), for what the agent itself does around
-//    the core.
+//  - for the whole run, the static input writer (configured static policies into the input
+//    tables); per incarnation, the restart watch (`show restart`), made between the core's stop
+//    and its next start.
 //
 // Extending it. A subsystem adds itself without touching a central switch:
 //  1. agent/<Subsystem>Commands.cpp defines `void registerSubsystem(Host& host)` and adds one
@@ -23,10 +24,8 @@
 //     [json]` and `show all [json]` then include them (in registration order);
 //  4. its state machines and the tables they share or publish live in the core, not here: add
 //     them there (see core/SrTePolicyCore.h) and reach them through `host.core()`;
-//  5. host-private state: `host.shared<T>()` (made on first use, kept across restarts), and
-//     `host.stageIs(order, "name", build, drop)` with `host.process<T>()` for state rebuilt by
-//     restart (destroyed in reverse order of creation); `drop` (optional) runs first, in reverse
-//     stage order, while everything still exists.
+//  5. host-private state is a plain member of Host, made and dropped in buildStages() and
+//     dropStages() when it lives one incarnation.
 // The router's own state that every subsystem reads (config(), policyInputSource(), mplsConfig(),
 // mplsStatus(), hardwareStatus(), counterTable(), scheduler(), attrLog()) has accessors here.
 //
@@ -41,16 +40,15 @@
 // Guarantees:
 //  - nothing runs tasks except `run` and `advance` (verbs change inputs; reactors only queue);
 //  - a line that fails to parse changes nothing;
-//  - start builds the host stages in ascending order, then the core; `restart` runs the stages'
-//    drop functions (reverse order), stops the core, destroys the process objects (reverse
-//    creation order), then builds the stages and starts the core again;
+//  - start starts the core; `restart` drops the restart watch, stops the core, makes a new
+//    restart watch over what the stopped core left, then starts the core again;
 //  - the core runs exactly while Config.enabled is on. The host starts as a router on which
 //    SR-TE is configured (enabled on). Turning it off tears the core down at once, withdrawing
 //    every output (PolicyCore::tearDown); turning it on starts it as after a restart, and the
 //    next `run` brings everything back. The host, not the core, watches the flag: it owns the
 //    process and decides when the core lives, as it does for `restart`, and tests and
 //    benchmarks embed a core that runs whatever the flag says. A `restart` while disabled
-//    rebuilds the host stages and leaves the core stopped.
+//    leaves the core stopped.
 #pragma once
 
 #include <functional>
@@ -58,15 +56,15 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <type_traits>
-#include <typeindex>
 #include <utility>
 #include <vector>
 
 #include "agent/Args.h"
 #include "agent/Json.h"
 #include "agent/ShowTable.h"
+#include "agent/StaticInputWriter.h"
 #include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyRestartWatch.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/Mpls.h"
@@ -82,7 +80,6 @@ class Host {
    using ShowText = std::function<void(std::string& out)>;
    using ShowJson = std::function<Json::Value()>;
    using ShowView = std::function<::Show::View()>;
-   using StageFn = std::function<void()>;
 
    struct Verb {
       std::string name; // one or more words: "run", "lfib route", "no input"
@@ -107,27 +104,9 @@ class Host {
    void showIs(std::string table, std::string summary, ShowText readable, ShowJson json);
    // The usual form: one view (agent/ShowTable.h) makes both the readable text and the JSON.
    void showIs(std::string table, std::string summary, ShowView view);
-   void stageIs(int order, std::string name, StageFn build, StageFn drop = {});
-
-   template <class T>
-   T& shared() {
-      return slot<T>(shared_);
-   }
-   template <class T>
-   T& process() {
-      return slot<T>(process_);
-   }
-   // The process object if a stage made it, else null (for shows that run before start).
-   template <class T>
-   T* processIf() {
-      for (auto& s : process_) {
-         if (s.type == typeid(T)) return static_cast<T*>(s.object.get());
-      }
-      return nullptr;
-   }
 
    // ---- running
-   // Builds every stage (once, after the modules registered).
+   // Starts the core when SR-TE is enabled (once, after the modules registered).
    void start();
    // Drops the in-process state and builds it again.
    void restart();
@@ -205,34 +184,10 @@ class Host {
    bool agentRunning() const { return core_->started(); }
    // The core's in-process entities; empty ones while the agent is stopped, for the tables.
    const SrTePolicy::ProcessEntities& coreEntities();
+   // What the last restart's start-up did to the published tables; null before the first.
+   const SrTePolicy::RestartWatch* restartWatch() const { return restartWatch_.get(); }
 
  private:
-   struct Slot {
-      std::type_index type;
-      std::shared_ptr<void> object;
-   };
-   struct Stage {
-      int order;
-      std::string name;
-      StageFn build;
-      StageFn drop;
-   };
-
-   template <class T>
-   T& slot(std::vector<Slot>& slots) {
-      for (auto& s : slots) {
-         if (s.type == typeid(T)) return *static_cast<T*>(s.object.get());
-      }
-      std::shared_ptr<T> made;
-      if constexpr (std::is_constructible_v<T, Host&>) {
-         made = std::make_shared<T>(*this);
-      } else {
-         made = std::make_shared<T>();
-      }
-      slots.push_back(Slot{typeid(T), made});
-      return *made;
-   }
-   static void clearSlots(std::vector<Slot>& slots);
    class AgentEnable;
 
    void dropStages();
@@ -246,9 +201,10 @@ class Host {
    std::unique_ptr<AgentEnable> agentEnable_;
    std::vector<Verb> verbs_;
    std::vector<Show> shows_;
-   std::vector<Stage> stages_;
-   std::vector<Slot> shared_;
-   std::vector<Slot> process_;
+   std::unique_ptr<StaticInputWriter> staticInputWriter_;
+   std::unique_ptr<SrTePolicy::RestartWatch> restartWatch_;
+   // coreEntities() while the core is stopped.
+   std::unique_ptr<SrTePolicy::ProcessEntities> noEntities_;
    bool started_ = false;
    bool quit_ = false;
    bool verbose_ = false;

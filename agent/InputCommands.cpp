@@ -130,7 +130,7 @@ std::vector<const SegmentMplsLabel*> segmentsById(const ProcessEntities& core) {
 }
 
 size_t listsUsing(const ProcessEntities& core, SegmentId id) {
-   const SegmentListCollection* c = core.segmentMap->segmentList(id);
+   const SegmentListsOfSegment* c = core.segmentMap->segmentList(id);
    return c ? c->segmentListPtr().size() : 0;
 }
 

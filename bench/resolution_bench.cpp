@@ -85,9 +85,9 @@ int main(int argc, char** argv) {
       Mox::Ptr<SegmentList> list = dedup->dedupSegmentList(listLabels(j));
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId id = list->getSegmentId(i);
-         SegmentListCollection* users = segmentMap->segmentList(id);
+         SegmentListsOfSegment* users = segmentMap->segmentList(id);
          if (!users) {
-            segmentMap->segmentListIs(id, Mox::make<SegmentListCollection>());
+            segmentMap->segmentListIs(id, Mox::make<SegmentListsOfSegment>());
             users = segmentMap->segmentList(id);
          }
          users->segmentListPtrIs(list);
@@ -98,12 +98,15 @@ int main(int argc, char** argv) {
 
    // Cold: both machines start over N existing lists.
    auto c0 = Clock::now();
-   auto resolver = segmentResolverFactory(mpls);
+   Syslog::Log log;
+   Trace::Tracer tracer;
+   auto resolver = segmentResolverFactory(mpls, tracer);
    auto segmentSm = segmentSmFactory({.notifyingSegment = dedup->notifyingSegmentCollection(),
                                       .mplsStatus = mpls,
                                       .segmentStatus = segmentStatus,
                                       .coreDedupTables = dedup,
-                                      .segmentResolver = resolver});
+                                      .segmentResolver = resolver,
+                                      .tracer = tracer});
    auto listSm =
        segmentListSmFactory({.notifyingSegmentList = dedup->notifyingSegmentListCollection(),
                              .segmentStatus = segmentStatus,
@@ -114,7 +117,9 @@ int main(int argc, char** argv) {
                              .segmentIdToSegmentList = segmentMap,
                              .coreDedupTables = dedup,
                              .routingHwStatus = hardware,
-                             .attrLogSm = attrLog});
+                             .attrLogSm = attrLog,
+                             .syslog = log,
+                             .tracer = tracer});
    const size_t coldRuns = scheduler->runUntilIdle();
    auto c1 = Clock::now();
    const long r2 = residentBytes();

@@ -1,5 +1,8 @@
 #include "core/SrTePolicyCore.h"
 
+#include <tuple>
+#include <utility>
+
 #include "platform/Assert.h"
 
 namespace SrTePolicy {
@@ -56,120 +59,138 @@ void PolicyCore::start() {
    router_.status->agentEnabledIs(true);
 }
 
-// The construction order. Resolution comes before input gathering, so that what the input
-// deduplicates is resolved as it appears; selection follows input gathering. Machines still to come
-// take their places as the Machines struct lists them: publishing, binding-SID LFIB generation and
-// tunnel map export after selection.
+// Every machine of machineOrder up to the last stage, first to last. Resolution comes before
+// input gathering, so that what the input deduplicates is resolved as it appears; selection
+// follows input gathering.
 void PolicyCore::buildMachines() {
-   Machines& m = *machines_;
-   const ProcessEntities& e = *entities_;
+   std::apply(
+       [this](const auto&... entry) {
+          // Stops at the first machine past the last stage: the list is in stage order.
+          (void)((entry.stage <= lastStage_ && (make((*machines_).*entry.member), true)) && ...);
+       },
+       machineOrder);
+}
 
-   m.segmentResolver = segmentResolverFactory(router_.mplsStatus, &tracer_);
-   m.segmentSm = segmentSmFactory({
-       .notifyingSegment = e.coreDedupTables->notifyingSegmentCollection(),
+void PolicyCore::make(Mox::Ptr<SegmentResolver>& sm) {
+   sm = segmentResolverFactory(router_.mplsStatus, tracer_);
+}
+
+void PolicyCore::make(Mox::Ptr<SegmentSm>& sm) {
+   sm = segmentSmFactory({
+       .notifyingSegment = entities_->coreDedupTables->notifyingSegmentCollection(),
        .mplsStatus = router_.mplsStatus,
-       .segmentStatus = e.segmentStatus,
-       .coreDedupTables = e.coreDedupTables,
-       .segmentResolver = m.segmentResolver,
-       .tracer = &tracer_,
+       .segmentStatus = entities_->segmentStatus,
+       .coreDedupTables = entities_->coreDedupTables,
+       .segmentResolver = machines_->segmentResolver,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::segmentListResolution) return;
-   m.segmentListSm = segmentListSmFactory({
-       .notifyingSegmentList = e.coreDedupTables->notifyingSegmentListCollection(),
-       .segmentStatus = e.segmentStatus,
+}
+
+void PolicyCore::make(Mox::Ptr<SegmentListSm>& sm) {
+   sm = segmentListSmFactory({
+       .notifyingSegmentList = entities_->coreDedupTables->notifyingSegmentListCollection(),
+       .segmentStatus = entities_->segmentStatus,
        .segmentListStatus = published_.segmentListStatus,
        .tunnelTable = published_.tunnelTable,
        .scheduler = router_.scheduler,
        .mplsStatus = router_.mplsStatus,
-       .segmentIdToSegmentList = e.segmentMap,
-       .coreDedupTables = e.coreDedupTables,
+       .segmentIdToSegmentList = entities_->segmentMap,
+       .coreDedupTables = entities_->coreDedupTables,
        .routingHwStatus = router_.hardwareStatus,
        .attrLogSm = router_.attrLog,
-       .syslog = &syslog_,
-       .tracer = &tracer_,
+       .syslog = syslog_,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::input) return;
-   m.policyInputSm = policyInputSmFactory({
+}
+
+void PolicyCore::make(Mox::Ptr<PolicyInputSm>& sm) {
+   sm = policyInputSmFactory({
        .config = router_.config,
        .input = router_.input,
        .mplsConfig = router_.mplsConfig,
        .mplsStatus = router_.mplsStatus,
        .policySelectionInput = published_.policySelectionInput,
-       .coreDedupTables = e.coreDedupTables,
-       .segListMap = e.segListMap,
-       .segmentMap = e.segmentMap,
-       .policyKeyToIdMap = e.policyKeyToIdMap,
+       .coreDedupTables = entities_->coreDedupTables,
+       .segListMap = entities_->segListMap,
+       .segmentMap = entities_->segmentMap,
+       .policyKeyToIdMap = entities_->policyKeyToIdMap,
        .exportedSegmentListColl = published_.exportedSegmentListColl,
        .scheduler = router_.scheduler,
        .attrLogSm = router_.attrLog,
-       .syslog = &syslog_,
-       .tracer = &tracer_,
+       .syslog = syslog_,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::selection) return;
-   m.policySelectionSm = policySelectionSmFactory({
+}
+
+void PolicyCore::make(Mox::Ptr<PolicySelectionSm>& sm) {
+   sm = policySelectionSmFactory({
        .config = router_.config,
        .policySelectionInput = published_.policySelectionInput,
        .segmentListStatus = published_.segmentListStatus,
-       .segmentListIdToPolicyMap = e.segListMap,
+       .segmentListIdToPolicyMap = entities_->segListMap,
        .ecPolicy = published_.ecPolicy,
        .scheduler = router_.scheduler,
        .attrLogSm = router_.attrLog,
-       .tracer = &tracer_,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::publishing) return;
-   m.policyPublishSm = policyPublishSmFactory({
+}
+
+void PolicyCore::make(Mox::Ptr<PolicyPublishSm>& sm) {
+   sm = policyPublishSmFactory({
        .ecPolicy = published_.ecPolicy,
        .taskScheduler = router_.scheduler,
        .status = published_.policyStatus,
        .timerWheel = router_.scheduler,
        .srteFwdStatus = published_.srteFwdStatus,
        .attrLogSm = router_.attrLog,
-       .syslog = &syslog_,
-       .tracer = &tracer_,
+       .syslog = syslog_,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::lfibGeneration) return;
-   m.lfibGenSm = srTePolicyLfibGenSmFactory({
+}
+
+void PolicyCore::make(Mox::Ptr<SrTePolicyLfibGenSm>& sm) {
+   sm = srTePolicyLfibGenSmFactory({
        .policyStatus = published_.policyStatus,
        .lfibStatus = published_.lfibStatus,
-       .adjIdxAlloc = e.adjIdxAlloc,
-       .tracer = &tracer_,
+       .adjIdxAlloc = entities_->adjIdxAlloc,
+       .tracer = tracer_,
    });
-   if (lastStage_ < Stage::tunnelMap) return;
-   // Tunnel map export: last. It adopts the rows whose tunnels the selection input still names.
-   m.tunnelMapExportSm = tunnelMapExportSmFactory({
+}
+
+void PolicyCore::make(Mox::Ptr<TunnelMapExportSm>& sm) {
+   // It adopts the rows whose tunnels the selection input still names.
+   sm = tunnelMapExportSmFactory({
        .policyId = published_.policySelectionInput,
        .tunnelIdToPolicyKey = published_.tunnelIdToPolicyKey,
        .tunnelCounter = router_.counterTable,
        .scheduler = router_.scheduler,
        .attrLogSm = router_.attrLog,
-       .tracer = &tracer_,
+       .tracer = tracer_,
    });
 }
 
 void PolicyCore::stop(StopMode mode) {
    if (!machines_) return;
-   if (mode == StopMode::withdrawOutputs) {
-      // Last built first, each torn down and gone before the next: a machine withdrawing its
-      // outputs must not wake one already torn down (selection emptying EcPolicy would requeue
-      // publishing). Input gathering releases every segment list while segment-list resolution
-      // still listens, so their tunnels and statuses are withdrawn with them.
-      Machines& m = *machines_;
-      auto tearDown = [](auto& machine) {
-         if (!machine) return; // not built: the core stops at an earlier stage
-         machine->handleDel();
-         machine = nullptr;
-      };
-      tearDown(m.tunnelMapExportSm);
-      tearDown(m.lfibGenSm);
-      tearDown(m.policyPublishSm);
-      tearDown(m.policySelectionSm);
-      tearDown(m.policyInputSm);
-      if (m.segmentListSm) m.segmentListSm->handleDel();
-      // Segment resolution publishes nothing outside the process.
+   // Last built first, each torn down and gone before the next: a machine withdrawing its outputs
+   // must not wake one already torn down (selection emptying EcPolicy would requeue publishing).
+   // Input gathering releases every segment list while segment-list resolution still listens, so
+   // their tunnels and statuses are withdrawn with them. Segment resolution publishes nothing
+   // outside the process and has nothing to withdraw.
+   auto tearDown = [this, mode](const auto& entry) {
+      auto& machine = (*machines_).*entry.member;
+      if (!machine) return; // not built: the core stops at an earlier stage
+      if constexpr (requires { machine->handleDel(); }) {
+         if (mode == StopMode::withdrawOutputs) machine->handleDel();
+      }
+      machine = nullptr;
+   };
+   constexpr size_t count = std::tuple_size_v<decltype(machineOrder)>;
+   [&]<size_t... I>(std::index_sequence<I...>) {
+      (tearDown(std::get<count - 1 - I>(machineOrder)), ...);
    }
-   // Members of Machines die in reverse declaration order, the last built first; then the
-   // entities they were given.
+   (std::make_index_sequence<count>{});
    machines_.reset();
+   // Then the entities they were given.
    entities_.reset();
    router_.status->agentEnabledIs(false);
 }

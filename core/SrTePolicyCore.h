@@ -23,14 +23,17 @@
 //
 // Adding a state machine takes:
 //  1. in its own files: `struct Inputs` naming every entity it reads and writes, plus the
-//     scheduler, attribute log, `Syslog::Log*` and `Trace::Tracer*`, and `xxxSmFactory(Inputs)`;
+//     scheduler, attribute log, `Syslog::Log&` and `Trace::Tracer&` (the core's own, required),
+//     and `xxxSmFactory(Inputs)`;
 //     its nested reactors (`MoxConfig`, ...) derive from `Mox::Reactor<Entity::Notifiee, Sm>`
 //     and forward each handler to one member (platform/Mox.h);
 //  2. the tables it publishes in PublishedTables, the in-process entities it shares in
 //     ProcessEntities (each in construction order);
-//  3. a member of Machines, a value of Stage and one block in PolicyCore::buildMachines() (after
-//     the check of the last stage to build), each at its place in construction order (designated
-//     initialisers: every input named);
+//  3. a member of Machines, a value of Stage and its entry in `machineOrder`, each at its place
+//     in construction order, and one `PolicyCore::make` overload that builds it (designated
+//     initialisers: every input named). `machineOrder` is the one list of machines: start()
+//     builds them in its order and stop() withdraws (when asked) and destroys them in reverse,
+//     so a machine with a `handleDel()` is torn down by it with nothing more to write;
 //  4. one accessor here;
 //  5. its host commands and tables (agent/<Subsystem>Commands.cpp, each table one Show::Table of
 //     agent/ShowTable.h), which reach it through `host.core()`.
@@ -38,10 +41,14 @@
 #pragma once
 
 #include <memory>
+#include <tuple>
 
+#include "input/SrTePolicyExportTypes.h"
 #include "input/SrTePolicyInputSm.h"
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "input/SrTePolicySelectionInput.h"
 #include "lfib/SrTePolicyLfibGenSm.h"
+#include "lfib/SrTePolicyLfibStatus.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/MoxBulk.h"
@@ -51,8 +58,6 @@
 #include "platform/Trace.h"
 #include "platform/TunnelTable.h"
 #include "platform/VaultFib.h"
-#include "publish/SrTePolicyExportTypes.h"
-#include "publish/SrTePolicyLfibStatus.h"
 #include "publish/SrTePolicyPublishSm.h"
 #include "publish/SrTePolicyStatus.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
@@ -61,7 +66,7 @@
 #include "segment/SrTePolicySegmentListStatus.h"
 #include "segment/SrTePolicySegmentResolver.h"
 #include "segment/SrTePolicySegmentSm.h"
-#include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicyEcPolicy.h"
 #include "selection/SrTePolicySelectionSm.h"
 #include "tunnel/SrTePolicyTunnelMapExportSm.h"
 #include "types/SrTeColorDscpMap.h"
@@ -142,21 +147,6 @@ struct ProcessEntities {
        Mox::make<MplsHelper::LfibGenAdjIdxAllocator>();
 };
 
-// The state machines, declared in construction order (segment resolution, segment-list
-// resolution, input gathering, selection, publishing, binding-SID LFIB generation, tunnel map
-// export); destroyed in reverse.
-struct Machines {
-   Mox::Ptr<SegmentResolver> segmentResolver;
-   Mox::Ptr<SegmentSm> segmentSm;
-   Mox::Ptr<SegmentListSm> segmentListSm;
-   Mox::Ptr<PolicyInputSm> policyInputSm;
-   Mox::Ptr<PolicySelectionSm> policySelectionSm;
-   Mox::Ptr<PolicyPublishSm> policyPublishSm;
-   Mox::Ptr<SrTePolicyLfibGenSm> lfibGenSm;
-   // Tunnel map export: the last machine, after publishing and binding-SID LFIB generation.
-   Mox::Ptr<TunnelMapExportSm> tunnelMapExportSm;
-};
-
 // The machines in construction order. A core built up to one of them leaves the later ones out
 // (their accessors give null): a benchmark or test of one stage measures that stage alone, with
 // what comes before it in place and nothing reacting after it.
@@ -168,6 +158,41 @@ enum class Stage {
    publishing,
    lfibGeneration,
    tunnelMap,
+};
+
+// The state machines. Their order is machineOrder's, below.
+struct Machines {
+   Mox::Ptr<SegmentResolver> segmentResolver;
+   Mox::Ptr<SegmentSm> segmentSm;
+   Mox::Ptr<SegmentListSm> segmentListSm;
+   Mox::Ptr<PolicyInputSm> policyInputSm;
+   Mox::Ptr<PolicySelectionSm> policySelectionSm;
+   Mox::Ptr<PolicyPublishSm> policyPublishSm;
+   Mox::Ptr<SrTePolicyLfibGenSm> lfibGenSm;
+   Mox::Ptr<TunnelMapExportSm> tunnelMapExportSm;
+};
+
+// One machine of the list: the stage that builds it and its member of Machines.
+template <class Sm>
+struct MachineEntry {
+   Stage stage;
+   Mox::Ptr<Sm> Machines::*member;
+};
+
+// The list of machines, in construction order (segment resolution, segment-list resolution, input
+// gathering, selection, publishing, binding-SID LFIB generation, tunnel map export). The one list
+// both PolicyCore::start() (first to last, up to the last stage) and PolicyCore::stop() (last to
+// first, each withdrawn when asked, then destroyed) walk.
+inline constexpr std::tuple machineOrder{
+    MachineEntry<SegmentResolver>{Stage::segmentResolution, &Machines::segmentResolver},
+    MachineEntry<SegmentSm>{Stage::segmentResolution, &Machines::segmentSm},
+    MachineEntry<SegmentListSm>{Stage::segmentListResolution, &Machines::segmentListSm},
+    MachineEntry<PolicyInputSm>{Stage::input, &Machines::policyInputSm},
+    MachineEntry<PolicySelectionSm>{Stage::selection, &Machines::policySelectionSm},
+    MachineEntry<PolicyPublishSm>{Stage::publishing, &Machines::policyPublishSm},
+    MachineEntry<SrTePolicyLfibGenSm>{Stage::lfibGeneration, &Machines::lfibGenSm},
+    // Tunnel map export: the last machine, after publishing and binding-SID LFIB generation.
+    MachineEntry<TunnelMapExportSm>{Stage::tunnelMap, &Machines::tunnelMapExportSm},
 };
 
 class PolicyCore {
@@ -227,6 +252,15 @@ class PolicyCore {
 
  private:
    void buildMachines();
+   // One per machine of machineOrder, each building it from the tables it is given.
+   void make(Mox::Ptr<SegmentResolver>& sm);
+   void make(Mox::Ptr<SegmentSm>& sm);
+   void make(Mox::Ptr<SegmentListSm>& sm);
+   void make(Mox::Ptr<PolicyInputSm>& sm);
+   void make(Mox::Ptr<PolicySelectionSm>& sm);
+   void make(Mox::Ptr<PolicyPublishSm>& sm);
+   void make(Mox::Ptr<SrTePolicyLfibGenSm>& sm);
+   void make(Mox::Ptr<TunnelMapExportSm>& sm);
 
    RouterTables router_;
    PublishedTables published_;

@@ -86,8 +86,7 @@ class PolicyInputSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, PolicyI
 // Construction
 
 PolicyInputSm::PolicyInputSm(Inputs in)
-    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
-      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+    : in_(std::move(in)), syslog_(&in_.syslog), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.config && in_.input && in_.mplsConfig && in_.mplsStatus &&
                    in_.policySelectionInput && in_.coreDedupTables && in_.segListMap &&
                    in_.segmentMap && in_.policyKeyToIdMap && in_.exportedSegmentListColl &&
@@ -537,9 +536,9 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
          const SegmentId segId = list->getSegmentId(i);
          SRTE_TRACE_TO(tracer_, 9,
                        "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
-         SegmentListCollection* users = in_.segmentMap->segmentList(segId);
+         SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId);
          if (!users) {
-            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListCollection>());
+            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListsOfSegment>());
             users = in_.segmentMap->segmentList(segId);
          }
          users->segmentListPtrIs(list);
@@ -568,7 +567,7 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
       SRTE_TRACE_TO(tracer_, 9,
                     "Removing registration of Segment Id: " << segId
                                                             << " from segmentList Id: " << slId);
-      if (SegmentListCollection* users = in_.segmentMap->segmentList(segId)) {
+      if (SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId)) {
          users->segmentListPtrDel(list);
          if (users->segmentListPtr().empty()) in_.segmentMap->segmentListDel(segId);
       }

@@ -55,7 +55,9 @@
 #include <string>
 #include <vector>
 
+#include "input/SrTePolicyExportTypes.h"
 #include "input/SrTePolicyKeyToIdMap.h"
+#include "input/SrTePolicySelectionInput.h"
 #include "platform/Kiln.h"
 #include "platform/KilnDrain.h"
 #include "platform/Mox.h"
@@ -65,10 +67,8 @@
 #include "platform/Mpls.h"
 #include "platform/Syslog.h"
 #include "platform/Trace.h"
-#include "publish/SrTePolicyExportTypes.h"
 #include "segment/SrTePolicyCoreDedupTable.h"
 #include "segment/SrTePolicySegmentList.h"
-#include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicy.h"
 #include "types/SrTePolicyInput.h"
 #include "types/SrTePolicyPendingKey.h"
@@ -186,8 +186,9 @@ class PolicyInputSm : public Mox::RefCounted {
       Mox::Ptr<Export::SegmentListCollection> exportedSegmentListColl;
       Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
 
    explicit PolicyInputSm(Inputs in);

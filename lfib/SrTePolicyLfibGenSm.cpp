@@ -41,8 +41,7 @@ class SrTePolicyLfibGenSm::MoxNestedPolicy
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Inputs in)
-    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+SrTePolicyLfibGenSm::SrTePolicyLfibGenSm(Inputs in) : in_(std::move(in)), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.policyStatus && in_.lfibStatus && in_.adjIdxAlloc,
                "SrTePolicyLfibGenSm needs every table of its Inputs");
    lfib_ = in_.lfibStatus->lfib();

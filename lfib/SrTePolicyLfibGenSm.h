@@ -33,11 +33,11 @@
 #include <memory>
 #include <string>
 
+#include "lfib/SrTePolicyLfibStatus.h"
 #include "platform/Mox.h"
 #include "platform/MoxPool.h"
 #include "platform/Mpls.h"
 #include "platform/Trace.h"
-#include "publish/SrTePolicyLfibStatus.h"
 #include "publish/SrTePolicyStatus.h"
 #include "types/SrTePolicyTypes.h"
 
@@ -55,7 +55,8 @@ class SrTePolicyLfibGenSm : public Mox::RefCounted {
       Mox::Ptr<const PolicyStatus> policyStatus;
       Mox::Ptr<SrTePolicyLfibStatus> lfibStatus;
       Mox::Ptr<MplsHelper::LfibGenAdjIdxAllocator> adjIdxAlloc;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    explicit SrTePolicyLfibGenSm(Inputs in);

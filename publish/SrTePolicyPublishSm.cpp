@@ -69,8 +69,7 @@ class PolicyPublishSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Polic
 // Construction
 
 PolicyPublishSm::PolicyPublishSm(Inputs in)
-    : in_(std::move(in)), syslog_(in_.syslog ? in_.syslog : &Syslog::processLog()),
-      tracer_(in_.tracer ? in_.tracer : &Trace::processTracer),
+    : in_(std::move(in)), syslog_(&in_.syslog), tracer_(&in_.tracer),
       clock_(in_.timerWheel ? in_.timerWheel : in_.taskScheduler) {
    SRTE_ASSERT(in_.ecPolicy && in_.taskScheduler && in_.status && in_.srteFwdStatus &&
                    in_.attrLogSm,
@@ -156,13 +155,7 @@ void PolicyPublishSm::handleDel() {
    if (task_) task_->unscheduleTask();
    pendingPolicy_.clear();
    initialized_ = false;
-   try {
-      in_.srteFwdStatus->fecDelAll();
-   } catch (const Vault::Corruption& e) {
-      SRTE_TRACE_TO(tracer_, 0, e.what());
-      in_.srteFwdStatus->handleCorruption();
-      SRTE_ASSERT(false, "srteFwdStatus corrupted");
-   }
+   fwdStatusWrite([](Vault::Fib::ForwardingStatus& fwd) { fwd.fecDelAll(); });
    in_.status->statusDelAll();
    // The reverse map holds the ids of the entries just removed and nothing else.
    in_.status->fecIdToPolicyKeyDelAll();
@@ -280,13 +273,6 @@ void PolicyPublishSm::withdraw(const PolicyKey& key) {
    in_.status->statusDel(key);
 }
 
-bool PolicyPublishSm::requestBindingSid(const Policy& policy, const PolicyKey& key) {
-   auto asked = policyBindingSidMap_.find(key);
-   return requestBindingSid(*policy.active(), key,
-                            asked != policyBindingSidMap_.end() &&
-                                asked->second == policy.active()->bindingSid());
-}
-
 bool PolicyPublishSm::requestBindingSid(const PolicyEntry& active, const PolicyKey& key,
                                         bool recorded) {
    const Ipkit::MplsLabel bsid = active.bindingSid();
@@ -396,25 +382,23 @@ void PolicyPublishSm::createSrTePolicyFecEntry(Vault::Fib::FecId fecId,
       SRTE_TRACE_TO(tracer_, 9, "Adding tunnelId: " << row.tunnelId);
       fec.viaIs(viaIndex++, via);
    }
-   try {
-      in_.srteFwdStatus->fecCommit(std::move(fec));
-   } catch (const Vault::Corruption& e) {
-      SRTE_TRACE_TO(tracer_, 0, e.what());
-      in_.srteFwdStatus->handleCorruption();
-      SRTE_ASSERT(false, "srteFwdStatus corrupted");
-   }
+   fwdStatusWrite([&fec](Vault::Fib::ForwardingStatus& fwd) { fwd.fecCommit(std::move(fec)); });
 }
 
 void PolicyPublishSm::deleteSrTePolicyFec(Vault::Fib::FecId fecId) {
    SRTE_TRACE_TO(tracer_, 8, "Delete policy fecId: " << fecId);
+   fwdStatusWrite([fecId](Vault::Fib::ForwardingStatus& fwd) { fwd.fecDel(fecId); });
+   numAllocator_->releaseNumber(static_cast<Kiln::Number>(fecId.index()));
+}
+
+void PolicyPublishSm::fwdStatusWrite(absl::FunctionRef<void(Vault::Fib::ForwardingStatus&)> write) {
    try {
-      in_.srteFwdStatus->fecDel(fecId);
+      write(*in_.srteFwdStatus);
    } catch (const Vault::Corruption& e) {
       SRTE_TRACE_TO(tracer_, 0, e.what());
       in_.srteFwdStatus->handleCorruption();
       SRTE_ASSERT(false, "srteFwdStatus corrupted");
    }
-   numAllocator_->releaseNumber(static_cast<Kiln::Number>(fecId.index()));
 }
 
 void PolicyPublishSm::deleteSrTePolicyFecs(const PolicyStatusEntry& statusEntry) {

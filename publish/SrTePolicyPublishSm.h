@@ -45,7 +45,7 @@
 #include "platform/VaultFib.h"
 #include "publish/SrTePolicyConflictingPolicies.h"
 #include "publish/SrTePolicyStatus.h"
-#include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicyEcPolicy.h"
 #include "types/SrTePolicyPendingKey.h"
 
 namespace SrTePolicy {
@@ -80,8 +80,9 @@ class PolicyPublishSm : public Mox::RefCounted {
       Kiln::TimerWheel* timerWheel = nullptr;
       Mox::Ptr<Vault::Fib::ForwardingStatus> srteFwdStatus;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
    using BindingSidPolicyMap = Mox::HashMap2018<Ipkit::MplsLabel, Mox::Ptr<ConflictingPolicies>>;
    using PolicyBindingSidMap = Mox::HashMap2018<PolicyKey, Ipkit::MplsLabel>;
@@ -127,11 +128,13 @@ class PolicyPublishSm : public Mox::RefCounted {
 
    // The steps of one key.
    void processPolicy(const PolicyKey& key);
-   bool requestBindingSid(const Policy& policy, const PolicyKey& key);
-   // The same for the active entry of the key; `recorded`: policyBindingSidMap already holds the
-   // entry's binding SID for the key (saves a second look-up).
+   // Claims the binding SID of the key's active entry; `recorded`: policyBindingSidMap already
+   // holds the entry's binding SID for the key (saves a second look-up).
    bool requestBindingSid(const PolicyEntry& active, const PolicyKey& key, bool recorded);
    void releaseBindingSid(Ipkit::MplsLabel bsid, const PolicyKey& key);
+   // Every write to the FIB's FEC table goes through here: a table found corrupt is counted, and
+   // is fatal, since what the FIB holds can no longer be told.
+   void fwdStatusWrite(absl::FunctionRef<void(Vault::Fib::ForwardingStatus&)> write);
    Vault::Fib::FecId getFecId();
    void createSrTePolicyFecEntry(Vault::Fib::FecId fecId, const PolicyEntry& policyEntry,
                                  Ipkit::MplsLabel viaMplsLabel);

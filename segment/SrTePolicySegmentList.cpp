@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 
+#include "input/SrTePolicySelectionInput.h"
 #include "platform/Assert.h"
 
 namespace SrTePolicy {
@@ -140,7 +141,7 @@ void SegmentListDedupTable::dump(std::string& out, int depth) const {
    Mox::appendf(out, "%*cSegmentListDedupTable: entries #%zu\n", depth, ' ', dedupTable().size());
 }
 
-SegmentListCollection* SegmentIdToSegmentList::segmentList(SegmentId id) const {
+SegmentListsOfSegment* SegmentIdToSegmentList::segmentList(SegmentId id) const {
    auto it = segmentList_.find(id);
    return it == segmentList_.end() ? nullptr : it->second.get();
 }
@@ -152,6 +153,22 @@ void SegmentIdToSegmentList::dump(std::string& out, int depth) const {
       for (const auto& l : lists->segmentListPtr())
          out += std::string(depth + 2, ' ') + l->stringValue();
    }
+}
+
+SegmentListUser::SegmentListUser(SegmentListId id, Mox::Ptr<const SegmentList> segmentList)
+    : id_(id), segmentList_(std::move(segmentList)) {}
+
+const PolicyId& SegmentListUser::MemberId::operator()(const Member& m) const noexcept {
+   return m->id();
+}
+
+void SegmentListUser::policyIdIs(const Member& entry) {
+   if (policyId_.insert(entry).second) notify(&Notifiee::onPolicyId, entry->id());
+}
+
+void SegmentListUser::policyIdIsNew(const Member& entry) {
+   policyId_.insertNew(entry);
+   notify(&Notifiee::onPolicyId, entry->id());
 }
 
 void SegmentListUser::policyIdDel(Members::const_iterator it) {

@@ -31,7 +31,6 @@
 #include "platform/Tunnel.h"
 #include "segment/SrTePolicyDedupLifeTime.h"
 #include "segment/SrTePolicySegment.h"
-#include "selection/SrTePolicyEntry.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace SrTePolicy {
@@ -40,6 +39,10 @@ class SegmentListLifeTimeNotifier;
 class SegmentListDedupTable;
 
 class SegmentListUser;
+// A list's users are candidate paths, held by their selection-input entry (written by the input
+// stage, a later layer): declared only, so the members that reach into one are defined in the
+// .cpp.
+class PolicyIdEntry;
 
 class SegmentList : public Kiln::DedupHandle, public Mox::Slabbed<SegmentList> {
  public:
@@ -93,6 +96,10 @@ class SegmentList : public Kiln::DedupHandle, public Mox::Slabbed<SegmentList> {
    friend struct SegmentListDedupTraits;
    friend class SegmentListIdToPolicyMap;
    friend class SegmentListUser;
+   // A list's users are candidate paths, held by their selection-input entry (written by the input
+   // stage, a later layer): declared only, so the members that reach into one are defined in the
+   // .cpp.
+   class PolicyIdEntry;
    // The list's entry in the segment-list-to-policy map, kept exact by that map: registering a
    // path for a list it has just deduplicated then needs no lookup by id.
    mutable SegmentListUser* mapUser_ = nullptr;
@@ -206,10 +213,10 @@ class SegmentListDedupTable : public DedupTableOf<SegmentListLifeTimeNotifiee, S
 // Reverse maps
 
 // The lists that contain one segment.
-class SegmentListCollection : public Mox::Entity {
+class SegmentListsOfSegment : public Mox::Entity {
  public:
    using Set = Mox::HashSet<Mox::Ptr<const SegmentList>>;
-   class Notifiee : public Mox::NotifieeOf<SegmentListCollection> {
+   class Notifiee : public Mox::NotifieeOf<SegmentListsOfSegment> {
     public:
       virtual void onSegmentListPtr(const Mox::Ptr<const SegmentList>&) {}
    };
@@ -228,14 +235,14 @@ class SegmentListCollection : public Mox::Entity {
 
 class SegmentIdToSegmentList : public Mox::Entity {
  public:
-   using Map = Mox::HashMap2018<SegmentId, Mox::Ptr<SegmentListCollection>>;
+   using Map = Mox::HashMap2018<SegmentId, Mox::Ptr<SegmentListsOfSegment>>;
    class Notifiee : public Mox::NotifieeOf<SegmentIdToSegmentList> {
     public:
       virtual void onSegmentList(const SegmentId&) {}
    };
    const Map& segmentList() const noexcept { return segmentList_; }
-   SegmentListCollection* segmentList(SegmentId id) const;
-   void segmentListIs(SegmentId id, Mox::Ptr<SegmentListCollection> c) {
+   SegmentListsOfSegment* segmentList(SegmentId id) const;
+   void segmentListIs(SegmentId id, Mox::Ptr<SegmentListsOfSegment> c) {
       collIs(segmentList_, id, std::move(c), &Notifiee::onSegmentList);
    }
    void segmentListDel(SegmentId id) { collDel(segmentList_, id, &Notifiee::onSegmentList); }
@@ -257,7 +264,7 @@ class SegmentListUser : public Mox::Entity, public Mox::Slabbed<SegmentListUser>
    using Members = Mox::SmallSet<Member, 2, 16>;
 
    struct MemberId {
-      const PolicyId& operator()(const Member& m) const noexcept { return m->id(); }
+      const PolicyId& operator()(const Member& m) const noexcept;
    };
    // The members' PolicyIds, in no particular order.
    using PolicyIds = Mox::MappedView<Members, MemberId>;
@@ -266,8 +273,7 @@ class SegmentListUser : public Mox::Entity, public Mox::Slabbed<SegmentListUser>
     public:
       virtual void onPolicyId(const PolicyId&) {}
    };
-   SegmentListUser(SegmentListId id, Mox::Ptr<const SegmentList> segmentList)
-       : id_(id), segmentList_(std::move(segmentList)) {}
+   SegmentListUser(SegmentListId id, Mox::Ptr<const SegmentList> segmentList);
    ~SegmentListUser() override;
 
    SegmentListId id() const noexcept { return id_; }
@@ -275,14 +281,9 @@ class SegmentListUser : public Mox::Entity, public Mox::Slabbed<SegmentListUser>
    PolicyIds policyId() const noexcept { return PolicyIds(policyId_); }
    bool policyIdHas(const PolicyId& p) const { return policyId().count(p) != 0; }
    // The path of `entry` uses the list.
-   void policyIdIs(const Member& entry) {
-      if (policyId_.insert(entry).second) notify(&Notifiee::onPolicyId, entry->id());
-   }
+   void policyIdIs(const Member& entry);
    // A path the caller knows is not a user yet: added without searching the users.
-   void policyIdIsNew(const Member& entry) {
-      policyId_.insertNew(entry);
-      notify(&Notifiee::onPolicyId, entry->id());
-   }
+   void policyIdIsNew(const Member& entry);
    void policyIdDel(const PolicyIdEntry& entry);
    // By id: a scan of the members.
    void policyIdDel(const PolicyId& p);

@@ -109,8 +109,7 @@ class SegmentListSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Segment
 // Construction
 
 SegmentListSm::SegmentListSm(const Inputs& inputs)
-    : in_(inputs), syslog_(inputs.syslog ? inputs.syslog : &Syslog::processLog()),
-      tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
+    : in_(inputs), syslog_(&inputs.syslog), tracer_(&inputs.tracer) {
    moxSegmentList_ = std::make_unique<MoxSegmentList>(*this, in_.notifyingSegmentList.get());
    moxSegmentStatus_ = std::make_unique<MoxSegmentStatus>(*this, in_.segmentStatus.get());
    moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());
@@ -383,7 +382,7 @@ void SegmentListSm::handleInitialPassDone() {
 void SegmentListSm::handleSegmentStatus(SegmentId id) {
    if (!initialized_) return;
    SRTE_TRACE_TO(tracer_, 7, " SegmentId : " << id);
-   const SegmentListCollection* users = in_.segmentIdToSegmentList->segmentList(id);
+   const SegmentListsOfSegment* users = in_.segmentIdToSegmentList->segmentList(id);
    if (!users) return;
    for (const auto& list : users->segmentListPtr()) {
       // A list withdrawn but still registered has no notifier; its removal was handled.

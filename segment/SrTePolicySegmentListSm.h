@@ -108,9 +108,9 @@ class SegmentListSm : public Mox::RefCounted {
       // May be null: then no depth limit applies.
       Mox::Ptr<const Routing::Hardware::Status> routingHwStatus;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      // Default to the process log and tracer; an assembly gives its own.
-      Syslog::Log* syslog = nullptr;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::syslog(), tracer()), never the process ones.
+      Syslog::Log& syslog;
+      Trace::Tracer& tracer;
    };
 
    explicit SegmentListSm(const Inputs& inputs);
@@ -159,7 +159,6 @@ class SegmentListSm : public Mox::RefCounted {
    void updateSegmentListStatus(const SegmentList& list, const SegmentListResolveResult& res);
    void updateTunnelTable(Tunnel::TunnelTable::TunnelId tunnelId, const MplsViaSet& viaSet,
                           Vault::Fib::FecId fecId);
-   void removeSegmentListStatus(SegmentListId id) { removeSegmentListStatusById(id); }
    void removeSegmentListStatusById(SegmentListId id);
 
  private:

@@ -29,7 +29,7 @@ void SegmentStatus::dump(std::string& out, int depth) const {
 }
 
 Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus,
-                                                 Trace::Tracer* tracer) {
+                                                 Trace::Tracer& tracer) {
    return Mox::make<SegmentResolver>(std::move(mplsStatus), tracer);
 }
 

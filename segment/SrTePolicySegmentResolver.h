@@ -86,10 +86,9 @@ class SegmentStatus : public Mox::Entity {
 
 class SegmentResolver : public Mox::Entity {
  public:
-   // `tracer` defaults to the process tracer.
-   explicit SegmentResolver(Mox::Ptr<const Mpls::Status> mplsStatus,
-                            Trace::Tracer* tracer = nullptr)
-       : mplsStatus_(std::move(mplsStatus)), tracer_(tracer ? tracer : &Trace::processTracer) {}
+   // `tracer`: the assembly's own (PolicyCore::tracer()).
+   SegmentResolver(Mox::Ptr<const Mpls::Status> mplsStatus, Trace::Tracer& tracer)
+       : mplsStatus_(std::move(mplsStatus)), tracer_(&tracer) {}
    const Mpls::Status& mplsStatus() const noexcept { return *mplsStatus_; }
 
    // Looks the label's route up; null when there is none or it is refused.
@@ -106,6 +105,6 @@ class SegmentResolver : public Mox::Entity {
 };
 
 Mox::Ptr<SegmentResolver> segmentResolverFactory(Mox::Ptr<const Mpls::Status> mplsStatus,
-                                                 Trace::Tracer* tracer = nullptr);
+                                                 Trace::Tracer& tracer);
 
 } // namespace SrTePolicy

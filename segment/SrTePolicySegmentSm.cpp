@@ -21,8 +21,7 @@ class SegmentSm::MoxMplsStatus : public Mox::Reactor<Mpls::Status::Notifiee, Seg
    void onAdjacency(const Mpls::AdjacencyIndex& index) override { owner().handleAdjacency(index); }
 };
 
-SegmentSm::SegmentSm(const Inputs& inputs)
-    : in_(inputs), tracer_(inputs.tracer ? inputs.tracer : &Trace::processTracer) {
+SegmentSm::SegmentSm(const Inputs& inputs) : in_(inputs), tracer_(&inputs.tracer) {
    moxSegment_ = std::make_unique<MoxSegment>(*this, in_.notifyingSegment.get());
    moxMplsStatus_ = std::make_unique<MoxMplsStatus>(*this, in_.mplsStatus.get());
    handleInitialized();

@@ -38,8 +38,8 @@ class SegmentSm : public Mox::RefCounted {
       Mox::Ptr<SegmentStatus> segmentStatus;
       Mox::Ptr<const CoreDedupTables> coreDedupTables;
       Mox::Ptr<const SegmentResolver> segmentResolver;
-      // Defaults to the process tracer; an assembly gives its own.
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    explicit SegmentSm(const Inputs& inputs);

@@ -66,8 +66,7 @@ class PolicySelectionSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Pol
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-PolicySelectionSm::PolicySelectionSm(Inputs in)
-    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+PolicySelectionSm::PolicySelectionSm(Inputs in) : in_(std::move(in)), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.config && in_.policySelectionInput && in_.segmentListStatus &&
                    in_.segmentListIdToPolicyMap && in_.ecPolicy && in_.scheduler && in_.attrLogSm,
                "PolicySelectionSm needs every table of its Inputs");

@@ -31,6 +31,7 @@
 #include <memory>
 #include <string>
 
+#include "input/SrTePolicySelectionInput.h"
 #include "platform/Kiln.h"
 #include "platform/KilnDrain.h"
 #include "platform/Mox.h"
@@ -39,7 +40,7 @@
 #include "platform/Trace.h"
 #include "segment/SrTePolicySegmentList.h"
 #include "segment/SrTePolicySegmentListStatus.h"
-#include "selection/SrTePolicyEntry.h"
+#include "selection/SrTePolicyEcPolicy.h"
 #include "types/SrTePolicy.h"
 #include "types/SrTePolicyPendingKey.h"
 
@@ -64,7 +65,8 @@ class PolicySelectionSm : public Mox::RefCounted {
       Mox::Ptr<EcPolicy> ecPolicy;
       Kiln::TaskScheduler* scheduler = nullptr;
       Mox::Ptr<Kiln::AttrLogSm> attrLogSm;
-      Trace::Tracer* tracer = nullptr;
+      // The assembly's own (PolicyCore::tracer()), never the process one.
+      Trace::Tracer& tracer;
    };
 
    explicit PolicySelectionSm(Inputs in);

@@ -336,7 +336,7 @@ Rows segments(PolicyCore& core, const History&) {
    Rows rows;
    for (const auto& n : e.coreDedupTables->notifyingSegmentCollection()->segmentNotifier()) {
       const auto* s = static_cast<const SegmentMplsLabel*>(n->segmentRawPtr());
-      const SegmentListCollection* users = e.segmentMap->segmentList(s->segmentId());
+      const SegmentListsOfSegment* users = e.segmentMap->segmentList(s->segmentId());
       const SegmentResolve* r = e.segmentStatus->status(s->segmentId());
       rows.push_back(s->label().stringValue() + " lists " +
                      std::to_string(users ? users->segmentListPtr().size() : 0) + " " +

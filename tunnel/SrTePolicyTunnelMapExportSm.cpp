@@ -10,35 +10,6 @@
 namespace SrTePolicy {
 
 // ---------------------------------------------------------------------------------------------
-// The shared table
-
-std::string TunnelIdToPolicyKeyEntry::stringValue() const {
-   return tunnelId.stringValue() + ": " + policyKey.stringValue();
-}
-
-void TunnelIdToPolicyKey::corruptionCheck() {
-   if (corruptionInject_) [[unlikely]] {
-      corruptionInject_ = false;
-      throw Vault::Corruption("TunnelIdToPolicyKey " + name_ + ": shared table corrupted");
-   }
-}
-
-void TunnelIdToPolicyKey::tunnelEntryCommit(const TunnelIdToPolicyKeyEntry& entry) {
-   corruptionCheck();
-   collIs(entry_, entry.tunnelId, entry, &Notifiee::onTunnelEntry);
-}
-
-void TunnelIdToPolicyKey::tunnelEntryDel(TunnelId id) {
-   corruptionCheck();
-   collDel(entry_, id, &Notifiee::onTunnelEntry);
-}
-
-void TunnelIdToPolicyKey::tunnelEntryDelAll() {
-   corruptionCheck();
-   collDelAll(entry_, &Notifiee::onTunnelEntry);
-}
-
-// ---------------------------------------------------------------------------------------------
 // Reactors: each forwards to one handler.
 
 class TunnelMapExportSm::MoxPolicyId
@@ -91,8 +62,7 @@ class TunnelMapExportSm::MoxTask : public Mox::Reactor<Kiln::Task::Notifiee, Tun
 // ---------------------------------------------------------------------------------------------
 // Construction
 
-TunnelMapExportSm::TunnelMapExportSm(Inputs in)
-    : in_(std::move(in)), tracer_(in_.tracer ? in_.tracer : &Trace::processTracer) {
+TunnelMapExportSm::TunnelMapExportSm(Inputs in) : in_(std::move(in)), tracer_(&in_.tracer) {
    SRTE_ASSERT(in_.policyId && in_.tunnelIdToPolicyKey && in_.tunnelCounter && in_.scheduler &&
                    in_.attrLogSm,
                "TunnelMapExportSm needs every table of its Inputs");

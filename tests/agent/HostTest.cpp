@@ -13,60 +13,29 @@ namespace {
 using Agent::Args;
 using Agent::Host;
 
-// A stand-in subsystem: a shared counter that survives restarts, and a per-process object that
-// records its construction and destruction.
+// A stand-in subsystem: a counter that the host's verbs and tables reach, owned by the test.
 struct CounterTable {
    uint64_t value = 0;
 };
-struct Journal {
-   std::string events;
-};
-struct Machine {
-   Journal* journal;
-   char name;
-   Machine(Journal* j, char n) : journal(j), name(n) { journal->events += std::string("+") + n; }
-   ~Machine() { journal->events += std::string("-") + name; }
-};
-struct FirstProcess {
-   std::unique_ptr<Machine> m;
-};
-struct SecondProcess {
-   std::unique_ptr<Machine> m;
-};
 
-void registerToy(Host& host) {
-   host.verbIs("counter add", "counter add <n>", "adds to the counter", [&host](Args& a) {
+void registerToy(Host& host, CounterTable& counter) {
+   host.verbIs("counter add", "counter add <n>", "adds to the counter", [&counter](Args& a) {
       const uint64_t n = a.number("amount", 1000);
-      return Host::Apply([&host, n] { host.shared<CounterTable>().value += n; });
+      return Host::Apply([&counter, n] { counter.value += n; });
    });
    host.showIs(
        "toy-counter", "the counter",
-       [&host](std::string& out) {
-          out += std::to_string(host.shared<CounterTable>().value) + "\n";
-       },
-       [&host] { return Json::Value::row().set("value", host.shared<CounterTable>().value); });
-   Journal* journal = &host.shared<Journal>();
-   // Registered out of order: the order number decides.
-   host.stageIs(
-       20, "second",
-       [&host, journal] {
-          host.process<SecondProcess>().m = std::make_unique<Machine>(journal, 'b');
-       },
-       [journal] { journal->events += "d2"; });
-   host.stageIs(
-       10, "first",
-       [&host, journal] {
-          host.process<FirstProcess>().m = std::make_unique<Machine>(journal, 'a');
-       },
-       [journal] { journal->events += "d1"; });
+       [&counter](std::string& out) { out += std::to_string(counter.value) + "\n"; },
+       [&counter] { return Json::Value::row().set("value", counter.value); });
 }
 
 struct ToyHost {
    std::ostringstream out;
+   CounterTable counter;
    Host host{out};
    ToyHost() {
       Agent::registerCore(host);
-      registerToy(host);
+      registerToy(host, counter);
       Agent::registerCoreTables(host);
       host.start();
    }
@@ -78,18 +47,24 @@ struct ToyHost {
    }
 };
 
-TEST(Host, RestartRebuildsStagesInOrderAndKeepsSharedTables) {
+TEST(Host, RestartRebuildsTheCoreAndWatchesWhatTheNextStartDoes) {
    ToyHost t;
-   Journal& journal = t.host.shared<Journal>();
-   EXPECT_EQ(journal.events, "+a+b");
-   t.host.execute("counter add 5");
-   journal.events.clear();
+   EXPECT_TRUE(t.host.agentRunning());
+   EXPECT_EQ(t.host.restartWatch(), nullptr);
    t.host.execute("restart");
-   // Drops run in reverse stage order, process objects die in reverse creation order, then the
-   // stages are built again in ascending order.
-   EXPECT_EQ(journal.events, "d2d1-b-a+a+b");
-   EXPECT_EQ(t.host.shared<CounterTable>().value, 5u);
    EXPECT_EQ(t.host.restartCount(), 1u);
+   EXPECT_TRUE(t.host.agentRunning());
+   EXPECT_NE(t.host.core().policyInputSm().get(), nullptr);
+   // A watch made over what the old incarnation left.
+   ASSERT_NE(t.host.restartWatch(), nullptr);
+   t.host.execute("restart");
+   EXPECT_NE(t.host.restartWatch(), nullptr);
+   EXPECT_EQ(t.host.restartCount(), 2u);
+   // Disabled: a restart leaves the core stopped, and the watch still answers.
+   t.host.config()->enabledIs(false);
+   t.host.execute("restart");
+   EXPECT_FALSE(t.host.agentRunning());
+   EXPECT_NE(t.host.restartWatch(), nullptr);
 }
 
 TEST(Host, ShowPrintsReadableAndJsonAndAllHoldsEveryTable) {
@@ -136,7 +111,7 @@ TEST(Host, LineWithAnErrorChangesNothingAndNamesTheProblem) {
       } catch (const Agent::ScriptError& e) {
          EXPECT_EQ(std::string(e.what()), c.message);
       }
-      EXPECT_EQ(t.host.shared<CounterTable>().value, 0u) << c.line;
+      EXPECT_EQ(t.counter.value, 0u) << c.line;
    }
    EXPECT_EQ(t.out.str(), "");
 }
@@ -152,14 +127,14 @@ TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
       std::ostringstream err;
       EXPECT_EQ(t.run(script, err), 1);
       EXPECT_EQ(err.str(), "toy.srte:4: error: expected a number for amount, got 'x'\n");
-      EXPECT_EQ(t.host.shared<CounterTable>().value, 1u);
+      EXPECT_EQ(t.counter.value, 1u);
    }
    {
       ToyHost t;
       std::ostringstream err;
       EXPECT_EQ(t.run(script + "quit\ncounter add 4\n", err, true), 0);
       EXPECT_EQ(err.str(), "toy.srte:4: error: expected a number for amount, got 'x'\n");
-      EXPECT_EQ(t.host.shared<CounterTable>().value, 3u);
+      EXPECT_EQ(t.counter.value, 3u);
       EXPECT_EQ(t.out.str().rfind("srte> ", 0), 0u);
    }
    {
@@ -168,7 +143,7 @@ TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
       std::ostringstream err;
       EXPECT_EQ(t.run("counter \\\n  add 2  # continued\ncounter add \\\n 2 \\\n 3\n", err), 1);
       EXPECT_EQ(err.str(), "toy.srte:5: error: unexpected '3'; usage: counter add <n>\n");
-      EXPECT_EQ(t.host.shared<CounterTable>().value, 2u);
+      EXPECT_EQ(t.counter.value, 2u);
    }
    {
       // Input that ends after a backslash is an error, not silence; in the shell too.
@@ -179,7 +154,7 @@ TEST(Host, ScriptStopsAtFirstErrorWhileTheShellGoesOn) {
                    interactive ? 0 : 1);
          EXPECT_EQ(err.str(), "toy.srte:3: error: the command continued with '\\' but the input "
                               "ends here\n");
-         EXPECT_EQ(t.host.shared<CounterTable>().value, 2u);
+         EXPECT_EQ(t.counter.value, 2u);
       }
    }
 }

@@ -8,7 +8,7 @@
 #include <set>
 
 #include "core/SrTePolicyCore.h"
-#include "tests/core/CoreTestRouter.h"
+#include "tests/support/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 

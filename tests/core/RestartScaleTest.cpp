@@ -11,7 +11,7 @@
 
 #include "core/SrTePolicyCore.h"
 #include "core/SrTePolicyRestartWatch.h"
-#include "tests/core/CoreTestRouter.h"
+#include "tests/support/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 

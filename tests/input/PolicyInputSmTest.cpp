@@ -5,13 +5,14 @@
 
 #include "core/SrTePolicyCore.h"
 #include "input/SrTePolicyInputSm.h"
-#include "tests/core/CoreTestRouter.h"
+#include "tests/support/CoreTestRouter.h"
+#include "tests/support/TestValues.h"
 
 using namespace SrTePolicy;
 
 namespace {
 
-Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 
 // The input stage as the assembly builds it, over router tables the test plays itself.
 struct Env {

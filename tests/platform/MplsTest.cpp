@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "lfib/SrTePolicyLfibStatus.h"
 #include "platform/Mpls.h"
-#include "publish/SrTePolicyLfibStatus.h"
 
 namespace {
 

@@ -9,11 +9,12 @@
 #include <vector>
 
 #include "publish/SrTePolicyPublishSm.h"
+#include "tests/support/TestValues.h"
 
 namespace SrTePolicy {
 namespace {
 
-Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 PolicyKey key(const char* endpoint, uint32_t color) {
    return PolicyKey(addr(endpoint), Color(color));
 }
@@ -59,8 +60,8 @@ struct PublishEnv {
                                    .timerWheel = scheduler.get(),
                                    .srteFwdStatus = fib,
                                    .attrLogSm = attrLog,
-                                   .syslog = &log,
-                                   .tracer = &tracer});
+                                   .syslog = log,
+                                   .tracer = tracer});
    }
    void restart() {
       sm = nullptr;

@@ -5,7 +5,7 @@
 #include <map>
 
 #include "core/SrTePolicyCore.h"
-#include "tests/core/CoreTestRouter.h"
+#include "tests/support/CoreTestRouter.h"
 
 namespace SrTePolicy {
 namespace {

@@ -9,10 +9,11 @@
 
 #include "segment/SrTePolicySegmentListSm.h"
 #include "segment/SrTePolicySegmentSm.h"
+#include "tests/support/TestValues.h"
 
 namespace SrTePolicy::Testing {
 
-inline Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 inline Ipkit::IntfId intf(const char* name) { return *Ipkit::IntfId::parse(name); }
 inline Mpls::Via via(const char* hop, const char* interface, Ipkit::MplsLabelAction action,
                      uint32_t label = Ipkit::MplsLabel::null) {
@@ -28,6 +29,10 @@ struct ResolutionEnv {
    Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable> tunnels =
        Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>();
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
+   // The machines' own log and tracer, as a core hands them its own.
+   Syslog::Capture logged;
+   Syslog::Log log;
+   Trace::Tracer tracer;
 
    Mox::Ptr<CoreDedupTables> dedup;
    Mox::Ptr<SegmentIdToSegmentList> segmentMap;
@@ -36,7 +41,10 @@ struct ResolutionEnv {
    Mox::Ptr<SegmentListSm> listSm;
    std::map<std::vector<uint32_t>, Mox::Ptr<SegmentList>> lists;
 
-   ResolutionEnv() { start(); }
+   ResolutionEnv() {
+      log.sinkIs(&logged);
+      start();
+   }
    ~ResolutionEnv() { stop(); }
 
    // Lists given here exist before the machines start (a restart's backlog).
@@ -50,12 +58,13 @@ struct ResolutionEnv {
          dedup->notifyingSegmentListCollection()->uniqueIdIs(highest);
       }
       for (const auto& labels : existing) add(labels);
-      resolver = segmentResolverFactory(mpls);
+      resolver = segmentResolverFactory(mpls, tracer);
       segmentSm = segmentSmFactory({.notifyingSegment = dedup->notifyingSegmentCollection(),
                                     .mplsStatus = mpls,
                                     .segmentStatus = segmentStatus,
                                     .coreDedupTables = dedup,
-                                    .segmentResolver = resolver});
+                                    .segmentResolver = resolver,
+                                    .tracer = tracer});
       listSm =
           segmentListSmFactory({.notifyingSegmentList = dedup->notifyingSegmentListCollection(),
                                 .segmentStatus = segmentStatus,
@@ -66,7 +75,9 @@ struct ResolutionEnv {
                                 .segmentIdToSegmentList = segmentMap,
                                 .coreDedupTables = dedup,
                                 .routingHwStatus = hardware,
-                                .attrLogSm = attrLog});
+                                .attrLogSm = attrLog,
+                                .syslog = log,
+                                .tracer = tracer});
    }
    // What a process restart drops; the published tables stay.
    void stop() {
@@ -85,7 +96,7 @@ struct ResolutionEnv {
       for (uint32_t i = 0; i < list->size(); ++i) {
          const SegmentId id = list->getSegmentId(i);
          if (!segmentMap->segmentList(id)) {
-            segmentMap->segmentListIs(id, Mox::make<SegmentListCollection>());
+            segmentMap->segmentListIs(id, Mox::make<SegmentListsOfSegment>());
          }
          segmentMap->segmentList(id)->segmentListPtrIs(list);
       }
@@ -96,7 +107,7 @@ struct ResolutionEnv {
       Mox::Ptr<SegmentList> list = lists[labels];
       lists.erase(labels);
       for (uint32_t i = 0; i < list->size(); ++i) {
-         SegmentListCollection* users = segmentMap->segmentList(list->getSegmentId(i));
+         SegmentListsOfSegment* users = segmentMap->segmentList(list->getSegmentId(i));
          users->segmentListPtrDel(list);
          if (users->segmentListPtr().empty()) segmentMap->segmentListDel(list->getSegmentId(i));
       }

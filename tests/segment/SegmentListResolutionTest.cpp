@@ -8,12 +8,6 @@ using Action = Ipkit::MplsLabelAction;
 
 namespace {
 
-struct Syslogged {
-   Syslog::Capture capture;
-   Syslogged() { Syslog::sinkIs(&capture); }
-   ~Syslogged() { Syslog::sinkDel(&capture); }
-};
-
 // Tunnel vias print next hop, interface and the stack bottom first ("[300 200 16001]").
 TEST(SegmentListSm, LabelActionsOnOneSegmentAndLongerLists) {
    ResolutionEnv env;
@@ -54,7 +48,6 @@ TEST(SegmentListSm, LabelActionsOnOneSegmentAndLongerLists) {
 }
 
 TEST(SegmentListSm, PlatformDepthIsCheckedLoggedAndAnyChangeRequeuesEveryList) {
-   Syslogged log;
    ResolutionEnv env;
    env.mpls->adjacencyIs(1, {via("10.0.0.2", "Ethernet1", Action::swap, 16001)});
    env.route(16001, 1);
@@ -64,9 +57,9 @@ TEST(SegmentListSm, PlatformDepthIsCheckedLoggedAndAnyChangeRequeuesEveryList) {
    EXPECT_EQ(env.status(three), "success");
    EXPECT_EQ(env.status(four), "platformLabelStackDepthExceeded");
    EXPECT_EQ(env.tunnel(four), "-");
-   ASSERT_EQ(log.capture.records().size(), 1u);
-   EXPECT_EQ(log.capture.records()[0].tag, "SRTE_RESOLVED_SEGMENT_LIST_INVALID_EXCEEDS_MSD");
-   EXPECT_EQ(log.capture.records()[0].text,
+   ASSERT_EQ(env.logged.records().size(), 1u);
+   EXPECT_EQ(env.logged.records()[0].tag, "SRTE_RESOLVED_SEGMENT_LIST_INVALID_EXCEEDS_MSD");
+   EXPECT_EQ(env.logged.records()[0].text,
              "Resolved segment list (ID 2) exceeds maximum supported hardware label push stack "
              "depth (3), was configured with labels [ 16001 2 3 4 ]");
 

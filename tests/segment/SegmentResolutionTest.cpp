@@ -11,15 +11,17 @@ using Action = Ipkit::MplsLabelAction;
 
 namespace {
 
+// What one tracer writes while this lives.
 struct TraceCapture {
+   Trace::Tracer& tracer;
    std::vector<std::string> lines;
-   TraceCapture() {
-      Trace::captureIs(&lines);
-      Trace::textLevelIs(9);
+   explicit TraceCapture(Trace::Tracer& t) : tracer(t) {
+      tracer.captureIs(&lines);
+      tracer.textLevelIs(9);
    }
    ~TraceCapture() {
-      Trace::textLevelIs(-1);
-      Trace::captureIs(nullptr);
+      tracer.textLevelIs(-1);
+      tracer.captureIs(nullptr);
    }
    bool has(const std::string& text) const {
       return std::find(lines.begin(), lines.end(), text) != lines.end();
@@ -34,7 +36,8 @@ Mpls::LFib::Route lfibRoute(uint32_t label, Mpls::AdjacencyIndex index, Mpls::Ad
 
 TEST(SegmentResolver, RefusesPseudowireFirstThenTunnelLikeViasOfNexthopAdjacenciesOnly) {
    auto mpls = Mox::make<Mpls::Status>();
-   auto resolver = segmentResolverFactory(mpls);
+   Trace::Tracer tracer;
+   auto resolver = segmentResolverFactory(mpls, tracer);
    mpls->adjacencyIs(1, {via("10.0.0.2", "Ethernet1", Action::swap, 16001),
                          via("10.0.0.3", "NexthopGroup7", Action::swap, 16001)});
    mpls->adjacencyIs(2, {via("10.0.0.2", "Ethernet1", Action::pop),
@@ -43,7 +46,7 @@ TEST(SegmentResolver, RefusesPseudowireFirstThenTunnelLikeViasOfNexthopAdjacenci
    const auto nexthop = Mpls::AdjacencyType::nexthop;
    const auto extFec = Mpls::AdjacencyType::externalFec;
    {
-      TraceCapture trace;
+      TraceCapture trace(tracer);
       // A pseudowire is refused before its adjacency's vias are looked at.
       EXPECT_TRUE(resolver->skipMplsRouteForResolution(
           lfibRoute(16001, 1, nexthop, Mpls::LFib::RouteType::pseudowire)));
@@ -51,7 +54,7 @@ TEST(SegmentResolver, RefusesPseudowireFirstThenTunnelLikeViasOfNexthopAdjacenci
       EXPECT_FALSE(trace.has("Skipping resolution via NHG"));
    }
    {
-      TraceCapture trace;
+      TraceCapture trace(tracer);
       // One next-hop-group via among ordinary ones refuses the route.
       EXPECT_TRUE(resolver->skipMplsRouteForResolution(lfibRoute(16001, 1, nexthop)));
       EXPECT_TRUE(trace.has("Skipping resolution via NHG"));

@@ -7,11 +7,12 @@
 #include <vector>
 
 #include "selection/SrTePolicySelectionSm.h"
+#include "tests/support/TestValues.h"
 
 namespace SrTePolicy {
 namespace {
 
-Ipkit::IpGenAddr addr(const char* text) { return *Ipkit::IpGenAddr::parse(text); }
+using SrTePolicy::Test::addr;
 
 const PolicyKey keyA(addr("10.0.0.1"), Color(10));
 
@@ -27,6 +28,7 @@ struct SelectionEnv {
    Mox::Ptr<SegmentListIdToPolicyMap> users = Mox::make<SegmentListIdToPolicyMap>();
    Mox::Ptr<EcPolicy> ec = ecPolicyFactory("ecPolicy");
    Mox::Ptr<Kiln::AttrLogSm> attrLog = Mox::make<Kiln::AttrLogSm>();
+   Trace::Tracer tracer;
    Mox::Ptr<PolicySelectionSm> sm;
 
    SelectionEnv() { start(); }
@@ -37,7 +39,8 @@ struct SelectionEnv {
                                      .segmentListIdToPolicyMap = users,
                                      .ecPolicy = ec,
                                      .scheduler = scheduler.get(),
-                                     .attrLogSm = attrLog});
+                                     .attrLogSm = attrLog,
+                                     .tracer = tracer});
    }
 
    // A candidate path with the given lists, written as the input stage writes it.

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <array>
 
-#include "selection/SrTePolicyEntry.h"
+#include "input/SrTePolicySelectionInput.h"
+#include "selection/SrTePolicyEcPolicy.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "core/SrTePolicyCore.h"
-#include "tests/core/CoreTestRouter.h"
+#include "tests/support/CoreTestRouter.h"
 
 using namespace SrTePolicy;
 using Tunnel::TunnelTable::TunnelId;

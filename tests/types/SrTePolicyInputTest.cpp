@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "tests/types/TestValues.h"
+#include "tests/support/TestValues.h"
 #include "types/SrTePolicyInput.h"
 
 namespace {

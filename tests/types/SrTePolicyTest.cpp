@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tests/types/TestValues.h"
+#include "tests/support/TestValues.h"
 #include "types/SrTePolicy.h"
 
 namespace {

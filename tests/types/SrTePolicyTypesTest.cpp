@@ -2,7 +2,7 @@
 
 #include <set>
 
-#include "tests/types/TestValues.h"
+#include "tests/support/TestValues.h"
 #include "types/SrTePolicyTypes.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // writer: it creates an entry when a segment list id is first registered, fills its labels and
 // deletes it when the id goes away.
 //
-// Guarantees (checked by tests/publish/SrTePolicyExportTypesTest.cpp):
+// Guarantees (checked by tests/input/SrTePolicyExportTypesTest.cpp):
 //  - a segment array of up to 7 labels lives inside its SegmentList (no allocation); an eighth
 //    label moves it to the heap, and it moves back when it shrinks to 7;
 //  - an index outside MplsStackEntryIndex is rejected with that type's range error and changes

@@ -1,4 +1,4 @@
-#include "publish/SrTePolicyLfibStatus.h"
+#include "lfib/SrTePolicyLfibStatus.h"
 
 namespace SrTePolicy {
 

@@ -1,4 +1,4 @@
-#include "publish/SrTePolicyExportTypes.h"
+#include "input/SrTePolicyExportTypes.h"
 
 #include <algorithm>
 #include <charconv>

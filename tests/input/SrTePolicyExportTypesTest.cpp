@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "publish/SrTePolicyExportTypes.h"
+#include "input/SrTePolicyExportTypes.h"
 
 namespace {
 
