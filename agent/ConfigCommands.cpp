@@ -110,10 +110,7 @@ bool staticTableExists(Host& host) {
 // Says once, until the table appears, that static policies configured without it stay inert: a
 // configuration that silently never becomes candidates is a trap.
 void warnWithoutStaticTable(Host& host) {
-   struct Warned {
-      bool once = false;
-   };
-   bool& warned = host.shared<Warned>().once;
+   bool& warned = host.staticTableWarned();
    if (staticTableExists(host)) {
       warned = false;
    } else if (!std::exchange(warned, true)) {

@@ -186,6 +186,9 @@ class Host {
    const SrTePolicy::ProcessEntities& coreEntities();
    // What the last restart's start-up did to the published tables; null before the first.
    const SrTePolicy::RestartWatch* restartWatch() const { return restartWatch_.get(); }
+   // Whether the session was told that static policies wait for their input table (said once
+   // until the table appears).
+   bool& staticTableWarned() { return staticTableWarned_; }
 
  private:
    class AgentEnable;
@@ -210,6 +213,7 @@ class Host {
    bool verbose_ = false;
    bool echo_ = false;
    int loadDepth_ = 0;
+   bool staticTableWarned_ = false;
    std::vector<std::string> warnings_;
    uint32_t restarts_ = 0;
 };
