@@ -10,9 +10,10 @@ JOBS ?= $(shell nproc)
 .PHONY: all deps build demo test sanitize release bench converge fuzz fuzz-build fuzz-ci format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
-# clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets.
+# clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets; liblmdb-dev is
+# for the benchmark that weighs LMDB against our shared-memory tables.
 DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev \
-                clang libclang-rt-14-dev
+                clang libclang-rt-14-dev liblmdb-dev
 
 all: build
 
