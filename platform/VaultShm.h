@@ -180,6 +180,7 @@ class Segment {
    static Segment createNew(const std::string& path, uint32_t keySize, uint32_t recordSize,
                             const Geometry& geometry);
    void claimWriter();
+   void adviseHugePages() noexcept;
 
    std::string path_;
    int fd_ = -1;
@@ -225,25 +226,30 @@ class SharedTable {
 
    // A copy of the record under `key`, whole; absent when there is none.
    std::optional<R> lookup(const K& key) const {
+      Scratch s;
+      if (!lookup(key, s.record)) return std::nullopt;
+      return s.record;
+   }
+   // The same into `out`, for a reader that keeps one record to fill: false (and `out` holding
+   // anything) when there is none.
+   bool lookup(const K& key, R& out) const {
       const uint32_t hash = key.hash();
       for (unsigned attempt = 0;; ++attempt) {
          const uint32_t generation = header().indexGeneration.load(std::memory_order_acquire);
          const std::atomic<uint64_t>* index = indexOf(generation);
          const uint64_t mask = layout().indexCapacity - 1;
          uint64_t pos = detail::mixHash(hash) & mask;
-         std::optional<R> found;
-         bool raced = false;
+         bool found = false, raced = false;
          for (uint64_t probes = 0; probes <= mask; ++probes, pos = (pos + 1) & mask) {
             const uint64_t entry = index[pos].load(std::memory_order_acquire);
             if (entry == detail::indexEmpty) break;
             if (entry == detail::indexErased || tagOf(entry) != hash) continue;
-            R record;
-            if (!readPublished(index[pos], entry, record)) {
+            if (!readPublished(index[pos], entry, out)) {
                raced = true;
                break;
             }
-            if (record.key() == key) {
-               found = record;
+            if (out.key() == key) {
+               found = true;
                break;
             }
          }
@@ -253,6 +259,14 @@ class SharedTable {
          }
          backOff(attempt);
       }
+   }
+
+   // Brings the index entry of `key` towards the cache (an address, not a read), for a reader
+   // about to look up many keys.
+   void prefetch(const K& key) const {
+      const uint32_t generation = header().indexGeneration.load(std::memory_order_relaxed);
+      __builtin_prefetch(indexOf(generation) +
+                         (detail::mixHash(key.hash()) & (layout().indexCapacity - 1)));
    }
 
    // Calls `visit(record)` with a whole copy of every record. Records changed during the walk
@@ -268,9 +282,9 @@ class SharedTable {
             for (unsigned tries = 0;; ++tries) {
                const uint64_t entry = index[pos].load(std::memory_order_acquire);
                if (entry == detail::indexEmpty || entry == detail::indexErased) break;
-               R record;
-               if (readPublished(index[pos], entry, record)) {
-                  visit(static_cast<const R&>(record));
+               Scratch s;
+               if (readPublished(index[pos], entry, s.record)) {
+                  visit(static_cast<const R&>(s.record));
                   break;
                }
                if (header().indexGeneration.load(std::memory_order_acquire) != generation) {
@@ -291,6 +305,13 @@ class SharedTable {
    };
 
    explicit SharedTable(detail::Segment segment) : segment_(std::move(segment)) {}
+
+   // Room for a record filled by a byte copy: records are trivially copyable, so the copy is what
+   // makes one; no constructor runs first to zero what the copy overwrites.
+   union Scratch {
+      Scratch() {}
+      R record;
+   };
 
    detail::Header& header() const noexcept { return segment_.header(); }
    const detail::Layout& layout() const noexcept { return segment_.layout(); }
@@ -465,10 +486,10 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
             continue;
          }
          if (Base::tagOf(entry) != hash) continue;
-         R held;
-         std::memcpy(static_cast<void*>(&held), this->slotRecord(this->checkedSlot(entry)),
+         typename Base::Scratch held;
+         std::memcpy(static_cast<void*>(&held.record), this->slotRecord(this->checkedSlot(entry)),
                      sizeof(R));
-         if (held.key() == key) return {pos, true};
+         if (held.record.key() == key) return {pos, true};
       }
       if (erased) return {*erased, false};
       this->segment_.corrupt("index has no free entry");
