@@ -335,6 +335,21 @@ void Segment::claimWriter() {
    header_->writerPid.store(static_cast<uint32_t>(getpid()), std::memory_order_release);
 }
 
+pid_t Segment::livingWriter() const noexcept {
+   const pid_t pid = static_cast<pid_t>(header_->writerPid.load(std::memory_order_acquire));
+   if (pid == 0) return 0;
+   // The pid of a writer killed without closing stays in the header.
+   return kill(pid, 0) == 0 || errno == EPERM ? pid : 0;
+}
+
+bool Segment::replaced() const noexcept {
+   struct stat mine {
+   }, named{};
+   if (fstat(fd_, &mine) != 0) return true;
+   if (stat(path_.c_str(), &named) != 0) return true;
+   return mine.st_dev != named.st_dev || mine.st_ino != named.st_ino;
+}
+
 void Segment::releaseWriter() noexcept {
    if (header_) header_->writerPid.store(0, std::memory_order_release);
 }

@@ -162,6 +162,8 @@ class Segment {
    // The previous writer died holding the table.
    bool tookOver() const noexcept { return tookOver_; }
    [[noreturn]] void corrupt(const std::string& what) const;
+   pid_t livingWriter() const noexcept;
+   bool replaced() const noexcept;
 
    // ---- reader wake-ups
    // Claims a reader slot and binds its socket; returns the slot index.
@@ -223,6 +225,11 @@ class SharedTable {
       return static_cast<size_t>(segment_.header().recordCount.load(std::memory_order_acquire));
    }
    uint64_t capacity() const noexcept { return segment_.layout().capacity; }
+   // The process writing the table, when one is alive; 0 when none is.
+   pid_t writer() const noexcept { return segment_.livingWriter(); }
+   // The table's name now leads to another segment, or to none: it was removed, and perhaps made
+   // again by a new writer. A reader of the old one hears of nothing more and should attach anew.
+   bool replaced() const noexcept { return segment_.replaced(); }
 
    // A copy of the record under `key`, whole; absent when there is none.
    std::optional<R> lookup(const K& key) const {
@@ -294,6 +301,9 @@ class SharedTable {
                backOff(tries);
             }
          }
+         // A compaction during the walk may have moved records this copy no longer shows.
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (header().indexGeneration.load(std::memory_order_relaxed) != generation) restart = true;
          if (!restart) return;
          backOff(attempt);
       }

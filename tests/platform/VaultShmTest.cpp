@@ -271,6 +271,9 @@ TEST_F(VaultShm, WriterKilledMidWriteNeverTearsARecordAndTheNextTakesOver) {
          if (e) {
             ASSERT_TRUE(whole(*e)) << "round " << round;
          }
+         if (reads % 256 == 0) {
+            reader.forEach([&](const PolicyInputEntry& w) { ASSERT_TRUE(whole(w)); });
+         }
       }
       kill(writer, SIGKILL);
       EXPECT_EQ(exitStatus(writer), -SIGKILL);
@@ -321,8 +324,11 @@ TEST_F(VaultShm, SecondWriterIsRefusedNamingTheHolderUntilTheHolderDies) {
                 "Vault table " + Vault::Shm::segmentPath(r, "policyInputEntry") +
                     " is written by process " + std::to_string(holder) + " (bgp-feeder)");
    }
+   InputReader reader(r, "policyInputEntry");
+   EXPECT_EQ(reader.writer(), holder);
    kill(holder, SIGKILL);
    exitStatus(holder);
+   EXPECT_EQ(reader.writer(), 0); // its pid stays in the table, but it is dead
    {
       InputWriter next(r, "policyInputEntry");
       EXPECT_TRUE(next.tookOver());
@@ -331,6 +337,18 @@ TEST_F(VaultShm, SecondWriterIsRefusedNamingTheHolderUntilTheHolderDies) {
    // A writer that closed the table let it go cleanly: no takeover.
    InputWriter after(r, "policyInputEntry");
    EXPECT_FALSE(after.tookOver());
+   EXPECT_EQ(reader.writer(), getpid());
+
+   // Removed and made again: the attached reader learns that its segment is not the table's any
+   // more, and a new reader sees the new one.
+   EXPECT_FALSE(reader.replaced());
+   EXPECT_TRUE(Vault::Shm::removeTable(r, "policyInputEntry"));
+   EXPECT_TRUE(reader.replaced());
+   InputWriter again(r, "policyInputEntry");
+   again.insert(patterned(2, 2));
+   EXPECT_TRUE(reader.replaced());
+   EXPECT_FALSE(reader.lookup(idOf(2)));
+   EXPECT_EQ(InputReader(r, "policyInputEntry").lookup(idOf(2))->preference().value, 2u);
 }
 
 // Writes `bytes` at `offset` of a segment, as a stray process could.
