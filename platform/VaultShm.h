@@ -421,6 +421,25 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
    // Whether this writer took the table over from one that died holding it.
    bool tookOver() const noexcept { return this->segment_.tookOver(); }
 
+   // While a Batch is open, changes go into the ring but sleeping readers are woken only when
+   // the outermost Batch closes: one wake-up for a burst of writes instead of one per record for
+   // a reader that keeps up. Readers that are awake see each change as it is written.
+   class Batch {
+    public:
+      explicit Batch(Writer& w) : w_(w) { ++w_.batchDepth_; }
+      Batch(const Batch&) = delete;
+      Batch& operator=(const Batch&) = delete;
+      ~Batch() {
+         if (--w_.batchDepth_ == 0 && w_.wakePending_) {
+            w_.wakePending_ = false;
+            w_.segment_.wakeReaders();
+         }
+      }
+
+    private:
+      Writer& w_;
+   };
+
    // Inserts or replaces the record under record.key(); readers hear of the key. Throws
    // TableFull when no slot is free, Corruption for a record failing its own check.
    void insert(const R& record) {
@@ -524,7 +543,11 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
       // Sequentially consistent against a reader's "armed, then head": one of the two sees the
       // other, so a reader never sleeps on a change.
       header().ringHead.store(++head_, std::memory_order_seq_cst);
-      this->segment_.wakeReaders();
+      if (batchDepth_ != 0) {
+         wakePending_ = true;
+      } else {
+         this->segment_.wakeReaders();
+      }
    }
 
    // Slots are reused oldest-freed first, which gives a slow reader the longest time before the
@@ -598,6 +621,8 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
    }
 
    uint32_t generation_ = 0;
+   unsigned batchDepth_ = 0;
+   bool wakePending_ = false;
    uint64_t head_ = 0;
    uint64_t count_ = 0;
    uint64_t used_ = 0; // index entries not empty (records and erased)

@@ -494,6 +494,40 @@ TEST_F(VaultShm, IdleReaderSleepsAndIsWokenWithinAMillisecond) {
    EXPECT_LT(medianTensOfUs, 100) << "median wake-up to read: " << medianTensOfUs * 10 << " µs";
 }
 
+TEST_F(VaultShm, BatchWakesASleepingReaderOnceWhenItCloses) {
+   const std::string r = router();
+   InputWriter writer(r, "input", {64, 64});
+   Pipe ready, report;
+   const pid_t reader = spawn([&] {
+      InputReader table(r, "input");
+      table.drain([](const PolicyId&) {}, [] {});
+      ready.put('r');
+      const uint64_t t0 = nowNs();
+      if (!table.wait(5000)) return 2;
+      const uint64_t sleptMs = (nowNs() - t0) / 1000000;
+      std::vector<uint32_t> keys;
+      table.drain([&](const PolicyId& id) { keys.push_back(id.discriminator.value); }, [] {});
+      if (keys != std::vector<uint32_t>{1, 2, 3}) return 3;
+      report.put(static_cast<char>(std::min<uint64_t>(sleptMs / 10, 127))); // tens of ms
+      return 0;
+   });
+   ASSERT_EQ(ready.get(), 'r');
+   std::this_thread::sleep_for(std::chrono::milliseconds(20));
+   {
+      InputWriter::Batch outer(writer);
+      writer.insert(patterned(1, 1));
+      {
+         InputWriter::Batch inner(writer);
+         writer.insert(patterned(2, 1));
+      }
+      writer.insert(patterned(3, 1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(150));
+   }
+   EXPECT_EQ(exitStatus(reader), 0);
+   // Woken by the outer batch closing, not by the first write nor by the inner batch.
+   EXPECT_GE(report.get(), 15);
+}
+
 TEST_F(VaultShm, TwoRoutersWithTheSameTableNameNeverMeet) {
    const std::string a = router("a"), b = router("b");
    InputWriter writerA(a, "policyInputEntry", {16, 16});
