@@ -64,6 +64,7 @@ bench: build
 	./$(BUILD)/selection_bench
 	./$(BUILD)/resolution_bench 10000
 	./$(BUILD)/pipeline_bench $(BENCH_PATHS)
+	./$(BUILD)/shared_table_bench $(BENCH_PATHS)
 
 # libFuzzer targets under ASan + UBSan (clang): `make fuzz` runs each for FUZZ_SECONDS, `make
 # fuzz-ci` for FUZZ_CI_SECONDS; both run every regression input and seed first (tests/fuzz/run.sh).
