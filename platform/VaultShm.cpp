@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <mutex>
 #include <utility>
 
 namespace Vault::Shm {
@@ -65,6 +66,51 @@ sockaddr_un wakeAddress(const std::string& path, uint32_t slot, uint32_t token, 
    std::memcpy(addr.sun_path + 1, name, static_cast<size_t>(n));
    len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(n));
    return addr;
+}
+
+// Every segment this process maps, for the bus-error handler: a file cut under its mapping
+// faults on the lost pages, and a fault there must not end the process.
+struct Watched {
+   std::atomic<uintptr_t> headerBegin{0}, dataBegin{0}, dataEnd{0};
+   std::atomic<uint32_t> cut{0};
+   std::atomic<uint32_t> used{0};
+};
+constexpr size_t watchedMax = 1024;
+Watched watched[watchedMax];
+struct sigaction busBefore {};
+
+bool within(uintptr_t a, uintptr_t begin, uintptr_t end) { return begin && a >= begin && a < end; }
+
+// A fault in a watched segment: a zero page goes where the lost one was, the segment is marked
+// cut, and the faulting read runs again and reads zeros. Anything else: as before.
+void onBusError(int, siginfo_t* info, void*) {
+   const uintptr_t a = reinterpret_cast<uintptr_t>(info->si_addr);
+   for (Watched& w : watched) {
+      if (!w.used.load(std::memory_order_acquire)) continue;
+      const uintptr_t h = w.headerBegin.load(std::memory_order_relaxed);
+      if (!within(a, h, h + headerBytes) && !within(a, w.dataBegin.load(std::memory_order_relaxed),
+                                                    w.dataEnd.load(std::memory_order_relaxed))) {
+         continue;
+      }
+      void* page = reinterpret_cast<void*>(a & ~uintptr_t{4095});
+      if (mmap(page, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
+               0) != MAP_FAILED) {
+         w.cut.store(1, std::memory_order_relaxed);
+         return;
+      }
+   }
+   sigaction(SIGBUS, &busBefore, nullptr);
+}
+
+void installBusHandler() {
+   static std::once_flag once;
+   std::call_once(once, [] {
+      struct sigaction action {};
+      action.sa_sigaction = onBusError;
+      action.sa_flags = SA_SIGINFO;
+      sigemptyset(&action.sa_mask);
+      sigaction(SIGBUS, &action, &busBefore);
+   });
 }
 
 } // namespace
@@ -136,9 +182,14 @@ Segment::Segment(Segment&& o) noexcept
     : path_(std::move(o.path_)), fd_(std::exchange(o.fd_, -1)),
       wakeFd_(std::exchange(o.wakeFd_, -1)), header_(std::exchange(o.header_, nullptr)),
       data_(std::exchange(o.data_, nullptr)), dataLen_(std::exchange(o.dataLen_, 0)),
-      layout_(o.layout_), created_(o.created_), tookOver_(o.tookOver_) {}
+      layout_(o.layout_), created_(o.created_), tookOver_(o.tookOver_),
+      cut_(std::exchange(o.cut_, nullptr)) {}
 
 Segment::~Segment() {
+   if (cut_) {
+      auto* w = reinterpret_cast<Watched*>(reinterpret_cast<char*>(cut_) - offsetof(Watched, cut));
+      w->used.store(0, std::memory_order_release);
+   }
    if (data_) munmap(data_, dataLen_);
    if (header_) munmap(header_, headerBytes);
    if (wakeFd_ >= 0) close(wakeFd_);
@@ -201,6 +252,7 @@ Segment Segment::mapExisting(const std::string& path, int fd, Role role, uint32_
    if (d == MAP_FAILED) throw std::runtime_error(errnoText("Vault table " + path + ": mmap"));
    s.data_ = static_cast<uint8_t*>(d);
    s.adviseHugePages();
+   s.watchMappings();
    return s;
 }
 
@@ -267,6 +319,7 @@ Segment Segment::createNew(const std::string& path, uint32_t keySize, uint32_t r
    s.data_ = static_cast<uint8_t*>(d);
    s.dataLen_ = layout.totalSize - headerBytes;
    s.adviseHugePages();
+   s.watchMappings();
    s.layout_ = layout;
    Header& hd = *s.header_; // a new file reads as zeros: every atomic starts at 0
    hd.version = segmentVersion;
@@ -335,8 +388,33 @@ void Segment::claimWriter() {
    header_->writerPid.store(static_cast<uint32_t>(getpid()), std::memory_order_release);
 }
 
-pid_t Segment::livingWriter() const noexcept {
+void Segment::watchMappings() {
+   installBusHandler();
+   for (Watched& w : watched) {
+      uint32_t free = 0;
+      if (!w.used.compare_exchange_strong(free, 2)) continue; // 2: being filled
+      w.cut.store(0, std::memory_order_relaxed);
+      w.headerBegin.store(reinterpret_cast<uintptr_t>(header_), std::memory_order_relaxed);
+      w.dataBegin.store(reinterpret_cast<uintptr_t>(data_), std::memory_order_relaxed);
+      w.dataEnd.store(reinterpret_cast<uintptr_t>(data_) + dataLen_, std::memory_order_relaxed);
+      w.used.store(1, std::memory_order_release);
+      cut_ = &w.cut;
+      return;
+   }
+   throw std::runtime_error("Vault table " + path_ + ": more than " + std::to_string(watchedMax) +
+                            " tables mapped");
+}
+
+void Segment::reportCut() const {
+   struct stat st {};
+   const long long size = fstat(fd_, &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+   corrupt("truncated while in use: " + std::to_string(size) + " bytes of " +
+           std::to_string(layout_.totalSize));
+}
+
+pid_t Segment::livingWriter() const {
    const pid_t pid = static_cast<pid_t>(header_->writerPid.load(std::memory_order_acquire));
+   checkNotCut();
    if (pid == 0) return 0;
    // The pid of a writer killed without closing stays in the header.
    return kill(pid, 0) == 0 || errno == EPERM ? pid : 0;
@@ -397,6 +475,7 @@ uint32_t Segment::claimReaderSlot(int& socketFd) {
 }
 
 void Segment::releaseReaderSlot(uint32_t slot, int socketFd) noexcept {
+   // In a segment cut under us, these land on a zero page of our own: harmless.
    ReaderSlot& r = header_->readers[slot];
    r.armed.store(0, std::memory_order_relaxed);
    r.token.store(0, std::memory_order_relaxed);

@@ -23,8 +23,8 @@
 //  - a segment that does not make sense (magic, version, key or record size, geometry, a file
 //    shorter than its geometry, an index entry out of range, a record failing its own check) is
 //    reported as Vault::Corruption naming the segment, never a crash.
-// Not covered: a segment truncated by a third party while it is mapped (the kernel then raises
-// SIGBUS on access).
+//  - a segment truncated by a third party while a reader has it mapped is Corruption too: a read
+//    of a lost page faults once, reads zeros from then on, and the read reports the cut.
 #pragma once
 
 #include <sched.h>
@@ -162,8 +162,16 @@ class Segment {
    // The previous writer died holding the table.
    bool tookOver() const noexcept { return tookOver_; }
    [[noreturn]] void corrupt(const std::string& what) const;
-   pid_t livingWriter() const noexcept;
+   pid_t livingWriter() const;
    bool replaced() const noexcept;
+   // Corruption when the file was cut under the mapping since it was mapped. A read of a page
+   // the file no longer has reads zeros instead of raising SIGBUS: the process's bus-error
+   // handler puts a zero page there and marks the segment cut.
+   void checkNotCut() const {
+      if (cut_ && cut_->load(std::memory_order_relaxed)) [[unlikely]] {
+         reportCut();
+      }
+   }
 
    // ---- reader wake-ups
    // Claims a reader slot and binds its socket; returns the slot index.
@@ -183,6 +191,8 @@ class Segment {
                             const Geometry& geometry);
    void claimWriter();
    void adviseHugePages() noexcept;
+   void watchMappings();
+   [[noreturn]] void reportCut() const;
 
    std::string path_;
    int fd_ = -1;
@@ -193,6 +203,7 @@ class Segment {
    Layout layout_;
    bool created_ = false;
    bool tookOver_ = false;
+   std::atomic<uint32_t>* cut_ = nullptr; // in the process's table of watched mappings
 };
 
 inline uint64_t mixHash(uint32_t h) noexcept {
@@ -221,12 +232,14 @@ class SharedTable {
    static constexpr size_t recordSizeMax = MaxRecordSize;
 
    const std::string& path() const noexcept { return segment_.path(); }
-   size_t size() const noexcept {
-      return static_cast<size_t>(segment_.header().recordCount.load(std::memory_order_acquire));
+   size_t size() const {
+      uint64_t count = 0;
+      guard([&] { count = segment_.header().recordCount.load(std::memory_order_acquire); });
+      return static_cast<size_t>(count);
    }
    uint64_t capacity() const noexcept { return segment_.layout().capacity; }
    // The process writing the table, when one is alive; 0 when none is.
-   pid_t writer() const noexcept { return segment_.livingWriter(); }
+   pid_t writer() const { return segment_.livingWriter(); }
    // The table's name now leads to another segment, or to none: it was removed, and perhaps made
    // again by a new writer. A reader of the old one hears of nothing more and should attach anew.
    bool replaced() const noexcept { return segment_.replaced(); }
@@ -240,6 +253,68 @@ class SharedTable {
    // The same into `out`, for a reader that keeps one record to fill: false (and `out` holding
    // anything) when there is none.
    bool lookup(const K& key, R& out) const {
+      bool found = false;
+      guard([&] { found = lookupUnguarded(key, out); });
+      return found;
+   }
+
+   // Brings the index entry of `key` towards the cache (an address, not a read), for a reader
+   // about to look up many keys.
+   void prefetch(const K& key) const {
+      const uint32_t generation = header().indexGeneration.load(std::memory_order_relaxed);
+      __builtin_prefetch(indexOf(generation) +
+                         (detail::mixHash(key.hash()) & (layout().indexCapacity - 1)));
+   }
+
+   // Calls `visit(record)` with a whole copy of every record. Records changed during the walk
+   // are seen old or new; a record present throughout is seen; when the writer compacts its
+   // index meanwhile, the walk starts again (a record may then be seen twice).
+   template <class F>
+   void forEach(F&& visit) const {
+      constexpr size_t batchSize = 16;
+      for (unsigned attempt = 0;; ++attempt) {
+         uint32_t generation = 0;
+         guard([&] { generation = header().indexGeneration.load(std::memory_order_acquire); });
+         const std::atomic<uint64_t>* index = indexOf(generation);
+         bool restart = false;
+         uint64_t pos = 0;
+         while (pos < layout().indexCapacity && !restart) {
+            // A few records at a time under the guard; `visit` runs outside it.
+            Scratch batch[batchSize];
+            size_t n = 0;
+            guard([&] {
+               for (; pos < layout().indexCapacity && n < batchSize && !restart; ++pos) {
+                  for (unsigned tries = 0;; ++tries) {
+                     const uint64_t entry = index[pos].load(std::memory_order_acquire);
+                     if (entry == detail::indexEmpty || entry == detail::indexErased) break;
+                     if (readPublished(index[pos], entry, batch[n].record)) {
+                        ++n;
+                        break;
+                     }
+                     if (header().indexGeneration.load(std::memory_order_acquire) != generation) {
+                        restart = true;
+                        break;
+                     }
+                     backOff(tries);
+                  }
+               }
+            });
+            for (size_t i = 0; i < n; ++i) visit(static_cast<const R&>(batch[i].record));
+         }
+         // A compaction during the walk may have moved records this copy no longer shows.
+         guard([&] {
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (header().indexGeneration.load(std::memory_order_relaxed) != generation) {
+               restart = true;
+            }
+         });
+         if (!restart) return;
+         backOff(attempt);
+      }
+   }
+
+ protected:
+   bool lookupUnguarded(const K& key, R& out) const {
       const uint32_t hash = key.hash();
       for (unsigned attempt = 0;; ++attempt) {
          const uint32_t generation = header().indexGeneration.load(std::memory_order_acquire);
@@ -268,53 +343,19 @@ class SharedTable {
       }
    }
 
-   // Brings the index entry of `key` towards the cache (an address, not a read), for a reader
-   // about to look up many keys.
-   void prefetch(const K& key) const {
-      const uint32_t generation = header().indexGeneration.load(std::memory_order_relaxed);
-      __builtin_prefetch(indexOf(generation) +
-                         (detail::mixHash(key.hash()) & (layout().indexCapacity - 1)));
-   }
-
-   // Calls `visit(record)` with a whole copy of every record. Records changed during the walk
-   // are seen old or new; a record present throughout is seen; when the writer compacts its
-   // index meanwhile, the walk starts again (a record may then be seen twice).
-   template <class F>
-   void forEach(F&& visit) const {
-      for (unsigned attempt = 0;; ++attempt) {
-         const uint32_t generation = header().indexGeneration.load(std::memory_order_acquire);
-         const std::atomic<uint64_t>* index = indexOf(generation);
-         bool restart = false;
-         for (uint64_t pos = 0; pos < layout().indexCapacity && !restart; ++pos) {
-            for (unsigned tries = 0;; ++tries) {
-               const uint64_t entry = index[pos].load(std::memory_order_acquire);
-               if (entry == detail::indexEmpty || entry == detail::indexErased) break;
-               Scratch s;
-               if (readPublished(index[pos], entry, s.record)) {
-                  visit(static_cast<const R&>(s.record));
-                  break;
-               }
-               if (header().indexGeneration.load(std::memory_order_acquire) != generation) {
-                  restart = true;
-                  break;
-               }
-               backOff(tries);
-            }
-         }
-         // A compaction during the walk may have moved records this copy no longer shows.
-         std::atomic_thread_fence(std::memory_order_acquire);
-         if (header().indexGeneration.load(std::memory_order_relaxed) != generation) restart = true;
-         if (!restart) return;
-         backOff(attempt);
-      }
-   }
-
- protected:
    struct RingEntry {
       std::atomic<uint64_t> stamp; // position + 1 once the key is whole
    };
 
    explicit SharedTable(detail::Segment segment) : segment_(std::move(segment)) {}
+
+   // Runs `f`, which reads the segment, then checks that the file was not cut under it (what
+   // it read of lost pages was zeros).
+   template <class F>
+   void guard(F&& f) const {
+      f();
+      segment_.checkNotCut();
+   }
 
    // Room for a record filled by a byte copy: records are trivially copyable, so the copy is what
    // makes one; no constructor runs first to zero what the copy overwrites.
@@ -665,8 +706,11 @@ class Reader : public SharedTable<K, R, MaxRecordSize> {
       detail::Segment::consumeWakeups(socket_);
       size_t told = 0;
       for (;;) {
-         header().readers[slot_].armed.store(0, std::memory_order_relaxed);
-         const uint64_t head = header().ringHead.load(std::memory_order_acquire);
+         uint64_t head = 0;
+         this->guard([&] {
+            header().readers[slot_].armed.store(0, std::memory_order_relaxed);
+            head = header().ringHead.load(std::memory_order_acquire);
+         });
          if (!attached_ || head - cursor_ > layout().ringCapacity) {
             attached_ = true;
             cursor_ = head;
@@ -675,7 +719,9 @@ class Reader : public SharedTable<K, R, MaxRecordSize> {
          }
          for (; cursor_ != head; ++cursor_) {
             K key;
-            if (!readChange(cursor_, key)) {
+            bool whole = false;
+            this->guard([&] { whole = readChange(cursor_, key); });
+            if (!whole) {
                // Overwritten while we read it: the writer lapped us.
                cursor_ = head;
                onAll();
@@ -685,8 +731,12 @@ class Reader : public SharedTable<K, R, MaxRecordSize> {
             onKey(static_cast<const K&>(key));
             ++told;
          }
-         header().readers[slot_].armed.store(1, std::memory_order_seq_cst);
-         if (header().ringHead.load(std::memory_order_seq_cst) == cursor_) return told;
+         bool caughtUp = false;
+         this->guard([&] {
+            header().readers[slot_].armed.store(1, std::memory_order_seq_cst);
+            caughtUp = header().ringHead.load(std::memory_order_seq_cst) == cursor_;
+         });
+         if (caughtUp) return told;
       }
    }
 

@@ -111,8 +111,10 @@ struct Pipe {
       close(fd[1]);
    }
    void put(char c) { EXPECT_EQ(write(fd[1], &c, 1), 1); }
+   // '\0' when nothing comes within 20 s: the other side died (both ends stay open here).
    char get() {
       char c = 0;
+      if (!Vault::Shm::waitReadable(fd[0], 20000)) return '\0';
       return read(fd[0], &c, 1) == 1 ? c : '\0';
    }
 };
@@ -443,6 +445,53 @@ TEST_F(VaultShm, CorruptOrTruncatedSegmentIsReportedNamingItNeverACrash) {
       }
       expectRefused("index", "index entry names slot 4999 of 9");
    }
+}
+
+TEST_F(VaultShm, SegmentCutUnderAnAttachedReaderIsCorruptionNotABusError) {
+   const std::string r = router();
+   const auto layout =
+       *Vault::Shm::detail::Layout::of(sizeof(PolicyId), PolicyInputEntry::maxLen, 8, 8);
+   {
+      InputWriter w(r, "cut", {8, 8});
+      w.insert(patterned(3, 1));
+   }
+   const std::string path = Vault::Shm::segmentPath(r, "cut");
+   Pipe ready, go;
+   // In a process of its own: if the guard failed, the bus error would kill it, not the tests.
+   const pid_t reader = spawn([&] {
+      InputReader table(r, "cut");
+      table.drain([](const PolicyId&) {}, [] {});
+      auto refused = [&](auto&& read) {
+         try {
+            read();
+         } catch (const Vault::Corruption& e) {
+            return std::string(e.what()).find(path + " is corrupt: truncated while in use") !=
+                   std::string::npos;
+         }
+         return false;
+      };
+      ready.put('r');
+      if (go.get() != 'g') return 2; // the records are cut off, the header and index stay
+      if (!refused([&] { table.lookup(idOf(3)); })) return 3;
+      if (!refused([&] { table.forEach([](const PolicyInputEntry&) {}); })) return 4;
+      // Once cut, every read says so, also of the pages that are still there.
+      if (!refused([&] { table.size(); })) return 5;
+      ready.put('r');
+      if (go.get() != 'g') return 6; // nothing left
+      if (!refused([&] { table.size(); })) return 7;
+      if (!refused([&] { table.drain([](const PolicyId&) {}, [] {}); })) return 8;
+      if (!refused([&] { table.writer(); })) return 9;
+      return 0; // and letting go of its reader slot does not fault either
+   });
+   ASSERT_EQ(ready.get(), 'r');
+   // To the page that holds the first record: a page cut in the middle still reads (as zeros).
+   ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>((4096 + layout.slotOffset) / 4096 * 4096)),
+             0);
+   go.put('g');
+   ASSERT_EQ(ready.get(), 'r') << "the reader ended: " << exitStatus(reader);
+   ASSERT_EQ(truncate(path.c_str(), 0), 0);
+   go.put('g');
+   EXPECT_EQ(exitStatus(reader), 0);
 }
 
 TEST_F(VaultShm, IdleReaderSleepsAndIsWokenWithinAMillisecond) {
