@@ -22,7 +22,7 @@
 //    said it was going to sleep, and none to a busy one;
 //  - a segment that does not make sense (magic, version, key or record size, geometry, a file
 //    shorter than its geometry, an index entry out of range, a record failing its own check) is
-//    reported as Vault::Corruption naming the segment, never a crash.
+//    reported as Vault::Corruption naming the segment, never a crash;
 //  - a segment truncated by a third party while a reader has it mapped is Corruption too: a read
 //    of a lost page faults once, reads zeros from then on, and the read reports the cut.
 #pragma once
@@ -482,7 +482,8 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
    };
 
    // Inserts or replaces the record under record.key(); readers hear of the key. Throws
-   // TableFull when no slot is free, Corruption for a record failing its own check.
+   // TableFull when no slot is free, Corruption for a record failing its own check or a segment
+   // cut under the writer (the write went to a page the file no longer has).
    void insert(const R& record) {
       if constexpr (SelfChecking<R>) {
          if (!record.isValidRecord()) {
@@ -510,6 +511,7 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
       }
       changed(key);
       if (used_ > layout().indexCapacity / 4 * 3) compact();
+      this->segment_.checkNotCut();
    }
 
    // Removes the record under `key`; readers hear of the key. False when there was none.
@@ -522,6 +524,7 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
       header().recordCount.store(--count_, std::memory_order_release);
       giveFree(slot);
       changed(key);
+      this->segment_.checkNotCut();
       return true;
    }
 

@@ -451,10 +451,8 @@ TEST_F(VaultShm, SegmentCutUnderAnAttachedReaderIsCorruptionNotABusError) {
    const std::string r = router();
    const auto layout =
        *Vault::Shm::detail::Layout::of(sizeof(PolicyId), PolicyInputEntry::maxLen, 8, 8);
-   {
-      InputWriter w(r, "cut", {8, 8});
-      w.insert(patterned(3, 1));
-   }
+   InputWriter writer(r, "cut", {8, 8});
+   writer.insert(patterned(3, 1));
    const std::string path = Vault::Shm::segmentPath(r, "cut");
    Pipe ready, go;
    // In a process of its own: if the guard failed, the bus error would kill it, not the tests.
@@ -492,6 +490,8 @@ TEST_F(VaultShm, SegmentCutUnderAnAttachedReaderIsCorruptionNotABusError) {
    ASSERT_EQ(truncate(path.c_str(), 0), 0);
    go.put('g');
    EXPECT_EQ(exitStatus(reader), 0);
+   // The writer, too, learns it at its next write.
+   EXPECT_THROW(writer.insert(patterned(4, 1)), Vault::Corruption);
 }
 
 TEST_F(VaultShm, IdleReaderSleepsAndIsWokenWithinAMillisecond) {
