@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <utility>
@@ -59,12 +60,14 @@ sockaddr_un wakeAddress(const std::string& path, uint32_t slot, uint32_t token, 
    sockaddr_un addr{};
    addr.sun_family = AF_UNIX;
    const std::string base = path.substr(path.rfind('/') + 1);
+   // The token and slot first: a long router and table name is cut at the end, never them.
    char name[sizeof addr.sun_path];
-   const int n =
-       std::snprintf(name, sizeof name, "srte-vault.%s.%u.%08x", base.c_str(), slot, token);
+   const int wanted =
+       std::snprintf(name, sizeof name, "srte-vault.%08x.%u.%s", token, slot, base.c_str());
+   const size_t n = std::min(static_cast<size_t>(std::max(wanted, 0)), sizeof addr.sun_path - 1);
    addr.sun_path[0] = '\0';
-   std::memcpy(addr.sun_path + 1, name, static_cast<size_t>(n));
-   len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(n));
+   std::memcpy(addr.sun_path + 1, name, n);
+   len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
    return addr;
 }
 

@@ -603,6 +603,18 @@ TEST_F(VaultShm, TwoRoutersWithTheSameTableNameNeverMeet) {
    EXPECT_FALSE(readerB.lookup(idOf(1)));
    EXPECT_EQ(readerB.lookup(idOf(2))->preference().value, 2u);
    EXPECT_EQ(Vault::Shm::tablesOf(a), std::vector<std::string>{"policyInputEntry"});
+
+   // The longest names still give each reader a wake-up address of its own.
+   const std::string longest(40, 'x');
+   InputWriter longWriter(a, longest, {4, 4});
+   InputReader first(a, longest), second(a, longest);
+   first.drain([](const PolicyId&) {}, [] {});
+   second.drain([](const PolicyId&) {}, [] {});
+   longWriter.insert(patterned(5, 5));
+   EXPECT_TRUE(first.wait(1000));
+   EXPECT_TRUE(second.wait(1000));
+   EXPECT_EQ(first.drain([](const PolicyId&) {}, [] {}), 1u);
+   EXPECT_EQ(second.drain([](const PolicyId&) {}, [] {}), 1u);
    kill(other, SIGKILL);
    exitStatus(other);
    EXPECT_THROW(InputReader(a, "absent"), Vault::Shm::NotFound);
