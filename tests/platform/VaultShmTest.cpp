@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <thread>
@@ -55,6 +57,27 @@ bool whole(const PolicyInputEntry& e) {
    const uint32_t n = e.key().discriminator.value;
    return n < 256 && e == patterned(n, e.preference().value);
 }
+
+// This program started again as a writer process of its own (a fresh image, not a fork): with
+// VAULT_SHM_WRITER=<router> it rewrites 48 records of table "input" until it is killed, after
+// one byte on the file descriptor VAULT_SHM_READY once it holds the table. It never reaches the
+// tests.
+const bool writerProgram = [] {
+   const char* router = std::getenv("VAULT_SHM_WRITER");
+   if (!router) return false;
+   prctl(PR_SET_NAME, "shm-feeder");
+   try {
+      InputWriter table(router, "input", {48, 64});
+      const char took = table.tookOver() ? 't' : 'n';
+      if (write(std::atoi(std::getenv("VAULT_SHM_READY")), &took, 1) != 1) _exit(2);
+      for (uint32_t v = static_cast<uint32_t>(getpid()) * 1000;; ++v) {
+         table.insert(patterned(v % 48, v));
+      }
+   } catch (const std::exception& e) {
+      std::fprintf(stderr, "writer program: %s\n", e.what());
+   }
+   _exit(1);
+}();
 
 // Each test its own router, so that runs side by side never meet; every table goes at the end.
 class VaultShm : public ::testing::Test {
@@ -302,6 +325,43 @@ TEST_F(VaultShm, WriterKilledMidWriteNeverTearsARecordAndTheNextTakesOver) {
    for (uint32_t n = 0; n < keys; ++n) last.insert(patterned(n, 5));
    for (uint32_t n = 0; n < keys; ++n) EXPECT_EQ(reader.lookup(idOf(n))->preference().value, 5u);
    EXPECT_EQ(reader.size(), keys);
+}
+
+TEST_F(VaultShm, WriterProgramKilledMidWriteIsTakenOverByTheNextAndNamedWhileItLives) {
+   const std::string r = router();
+   InputReader* reader = nullptr;
+   std::optional<InputReader> attached;
+   for (int round = 0; round < 5; ++round) {
+      Pipe ready;
+      const pid_t writer = fork();
+      if (writer == 0) {
+         setenv("VAULT_SHM_WRITER", r.c_str(), 1);
+         setenv("VAULT_SHM_READY", std::to_string(ready.fd[1]).c_str(), 1);
+         execl("/proc/self/exe", "vault-shm-writer", static_cast<char*>(nullptr));
+         _exit(127);
+      }
+      ASSERT_EQ(ready.get(), round == 0 ? 'n' : 't') << "round " << round;
+      if (!reader) reader = &attached.emplace(r, "input");
+      try {
+         InputWriter second(r, "input", {48, 64});
+         ADD_FAILURE() << "a second writer was accepted";
+      } catch (const Vault::Shm::WriterBusy& e) {
+         EXPECT_EQ(e.holder(), writer);
+         EXPECT_EQ(e.command(), "shm-feeder");
+      }
+      const auto until =
+          std::chrono::steady_clock::now() + std::chrono::milliseconds(5 + round * 3);
+      for (uint32_t i = 0; std::chrono::steady_clock::now() < until; ++i) {
+         const auto e = reader->lookup(idOf(i % 48));
+         if (e) {
+            ASSERT_TRUE(whole(*e)) << "round " << round;
+         }
+      }
+      kill(writer, SIGKILL);
+      EXPECT_EQ(exitStatus(writer), -SIGKILL);
+      reader->forEach([&](const PolicyInputEntry& e) { ASSERT_TRUE(whole(e)); });
+      EXPECT_LE(reader->size(), 48u);
+   }
 }
 
 TEST_F(VaultShm, SecondWriterIsRefusedNamingTheHolderUntilTheHolderDies) {
