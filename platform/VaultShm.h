@@ -14,7 +14,9 @@
 //  - one writer per table: a second one is refused with WriterBusy naming the holder's pid and
 //    command; the claim is an open-file-description lock, which the kernel drops when the holder
 //    dies, so a dead writer's table is taken over; the new writer rebuilds its free slots from
-//    the index and tells every reader to rescan (it cannot know what the dead one left untold);
+//    the index and tells every reader to rescan (it cannot know what the dead one left untold).
+//    The descriptor is close-on-exec, but a child forked without exec shares the claim while it
+//    lives;
 //  - every insert, replace and erase puts its key in the change ring; a reader is told each key
 //    (`drain`), or once "everything" when the ring lapped it, when it has just attached and when
 //    a new writer took over;
