@@ -10,9 +10,10 @@ JOBS ?= $(shell nproc)
 .PHONY: all deps build demo test sanitize release bench converge fuzz fuzz-build fuzz-ci format clean
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
-# clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets.
+# clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets; liblmdb-dev is
+# for the benchmark that weighs LMDB against our shared-memory tables.
 DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev \
-                clang libclang-rt-14-dev
+                clang libclang-rt-14-dev liblmdb-dev
 
 all: build
 
@@ -63,6 +64,7 @@ bench: build
 	./$(BUILD)/selection_bench
 	./$(BUILD)/resolution_bench 10000
 	./$(BUILD)/pipeline_bench $(BENCH_PATHS)
+	./$(BUILD)/shared_table_bench $(BENCH_PATHS)
 
 # libFuzzer targets under ASan + UBSan (clang): `make fuzz` runs each for FUZZ_SECONDS, `make
 # fuzz-ci` for FUZZ_CI_SECONDS; both run every regression input and seed first (tests/fuzz/run.sh).
