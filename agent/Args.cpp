@@ -132,18 +132,25 @@ std::string nearest(std::string_view word, const std::vector<std::string>& candi
    for (const auto& c : candidates) longest = std::max(longest, c.size());
    // Beyond this no candidate is within the allowed distance: skip the quadratic work.
    if (word.size() > longest + 3) return std::string();
+   const size_t allowed = std::max<size_t>(1, std::min<size_t>(3, word.size() / 3));
    std::string best;
    size_t bestDistance = ~size_t{0};
    for (const auto& c : candidates) {
-      size_t d = editDistance(word, c);
+      size_t d;
       // A candidate that starts with what was typed is the likely intent ("adj" -> "adjacency").
-      if (word.size() >= 3 && c.compare(0, word.size(), word) == 0) d = 1;
+      if (word.size() >= 3 && c.compare(0, word.size(), word) == 0) {
+         d = 1;
+      } else if ((word.size() > c.size() ? word.size() - c.size() : c.size() - word.size()) >
+                 allowed) {
+         continue; // at least that many edits apart: it could not be chosen
+      } else {
+         d = editDistance(word, c);
+      }
       if (d < bestDistance) {
          bestDistance = d;
          best = c;
       }
    }
-   const size_t allowed = std::max<size_t>(1, std::min<size_t>(3, word.size() / 3));
    return bestDistance <= allowed ? best : std::string();
 }
 

@@ -52,6 +52,7 @@ void Host::verbIs(std::string name, std::string usage, std::string summary, Pars
    for (const auto& v : verbs_) {
       if (v.name == name) throw std::logic_error("verb registered twice: " + name);
    }
+   verbWords_.push_back(tokenize(name));
    verbs_.push_back(Verb{std::move(name), std::move(usage), std::move(summary), std::move(parse)});
 }
 
@@ -134,8 +135,9 @@ Host::VerbMatch Host::matchVerb(const std::vector<std::string>& tokens) const {
    VerbMatch m;
    for (size_t i = 0;; ++i) {
       std::vector<std::string> choices;
-      for (const auto& v : verbs_) {
-         const auto words = wordsOf(v.name);
+      for (size_t vi = 0; vi < verbs_.size(); ++vi) {
+         const Verb& v = verbs_[vi];
+         const auto& words = verbWords_[vi];
          if (words.size() < i || !std::equal(m.words.begin(), m.words.end(), words.begin())) {
             continue;
          }

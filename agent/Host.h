@@ -203,6 +203,8 @@ class Host {
    std::unique_ptr<SrTePolicy::PolicyCore> core_;
    std::unique_ptr<AgentEnable> agentEnable_;
    std::vector<Verb> verbs_;
+   // Each verb's name split into words, once: matching a line reads them for every verb.
+   std::vector<std::vector<std::string>> verbWords_;
    std::vector<Show> shows_;
    std::unique_ptr<StaticInputWriter> staticInputWriter_;
    std::unique_ptr<SrTePolicy::RestartWatch> restartWatch_;

@@ -49,6 +49,7 @@
 
 #include "absl/container/inlined_vector.h"
 #include "platform/Assert.h"
+#include "platform/MoxChanges.h"
 #include "platform/MoxRefCount.h"
 
 namespace Mox {
@@ -134,6 +135,7 @@ class Entity : public RefCounted {
    // Calls `handler(args...)` on every bound, active reactor of type N, in binding order.
    template <class N, class... P, class... A>
    void notify(void (N::*handler)(P...), const A&... args) {
+      changeCountInc();
       if (reactors_.empty()) return;
 #ifndef NDEBUG
       // Re-entrance would hand the reactors not yet called this change before the earlier one.

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "platform/Mox.h"
+#include "platform/MoxChanges.h"
 #include "platform/MoxSlab.h"
 
 namespace Vault {
@@ -122,6 +123,7 @@ class Table {
    void mountStatusIs(MountStatus s) {
       if (s == mountStatus_) return;
       mountStatus_ = s;
+      Mox::changeCountInc();
       if (observer_) observer_->onMountStatus();
       if (observer_ && s == MountStatus::mounted) observer_->onRecords();
    }
@@ -155,11 +157,13 @@ class Table {
       const K& key = record.key();
       auto [held, made] = findOrMake(key, [&] { return record; });
       if (!made) *held = record;
+      Mox::changeCountInc();
       if (observer_) observer_->onRecord(key);
    }
    // The record under `key` for filling in place, made from `key` if absent; readers hear of it
    // at `commit`.
    R& writable(const K& key) {
+      Mox::changeCountInc(); // the caller writes through the reference
       return *findOrMake(key, [&] { return R(key); }).first;
    }
    void commit(const R& record) {
@@ -172,6 +176,7 @@ class Table {
             throw Corruption("Vault table " + name_ + ": commit of a corrupt record");
          }
       }
+      Mox::changeCountInc();
       if (observer_) observer_->onRecord(it->first);
    }
    bool erase(const K& key) {
@@ -180,6 +185,7 @@ class Table {
       K removed = it->first;
       freeRecord(it->second);
       map_.erase(it);
+      Mox::changeCountInc();
       if (observer_) observer_->onRecord(removed);
       return true;
    }

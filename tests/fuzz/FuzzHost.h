@@ -1,10 +1,13 @@
-// What the scenario-language fuzz targets share: a host with every subsystem, its whole visible
-// state as one string, and the guard that keeps a fuzzer's line from leaving the process (files,
-// standard error) or from asking for unbounded work.
+// What the scenario-language fuzz targets share: a host with every subsystem, kept from one input
+// to the next while no input changes it; its whole visible state as one string; and the guard
+// that keeps a fuzzer's line from leaving the process (files, standard error) or from asking for
+// unbounded work.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <ostream>
 #include <streambuf>
 #include <string>
@@ -15,6 +18,7 @@
 #include "agent/Modules.h"
 #include "agent/RunningConfig.h"
 #include "platform/Kiln.h"
+#include "platform/MoxChanges.h"
 
 namespace Fuzz {
 
@@ -30,6 +34,33 @@ struct FuzzHost {
    std::ostream out{&sink};
    Agent::Host host{out};
    FuzzHost() { Agent::registerModules(host); }
+};
+
+// Hands each input a host in the state a new one has. Building a host costs more than most inputs
+// (every module registers, the core starts), so a host no input changed is handed out again: an
+// input that applied a line other than one that only prints, or during which the change count
+// moved, has its host replaced before it ends. Replacing it within the input that changed it keeps
+// the input's allocations and frees in balance, as the fuzzer's leak check expects of an input.
+class HostKeeper {
+ public:
+   Agent::Host& host() {
+      if (!held_) held_ = std::make_unique<FuzzHost>();
+      changesAtStart_ = Mox::changeCount();
+      changed_ = false;
+      return held_->host;
+   }
+   // A line was applied that may have changed what the change count does not see.
+   void changed() { changed_ = true; }
+   void inputDone() {
+      if (!changed_ && Mox::changeCount() == changesAtStart_) return;
+      held_.reset(); // the old host goes before the new one is built
+      held_ = std::make_unique<FuzzHost>();
+   }
+
+ private:
+   std::unique_ptr<FuzzHost> held_;
+   uint64_t changesAtStart_ = 0;
+   bool changed_ = false;
 };
 
 // Every table as JSON, then the running configuration: what a refused line must leave alone.
@@ -63,6 +94,13 @@ inline bool applicable(const Agent::Host& host, std::string_view line) {
       if (d && *d > maxAdvance) return false;
    }
    return true;
+}
+
+// Whether a line only prints (`show`, `help`): applied without moving the change count, it
+// leaves the host as it found it.
+inline bool printsOnly(const Agent::Host& host, std::string_view line) {
+   const auto m = host.matchVerb(Agent::tokenize(line));
+   return m.verb && (m.verb->name == "show" || m.verb->name == "help");
 }
 
 [[noreturn]] inline void fail(const std::string& what, std::string_view line) {
