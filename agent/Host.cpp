@@ -102,10 +102,6 @@ void Host::restart() {
    buildStages();
 }
 
-namespace {
-std::vector<std::string> wordsOf(const std::string& name) { return tokenize(name); }
-} // namespace
-
 std::vector<std::string> Host::firstArgumentWords(const Verb& verb, size_t verbWords) const {
    // The keywords of the usage's first argument ("show <table>|all": the tables and all).
    std::vector<std::string> out;
