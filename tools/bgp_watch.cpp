@@ -1,7 +1,10 @@
 // bgp-watch: follows a BGP speaker's best SR Policy paths (both families) over its API and prints
 // each as the protocol-20 record it becomes, or the key it withdraws, with what was refused.
 //
-//    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS]
+//    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] [--scenario]
+//
+// --scenario prints scenario-language lines (`input bgp ...`, `no input bgp ...`, refusals as
+// comments) that `srte` can replay.
 //
 // The initial snapshot comes first, then each change. It stops after N SR Policy paths (add or
 // withdrawal) when --count is given, or after the timeout (exit status 2 if the count was not
@@ -15,12 +18,14 @@
 
 #include "attribute.pb.h"
 #include "bgp/PathDecoder.h"
+#include "bgp/ScenarioText.h"
 #include "gobgp.grpc.pb.h"
 
 namespace {
 
 int usage() {
-   std::cerr << "usage: bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS]\n";
+   std::cerr << "usage: bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] "
+                "[--scenario]\n";
    return 64;
 }
 
@@ -32,8 +37,13 @@ int main(int argc, char** argv) {
    std::string target = "127.0.0.1:50051";
    long count = -1;
    long timeoutSeconds = 0;
+   bool scenario = false;
    for (int i = 1; i < argc; ++i) {
       const std::string a = argv[i];
+      if (a == "--scenario") {
+         scenario = true;
+         continue;
+      }
       if (i + 1 >= argc) return usage();
       if (a == "--gobgp") {
          target = argv[++i];
@@ -68,14 +78,19 @@ int main(int argc, char** argv) {
       for (const apipb::Path& path : response.table().paths()) {
          if (!isSrPolicy(path)) continue;
          const SrTeBgp::PathDecoding d = SrTeBgp::decodePath(path);
+         const char* refused = scenario ? "# refused: " : "  refused: ";
+         for (const std::string& r : d.reports) std::cout << refused << r << "\n";
          if (d.withdraw && d.id) {
-            std::cout << "withdraw " << d.id->stringValue() << "\n";
+            std::cout << (scenario ? SrTeBgp::withdrawLine(*d.id)
+                                   : "withdraw " + d.id->stringValue())
+                      << "\n";
          } else if (d.entry) {
-            std::cout << "add " << d.entry->valueToStrep() << "\n";
+            std::cout << (scenario ? SrTeBgp::inputLine(*d.entry)
+                                   : "add " + d.entry->valueToStrep())
+                      << "\n";
          } else {
-            std::cout << "ignored\n";
+            std::cout << (scenario ? "# ignored" : "ignored") << "\n";
          }
-         for (const std::string& r : d.reports) std::cout << "  refused: " << r << "\n";
          ++seen;
       }
       std::cout.flush();

@@ -1,0 +1,120 @@
+#!/bin/bash
+# Two BGP speakers on loopback, no root needed: a controller (AS 65000, 127.0.0.1) and the
+# router's BGP process (AS 65001, 127.0.0.2), with an SR Policy session (IPv4 and IPv6) between
+# them. Both are stopped on exit, whatever happens.
+#
+#    gobgp-pair.sh [COMMAND [ARG]...]
+#
+# With a command: starts the pair, waits for the session, runs the command with
+# GOBGP_CONTROLLER and GOBGP_ROUTER (HOST:PORT of each API) in its environment, stops the pair and
+# exits with the command's status. Without one: starts the pair, prints the two API addresses and
+# keeps it up until interrupted (a lab).
+#
+# Ports (defaults in brackets) and the folder for configurations and logs can be set:
+#    GOBGP_PAIR_BGP_PORT [10179]  GOBGP_PAIR_CONTROLLER_API [50161]  GOBGP_PAIR_ROUTER_API [50162]
+#    GOBGP_PAIR_DIR [a fresh temporary folder, removed on exit]  GOBGP_PAIR_WAIT [60 seconds]
+set -u
+
+bgp_port=${GOBGP_PAIR_BGP_PORT:-10179}
+controller_api=127.0.0.1:${GOBGP_PAIR_CONTROLLER_API:-50161}
+router_api=127.0.0.1:${GOBGP_PAIR_ROUTER_API:-50162}
+wait_seconds=${GOBGP_PAIR_WAIT:-60}
+gobgpd=${GOBGPD:-/usr/bin/gobgpd}
+gobgp=${GOBGP:-/usr/bin/gobgp}
+
+if [ -n "${GOBGP_PAIR_DIR:-}" ]; then
+   dir=$GOBGP_PAIR_DIR
+   mkdir -p "$dir"
+   keep_dir=1
+else
+   dir=$(mktemp -d "${TMPDIR:-/tmp}/gobgp-pair.XXXXXX")
+   keep_dir=0
+fi
+
+pids=()
+stop() {
+   local pid
+   for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+   for pid in "${pids[@]}"; do
+      # A speaker that ignores TERM for 5 s is killed.
+      for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+      kill -KILL "$pid" 2>/dev/null
+      wait "$pid" 2>/dev/null
+   done
+   pids=()
+   [ "$keep_dir" = 1 ] || rm -rf "$dir"
+}
+trap stop EXIT
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
+# write_config FILE AS ROUTER_ID LOCAL PEER PEER_AS
+write_config() {
+   cat >"$1" <<EOF
+[global.config]
+  as = $2
+  router-id = "$3"
+  port = $bgp_port
+  local-address-list = ["$4"]
+
+[[neighbors]]
+  [neighbors.config]
+    neighbor-address = "$5"
+    peer-as = $6
+  [neighbors.timers.config]
+    connect-retry = 2
+    hold-time = 30
+    keepalive-interval = 10
+  [neighbors.transport.config]
+    local-address = "$4"
+    remote-port = $bgp_port
+  [[neighbors.afi-safis]]
+    [neighbors.afi-safis.config]
+      afi-safi-name = "ipv4-srpolicy"
+  [[neighbors.afi-safis]]
+    [neighbors.afi-safis.config]
+      afi-safi-name = "ipv6-srpolicy"
+EOF
+}
+
+write_config "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1 127.0.0.2 65001
+write_config "$dir/router.toml" 65001 192.0.2.2 127.0.0.2 127.0.0.1 65000
+
+start() { # NAME API
+   "$gobgpd" -f "$dir/$1.toml" --api-hosts "$2" --pprof-disable -p -l info \
+      >"$dir/$1.log" 2>&1 &
+   pids+=($!)
+}
+start controller "$controller_api"
+start router "$router_api"
+
+# The session is up when the router's speaker reports its neighbor established.
+api_host=${router_api%:*}
+api_port=${router_api##*:}
+deadline=$((SECONDS + wait_seconds))
+until "$gobgp" -u "$api_host" -p "$api_port" neighbor 127.0.0.1 2>/dev/null |
+   grep -qi "BGP state = established"; do
+   for pid in "${pids[@]}"; do
+      if ! kill -0 "$pid" 2>/dev/null; then
+         echo "gobgp-pair: a speaker stopped at start-up; its log:" >&2
+         tail -n 20 "$dir"/*.log >&2
+         exit 1
+      fi
+   done
+   if [ "$SECONDS" -ge "$deadline" ]; then
+      echo "gobgp-pair: no session after ${wait_seconds}s; logs in $dir" >&2
+      tail -n 20 "$dir"/*.log >&2
+      keep_dir=1
+      exit 1
+   fi
+   sleep 0.5
+done
+
+export GOBGP_CONTROLLER=$controller_api GOBGP_ROUTER=$router_api
+if [ $# -gt 0 ]; then
+   "$@"
+   exit $?
+fi
+echo "session established; controller API $GOBGP_CONTROLLER, router API $GOBGP_ROUTER"
+echo "logs and configurations in $dir; Ctrl-C stops both speakers"
+while :; do sleep 3600 & wait $!; done
