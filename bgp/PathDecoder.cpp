@@ -57,6 +57,11 @@ void decodeBindingSid(const apipb::TunnelEncapSubTLVSRBindingSID& tlv, PolicyInp
    apipb::SRBindingSID mpls;
    if (tlv.bsid().Is<apipb::SRBindingSID>() && tlv.bsid().UnpackTo(&mpls)) {
       if (mpls.sid().empty()) return; // a binding SID sub-TLV without a SID: none asked for
+      // The speaker reports a received SRv6 binding SID in this same message, by its length.
+      if (mpls.sid().size() == 16) {
+         reports.push_back("SRv6 binding SID is not supported; no binding SID");
+         return;
+      }
       if (mpls.sid().size() != 4) {
          reports.push_back("binding SID of " + std::to_string(mpls.sid().size()) +
                            " bytes is not an MPLS label; no binding SID");

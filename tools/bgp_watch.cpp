@@ -1,20 +1,23 @@
 // bgp-watch: follows a BGP speaker's best SR Policy paths (both families) over its API and prints
 // each as the protocol-20 record it becomes, or the key it withdraws, with what was refused.
 //
-//    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] [--scenario]
+//    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] [--idle SECONDS] [--scenario]
 //
 // --scenario prints scenario-language lines (`input bgp ...`, `no input bgp ...`, refusals as
 // comments) that `srte` can replay.
 //
 // The initial snapshot comes first, then each change. It stops after N SR Policy paths (add or
 // withdrawal) when --count is given, or after the timeout (exit status 2 if the count was not
-// reached). The start of the adapter's client: the same request, filter and decoding.
+// reached), or once nothing came for --idle seconds after the first SR Policy path. The start of
+// the adapter's client: the same request, filter and decoding.
 #include <grpcpp/grpcpp.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <thread>
 
 #include "attribute.pb.h"
 #include "bgp/PathDecoder.h"
@@ -25,7 +28,7 @@ namespace {
 
 int usage() {
    std::cerr << "usage: bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] "
-                "[--scenario]\n";
+                "[--idle SECONDS] [--scenario]\n";
    return 64;
 }
 
@@ -38,6 +41,7 @@ int main(int argc, char** argv) {
    long count = -1;
    long timeoutSeconds = 0;
    bool scenario = false;
+   double idleSeconds = 0;
    for (int i = 1; i < argc; ++i) {
       const std::string a = argv[i];
       if (a == "--scenario") {
@@ -49,6 +53,8 @@ int main(int argc, char** argv) {
          target = argv[++i];
       } else if (a == "--count") {
          count = std::strtol(argv[++i], nullptr, 10);
+      } else if (a == "--idle") {
+         idleSeconds = std::strtod(argv[++i], nullptr);
       } else if (a == "--timeout") {
          timeoutSeconds = std::strtol(argv[++i], nullptr, 10);
       } else {
@@ -71,7 +77,31 @@ int main(int argc, char** argv) {
    filter->set_init(true);
    auto reader = stub->WatchEvent(&context, request);
 
-   long seen = 0;
+   // A blocking read cannot time out on its own: a watchdog cancels the call once it went quiet.
+   using Clock = std::chrono::steady_clock;
+   std::atomic<long> seen = 0;
+   std::atomic<Clock::rep> lastEvent = Clock::now().time_since_epoch().count();
+   std::atomic<bool> done = false, idled = false;
+   std::thread watchdog;
+   if (idleSeconds > 0) {
+      watchdog = std::thread([&] {
+         const auto idle = std::chrono::duration_cast<Clock::duration>(
+             std::chrono::duration<double>(idleSeconds));
+         while (!done) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            const Clock::time_point last{Clock::duration(lastEvent.load())};
+            if (seen > 0 && Clock::now() - last > idle) {
+               idled = true;
+               context.TryCancel();
+               return;
+            }
+         }
+      });
+   }
+   auto stopWatchdog = [&] {
+      done = true;
+      if (watchdog.joinable()) watchdog.join();
+   };
    apipb::WatchEventResponse response;
    while ((count < 0 || seen < count) && reader->Read(&response)) {
       if (!response.has_table()) continue;
@@ -92,14 +122,18 @@ int main(int argc, char** argv) {
             std::cout << (scenario ? "# ignored" : "ignored") << "\n";
          }
          ++seen;
+         lastEvent = Clock::now().time_since_epoch().count();
       }
       std::cout.flush();
    }
    if (count >= 0 && seen >= count) {
       context.TryCancel();
+      stopWatchdog();
       return 0;
    }
    const grpc::Status status = reader->Finish();
+   stopWatchdog();
+   if (idled) return 0;
    if (!status.ok() && status.error_code() != grpc::StatusCode::DEADLINE_EXCEEDED) {
       std::cerr << "bgp-watch: " << target << ": " << status.error_message() << "\n";
       return 1;

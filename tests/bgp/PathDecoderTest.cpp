@@ -205,6 +205,17 @@ TEST(PathDecoder, UnsupportedContentIsLeftOutReportedAndLosesNothingElse) {
    EXPECT_TRUE(reported(d, "segment list 2, segment 2: type B"));
    EXPECT_TRUE(reported(d, "segment list 18: a policy holds at most 16"));
 
+   // A received SRv6 binding SID comes as the MPLS message with 16 bytes: reported as SRv6 too.
+   const PathDecoding received = decodePath(RouteBuilder("10.0.0.4", 9, 4)
+                                                .add(mplsBindingSid(bytesOf("2001:db8::99")))
+                                                .add(segmentList({16001}))
+                                                .path());
+   ASSERT_TRUE(received.entry);
+   EXPECT_TRUE(received.entry->bindingSid().isNull());
+   EXPECT_EQ(received.entry->segmentListCount(), 1u);
+   ASSERT_EQ(received.reports.size(), 1u);
+   EXPECT_TRUE(reported(received, "SRv6 binding SID"));
+
    // Only unusable lists: the record is still written, without lists, for the core to refuse.
    apipb::TunnelEncapSubTLVSRSegmentList onlyB;
    onlyB.add_segments()->PackFrom(typeB);
