@@ -46,23 +46,76 @@ struct Injector {
    }
 };
 
+// Consecutive adds go in batches over one AddPathStream call: one request per path costs a round
+// trip each and caps a large injection at a few thousand paths a second.
+class AddBatch {
+ public:
+   static constexpr int size = 1000;
+   explicit AddBatch(Injector& injector) : injector_(injector) {}
+   bool add(const SrTeBgp::InjectCommand& c) {
+      if (!writer_) {
+         context_ = std::make_unique<grpc::ClientContext>();
+         writer_ = injector_.stub->AddPathStream(context_.get(), &response_);
+      }
+      *request_.add_paths() = SrTeBgp::encodePath(c.advert, injector_.nextHop);
+      return request_.paths_size() < size || send();
+   }
+   // Sends what is pending and ends the stream; false (with the speaker's words) if refused.
+   bool flush() {
+      if (!writer_) return true;
+      const bool sent = request_.paths_size() == 0 || send();
+      writer_->WritesDone();
+      const grpc::Status s = writer_->Finish();
+      writer_.reset();
+      if (!s.ok()) error_ = s.error_message();
+      return sent && s.ok();
+   }
+   const std::string& error() const { return error_; }
+
+ private:
+   bool send() {
+      request_.set_table_type(apipb::GLOBAL);
+      const bool ok = writer_->Write(request_);
+      request_.clear_paths();
+      if (!ok) error_ = "the stream was closed";
+      return ok;
+   }
+
+   Injector& injector_;
+   std::unique_ptr<grpc::ClientContext> context_;
+   google::protobuf::Empty response_;
+   std::unique_ptr<grpc::ClientWriter<apipb::AddPathStreamRequest>> writer_;
+   apipb::AddPathStreamRequest request_;
+   std::string error_;
+};
+
 bool runStream(Injector& injector, std::istream& in, const std::string& name) {
+   AddBatch batch(injector);
+   auto refused = [&](int n, const std::string& why) {
+      std::cerr << "bgp-inject: " << name << ":" << n << ": the speaker refused: " << why << "\n";
+      return false;
+   };
    std::string line;
-   for (int n = 1; std::getline(in, line); ++n) {
+   int n = 1;
+   for (; std::getline(in, line); ++n) {
       try {
          std::optional<SrTeBgp::InjectCommand> c = SrTeBgp::parseInjectLine(line);
          if (!c) continue;
-         const grpc::Status s = injector.run(*c);
-         if (!s.ok()) {
-            std::cerr << "bgp-inject: " << name << ":" << n
-                      << ": the speaker refused: " << s.error_message() << "\n";
-            return false;
+         if (c->kind == SrTeBgp::InjectCommand::Kind::add) {
+            if (!batch.add(*c)) return refused(n, batch.error());
+            continue;
          }
+         // A withdrawal must follow the adds before it.
+         if (!batch.flush()) return refused(n, batch.error());
+         const grpc::Status s = injector.run(*c);
+         if (!s.ok()) return refused(n, s.error_message());
       } catch (const std::exception& e) {
+         batch.flush();
          std::cerr << "bgp-inject: " << name << ":" << n << ": " << e.what() << "\n";
          return false;
       }
    }
+   if (!batch.flush()) return refused(n - 1, batch.error());
    return true;
 }
 
