@@ -10,14 +10,20 @@
 # exits with the command's status. Without one: starts the pair, prints the two API addresses and
 # keeps it up until interrupted (a lab).
 #
+# GOBGP_PAIR_REFLECTOR=1 puts a route reflector between them instead (iBGP, all in AS 65000:
+# controller 127.0.0.1 -> reflector 127.0.0.3 -> router 127.0.0.2), its API in GOBGP_REFLECTOR.
+#
 # Ports (defaults in brackets) and the folder for configurations and logs can be set:
 #    GOBGP_PAIR_BGP_PORT [10179]  GOBGP_PAIR_CONTROLLER_API [50161]  GOBGP_PAIR_ROUTER_API [50162]
+#    GOBGP_PAIR_REFLECTOR_API [50163]
 #    GOBGP_PAIR_DIR [a fresh temporary folder, removed on exit]  GOBGP_PAIR_WAIT [60 seconds]
 set -u
 
 bgp_port=${GOBGP_PAIR_BGP_PORT:-10179}
 controller_api=127.0.0.1:${GOBGP_PAIR_CONTROLLER_API:-50161}
 router_api=127.0.0.1:${GOBGP_PAIR_ROUTER_API:-50162}
+reflector_api=127.0.0.1:${GOBGP_PAIR_REFLECTOR_API:-50163}
+reflector=${GOBGP_PAIR_REFLECTOR:-0}
 wait_seconds=${GOBGP_PAIR_WAIT:-60}
 gobgpd=${GOBGPD:-/usr/bin/gobgpd}
 gobgp=${GOBGP:-/usr/bin/gobgp}
@@ -48,25 +54,30 @@ trap stop EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM
 
-# write_config FILE AS ROUTER_ID LOCAL PEER PEER_AS
-write_config() {
+# global FILE AS ROUTER_ID LOCAL
+global() {
    cat >"$1" <<EOF
 [global.config]
   as = $2
   router-id = "$3"
   port = $bgp_port
   local-address-list = ["$4"]
+EOF
+}
+# neighbor FILE LOCAL PEER PEER_AS [CLUSTER_ID]: with a cluster id, the peer is a reflector client.
+neighbor() {
+   cat >>"$1" <<EOF
 
 [[neighbors]]
   [neighbors.config]
-    neighbor-address = "$5"
-    peer-as = $6
+    neighbor-address = "$3"
+    peer-as = $4
   [neighbors.timers.config]
     connect-retry = 2
     hold-time = 30
     keepalive-interval = 10
   [neighbors.transport.config]
-    local-address = "$4"
+    local-address = "$2"
     remote-port = $bgp_port
   [[neighbors.afi-safis]]
     [neighbors.afi-safis.config]
@@ -75,25 +86,54 @@ write_config() {
     [neighbors.afi-safis.config]
       afi-safi-name = "ipv6-srpolicy"
 EOF
+   if [ -n "${5:-}" ]; then
+      cat >>"$1" <<EOF
+  [neighbors.route-reflector.config]
+    route-reflector-client = true
+    route-reflector-cluster-id = "$5"
+EOF
+   fi
 }
-
-write_config "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1 127.0.0.2 65001
-write_config "$dir/router.toml" 65001 192.0.2.2 127.0.0.2 127.0.0.1 65000
 
 start() { # NAME API
    "$gobgpd" -f "$dir/$1.toml" --api-hosts "$2" --pprof-disable -p -l info \
       >"$dir/$1.log" 2>&1 &
    pids+=($!)
 }
+
+# established API PEER: the speaker at API has its session with PEER up.
+established() {
+   "$gobgp" -u "${1%:*}" -p "${1##*:}" neighbor "$2" 2>/dev/null |
+      grep -qi "BGP state = established"
+}
+
+if [ "$reflector" = 1 ]; then
+   # iBGP in AS 65000: controller 127.0.0.1 -> reflector 127.0.0.3 -> router 127.0.0.2.
+   global "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1
+   neighbor "$dir/controller.toml" 127.0.0.1 127.0.0.3 65000
+   global "$dir/reflector.toml" 65000 192.0.2.3 127.0.0.3
+   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.1 65000 192.0.2.3
+   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.2 65000 192.0.2.3
+   global "$dir/router.toml" 65000 192.0.2.2 127.0.0.2
+   neighbor "$dir/router.toml" 127.0.0.2 127.0.0.3 65000
+   start reflector "$reflector_api"
+   sessions=("$router_api 127.0.0.3" "$reflector_api 127.0.0.1")
+else
+   global "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1
+   neighbor "$dir/controller.toml" 127.0.0.1 127.0.0.2 65001
+   global "$dir/router.toml" 65001 192.0.2.2 127.0.0.2
+   neighbor "$dir/router.toml" 127.0.0.2 127.0.0.1 65000
+   sessions=("$router_api 127.0.0.1")
+fi
 start controller "$controller_api"
 start router "$router_api"
 
-# The session is up when the router's speaker reports its neighbor established.
-api_host=${router_api%:*}
-api_port=${router_api##*:}
+up() {
+   local s
+   for s in "${sessions[@]}"; do established $s || return 1; done
+}
 deadline=$((SECONDS + wait_seconds))
-until "$gobgp" -u "$api_host" -p "$api_port" neighbor 127.0.0.1 2>/dev/null |
-   grep -qi "BGP state = established"; do
+until up; do
    for pid in "${pids[@]}"; do
       if ! kill -0 "$pid" 2>/dev/null; then
          echo "gobgp-pair: a speaker stopped at start-up; its log:" >&2
@@ -111,6 +151,7 @@ until "$gobgp" -u "$api_host" -p "$api_port" neighbor 127.0.0.1 2>/dev/null |
 done
 
 export GOBGP_CONTROLLER=$controller_api GOBGP_ROUTER=$router_api
+[ "$reflector" = 1 ] && export GOBGP_REFLECTOR=$reflector_api
 if [ $# -gt 0 ]; then
    "$@"
    exit $?
