@@ -2,9 +2,11 @@
 // each as the protocol-20 record it becomes, or the key it withdraws, with what was refused.
 //
 //    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] [--idle SECONDS] [--scenario]
+//              [--events]
 //
-// --scenario prints scenario-language lines (`input bgp ...`, `no input bgp ...`, refusals as
-// comments) that `srte` can replay.
+// --events also prints one comment line per message of the stream (table or peer, how many
+// paths). --scenario prints scenario-language lines (`input bgp ...`, `no input bgp ...`, refusals
+// as comments) that `srte` can replay.
 //
 // The initial snapshot comes first, then each change. It stops after N SR Policy paths (add or
 // withdrawal) when --count is given, or after the timeout (exit status 2 if the count was not
@@ -28,7 +30,7 @@ namespace {
 
 int usage() {
    std::cerr << "usage: bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] "
-                "[--idle SECONDS] [--scenario]\n";
+                "[--idle SECONDS] [--scenario] [--events]\n";
    return 64;
 }
 
@@ -41,11 +43,16 @@ int main(int argc, char** argv) {
    long count = -1;
    long timeoutSeconds = 0;
    bool scenario = false;
+   bool events = false;
    double idleSeconds = 0;
    for (int i = 1; i < argc; ++i) {
       const std::string a = argv[i];
       if (a == "--scenario") {
          scenario = true;
+         continue;
+      }
+      if (a == "--events") {
+         events = true;
          continue;
       }
       if (i + 1 >= argc) return usage();
@@ -104,6 +111,17 @@ int main(int argc, char** argv) {
    };
    apipb::WatchEventResponse response;
    while ((count < 0 || seen < count) && reader->Read(&response)) {
+      if (events) {
+         // How the speaker frames its stream: what an adapter's resynchronisation relies on.
+         if (response.has_table()) {
+            std::cout << "# event: table, " << response.table().paths_size() << " paths\n";
+         } else if (response.has_peer()) {
+            std::cout << "# event: peer, type " << response.peer().type() << "\n";
+         } else {
+            std::cout << "# event: other\n";
+         }
+         std::cout.flush();
+      }
       if (!response.has_table()) continue;
       for (const apipb::Path& path : response.table().paths()) {
          if (!isSrPolicy(path)) continue;

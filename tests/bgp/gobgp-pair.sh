@@ -6,8 +6,8 @@
 #    gobgp-pair.sh [COMMAND [ARG]...]
 #
 # With a command: starts the pair, waits for the session, runs the command with
-# GOBGP_CONTROLLER and GOBGP_ROUTER (HOST:PORT of each API) in its environment, stops the pair and
-# exits with the command's status. Without one: starts the pair, prints the two API addresses and
+# GOBGP_CONTROLLER and GOBGP_ROUTER (HOST:PORT of each API) and GOBGP_PAIR_DIR in its
+# environment, stops the pair and exits with the command's status. Without one: starts the pair, prints the two API addresses and
 # keeps it up until interrupted (a lab).
 #
 # GOBGP_PAIR_REFLECTOR=1 puts a route reflector between them instead (iBGP, all in AS 65000:
@@ -32,22 +32,39 @@ if [ -n "${GOBGP_PAIR_DIR:-}" ]; then
    dir=$GOBGP_PAIR_DIR
    mkdir -p "$dir"
    keep_dir=1
+   rm -f "$dir"/*.pid
 else
    dir=$(mktemp -d "${TMPDIR:-/tmp}/gobgp-pair.XXXXXX")
    keep_dir=0
 fi
 
-pids=()
-stop() {
+# Each speaker's process id is kept in $dir/NAME.pid, so that tests may stop and start one
+# (tests/bgp/gobgp-speaker.sh) and the pair still stops whatever runs at the end.
+speaker_pid() { # PIDFILE: the id in it, if that process is still the speaker it names
    local pid
-   for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null; done
-   for pid in "${pids[@]}"; do
+   pid=$(cat "$1" 2>/dev/null) || return 1
+   [ -n "$pid" ] && grep -qaF "${1%.pid}.toml" "/proc/$pid/cmdline" 2>/dev/null && echo "$pid"
+}
+alive() { # PID: running, not merely a zombie waiting to be reaped
+   local st
+   st=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+   st=${st##*) }
+   [ "${st%% *}" != Z ]
+}
+stop() {
+   local f pid running=()
+   # Names are checked once, before any signal: a speaker on its way out has no command line.
+   for f in "$dir"/*.pid; do
+      pid=$(speaker_pid "$f") && running+=("$pid")
+   done
+   for pid in "${running[@]}"; do kill -TERM "$pid" 2>/dev/null; done
+   for pid in "${running[@]}"; do
       # A speaker that ignores TERM for 5 s is killed.
-      for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+      for _ in $(seq 50); do alive "$pid" || break; sleep 0.1; done
       kill -KILL "$pid" 2>/dev/null
+      while alive "$pid"; do sleep 0.1; done
       wait "$pid" 2>/dev/null
    done
-   pids=()
    [ "$keep_dir" = 1 ] || rm -rf "$dir"
 }
 trap stop EXIT
@@ -96,9 +113,12 @@ EOF
 }
 
 start() { # NAME API
+   echo "$2" >"$dir/$1.api"
    "$gobgpd" -f "$dir/$1.toml" --api-hosts "$2" --pprof-disable -p -l info \
-      >"$dir/$1.log" 2>&1 &
-   pids+=($!)
+      >>"$dir/$1.log" 2>&1 &
+   echo $! >"$dir/$1.pid"
+   # The stop recognises a speaker by its command line, which is ours until the exec.
+   for _ in $(seq 100); do speaker_pid "$dir/$1.pid" >/dev/null && return; sleep 0.02; done
 }
 
 # established API PEER: the speaker at API has its session with PEER up.
@@ -134,8 +154,8 @@ up() {
 }
 deadline=$((SECONDS + wait_seconds))
 until up; do
-   for pid in "${pids[@]}"; do
-      if ! kill -0 "$pid" 2>/dev/null; then
+   for f in "$dir"/*.pid; do
+      if ! speaker_pid "$f" >/dev/null; then
          echo "gobgp-pair: a speaker stopped at start-up; its log:" >&2
          tail -n 20 "$dir"/*.log >&2
          exit 1
@@ -150,7 +170,7 @@ until up; do
    sleep 0.5
 done
 
-export GOBGP_CONTROLLER=$controller_api GOBGP_ROUTER=$router_api
+export GOBGP_CONTROLLER=$controller_api GOBGP_ROUTER=$router_api GOBGP_PAIR_DIR=$dir
 [ "$reflector" = 1 ] && export GOBGP_REFLECTOR=$reflector_api
 if [ $# -gt 0 ]; then
    "$@"
