@@ -2,8 +2,10 @@
 // each as the protocol-20 record it becomes, or the key it withdraws, with what was refused.
 //
 //    bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] [--idle SECONDS] [--scenario]
-//              [--events]
+//              [--events] [--follow]
 //
+// --follow (with --timeout) goes on across the speaker going away: each connection's snapshot
+// ("# snapshot: N paths"), its changes, and "# disconnected: ..." lines.
 // --events also prints one comment line per message of the stream (table or peer, how many
 // paths). --scenario prints scenario-language lines (`input bgp ...`, `no input bgp ...`, refusals
 // as comments) that `srte` can replay.
@@ -24,17 +26,62 @@
 #include "attribute.pb.h"
 #include "bgp/PathDecoder.h"
 #include "bgp/ScenarioText.h"
+#include "bgp/SpeakerWatch.h"
 #include "gobgp.grpc.pb.h"
 
 namespace {
 
 int usage() {
    std::cerr << "usage: bgp-watch [--gobgp HOST:PORT] [--count N] [--timeout SECONDS] "
-                "[--idle SECONDS] [--scenario] [--events]\n";
+                "[--idle SECONDS] [--scenario] [--events] [--follow]\n";
    return 64;
 }
 
 bool isSrPolicy(const apipb::Path& p) { return p.family().safi() == apipb::Family::SAFI_SR_POLICY; }
+
+void print(const SrTeBgp::PathDecoding& d, bool scenario) {
+   const char* refused = scenario ? "# refused: " : "  refused: ";
+   for (const std::string& r : d.reports) std::cout << refused << r << "\n";
+   if (d.withdraw && d.id) {
+      std::cout << (scenario ? SrTeBgp::withdrawLine(*d.id) : "withdraw " + d.id->stringValue())
+                << "\n";
+   } else if (d.entry) {
+      std::cout << (scenario ? SrTeBgp::inputLine(*d.entry) : "add " + d.entry->valueToStrep())
+                << "\n";
+   } else {
+      std::cout << (scenario ? "# ignored" : "ignored") << "\n";
+   }
+}
+
+// --follow: across the speaker going away and coming back, each connection's snapshot then its
+// changes, for `duration`.
+int followFor(const std::string& target, std::chrono::seconds duration, bool scenario) {
+   struct Printer : SrTeBgp::SpeakerWatch::Handler {
+      bool scenario;
+      void onSnapshot(std::vector<SrTeBgp::PathDecoding> paths) override {
+         std::cout << "# snapshot: " << paths.size() << " paths\n";
+         for (const auto& d : paths) print(d, scenario);
+         std::cout.flush();
+      }
+      void onChange(SrTeBgp::PathDecoding d) override {
+         print(d, scenario);
+         std::cout.flush();
+      }
+      void onDisconnected(const std::string& why, std::chrono::milliseconds retryIn) override {
+         std::cout << "# disconnected: " << why << "; again in " << retryIn.count() << " ms\n";
+         std::cout.flush();
+      }
+   } printer;
+   printer.scenario = scenario;
+   SrTeBgp::SpeakerWatch watch({target}, printer);
+   std::thread timer([&] {
+      std::this_thread::sleep_for(duration);
+      watch.stop();
+   });
+   watch.run();
+   timer.join();
+   return 0;
+}
 
 } // namespace
 
@@ -44,6 +91,7 @@ int main(int argc, char** argv) {
    long timeoutSeconds = 0;
    bool scenario = false;
    bool events = false;
+   bool follow = false;
    double idleSeconds = 0;
    for (int i = 1; i < argc; ++i) {
       const std::string a = argv[i];
@@ -53,6 +101,10 @@ int main(int argc, char** argv) {
       }
       if (a == "--events") {
          events = true;
+         continue;
+      }
+      if (a == "--follow") {
+         follow = true;
          continue;
       }
       if (i + 1 >= argc) return usage();
@@ -67,6 +119,11 @@ int main(int argc, char** argv) {
       } else {
          return usage();
       }
+   }
+
+   if (follow) {
+      if (timeoutSeconds <= 0) return usage();
+      return followFor(target, std::chrono::seconds(timeoutSeconds), scenario);
    }
 
    grpc::ChannelArguments args;
@@ -125,20 +182,7 @@ int main(int argc, char** argv) {
       if (!response.has_table()) continue;
       for (const apipb::Path& path : response.table().paths()) {
          if (!isSrPolicy(path)) continue;
-         const SrTeBgp::PathDecoding d = SrTeBgp::decodePath(path);
-         const char* refused = scenario ? "# refused: " : "  refused: ";
-         for (const std::string& r : d.reports) std::cout << refused << r << "\n";
-         if (d.withdraw && d.id) {
-            std::cout << (scenario ? SrTeBgp::withdrawLine(*d.id)
-                                   : "withdraw " + d.id->stringValue())
-                      << "\n";
-         } else if (d.entry) {
-            std::cout << (scenario ? SrTeBgp::inputLine(*d.entry)
-                                   : "add " + d.entry->valueToStrep())
-                      << "\n";
-         } else {
-            std::cout << (scenario ? "# ignored" : "ignored") << "\n";
-         }
+         print(SrTeBgp::decodePath(path), scenario);
          ++seen;
          lastEvent = Clock::now().time_since_epoch().count();
       }
