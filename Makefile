@@ -11,9 +11,13 @@ JOBS ?= $(shell nproc)
 
 # Debian packages the build needs; installed when missing (a fresh machine needs nothing by hand).
 # clang and libclang-rt-14-dev (the libFuzzer runtime) are for the fuzz targets; liblmdb-dev is
-# for the benchmark that weighs LMDB against our shared-memory tables.
+# for the benchmark that weighs LMDB against our shared-memory tables. gobgpd is the BGP speaker
+# the bgp adapter and its tests talk to; its API protos come with the -dev package and are
+# compiled with protoc and the gRPC plugin.
 DEB_PACKAGES := cmake ninja-build g++ libgtest-dev libbenchmark-dev libabsl-dev libedit-dev \
-                clang libclang-rt-14-dev liblmdb-dev
+                clang libclang-rt-14-dev liblmdb-dev \
+                gobgpd golang-github-osrg-gobgp-dev libgrpc++-dev protobuf-compiler-grpc \
+                libprotobuf-dev protobuf-compiler
 
 all: build
 
