@@ -81,14 +81,15 @@ inline std::string snapshot(Agent::Host& host) {
 constexpr Kiln::Duration maxAdvance = std::chrono::seconds(5);
 
 // Whether a line that parsed may be applied here: `write` makes files, `trace` floods standard
-// error, and a long `advance` is slow without being wrong.
+// error, `load` reads whatever file it names (a device or a pipe would block the run), and a long
+// `advance` is slow without being wrong.
 inline bool applicable(const Agent::Host& host, std::string_view line) {
    const std::vector<std::string> tokens = Agent::tokenize(line);
    if (tokens.empty()) return true;
    const auto m = host.matchVerb(tokens);
    if (!m.verb) return true;
    const std::string& verb = m.verb->name;
-   if (verb == "write" || verb == "trace") return false;
+   if (verb == "write" || verb == "trace" || verb == "load") return false;
    if (verb == "advance" && tokens.size() > m.verbWords) {
       const auto d = Kiln::parseSeconds(tokens[m.verbWords]);
       if (d && *d > maxAdvance) return false;
