@@ -8,10 +8,6 @@ namespace SrTePolicy {
 
 namespace {
 
-std::string tunnelIdStrep(Tunnel::TunnelTable::TunnelId t) {
-   return "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " + std::to_string(t.value) + "})";
-}
-
 template <class T>
 std::string streamed(const T& v) {
    std::ostringstream os;
@@ -35,7 +31,7 @@ std::string WeightedSegmentListId::stringValue() const {
 std::string WeightedSegmentListId::valueToStrep() const {
    return "Value('SrTePolicy::WeightedSegmentListId', ** {'segmentListId': " +
           segmentListId.valueToStrep() + ", 'weight': " + weight.valueToStrep() +
-          ", 'tunnelId': " + tunnelIdStrep(tunnelId) + "})";
+          ", 'tunnelId': " + tunnelId.strep() + "})";
 }
 
 void WeightedSegmentListId::writeTo(AttrLog::Writer& w) const {

@@ -22,6 +22,10 @@ struct TunnelId : Mox::Bounded<TunnelId, uint64_t, 0, 0xffffffffffffffffull, 0> 
    Type type() const noexcept { return static_cast<Type>(value >> 32); }
    uint32_t index() const noexcept { return static_cast<uint32_t>(value); }
    std::string stringValue() const { return std::to_string(value); }
+   // The structured text form, as the entries holding a tunnel id print it.
+   std::string strep() const {
+      return "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " + std::to_string(value) + "})";
+   }
 };
 inline std::ostream& operator<<(std::ostream& os, TunnelId t) { return os << t.value; }
 

@@ -6,21 +6,6 @@
 
 namespace SrTePolicy {
 
-namespace {
-
-std::string tunnelIdStrep(Tunnel::TunnelTable::TunnelId t) {
-   return "Value('Tunnel::TunnelTable::TunnelId', ** {'value': " + std::to_string(t.value) + "})";
-}
-
-template <class T>
-std::string streamed(const T& v) {
-   std::ostringstream os;
-   os << v;
-   return os.str();
-}
-
-} // namespace
-
 // ---- WeightedTunnelId
 
 uint32_t WeightedTunnelId::hash() const noexcept {
@@ -33,7 +18,7 @@ std::string WeightedTunnelId::stringValue() const {
 }
 
 std::string WeightedTunnelId::valueToStrep() const {
-   return "Value('SrTePolicy::WeightedTunnelId', ** {'tunnelId': " + tunnelIdStrep(tunnelId) +
+   return "Value('SrTePolicy::WeightedTunnelId', ** {'tunnelId': " + tunnelId.strep() +
           ", 'weight': " + weight.valueToStrep() + "})";
 }
 
