@@ -101,6 +101,11 @@ class RouterAgent {
          mountAction_(*mountTask_, [this] { mountTables(); }),
          reportAction_(*reportTask_, [this] { report(); }) {
       router_.config->enabledIs(true);
+      if (options.srlb) {
+         const auto [first, last] = *options.srlb;
+         router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
+                                          Mpls::LabelRange(first, last - first + 1));
+      }
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
    }

@@ -15,9 +15,12 @@
 //    anything.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "platform/Kiln.h"
 
@@ -48,6 +51,9 @@ class AgentLock {
 struct AgentOptions {
    std::string router;
    Kiln::Duration mountRetry = std::chrono::milliseconds(200);
+   // The platform's block of binding SIDs, first and last label, while the MPLS configuration
+   // does not come through a shared table: without it every binding SID is out of range.
+   std::optional<std::pair<uint32_t, uint32_t>> srlb;
 };
 
 // Runs the agent until a stop signal. The exit status: exitOk after a stop, exitCannotRun when

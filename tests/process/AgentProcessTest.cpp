@@ -155,14 +155,18 @@ class AgentProcessTest : public ::testing::Test {
 TEST_F(AgentProcessTest, ConvergesOnFedPathsAndStopsOnSigterm) {
    const std::string r = router("feed");
    ASSERT_EQ(feed(r, {"--paths", "10000"}), 0);
-   Process agent({"agent", "--router", r});
+   // With a block for the fed binding SIDs, every path is a candidate the core selects among.
+   Process agent({"agent", "--router", r, "--srlb", "100000-899999"});
    ASSERT_TRUE(agent.waitFor("mounted policyInput-bgp, 10000 records")) << agent.err();
-   ASSERT_TRUE(agent.waitFor("converged: 10000 paths in 1 input table")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 10000 paths in 1 input table, 10000 candidates for "
+                             "selection"))
+       << agent.err();
 
    // Changes written while it runs: 500 more, 100 erased; told once the core is done.
    ASSERT_EQ(feed(r, {"--paths", "500", "--first", "10000"}), 0);
    ASSERT_EQ(feed(r, {"--paths", "100", "--erase"}), 0);
-   ASSERT_TRUE(agent.waitFor("converged: 10400 paths")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 10400 paths in 1 input table, 10400 candidates"))
+       << agent.err();
 
    const auto start = Clock::now();
    kill(agent.pid(), SIGTERM);
