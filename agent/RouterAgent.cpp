@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -65,16 +66,20 @@ AgentLock::AgentLock(const std::string& router) : path_(pathOf(router)) {
       ::close(fd_);
    }
    const std::string pid = std::to_string(::getpid()) + "\n";
-   if (::ftruncate(fd_, 0) != 0 || ::pwrite(fd_, pid.data(), pid.size(), 0) < 0) {
-      // The pid is only for the message a second agent gives; the lock holds without it.
-   }
+   // The pid is only for the message a second agent gives: the lock holds without it.
+   const bool told = ::ftruncate(fd_, 0) == 0 &&
+                     ::pwrite(fd_, pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
+   static_cast<void>(told);
 }
 
-AgentLock::~AgentLock() {
+AgentLock::~AgentLock() { release(); }
+
+void AgentLock::release() {
    if (fd_ < 0) return;
    // Removed while still held, so that no other agent locks the name we are about to release.
    ::unlink(path_.c_str());
    ::close(fd_);
+   fd_ = -1;
 }
 
 namespace {
@@ -120,11 +125,15 @@ class RouterAgent {
       core_.start();
       mountTables();
       loop_.run();
-      // Published tables stay as they are for the next agent to adopt.
-      core_.stop();
       err_ << "srte agent: router " << options_.router << " stopped by signal "
            << loop_.stopSignal() << " (" << strsignal(loop_.stopSignal()) << ")\n"
            << std::flush;
+      if (options_.exitOnStop) {
+         lock_.release();
+         std::_Exit(exitOk);
+      }
+      // Published tables stay as they are for the next agent to adopt.
+      core_.stop();
       return exitOk;
    }
 

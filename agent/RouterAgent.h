@@ -12,7 +12,9 @@
 //  - one line on the error stream when the core has converged after start-up, and later at most
 //    one a second while the input goes on changing, each with the paths held;
 //  - SIGTERM and SIGINT stop it at the next turn of the loop; the core stops without withdrawing
-//    anything.
+//    anything. Freeing the core entity by entity grows with the paths (0.2 s from the signal to
+//    the exit at 300,000 paths, 0.03 s without it), so the program ends the process right there
+//    (`exitOnStop`); the lock file goes first.
 #pragma once
 
 #include <cstdint>
@@ -39,6 +41,8 @@ class AgentLock {
  public:
    explicit AgentLock(const std::string& router); // throws AgentBusy
    ~AgentLock();
+   // Gives the lock up now (also what the destructor does).
+   void release();
    AgentLock(const AgentLock&) = delete;
    AgentLock& operator=(const AgentLock&) = delete;
    static std::string pathOf(const std::string& router);
@@ -54,6 +58,9 @@ struct AgentOptions {
    // The platform's block of binding SIDs, first and last label, while the MPLS configuration
    // does not come through a shared table: without it every binding SID is out of range.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
+   // After a stop signal, end the process at once instead of tearing the in-process state down
+   // (the kernel takes the memory back; nothing outside the process changes either way).
+   bool exitOnStop = false;
 };
 
 // Runs the agent until a stop signal. The exit status: exitOk after a stop, exitCannotRun when

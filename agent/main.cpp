@@ -159,7 +159,10 @@ int runCommand(const std::string& command, int argc, char** argv) {
       }
    }
    if (agent.router.empty()) return usage("--router NAME is required");
-   if (command == "agent") return Agent::runAgent(agent, std::cerr);
+   if (command == "agent") {
+      agent.exitOnStop = true;
+      return Agent::runAgent(agent, std::cerr);
+   }
    if (!havePaths) return usage("--paths N is required");
    return Agent::feed(feed, std::cerr);
 }

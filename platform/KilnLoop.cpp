@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <stdexcept>
 #include <string>
@@ -77,7 +78,12 @@ int Loop::timeoutMs(Duration maxWait) const {
 }
 
 void Loop::turn(Duration maxWait) {
-   scheduler_.runUntilIdle(runsPerTurn);
+   // Bounded in runs and in time, so that a stop signal or a table change waits at most about
+   // one task's slice.
+   const auto until = std::chrono::steady_clock::now() + busyPerTurn;
+   for (size_t runs = 0; runs < runsPerTurn && scheduler_.runUntilIdle(1) != 0; ++runs) {
+      if (std::chrono::steady_clock::now() >= until) break;
+   }
    if (scheduler_.readyTaskCount() == 0 && onIdle_ && !stopped_) onIdle_();
    std::vector<pollfd> polled;
    polled.reserve(fds_.size());

@@ -7,7 +7,8 @@
 //  - a timer fires no earlier than it is due, and the loop wakes for it without being poked;
 //  - a readable descriptor's handler runs within the next turn; a handler may add or remove
 //    descriptors, its own included;
-//  - ready tasks are run in bounded batches, so descriptors are served while a backlog runs;
+//  - ready tasks are run in batches bounded in count and time, so descriptors (and a stop
+//    signal) are served while a backlog runs;
 //  - `catchStopSignals()` turns SIGTERM and SIGINT into a stop at the next turn (a signalfd: no
 //    handler runs inside a task); `stop()` does the same from a handler or a task;
 //  - `onIdle` runs each time the loop is about to sleep with nothing ready.
@@ -51,8 +52,9 @@ class Loop {
    void stop() noexcept { stopped_ = true; }
    bool stopped() const noexcept { return stopped_; }
 
-   // Task runs between two looks at the descriptors.
+   // Task runs, and time spent running them, between two looks at the descriptors.
    static constexpr size_t runsPerTurn = 64;
+   static constexpr Duration busyPerTurn = std::chrono::milliseconds(20);
 
  private:
    struct Watch {
