@@ -177,6 +177,20 @@ TEST_F(AgentProcessTest, ConvergesOnFedPathsAndStopsOnSigterm) {
    EXPECT_EQ(Vault::Shm::tablesOf(r), std::vector<std::string>{"policyInput-bgp"});
 }
 
+TEST_F(AgentProcessTest, StopsWithinASecondWhileBusy) {
+   const std::string r = router("busy");
+   Process agent({"agent", "--router", r, "--srlb", "100000-899999"});
+   ASSERT_TRUE(agent.waitFor("converged: 0 paths")) << agent.err();
+   ASSERT_EQ(feed(r, {"--paths", "300000"}), 0);
+   // The table is mounted within 200 ms; its 300,000 paths then keep the core busy for more than
+   // a second (a loop that ran tasks until idle before looking at its signal took 1.2 s here).
+   ASSERT_TRUE(agent.waitFor("mounted policyInput-bgp")) << agent.err();
+   const auto start = Clock::now();
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+   EXPECT_LT(Clock::now() - start, 1s);
+}
+
 TEST_F(AgentProcessTest, MountsATableThatAppearsLaterAndDropsOneThatGoes) {
    const std::string r = router("late");
    Process agent({"agent", "--router", r});
