@@ -9,8 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "agent/Feed.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
+#include "agent/RouterAgent.h"
 #include "agent/Script.h"
 #include "agent/Shell.h"
 
@@ -32,6 +34,13 @@ void printHelp() {
           "                          terminal\n"
           "  srte [-x] [-i] --demo   run the built-in demonstration script (echoed)\n"
           "  srte --help, --version  print this text, or the version\n"
+          "  srte agent --router NAME [--srlb FIRST-LAST]\n"
+          "                          the SR-TE agent of router NAME on the real clock: mirrors\n"
+          "                          the router's shared input tables into the core; SIGTERM or\n"
+          "                          SIGINT stop it. --srlb: the block binding SIDs come from\n"
+          "  srte feed --router NAME [--protocol P] --paths N [--first K] [--erase]\n"
+          "                          write (or erase) N numbered candidate paths, from K, in\n"
+          "                          the shared input table of protocol P (bgp by default)\n"
           "\n"
           "Options:\n"
           "  -x  print each command (after 'srte> ') before its output, and a line of what run\n"
@@ -99,10 +108,72 @@ int runInteractive(Agent::Host& host, bool echo) {
    return Agent::runScript(host, lines, std::cerr, options);
 }
 
+// `srte agent ...` and `srte feed ...`: their options, one value each.
+int runCommand(const std::string& command, int argc, char** argv) {
+   Agent::AgentOptions agent;
+   Agent::FeedOptions feed;
+   bool havePaths = false;
+   auto usage = [&](const std::string& why) {
+      std::cerr << "srte " << command << ": " << why << "; try 'srte --help'\n";
+      return Agent::exitCannotRun;
+   };
+   auto number = [](const std::string& text, uint32_t& out) {
+      if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
+         return false;
+      }
+      out = static_cast<uint32_t>(std::stoul(text));
+      return true;
+   };
+   for (int i = 2; i < argc; ++i) {
+      const std::string arg = argv[i];
+      if (command == "feed" && arg == "--erase") {
+         feed.erase = true;
+         continue;
+      }
+      if (i + 1 >= argc) return usage("'" + Agent::printable(arg) + "' needs a value");
+      const std::string value = argv[++i];
+      if (arg == "--router") {
+         agent.router = feed.router = value;
+      } else if (command == "agent" && arg == "--srlb") {
+         const size_t dash = value.find('-');
+         uint32_t first = 0, last = 0;
+         if (dash == value.npos || !number(value.substr(0, dash), first) ||
+             !number(value.substr(dash + 1), last) || first < 16 || last < first ||
+             last > Ipkit::MplsLabel::maxLabel) {
+            return usage("--srlb takes FIRST-LAST, labels from 16 to 1048575");
+         }
+         agent.srlb = std::make_pair(first, last);
+      } else if (command == "feed" && arg == "--protocol") {
+         auto p = SrTePolicy::sequenceToValue(value);
+         if (!p || (*p != SrTePolicy::Protocol::bgp && *p != SrTePolicy::Protocol::staticConfig)) {
+            return usage("unknown protocol '" + Agent::printable(value) + "' (bgp or static)");
+         }
+         feed.protocol = *p;
+      } else if (command == "feed" && arg == "--paths") {
+         if (!number(value, feed.paths)) return usage("--paths takes a count below 10^9");
+         havePaths = true;
+      } else if (command == "feed" && arg == "--first") {
+         if (!number(value, feed.first)) return usage("--first takes a number below 10^9");
+      } else {
+         return usage("unknown option '" + Agent::printable(arg) + "'");
+      }
+   }
+   if (agent.router.empty()) return usage("--router NAME is required");
+   if (command == "agent") {
+      agent.exitOnStop = true;
+      return Agent::runAgent(agent, std::cerr);
+   }
+   if (!havePaths) return usage("--paths N is required");
+   return Agent::feed(feed, std::cerr);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
    std::ios::sync_with_stdio(false);
+   if (argc >= 2 && (std::string(argv[1]) == "agent" || std::string(argv[1]) == "feed")) {
+      return runCommand(argv[1], argc, argv);
+   }
    bool echo = false, interactive = false;
    std::vector<Source> sources;
    for (int i = 1; i < argc; ++i) {

@@ -1,0 +1,330 @@
+#include "agent/RouterAgent.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <set>
+
+#include "agent/Feed.h"
+#include "agent/InputMirror.h"
+#include "agent/Script.h"
+#include "core/SrTePolicyCore.h"
+#include "platform/KilnLoop.h"
+#include "platform/VaultShm.h"
+
+namespace Agent {
+
+using SrTePolicy::Protocol;
+
+// ---- the lock
+
+std::string AgentLock::pathOf(const std::string& router) {
+   Vault::Shm::segmentPath(router, "lock"); // the same rule for names as the router's tables
+   return "/dev/shm/srte-agent." + router + ".lock";
+}
+
+AgentLock::AgentLock(const std::string& router) : path_(pathOf(router)) {
+   for (;;) {
+      fd_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+      if (fd_ < 0) {
+         throw AgentBusy("cannot open " + path_ + ": " + std::strerror(errno));
+      }
+      struct flock lock {};
+      lock.l_type = F_WRLCK;
+      lock.l_whence = SEEK_SET;
+      if (::fcntl(fd_, F_OFD_SETLK, &lock) != 0) {
+         const int e = errno;
+         char pid[32] = {};
+         const ssize_t n = ::pread(fd_, pid, sizeof pid - 1, 0);
+         ::close(fd_);
+         fd_ = -1;
+         if (e == EAGAIN || e == EACCES) {
+            std::string holder = n > 0 ? std::string(pid, static_cast<size_t>(n)) : "?";
+            while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' ')) {
+               holder.pop_back();
+            }
+            throw AgentBusy("an agent (pid " + holder + ") already runs for router " + router);
+         }
+         throw AgentBusy("cannot lock " + path_ + ": " + std::strerror(e));
+      }
+      // The file may have been removed by a holder that ended between our open and our lock:
+      // the lock is good only on the file the name still leads to.
+      struct stat held {
+      }, named{};
+      if (::fstat(fd_, &held) == 0 && ::stat(path_.c_str(), &named) == 0 &&
+          held.st_ino == named.st_ino && held.st_dev == named.st_dev) {
+         break;
+      }
+      ::close(fd_);
+   }
+   const std::string pid = std::to_string(::getpid()) + "\n";
+   // The pid is only for the message a second agent gives: the lock holds without it.
+   const bool told = ::ftruncate(fd_, 0) == 0 &&
+                     ::pwrite(fd_, pid.data(), pid.size(), 0) == static_cast<ssize_t>(pid.size());
+   static_cast<void>(told);
+}
+
+AgentLock::~AgentLock() { release(); }
+
+void AgentLock::release() {
+   if (fd_ < 0) return;
+   // Removed while still held, so that no other agent locks the name we are about to release.
+   ::unlink(path_.c_str());
+   ::close(fd_);
+   fd_ = -1;
+}
+
+namespace {
+
+double secondsSince(std::chrono::steady_clock::time_point t) {
+   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
+}
+
+// Runs `f` each time its task runs.
+struct TaskAction : Kiln::Task::Notifiee {
+   std::function<void()> f;
+   TaskAction(Kiln::Task& t, std::function<void()> fn) : f(std::move(fn)) { notifierIs(&t); }
+   void onTaskRun() override { f(); }
+};
+
+class RouterAgent {
+ public:
+   RouterAgent(const AgentOptions& options, std::ostream& err)
+       : options_(options), err_(err), lock_(options.router),
+         scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::real)),
+         loop_(*scheduler_), core_(router_.tables(*scheduler_)),
+         mountTask_(Mox::make<Kiln::Task>(*scheduler_, 0, "inputTableMount")),
+         reportTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "agentReport")),
+         mountAction_(*mountTask_, [this] { mountTables(); }),
+         reportAction_(*reportTask_, [this] { report(); }) {
+      router_.config->enabledIs(true);
+      if (options.srlb) {
+         const auto [first, last] = *options.srlb;
+         router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
+                                          Mpls::LabelRange(first, last - first + 1));
+      }
+      loop_.catchStopSignals();
+      loop_.onIdleIs([this] { onIdle(); });
+   }
+
+   ~RouterAgent() {
+      for (auto& [protocol, mirror] : mirrors_) loop_.fdDel(mirror->fd());
+   }
+
+   int run() {
+      err_ << "srte agent: router " << options_.router << ", pid " << ::getpid() << ", started\n"
+           << std::flush;
+      core_.start();
+      mountTables();
+      loop_.run();
+      err_ << "srte agent: router " << options_.router << " stopped by signal "
+           << loop_.stopSignal() << " (" << strsignal(loop_.stopSignal()) << ")\n"
+           << std::flush;
+      if (options_.exitOnStop) {
+         lock_.release();
+         std::_Exit(exitOk);
+      }
+      // Published tables stay as they are for the next agent to adopt.
+      core_.stop();
+      return exitOk;
+   }
+
+ private:
+   size_t paths() const {
+      size_t n = 0;
+      for (const auto& [protocol, mirror] : mirrors_) n += mirror->table()->policyInputEntryCount();
+      return n;
+   }
+
+   // "N paths in M input tables, K candidates for selection": what came in, what the core made
+   // of it.
+   std::string held() const {
+      return std::to_string(paths()) + " paths in " + std::to_string(mirrors_.size()) +
+             (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
+             std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
+             " candidates for selection";
+   }
+
+   void mountTables() {
+      for (Protocol protocol : SrTePolicy::PolicyInputSm::handledProtocols) mountTable(protocol);
+      mountTask_->scheduleTaskLowestDelay(options_.mountRetry);
+   }
+
+   void mountTable(Protocol protocol) {
+      const std::string name = inputTableName(protocol);
+      auto it = mirrors_.find(protocol);
+      if (it != mirrors_.end()) {
+         if (!it->second->shared().replaced()) return;
+         // The segment went; a new one may stand under the name. Its records are taken in whole
+         // below (a rescan), so the table the core sees stays until then.
+         loop_.fdDel(it->second->fd());
+         std::unique_ptr<InputMirror> old = std::move(it->second);
+         mirrors_.erase(it);
+         if (!attach(protocol, name, old->table())) {
+            router_.input->policyInputDel(protocol);
+            err_ << "srte agent: " << name << " went away\n" << std::flush;
+            changed_ = true;
+         }
+         return;
+      }
+      if (!retryDue(protocol)) return;
+      attach(protocol, name, nullptr);
+   }
+
+   // A table refused as corrupt is tried again when its segment was made anew, else only every
+   // `brokenRetry`: a rescan of a large table is not free.
+   bool retryDue(Protocol protocol) {
+      auto it = broken_.find(protocol);
+      if (it == broken_.end()) return true;
+      if (segmentInode(protocol) != it->second.inode ||
+          std::chrono::steady_clock::now() >= it->second.retryAt) {
+         broken_.erase(it);
+         return true;
+      }
+      return false;
+   }
+
+   ino_t segmentInode(Protocol protocol) const {
+      struct stat st {};
+      const std::string path = Vault::Shm::segmentPath(options_.router, inputTableName(protocol));
+      return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+   }
+
+   // Mounts the shared table as the in-process `table` (a new one when null). False when it does
+   // not exist or makes no sense.
+   bool attach(Protocol protocol, const std::string& name,
+               Mox::Ptr<SrTePolicy::PolicyInput> table) {
+      try {
+         InputMirror::SharedInput reader(options_.router, name);
+         const bool fresh = !table;
+         if (fresh) table = SrTePolicy::policyInputFactory(name);
+         auto mirror = std::make_unique<InputMirror>(std::move(reader), table);
+         mirror->drain(); // the first drain is a rescan: the records come in whole
+         if (fresh) {
+            table->mountStatusIs(Vault::MountStatus::mounted);
+            router_.input->policyInputIs(protocol, table);
+         }
+         InputMirror* m = mirror.get();
+         loop_.fdIs(m->fd(), [this, protocol] { drain(protocol); });
+         mirrors_[protocol] = std::move(mirror);
+         err_ << "srte agent: mounted " << name << ", " << m->table()->policyInputEntryCount()
+              << " records\n"
+              << std::flush;
+         changed_ = true;
+         return true;
+      } catch (const Vault::Shm::NotFound&) {
+         return false;
+      } catch (const Vault::Corruption& e) {
+         refuse(protocol, e.what());
+         return false;
+      }
+   }
+
+   void drain(Protocol protocol) {
+      auto it = mirrors_.find(protocol);
+      if (it == mirrors_.end()) return;
+      try {
+         const InputMirror::Counts c = it->second->drain();
+         if (c.written + c.erased + c.rescans != 0) changed_ = true;
+      } catch (const Vault::Corruption& e) {
+         // What the core holds stays: a bad segment does not take the router's paths with it.
+         loop_.fdDel(it->second->fd());
+         mirrors_.erase(it);
+         refuse(protocol, e.what());
+      }
+   }
+
+   void refuse(Protocol protocol, const std::string& what) {
+      broken_[protocol] =
+          Broken{segmentInode(protocol), std::chrono::steady_clock::now() + brokenRetry};
+      if (reported_.insert(what).second) {
+         err_ << "srte agent: refused " << inputTableName(protocol) << ": " << what << "\n"
+              << std::flush;
+      }
+   }
+
+   // No work queued and no timer of the core's pending: what the input says is all done.
+   bool coreQuiet() const {
+      size_t own =
+          (mountTask_->expirationTimeNs() ? 1 : 0) + (reportTask_->expirationTimeNs() ? 1 : 0);
+      return scheduler_->readyTaskCount() == 0 && scheduler_->timerCount() == own;
+   }
+
+   void onIdle() {
+      if (!coreQuiet()) return;
+      if (!converged_) {
+         converged_ = true;
+         changed_ = false;
+         lastReport_ = std::chrono::steady_clock::now();
+         err_ << "srte agent: router " << options_.router << " converged: " << held() << ", "
+              << secondsSince(started_) << " s after start\n"
+              << std::flush;
+         return;
+      }
+      if (changed_ && !reportTask_->isScheduled()) {
+         const auto since = std::chrono::steady_clock::now() - lastReport_;
+         const Kiln::Duration wait = std::chrono::seconds(1) - since;
+         reportTask_->scheduleTaskLowestDelay(wait > Kiln::Duration::zero() ? wait
+                                                                            : Kiln::Duration(0));
+      }
+   }
+
+   // Runs last among ready tasks (largest priority value): the core has no work queued then.
+   void report() {
+      if (!changed_) return;
+      if (!coreQuiet()) {
+         reportTask_->scheduleTaskLowestDelay(std::chrono::milliseconds(10));
+         return;
+      }
+      changed_ = false;
+      lastReport_ = std::chrono::steady_clock::now();
+      err_ << "srte agent: router " << options_.router << " converged: " << held() << "\n"
+           << std::flush;
+   }
+
+   AgentOptions options_;
+   std::ostream& err_;
+   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+   AgentLock lock_;
+   Mox::Ptr<Kiln::TaskScheduler> scheduler_;
+   Kiln::Loop loop_;
+   SrTePolicy::StandaloneRouter router_;
+   SrTePolicy::PolicyCore core_;
+   Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
+   TaskAction mountAction_, reportAction_;
+   std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
+   struct Broken {
+      ino_t inode;
+      std::chrono::steady_clock::time_point retryAt;
+   };
+   static constexpr auto brokenRetry = std::chrono::seconds(5);
+   std::map<Protocol, Broken> broken_;
+   std::set<std::string> reported_;
+   bool converged_ = false;
+   bool changed_ = false;
+   std::chrono::steady_clock::time_point lastReport_;
+};
+
+} // namespace
+
+int runAgent(const AgentOptions& options, std::ostream& err) {
+   try {
+      RouterAgent agent(options, err);
+      return agent.run();
+   } catch (const AgentBusy& e) {
+      err << "srte agent: " << e.what() << "\n";
+   } catch (const std::invalid_argument& e) {
+      err << "srte agent: " << e.what() << "\n";
+   }
+   return exitCannotRun;
+}
+
+} // namespace Agent

@@ -1,0 +1,70 @@
+// RouterAgent: the SR-TE agent process of one router (`srte agent --router NAME`). The policy
+// core runs on the real clock, on an event loop that waits on the shared input tables' readers
+// and the scheduler's timers; each protocol's shared input table is mirrored into the in-process
+// input table the core watches (agent/InputMirror.h).
+//
+//  - at most one agent per router: a lock file under the router's name is held while it runs;
+//  - a table that does not exist yet is looked for again every `mountRetry`, and mounted when its
+//    writer has made it; a table whose segment was removed is dropped with its records, and one
+//    made again is mounted anew;
+//  - a table that makes no sense is reported (once per distinct message) and left unmounted; the
+//    in-process copy keeps what it had;
+//  - one line on the error stream when the core has converged after start-up, and later at most
+//    one a second while the input goes on changing, each with the paths held;
+//  - SIGTERM and SIGINT stop it at the next turn of the loop; the core stops without withdrawing
+//    anything. Freeing the core entity by entity grows with the paths (0.2 s from the signal to
+//    the exit at 300,000 paths, 0.03 s without it), so the program ends the process right there
+//    (`exitOnStop`); the lock file goes first.
+#pragma once
+
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "platform/Kiln.h"
+
+namespace Agent {
+
+// Another agent holds the router.
+class AgentBusy : public std::runtime_error {
+ public:
+   using std::runtime_error::runtime_error;
+};
+
+// The lock that makes one agent per router: an open-file-description lock on
+// /dev/shm/srte-agent.<router>.lock, which the kernel drops when its holder dies. The file holds
+// the holder's pid for the refusal message and goes when the holder ends cleanly.
+class AgentLock {
+ public:
+   explicit AgentLock(const std::string& router); // throws AgentBusy
+   ~AgentLock();
+   // Gives the lock up now (also what the destructor does).
+   void release();
+   AgentLock(const AgentLock&) = delete;
+   AgentLock& operator=(const AgentLock&) = delete;
+   static std::string pathOf(const std::string& router);
+
+ private:
+   std::string path_;
+   int fd_ = -1;
+};
+
+struct AgentOptions {
+   std::string router;
+   Kiln::Duration mountRetry = std::chrono::milliseconds(200);
+   // The platform's block of binding SIDs, first and last label, while the MPLS configuration
+   // does not come through a shared table: without it every binding SID is out of range.
+   std::optional<std::pair<uint32_t, uint32_t>> srlb;
+   // After a stop signal, end the process at once instead of tearing the in-process state down
+   // (the kernel takes the memory back; nothing outside the process changes either way).
+   bool exitOnStop = false;
+};
+
+// Runs the agent until a stop signal. The exit status: exitOk after a stop, exitCannotRun when
+// the router is taken or its name is not valid.
+int runAgent(const AgentOptions& options, std::ostream& err);
+
+} // namespace Agent

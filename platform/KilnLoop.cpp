@@ -1,0 +1,111 @@
+#include "platform/KilnLoop.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace Kiln {
+
+Loop::Loop(TaskScheduler& scheduler) : scheduler_(scheduler) {
+   if (scheduler.clockMode() != TaskScheduler::ClockMode::real) {
+      throw std::logic_error("an event loop needs a scheduler on the real clock");
+   }
+}
+
+Loop::~Loop() {
+   if (signalFd_ >= 0) {
+      ::close(signalFd_);
+      ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr);
+   }
+}
+
+void Loop::fdIs(int fd, std::function<void()> onReadable) {
+   for (Watch& w : fds_) {
+      if (w.fd == fd) {
+         w.onReadable = std::move(onReadable);
+         return;
+      }
+   }
+   fds_.push_back(Watch{fd, std::move(onReadable)});
+}
+
+void Loop::fdDel(int fd) {
+   std::erase_if(fds_, [fd](const Watch& w) { return w.fd == fd; });
+}
+
+void Loop::catchStopSignals() {
+   if (signalFd_ >= 0) return;
+   sigset_t mask;
+   sigemptyset(&mask);
+   sigaddset(&mask, SIGTERM);
+   sigaddset(&mask, SIGINT);
+   if (::sigprocmask(SIG_BLOCK, &mask, &oldMask_) != 0) {
+      throw std::system_error(errno, std::generic_category(), "sigprocmask");
+   }
+   signalFd_ = ::signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+   if (signalFd_ < 0) {
+      const int e = errno;
+      ::sigprocmask(SIG_SETMASK, &oldMask_, nullptr);
+      throw std::system_error(e, std::generic_category(), "signalfd");
+   }
+   fdIs(signalFd_, [this] { readSignal(); });
+}
+
+void Loop::readSignal() {
+   signalfd_siginfo info;
+   while (::read(signalFd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+      stopSignal_ = static_cast<int>(info.ssi_signo);
+      stopped_ = true;
+   }
+}
+
+int Loop::timeoutMs(Duration maxWait) const {
+   if (scheduler_.readyTaskCount() != 0 || stopped_) return 0;
+   Duration wait = maxWait;
+   if (auto next = scheduler_.nextTimerDelayNs()) wait = std::min(wait, *next);
+   if (wait == Duration::max()) return -1;
+   // Rounded up: waking before the timer is due would only spin until it is.
+   const auto ms = (wait.count() + 999'999) / 1'000'000;
+   return static_cast<int>(std::min<int64_t>(ms, INT_MAX));
+}
+
+void Loop::turn(Duration maxWait) {
+   // Bounded in runs and in time, so that a stop signal or a table change waits at most about
+   // one task's slice.
+   const auto until = std::chrono::steady_clock::now() + busyPerTurn;
+   for (size_t runs = 0; runs < runsPerTurn && scheduler_.runUntilIdle(1) != 0; ++runs) {
+      if (std::chrono::steady_clock::now() >= until) break;
+   }
+   if (scheduler_.readyTaskCount() == 0 && onIdle_ && !stopped_) onIdle_();
+   std::vector<pollfd> polled;
+   polled.reserve(fds_.size());
+   for (const Watch& w : fds_) polled.push_back(pollfd{w.fd, POLLIN, 0});
+   const int n = ::poll(polled.data(), polled.size(), timeoutMs(maxWait));
+   if (n < 0) {
+      if (errno == EINTR) return;
+      throw std::system_error(errno, std::generic_category(), "poll");
+   }
+   for (const pollfd& p : polled) {
+      if (p.revents == 0) continue;
+      // A handler may have removed or replaced this one: look it up again, call a copy.
+      auto it =
+          std::find_if(fds_.begin(), fds_.end(), [&](const Watch& w) { return w.fd == p.fd; });
+      if (it == fds_.end()) continue;
+      std::function<void()> handler = it->onReadable;
+      handler();
+   }
+}
+
+void Loop::run() {
+   while (!stopped_) turn();
+}
+
+} // namespace Kiln

@@ -1,0 +1,76 @@
+// KilnLoop: the event loop of a process on the real clock. It waits in poll(2) on the descriptors
+// it is given (shared tables' readers, later a control socket) for at most the time to the
+// scheduler's next timer, calls the handler of each descriptor that became readable, and runs the
+// scheduler's ready tasks. An idle loop sleeps in the kernel: it uses no CPU.
+//
+// Guarantees (tests/platform/KilnLoopTest.cpp):
+//  - a timer fires no earlier than it is due, and the loop wakes for it without being poked;
+//  - a readable descriptor's handler runs within the next turn; a handler may add or remove
+//    descriptors, its own included;
+//  - ready tasks are run in batches bounded in count and time, so descriptors (and a stop
+//    signal) are served while a backlog runs;
+//  - `catchStopSignals()` turns SIGTERM and SIGINT into a stop at the next turn (a signalfd: no
+//    handler runs inside a task); `stop()` does the same from a handler or a task;
+//  - `onIdle` runs each time the loop is about to sleep with nothing ready.
+#pragma once
+
+#include <csignal>
+#include <functional>
+#include <vector>
+
+#include "platform/Kiln.h"
+
+namespace Kiln {
+
+class Loop {
+ public:
+   // The scheduler must run on the real clock: a virtual one is driven by scripts, not by waiting.
+   explicit Loop(TaskScheduler& scheduler);
+   ~Loop();
+   Loop(const Loop&) = delete;
+   Loop& operator=(const Loop&) = delete;
+
+   // Calls `onReadable` whenever `fd` is readable (or in error). Replaces an earlier handler.
+   void fdIs(int fd, std::function<void()> onReadable);
+   void fdDel(int fd);
+   size_t fdCount() const noexcept { return fds_.size(); }
+
+   // Blocks SIGTERM and SIGINT for the process and stops the loop when one arrives. The
+   // destructor restores the signal mask.
+   void catchStopSignals();
+   // The signal that stopped the loop, 0 when none did.
+   int stopSignal() const noexcept { return stopSignal_; }
+
+   // Called before each sleep when no task is ready.
+   void onIdleIs(std::function<void()> onIdle) { onIdle_ = std::move(onIdle); }
+
+   // Runs until stop() or a stop signal.
+   void run();
+   // One turn: runs a batch of ready tasks, then waits at most `maxWait` (and no longer than the
+   // next timer, nor at all while tasks are ready) and serves the readable descriptors.
+   void turn(Duration maxWait = Duration::max());
+   void stop() noexcept { stopped_ = true; }
+   bool stopped() const noexcept { return stopped_; }
+
+   // Task runs, and time spent running them, between two looks at the descriptors.
+   static constexpr size_t runsPerTurn = 64;
+   static constexpr Duration busyPerTurn = std::chrono::milliseconds(20);
+
+ private:
+   struct Watch {
+      int fd;
+      std::function<void()> onReadable;
+   };
+   int timeoutMs(Duration maxWait) const;
+   void readSignal();
+
+   TaskScheduler& scheduler_;
+   std::vector<Watch> fds_;
+   std::function<void()> onIdle_;
+   int signalFd_ = -1;
+   sigset_t oldMask_{};
+   int stopSignal_ = 0;
+   bool stopped_ = false;
+};
+
+} // namespace Kiln

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "agent/Feed.h"
+#include "agent/InputMirror.h"
+#include "agent/Script.h"
+
+namespace {
+
+using Agent::InputMirror;
+using SrTePolicy::PolicyInput;
+using SrTePolicy::PolicyInputEntry;
+using SrTePolicy::Protocol;
+
+// Counts what the core's reactors would hear from the in-process table.
+struct Heard : PolicyInput::Notifiee {
+   size_t keys = 0, all = 0;
+   explicit Heard(PolicyInput& t) { notifierIs(&t); }
+   void onPolicyInputEntry(const SrTePolicy::PolicyId&) override { ++keys; }
+   void onPolicyInputEntry() override { ++all; }
+};
+
+class InputMirrorTest : public ::testing::Test {
+ protected:
+   void TearDown() override {
+      for (const std::string& t : Vault::Shm::tablesOf(router_))
+         Vault::Shm::removeTable(router_, t);
+   }
+   // The in-process table holds exactly what the shared one does.
+   static void expectSame(const InputMirror& m) {
+      size_t shared = 0;
+      m.shared().forEach([&](const PolicyInputEntry& r) {
+         ++shared;
+         const PolicyInputEntry* held = m.table()->policyInputEntryFind(r.key());
+         ASSERT_NE(held, nullptr) << r.key().discriminator.value;
+         EXPECT_TRUE(*held == r);
+      });
+      EXPECT_EQ(m.table()->policyInputEntryCount(), shared);
+   }
+   const std::string router_ = "mirror" + std::to_string(::getpid());
+   const std::string table_ = Agent::inputTableName(Protocol::bgp);
+};
+
+TEST_F(InputMirrorTest, CopiesEachChangedKeyAndOnlyRealChanges) {
+   InputMirror::SharedInputWriter writer(router_, table_, {256, 1024});
+   for (uint32_t n = 0; n < 50; ++n) writer.insert(Agent::feedRecord(Protocol::bgp, n));
+   InputMirror mirror(InputMirror::SharedInput(router_, table_),
+                      SrTePolicy::policyInputFactory(table_));
+   Heard heard(*mirror.table());
+
+   // Just attached: one rescan brings all 50.
+   InputMirror::Counts c = mirror.drain();
+   EXPECT_EQ(c.rescans, 1u);
+   EXPECT_EQ(c.written, 50u);
+   expectSame(mirror);
+
+   // A replaced record, an erased one, one written again unchanged, a new one.
+   PolicyInputEntry changed = Agent::feedRecord(Protocol::bgp, 7);
+   changed.preferenceIs(SrTePolicy::Preference(5));
+   writer.insert(changed);
+   writer.erase(Agent::feedRecord(Protocol::bgp, 8).key());
+   writer.insert(Agent::feedRecord(Protocol::bgp, 9));
+   writer.insert(Agent::feedRecord(Protocol::bgp, 60));
+   heard.keys = 0;
+   c = mirror.drain();
+   EXPECT_EQ(c.rescans, 0u);
+   EXPECT_EQ(c.written, 2u);
+   EXPECT_EQ(c.erased, 1u);
+   EXPECT_EQ(heard.keys, 3u); // record 9 did not change: the core is not told of it
+   expectSame(mirror);
+   EXPECT_EQ(mirror.table()->policyInputEntry(changed.key())->preference().value, 5u);
+
+   // Nothing new: nothing applied.
+   c = mirror.drain();
+   EXPECT_EQ(c.written + c.erased + c.rescans, 0u);
+}
+
+TEST_F(InputMirrorTest, ALappedReaderRescansAndDropsWhatWentAway) {
+   // A ring of 16 changes: the burst below laps the reader.
+   InputMirror::SharedInputWriter writer(router_, table_, {512, 16});
+   for (uint32_t n = 0; n < 100; ++n) writer.insert(Agent::feedRecord(Protocol::bgp, n));
+   InputMirror mirror(InputMirror::SharedInput(router_, table_),
+                      SrTePolicy::policyInputFactory(table_));
+   mirror.drain();
+   ASSERT_EQ(mirror.table()->policyInputEntryCount(), 100u);
+
+   for (uint32_t n = 0; n < 30; ++n) writer.erase(Agent::feedRecord(Protocol::bgp, n).key());
+   for (uint32_t n = 100; n < 140; ++n) writer.insert(Agent::feedRecord(Protocol::bgp, n));
+   const InputMirror::Counts c = mirror.drain();
+   EXPECT_EQ(c.rescans, 1u);
+   EXPECT_EQ(c.erased, 30u);
+   EXPECT_EQ(c.written, 40u);
+   expectSame(mirror);
+}
+
+TEST_F(InputMirrorTest, TheFeederIsRefusedWhileAnotherWritesThenGoesOn) {
+   auto first = std::make_unique<InputMirror::SharedInputWriter>(router_, table_,
+                                                                 Vault::Shm::Geometry{256, 1024});
+   for (uint32_t n = 0; n < 10; ++n) first->insert(Agent::feedRecord(Protocol::bgp, n));
+   InputMirror mirror(InputMirror::SharedInput(router_, table_),
+                      SrTePolicy::policyInputFactory(table_));
+   mirror.drain();
+
+   std::ostringstream err;
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, err), Agent::exitCannotRun);
+   EXPECT_NE(err.str().find(std::to_string(::getpid())), std::string::npos) << err.str();
+
+   // Once the first writer is gone, the feeder adds ten and erases five.
+   first.reset();
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, err), Agent::exitOk);
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 5, 3, true}, err), Agent::exitOk);
+   mirror.drain();
+   expectSame(mirror);
+   EXPECT_EQ(mirror.table()->policyInputEntryCount(), 15u);
+   EXPECT_FALSE(mirror.table()->policyInputEntry(Agent::feedRecord(Protocol::bgp, 3).key()));
+   EXPECT_TRUE(mirror.table()->policyInputEntry(Agent::feedRecord(Protocol::bgp, 19).key()));
+}
+
+} // namespace

@@ -1,0 +1,282 @@
+// The agent as a process among others: srte feed writes a router's shared input table, srte agent
+// mirrors it into the core. Every process here is the built srte program, started with fork/exec.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/VaultShm.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// One srte process; its standard error is read through a pipe. Killed if the test leaves it.
+class Process {
+ public:
+   explicit Process(std::vector<std::string> args) {
+      int err[2];
+      EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+      std::vector<char*> argv{const_cast<char*>("srte")};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      pid_ = fork();
+      if (pid_ == 0) {
+         dup2(err[1], STDERR_FILENO);
+         const int null = open("/dev/null", O_RDWR);
+         dup2(null, STDIN_FILENO);
+         dup2(null, STDOUT_FILENO);
+         execv(SRTE_PROGRAM, argv.data());
+         _exit(127);
+      }
+      close(err[1]);
+      fd_ = err[0];
+   }
+   ~Process() {
+      if (pid_ > 0 && !exited_) {
+         kill(pid_, SIGKILL);
+         waitpid(pid_, nullptr, 0);
+      }
+      if (fd_ >= 0) close(fd_);
+   }
+   pid_t pid() const { return pid_; }
+
+   // Reads standard error until a line holds `text` (after what earlier waits consumed).
+   bool waitFor(const std::string& text, Clock::duration limit = 10s) {
+      const auto end = Clock::now() + limit;
+      for (;;) {
+         const size_t at = err_.find(text, seen_);
+         if (at != std::string::npos) {
+            seen_ = at + text.size();
+            return true;
+         }
+         if (!readSome(end)) return false;
+      }
+   }
+   // Waits for the exit; its status (-1 on timeout) and, with `usage`, the child's resource use.
+   int exitStatus(Clock::duration limit = 10s, rusage* usage = nullptr) {
+      const auto end = Clock::now() + limit;
+      while (Clock::now() < end) {
+         int status = 0;
+         rusage ru{};
+         const pid_t r = wait4(pid_, &status, WNOHANG, &ru);
+         if (r == pid_) {
+            exited_ = true;
+            if (usage) *usage = ru;
+            while (readSome(Clock::now() + 50ms)) {
+            }
+            return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+         }
+         std::this_thread::sleep_for(5ms);
+      }
+      return -1;
+   }
+   // CPU used so far, from /proc (user + system, in clock ticks).
+   long cpuTicks() const {
+      std::ifstream stat("/proc/" + std::to_string(pid_) + "/stat");
+      std::string line;
+      std::getline(stat, line);
+      std::istringstream rest(line.substr(line.rfind(')') + 2));
+      std::string field;
+      long utime = 0, stime = 0;
+      for (int i = 3; i <= 15 && rest >> field; ++i) {
+         if (i == 14) utime = std::stol(field);
+         if (i == 15) stime = std::stol(field);
+      }
+      return utime + stime;
+   }
+   const std::string& err() const { return err_; }
+
+ private:
+   bool readSome(Clock::time_point end) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+      if (left.count() <= 0) return false;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+      char buf[4096];
+      const ssize_t n = read(fd_, buf, sizeof buf);
+      if (n <= 0) return false;
+      err_.append(buf, static_cast<size_t>(n));
+      return true;
+   }
+
+   pid_t pid_ = -1;
+   int fd_ = -1;
+   bool exited_ = false;
+   std::string err_;
+   size_t seen_ = 0;
+};
+
+// Runs a feeder to its end.
+int feed(const std::string& router, const std::vector<std::string>& more) {
+   std::vector<std::string> args{"feed", "--router", router};
+   args.insert(args.end(), more.begin(), more.end());
+   Process p(args);
+   const int status = p.exitStatus(60s);
+   EXPECT_EQ(status, 0) << p.err();
+   return status;
+}
+
+double seconds(const timeval& t) {
+   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) * 1e-6;
+}
+
+class AgentProcessTest : public ::testing::Test {
+ protected:
+   // Routers of this test, named after it so that runs side by side never meet; their tables go
+   // at the end.
+   std::string router(const std::string& suffix) {
+      std::string r = "ap" + std::to_string(getpid()) + "-" + suffix;
+      routers_.insert(r);
+      return r;
+   }
+   void TearDown() override {
+      for (const std::string& r : routers_) {
+         for (const std::string& t : Vault::Shm::tablesOf(r)) Vault::Shm::removeTable(r, t);
+         EXPECT_NE(access(("/dev/shm/srte-agent." + r + ".lock").c_str(), F_OK), 0)
+             << "the lock file of " << r << " stayed";
+      }
+   }
+   std::set<std::string> routers_;
+};
+
+TEST_F(AgentProcessTest, ConvergesOnFedPathsAndStopsOnSigterm) {
+   const std::string r = router("feed");
+   ASSERT_EQ(feed(r, {"--paths", "10000"}), 0);
+   // With a block for the fed binding SIDs, every path is a candidate the core selects among.
+   Process agent({"agent", "--router", r, "--srlb", "100000-899999"});
+   ASSERT_TRUE(agent.waitFor("mounted policyInput-bgp, 10000 records")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 10000 paths in 1 input table, 10000 candidates for "
+                             "selection"))
+       << agent.err();
+
+   // Changes written while it runs: 500 more, 100 erased; told once the core is done.
+   ASSERT_EQ(feed(r, {"--paths", "500", "--first", "10000"}), 0);
+   ASSERT_EQ(feed(r, {"--paths", "100", "--erase"}), 0);
+   ASSERT_TRUE(agent.waitFor("converged: 10400 paths in 1 input table, 10400 candidates"))
+       << agent.err();
+
+   const auto start = Clock::now();
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+   EXPECT_LT(Clock::now() - start, 1s);
+   EXPECT_NE(agent.err().find("stopped by signal 15"), std::string::npos) << agent.err();
+   // The input table is its writer's: the agent leaves it.
+   EXPECT_EQ(Vault::Shm::tablesOf(r), std::vector<std::string>{"policyInput-bgp"});
+}
+
+TEST_F(AgentProcessTest, StopsWithinASecondWhileBusy) {
+   const std::string r = router("busy");
+   Process agent({"agent", "--router", r, "--srlb", "100000-899999"});
+   ASSERT_TRUE(agent.waitFor("converged: 0 paths")) << agent.err();
+   ASSERT_EQ(feed(r, {"--paths", "300000"}), 0);
+   // The table is mounted within 200 ms; its 300,000 paths then keep the core busy for more than
+   // a second (a loop that ran tasks until idle before looking at its signal took 1.2 s here).
+   ASSERT_TRUE(agent.waitFor("mounted policyInput-bgp")) << agent.err();
+   const auto start = Clock::now();
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+   EXPECT_LT(Clock::now() - start, 1s);
+}
+
+TEST_F(AgentProcessTest, MountsATableThatAppearsLaterAndDropsOneThatGoes) {
+   const std::string r = router("late");
+   Process agent({"agent", "--router", r});
+   ASSERT_TRUE(agent.waitFor("converged: 0 paths in 0 input tables")) << agent.err();
+   ASSERT_EQ(feed(r, {"--protocol", "static", "--paths", "2000"}), 0);
+   ASSERT_TRUE(agent.waitFor("converged: 2000 paths in 1 input table")) << agent.err();
+   EXPECT_TRUE(Vault::Shm::removeTable(r, "policyInput-static"));
+   ASSERT_TRUE(agent.waitFor("policyInput-static went away")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 0 paths in 0 input tables")) << agent.err();
+   kill(agent.pid(), SIGINT);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+}
+
+TEST_F(AgentProcessTest, AnIdleAgentUsesNoCpu) {
+   const std::string r = router("idle");
+   ASSERT_EQ(feed(r, {"--paths", "1000"}), 0);
+   Process agent({"agent", "--router", r});
+   ASSERT_TRUE(agent.waitFor("converged: 1000 paths")) << agent.err();
+   const long before = agent.cpuTicks();
+   std::this_thread::sleep_for(2s);
+   const long during = agent.cpuTicks() - before;
+   kill(agent.pid(), SIGTERM);
+   rusage usage{};
+   ASSERT_EQ(agent.exitStatus(2s, &usage), 0) << agent.err();
+   // Clock ticks are 10 ms: at most two of them in 2 s, where a spinning loop would use 200.
+   EXPECT_LE(during, 2) << "ticks over 2 s of idling";
+   // Start-up and the 1000 paths included, the whole life stays far below those 2 s.
+   EXPECT_LT(seconds(usage.ru_utime) + seconds(usage.ru_stime), 0.5);
+}
+
+TEST_F(AgentProcessTest, ASecondAgentForTheRouterIsRefused) {
+   const std::string r = router("two");
+   Process first({"agent", "--router", r});
+   ASSERT_TRUE(first.waitFor("converged")) << first.err();
+   {
+      Process second({"agent", "--router", r});
+      EXPECT_EQ(second.exitStatus(5s), 2);
+      EXPECT_NE(second.err().find("an agent (pid " + std::to_string(first.pid()) +
+                                  ") already runs for router " + r),
+                std::string::npos)
+          << second.err();
+   }
+   kill(first.pid(), SIGTERM);
+   ASSERT_EQ(first.exitStatus(2s), 0);
+   // Once the first has gone, the router is free again.
+   Process third({"agent", "--router", r});
+   EXPECT_TRUE(third.waitFor("converged")) << third.err();
+   kill(third.pid(), SIGTERM);
+   EXPECT_EQ(third.exitStatus(2s), 0);
+}
+
+TEST_F(AgentProcessTest, TwoRoutersDoNotSeeEachOther) {
+   const std::string a = router("a"), b = router("b");
+   ASSERT_EQ(feed(a, {"--paths", "300"}), 0);
+   ASSERT_EQ(feed(b, {"--paths", "40", "--protocol", "static"}), 0);
+   Process agentA({"agent", "--router", a}), agentB({"agent", "--router", b});
+   ASSERT_TRUE(agentA.waitFor("converged: 300 paths in 1 input table")) << agentA.err();
+   ASSERT_TRUE(agentB.waitFor("converged: 40 paths in 1 input table")) << agentB.err();
+   EXPECT_NE(agentB.err().find("mounted policyInput-static"), std::string::npos);
+   EXPECT_EQ(agentB.err().find("policyInput-bgp"), std::string::npos) << agentB.err();
+   // A change to one router reaches its agent only.
+   ASSERT_EQ(feed(a, {"--paths", "10", "--first", "1000"}), 0);
+   ASSERT_TRUE(agentA.waitFor("converged: 310 paths")) << agentA.err();
+   kill(agentA.pid(), SIGTERM);
+   kill(agentB.pid(), SIGTERM);
+   EXPECT_EQ(agentA.exitStatus(2s), 0);
+   EXPECT_EQ(agentB.exitStatus(2s), 0);
+   EXPECT_EQ(agentB.err().find("converged: 50"), std::string::npos) << agentB.err();
+   EXPECT_EQ(agentB.err().find("310"), std::string::npos) << agentB.err();
+}
+
+TEST_F(AgentProcessTest, ACorruptTableIsRefusedAndTheAgentGoesOn) {
+   const std::string r = router("bad");
+   {
+      std::ofstream junk(Vault::Shm::segmentPath(r, "policyInput-bgp"));
+      junk << std::string(8192, 'x');
+   }
+   ASSERT_EQ(feed(r, {"--paths", "25", "--protocol", "static"}), 0);
+   Process agent({"agent", "--router", r});
+   ASSERT_TRUE(agent.waitFor("refused policyInput-bgp")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 25 paths in 1 input table")) << agent.err();
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+   // Reported once, not at every look for it.
+   const std::string& e = agent.err();
+   EXPECT_EQ(e.find("refused", e.find("refused") + 1), std::string::npos) << e;
+}
+
+} // namespace
