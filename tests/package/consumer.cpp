@@ -20,7 +20,6 @@ int main() {
    SrTePolicy::PolicyCore core(router.tables(*scheduler));
    core.start();
    scheduler->runUntilIdle();
-   std::cout << srlb.stringValue() << ", core " << (core.started() ? "running" : "stopped")
-             << "\n";
+   std::cout << srlb.stringValue() << ", core " << (core.started() ? "running" : "stopped") << "\n";
    return core.started() ? 0 : 1;
 }
