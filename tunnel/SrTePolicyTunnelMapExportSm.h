@@ -56,7 +56,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "absl/container/btree_set.h"
@@ -70,7 +69,6 @@
 #include "platform/Trace.h"
 #include "platform/Tunnel.h"
 #include "platform/Vault.h"
-#include "selection/SrTePolicyEcPolicy.h"
 #include "tunnel/SrTePolicyTunnelIdToPolicyKey.h"
 #include "types/SrTePolicyTypes.h"
 
