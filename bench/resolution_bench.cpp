@@ -60,14 +60,16 @@ int main(int argc, char** argv) {
    }
 
    auto scheduler = Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::real);
-   auto mpls = Mox::make<Mpls::Status>();
-   auto hardware = Mox::make<Routing::Hardware::Status>();
-   auto segmentStatus = Mox::make<SegmentStatus>();
-   auto listStatus = Mox::make<SegmentListStatus>("segmentListStatus");
-   auto tunnels = Mox::make<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>();
-   auto attrLog = Mox::make<Kiln::AttrLogSm>();
-   auto dedup = Mox::make<CoreDedupTables>();
-   auto segmentMap = Mox::make<SegmentIdToSegmentList>();
+   StandaloneRouter router;
+   const Mox::Ptr<Mpls::Status>& mpls = router.mplsStatus;
+   // Resolution alone: the two machines and nothing reacting after them.
+   PolicyCore core(router.tables(*scheduler), {}, Stage::segmentListResolution);
+   const Mox::Ptr<Tunnel::TunnelTable::SrTeSegmentListTunnelTable>& tunnels =
+       core.published().tunnelTable;
+   // The entities the lists live in, without the machines yet.
+   core.prepare();
+   CoreDedupTables& dedup = *core.entities().coreDedupTables;
+   SegmentIdToSegmentList& segmentMap = *core.entities().segmentMap;
 
    // 16 shared ECMP adjacencies for the pool, one of its own for the flapped label.
    for (Mpls::AdjacencyIndex a = 1; a <= 16; ++a) {
@@ -82,44 +84,15 @@ int main(int argc, char** argv) {
    std::vector<Mox::Ptr<SegmentList>> lists;
    lists.reserve(n);
    for (uint32_t j = 0; j < n; ++j) {
-      Mox::Ptr<SegmentList> list = dedup->dedupSegmentList(listLabels(j));
-      for (uint32_t i = 0; i < list->size(); ++i) {
-         const SegmentId id = list->getSegmentId(i);
-         SegmentListsOfSegment* users = segmentMap->segmentList(id);
-         if (!users) {
-            segmentMap->segmentListIs(id, Mox::make<SegmentListsOfSegment>());
-            users = segmentMap->segmentList(id);
-         }
-         users->segmentListPtrIs(list);
-      }
+      Mox::Ptr<SegmentList> list = dedup.dedupSegmentList(listLabels(j));
+      segmentMap.segmentListPtrIs(list);
       lists.push_back(std::move(list));
    }
    const long r1 = residentBytes();
 
    // Cold: both machines start over N existing lists.
    auto c0 = Clock::now();
-   Syslog::Log log;
-   Trace::Tracer tracer;
-   auto resolver = segmentResolverFactory(mpls, tracer);
-   auto segmentSm = segmentSmFactory({.notifyingSegment = dedup->notifyingSegmentCollection(),
-                                      .mplsStatus = mpls,
-                                      .segmentStatus = segmentStatus,
-                                      .coreDedupTables = dedup,
-                                      .segmentResolver = resolver,
-                                      .tracer = tracer});
-   auto listSm =
-       segmentListSmFactory({.notifyingSegmentList = dedup->notifyingSegmentListCollection(),
-                             .segmentStatus = segmentStatus,
-                             .segmentListStatus = listStatus,
-                             .tunnelTable = tunnels,
-                             .scheduler = scheduler.get(),
-                             .mplsStatus = mpls,
-                             .segmentIdToSegmentList = segmentMap,
-                             .coreDedupTables = dedup,
-                             .routingHwStatus = hardware,
-                             .attrLogSm = attrLog,
-                             .syslog = log,
-                             .tracer = tracer});
+   core.start();
    const size_t coldRuns = scheduler->runUntilIdle();
    auto c1 = Clock::now();
    const long r2 = residentBytes();
@@ -161,7 +134,7 @@ int main(int argc, char** argv) {
 
    const double cold = seconds(c0, c1);
    std::printf("segment lists N            %u (3 labels; %u first labels; %zu segments)\n", n,
-               kPool, dedup->notifyingSegmentCollection()->segmentNotifier().size());
+               kPool, dedup.notifyingSegmentCollection()->segmentNotifier().size());
    std::printf("cold resolution            %.3f s, %.0f lists/s (%zu task runs)\n", cold, n / cold,
                coldRuns);
    std::printf("resident bytes per list    %.0f (lists, dedup, reverse map, resolution)\n",
@@ -172,7 +145,8 @@ int main(int argc, char** argv) {
                kUsersOfFlapped, median(flaps) * 1e6, repeats);
    std::printf("adjacency via change, K=%u median %.1f us per change\n", kUsersOfFlapped,
                median(viaChanges) * 1e6);
-   listSm.reset();
-   segmentSm.reset();
+   // The lists go before the entities they live in.
+   lists.clear();
+   core.stop();
    return 0;
 }

@@ -49,11 +49,16 @@ PolicyCore::PolicyCore(RouterTables router, PublishedTables published, Stage las
 
 PolicyCore::~PolicyCore() { stop(); }
 
+void PolicyCore::prepare() {
+   if (entities_) return;
+   entities_ = std::make_unique<ProcessEntities>();
+   reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
+}
+
 void PolicyCore::start() {
    if (machines_) return;
    // An entity exists before any machine that is given it.
-   entities_ = std::make_unique<ProcessEntities>();
-   reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
+   prepare();
    machines_ = std::make_unique<Machines>();
    buildMachines();
    router_.status->agentEnabledIs(true);
@@ -170,7 +175,10 @@ void PolicyCore::make(Mox::Ptr<TunnelMapExportSm>& sm) {
 }
 
 void PolicyCore::stop(StopMode mode) {
-   if (!machines_) return;
+   if (!machines_) {
+      entities_.reset(); // prepared, never started
+      return;
+   }
    // Last built first, each torn down and gone before the next: a machine withdrawing its outputs
    // must not wake one already torn down (selection emptying EcPolicy would requeue publishing).
    // Input gathering releases every segment list while segment-list resolution still listens, so

@@ -9,7 +9,9 @@
 //    that died and came back finds its shared memory again); made here when not handed in.
 //  - ProcessEntities: the in-process entities the machines share (dedup tables, reverse maps).
 //  - the state machines.
-// `start()` builds the process entities, then the machines; `stop()` destroys the machines, last
+// `start()` builds the process entities, then the machines; `prepare()` builds the entities
+// alone, for a caller that puts something in them before any machine starts (a test's restart
+// backlog, a benchmark's cold start over existing lists). `stop()` destroys the machines, last
 // built first, then the process entities; `restart()` is both, over what survives. The machines'
 // `handleInitialized` reconciles the published tables with the input on the next start.
 // `tearDown()` is the stop of SR-TE turned off: every machine withdraws its outputs first. The
@@ -212,12 +214,17 @@ class PolicyCore {
       withdrawOutputs,
    };
 
-   // Builds the process entities, then the machines; sets Status.agentEnabled. Does nothing when
-   // started.
+   // Builds the process entities (prepare()), then the machines; sets Status.agentEnabled. Does
+   // nothing when started.
    void start();
+   // Builds the process entities without the machines: what is put in them (through
+   // `entities()`) is there when start() builds the machines, as a restart's backlog is. Does
+   // nothing when they exist.
+   void prepare();
    // Destroys the machines (last built first), then the process entities, and clears
    // Status.agentEnabled. The router tables stay as they are, and so do the published tables
-   // unless `mode` withdraws them. Does nothing when stopped.
+   // unless `mode` withdraws them. Prepared and not started: only the entities go. Does nothing
+   // when stopped.
    void stop(StopMode mode = StopMode::keepOutputs);
    // SR-TE turned off: stop(StopMode::withdrawOutputs).
    void tearDown() { stop(StopMode::withdrawOutputs); }
@@ -233,8 +240,9 @@ class PolicyCore {
 
    const RouterTables& router() const noexcept { return router_; }
    const PublishedTables& published() const noexcept { return published_; }
-   // Only while started.
+   // Only while prepared or started.
    const ProcessEntities& entities() const;
+   // Only while started.
    const Mox::Ptr<SegmentResolver>& segmentResolver() const;
    const Mox::Ptr<SegmentSm>& segmentSm() const;
    const Mox::Ptr<SegmentListSm>& segmentListSm() const;

@@ -532,16 +532,8 @@ void PolicyInputSm::registerSegmentListForPolicy(const Mox::Ptr<SegmentList>& li
       user = in_.segListMap->segmentListUserIs(slId, list);
       Mox::Ptr<Export::SegmentList> exported = in_.exportedSegmentListColl->segmentListIs(slId);
       exported->sizeIs(list->size());
+      in_.segmentMap->segmentListPtrIs(list);
       for (uint32_t i = 0; i < list->size(); ++i) {
-         const SegmentId segId = list->getSegmentId(i);
-         SRTE_TRACE_TO(tracer_, 9,
-                       "Registering Segment Id: " << segId << " for segmentList Id: " << slId);
-         SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId);
-         if (!users) {
-            in_.segmentMap->segmentListIs(segId, Mox::make<SegmentListsOfSegment>());
-            users = in_.segmentMap->segmentList(segId);
-         }
-         users->segmentListPtrIs(list);
          exported->segmentIs(i, Export::Segment(list->segmentLabel(i)));
       }
    }
@@ -560,18 +552,10 @@ void PolicyInputSm::deregisterSegmentListForPolicy(SegmentListId slId, const Pol
    if (!user) return;
    user->policyIdDel(entry);
    if (!user->policyId().empty()) return;
-   // Last user gone: drop every reference this stage holds, so the list leaves its table.
-   Mox::Ptr<const SegmentList> list(user->segmentList());
-   for (uint32_t i = 0; i < list->size(); ++i) {
-      const SegmentId segId = list->getSegmentId(i);
-      SRTE_TRACE_TO(tracer_, 9,
-                    "Removing registration of Segment Id: " << segId
-                                                            << " from segmentList Id: " << slId);
-      if (SegmentListsOfSegment* users = in_.segmentMap->segmentList(segId)) {
-         users->segmentListPtrDel(list);
-         if (users->segmentListPtr().empty()) in_.segmentMap->segmentListDel(segId);
-      }
-   }
+   // Last user gone: drop every reference this stage holds, so the list leaves its table (held
+   // here until its exported copy has gone).
+   const Mox::Ptr<const SegmentList> list(user->segmentList());
+   in_.segmentMap->segmentListPtrDel(list);
    in_.segListMap->segmentListUserDel(slId);
    in_.exportedSegmentListColl->segmentListDel(slId);
 }

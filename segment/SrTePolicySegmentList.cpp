@@ -146,6 +146,28 @@ SegmentListsOfSegment* SegmentIdToSegmentList::segmentList(SegmentId id) const {
    return it == segmentList_.end() ? nullptr : it->second.get();
 }
 
+void SegmentIdToSegmentList::segmentListPtrIs(const Mox::Ptr<const SegmentList>& list) {
+   for (uint32_t i = 0; i < list->size(); ++i) {
+      const SegmentId id = list->getSegmentId(i);
+      SegmentListsOfSegment* lists = segmentList(id);
+      if (!lists) {
+         segmentListIs(id, Mox::make<SegmentListsOfSegment>());
+         lists = segmentList(id);
+      }
+      lists->segmentListPtrIs(list);
+   }
+}
+
+void SegmentIdToSegmentList::segmentListPtrDel(const Mox::Ptr<const SegmentList>& list) {
+   for (uint32_t i = 0; i < list->size(); ++i) {
+      const SegmentId id = list->getSegmentId(i);
+      if (SegmentListsOfSegment* lists = segmentList(id)) {
+         lists->segmentListPtrDel(list);
+         if (lists->segmentListPtr().empty()) segmentListDel(id);
+      }
+   }
+}
+
 void SegmentIdToSegmentList::dump(std::string& out, int depth) const {
    for (const auto& [id, lists] : segmentList_) {
       Mox::appendf(out, "%*csegmentId: %u\n", depth, ' ', id.value);

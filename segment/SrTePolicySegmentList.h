@@ -247,6 +247,10 @@ class SegmentIdToSegmentList : public Mox::Entity {
    }
    void segmentListDel(SegmentId id) { collDel(segmentList_, id, &Notifiee::onSegmentList); }
    void segmentListDelAll() { collDelAll(segmentList_, &Notifiee::onSegmentList); }
+   // A list joins the lists of each of its segments (a segment's entry is made with its first
+   // list), or leaves them (the entry goes with its last).
+   void segmentListPtrIs(const Mox::Ptr<const SegmentList>& list);
+   void segmentListPtrDel(const Mox::Ptr<const SegmentList>& list);
    void dump(std::string& out, int depth) const;
 
  private:

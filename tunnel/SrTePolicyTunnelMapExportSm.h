@@ -38,7 +38,8 @@
 //    pending tunnel goes at the first run (one every 1.0 s) that finds its counter gone, never
 //    earlier, and a yield or congestion only delays it;
 //  - a pending tunnel that a path maps again leaves pendingTunnel and keeps its row, which then
-//    names that path's key;
+//    names that path's key (a list id comes back when the first pass after a restart hands a
+//    list its exported id, after the path that last named it was withdrawn in that same pass);
 //  - TunnelIdToPolicyKey outlives the machine: destroying it (an agent restart) leaves every row
 //    as it is. A new machine adopts each row whose tunnel a selection-input entry of the row's key
 //    names, without writing it, and deletes (or queues) the others. handleDel is the end for
@@ -56,7 +57,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "absl/container/btree_set.h"
@@ -70,7 +70,6 @@
 #include "platform/Trace.h"
 #include "platform/Tunnel.h"
 #include "platform/Vault.h"
-#include "selection/SrTePolicyEcPolicy.h"
 #include "tunnel/SrTePolicyTunnelIdToPolicyKey.h"
 #include "types/SrTePolicyTypes.h"
 

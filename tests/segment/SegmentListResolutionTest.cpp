@@ -64,7 +64,7 @@ TEST(SegmentListSm, PlatformDepthIsCheckedLoggedAndAnyChangeRequeuesEveryList) {
              "depth (3), was configured with labels [ 16001 2 3 4 ]");
 
    env.hardware->nexthopGroupMplsLabelStackSizeIs(2);
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 2u);
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 2u);
    EXPECT_EQ(env.status(three), "success"); // nothing before the task runs
    env.run();
    EXPECT_EQ(env.status(three), "platformLabelStackDepthExceeded");
@@ -111,13 +111,13 @@ TEST(SegmentListSm, SegmentChangesRequeueExactlyTheListsUsingTheSegment) {
    const SegmentListId c = env.add({16002, 200});
    EXPECT_EQ(env.status(a), "-"); // top label unresolved: no status
    env.route(16002, 2);
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 2u); // b and c, not a
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 2u); // b and c, not a
    env.run();
    EXPECT_EQ(env.tunnel(b), "10.0.0.6 Ethernet2 [16001 16002]");
    env.route(16001, 1);
-   EXPECT_TRUE(env.listSm->pendingSegmentListHas(a));
-   EXPECT_TRUE(env.listSm->pendingSegmentListHas(b)); // it uses 16001 lower down
-   EXPECT_FALSE(env.listSm->pendingSegmentListHas(c));
+   EXPECT_TRUE(env.listSm()->pendingSegmentListHas(a));
+   EXPECT_TRUE(env.listSm()->pendingSegmentListHas(b)); // it uses 16001 lower down
+   EXPECT_FALSE(env.listSm()->pendingSegmentListHas(c));
    env.run();
    EXPECT_EQ(env.tunnel(a), "10.0.0.2 Ethernet1 [100 16001]");
 
@@ -156,8 +156,8 @@ TEST(SegmentListSm, AdjacencyViaChangesRequeueTheListsResolvingThroughIt) {
 
    // An ECMP member lost: the route stays, the tunnel follows.
    env.mpls->adjacencyIs(1, {via("10.0.0.2", "Ethernet1", Action::swap, 16001)});
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 2u);
-   EXPECT_FALSE(env.listSm->pendingSegmentListHas(c));
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 2u);
+   EXPECT_FALSE(env.listSm()->pendingSegmentListHas(c));
    env.run();
    EXPECT_EQ(env.tunnel(a), "10.0.0.2 Ethernet1 [100 16001]");
    EXPECT_EQ(env.tunnel(b), "10.0.0.2 Ethernet1 [200 16001]");
@@ -209,25 +209,25 @@ TEST(SegmentListSm, StartUpRemovesStaleEntriesOnlyOnceACongestedYieldingBacklogD
    clog.at = 21;
    clog.notifierIs(env.tunnels);
    env.start(lists);
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 50u);
-   EXPECT_TRUE(env.listSm->unusedSegmentListIds().count(gone));
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 50u);
+   EXPECT_TRUE(env.listSm()->unusedSegmentListIds().count(gone));
    env.run();
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 30u);
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 30u);
    EXPECT_EQ(env.scheduler->nextTimerDelay().value_or(-1), SegmentListSm::congestionDelay);
    EXPECT_EQ(env.status(gone), "success"); // kept while the backlog is not drained
    env.advance(0.5);
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 30u); // still congested: nothing moves
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 30u); // still congested: nothing moves
 
    clog.notifierIs(nullptr);
    env.attrLog->attrLogOutCloggedIs(false);
    env.advance(0.1);
-   EXPECT_EQ(env.listSm->pendingSegmentListCount(), 0u);
-   EXPECT_GE(env.listSm->task()->runCount(), 8u); // 50 lists, at most 7 per run
+   EXPECT_EQ(env.listSm()->pendingSegmentListCount(), 0u);
+   EXPECT_GE(env.listSm()->task()->runCount(), 8u); // 50 lists, at most 7 per run
    EXPECT_EQ(env.status(gone), "-");
    EXPECT_EQ(env.tunnel(gone), "-");
    EXPECT_EQ(env.listStatus->status().size(), 50u);
    EXPECT_EQ(env.tunnels->entry().size(), 50u);
-   EXPECT_FALSE(env.listSm->cleanupPending());
+   EXPECT_FALSE(env.listSm()->cleanupPending());
 }
 
 } // namespace

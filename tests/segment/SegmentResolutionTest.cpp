@@ -102,7 +102,7 @@ TEST(SegmentSm, FollowsTheLfibAndKeepsAnEntryWhoseRouteMovesToAnotherAdjacency) 
    EXPECT_EQ(first->stringValue(), "segmentId: 1  adjKey: (index: 1, type: 1)");
 
    StatusWatch watch;
-   watch.SegmentStatus::Notifiee::notifierIs(env.segmentStatus);
+   watch.SegmentStatus::Notifiee::notifierIs(env.segmentStatus());
    watch.SegmentResolve::Notifiee::notifierIs(first);
    env.route(16001, 2);
    EXPECT_EQ(env.resolve(16001), first);
@@ -113,7 +113,7 @@ TEST(SegmentSm, FollowsTheLfibAndKeepsAnEntryWhoseRouteMovesToAnotherAdjacency) 
    // A label nobody uses changes nothing.
    env.route(17000, 1);
    EXPECT_EQ(watch.statusCalls, 0);
-   EXPECT_EQ(env.segmentStatus->status().size(), 1u);
+   EXPECT_EQ(env.segmentStatus()->status().size(), 1u);
 
    // Turning into a pseudowire route deletes the entry; a usable route again makes a new one.
    env.route(16001, 2, Mpls::AdjacencyType::nexthop, Mpls::LFib::RouteType::pseudowire);
@@ -128,10 +128,10 @@ TEST(SegmentSm, FollowsTheLfibAndKeepsAnEntryWhoseRouteMovesToAnotherAdjacency) 
    // A withdrawn segment loses its entry.
    env.route(16001, 1);
    const SegmentId id = env.segmentOf(16001);
-   ASSERT_NE(env.segmentStatus->status(id), nullptr);
+   ASSERT_NE(env.segmentStatus()->status(id), nullptr);
    env.drop({16001, 16002});
-   EXPECT_EQ(env.segmentStatus->status(id), nullptr);
-   EXPECT_TRUE(env.segmentStatus->status().empty());
+   EXPECT_EQ(env.segmentStatus()->status(id), nullptr);
+   EXPECT_TRUE(env.segmentStatus()->status().empty());
 }
 
 } // namespace

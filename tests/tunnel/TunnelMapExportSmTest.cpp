@@ -301,6 +301,49 @@ TEST(TunnelMap, RestartKeepsEveryRowInUseUntouched) {
    EXPECT_FALSE(r.sm().task()->isScheduled());
 }
 
+// While the agent is down, a path is withdrawn and a path of another key is written with one of
+// its label stacks. On the first pass after start-up that list takes its exported id back, so the
+// new path maps the very tunnel the withdrawn one just left waiting for its counter: the deletion
+// is cancelled, and the row names the new key for good, counter or not, while the task keeps
+// running for the withdrawn path's other tunnel.
+TEST(TunnelMap, MappingAPendingTunnelAgainCancelsItsDeletion) {
+   // The input stage's pass goes in pending-key order: the withdrawn path must come first, or the
+   // new one would map the tunnel while the old one still does and the row would simply pass.
+   const bool aFirst = PendingPolicyKey(a) < PendingPolicyKey(c);
+   const PolicyId& gone = aFirst ? a : c;
+   const PolicyId& next = aFirst ? c : a;
+   Router r;
+   r.put(path(gone, 900001, {{16001, 16002}, {16003}}));
+   r.run();
+   const TunnelId t = r.tunnel(gone, 0), own = r.tunnel(gone, 1);
+   r.counter(t);
+   r.counter(own);
+   r.core->stop();
+   r.del(gone);
+   r.put(path(next, 900003, {{16001, 16002}}));
+
+   MapWatch watch(r.map(), r.scheduler);
+   r.core->start();
+   r.run();
+   ASSERT_EQ(r.tunnel(next, 0), t) << "the list kept its id across the restart";
+   EXPECT_EQ(r.tunnel(gone, 0), TunnelId());
+   EXPECT_EQ(r.rows(), rows({{t, next.key}, {own, gone.key}}));
+   EXPECT_EQ(r.pending(), sl(own));
+
+   r.counter(t, false);
+   r.scheduler.advance(1.5); // a run that finds the other tunnel still counted
+   EXPECT_EQ(r.pending(), sl(own));
+   EXPECT_EQ(r.rows(), rows({{t, next.key}, {own, gone.key}}));
+   r.counter(own, false);
+   r.scheduler.advance(5);
+   EXPECT_EQ(r.rows(), row(t, next));
+   EXPECT_EQ(watch.events,
+             (std::vector<std::string>{"~" + sl(t) + " " + next.key.stringValue() + "@0",
+                                       "-" + sl(own) + "@2"}))
+       << "the mapped tunnel's row was never deleted";
+   EXPECT_FALSE(r.sm().task()->isScheduled());
+}
+
 // Rows found wrong at start-up (missing, or of a key that no longer maps the tunnel) are written
 // once, for a path that maps the tunnel; a shared row held by either of its keys is left alone.
 TEST(TunnelMap, StartUpWritesOnlyMissingRowsAndRowsOfAKeyThatLetGo) {
