@@ -32,6 +32,7 @@
 #include "bench/BenchEnv.h"
 #include "platform/Vault.h"
 #include "platform/VaultShm.h"
+#include "tests/support/PatternedRecord.h"
 #include "types/SrTePolicyInput.h"
 
 namespace {
@@ -77,18 +78,7 @@ PolicyInputEntry typical(uint32_t n) {
 
 // A full record whose every field follows from `version`: a mix of two writes shows.
 PolicyInputEntry patterned(uint32_t n, uint32_t version) {
-   PolicyInputEntry e(idOf(n));
-   e.preferenceIs(SrTePolicy::Preference(version));
-   e.bindingSidIs(Ipkit::MplsLabel(100000 + version % 800000));
-   for (uint32_t i = 0; i < 16; ++i) {
-      Ipkit::MplsLabelOperation op;
-      op.actionIs(Ipkit::MplsLabelAction::push);
-      for (uint32_t l = 0; l < 8; ++l)
-         op.push(Ipkit::MplsLabel((version * 31 + i * 8 + l) % 1000000));
-      e.segmentListIs(SrTePolicy::SegmentListIndex(i),
-                      SrTePolicy::WeightedSegList(SrTePolicy::Weight(version % 1000 + 1), op));
-   }
-   return e;
+   return SrTePolicy::Testing::patternedRecord(idOf(n), version);
 }
 bool whole(const PolicyInputEntry& e) {
    return e == patterned(e.key().discriminator.value, e.preference().value);
