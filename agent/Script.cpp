@@ -103,6 +103,8 @@ LineSource::Read FileLines::next(std::string& line, bool continued) {
          pos_ = searched = 0;
          if (!wasSkipping) return Read::tooLong;
       }
+      // fill() moves the unread bytes to the front: what was searched moves with them.
+      const size_t consumed = pos_;
       if (eof_ || !fill()) {
          if (promptOut_ && pos_ >= buffer_.size()) *promptOut_ << "\n";
          if (std::exchange(skipping_, false)) pos_ = buffer_.size();
@@ -116,6 +118,7 @@ LineSource::Read FileLines::next(std::string& line, bool continued) {
          pos_ = buffer_.size();
          return Read::line;
       }
+      searched -= consumed;
    }
 }
 
