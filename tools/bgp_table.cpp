@@ -5,9 +5,11 @@
 //
 // --records prints every record as a scenario line (`input bgp ...`), sorted; --status prints the
 // adapter's status record, one "name value" line per field; --changes follows the table for that
-// long, holding a copy of it, and prints "changed N" with the number of records that really
-// changed (a key told whose record is the same as the copy's, or a rescan that finds the table as
-// it was, counts nothing): the churn a reader such as the agent would see.
+// long (or until SIGTERM or SIGINT), holding a copy of it, and prints "changed N" with the number
+// of records that really changed (a key told whose record is the same as the copy's, or a rescan
+// that finds the table as it was, counts nothing): the churn a reader such as the agent would see.
+#include <signal.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -24,6 +26,9 @@
 namespace {
 
 using Reader = Agent::InputMirror::SharedInput;
+
+volatile sig_atomic_t stopRequested = 0;
+void requestStop(int) { stopRequested = 1; }
 
 int usage() {
    std::cerr << "usage: bgp-table --router NAME [--records] [--status] [--changes SECONDS]\n";
@@ -91,11 +96,15 @@ int followChanges(const std::string& router, double seconds) {
       first = false;
    };
    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-   while (std::chrono::steady_clock::now() < end) {
+   signal(SIGTERM, requestStop);
+   signal(SIGINT, requestStop);
+   while (std::chrono::steady_clock::now() < end && !stopRequested) {
       reader.drain([&](const SrTePolicy::PolicyId& id) { take(id, reader.lookup(id, scratch)); },
                    rescan);
       reader.wait(50);
    }
+   reader.drain([&](const SrTePolicy::PolicyId& id) { take(id, reader.lookup(id, scratch)); },
+                rescan);
    std::cout << "changed " << changed << "\nrecords " << copy.size() << "\n";
    return 0;
 }
