@@ -38,7 +38,9 @@ Show::View statusView(const BgpStatus& s, bool running) {
    Show::View v;
    v.fieldIs("Adapter", "pid", Show::number(s.pid))
        .fieldIs("Speaker", "speaker", Show::string(s.speaker))
-       .fieldIs("Connection", "connection", Show::enumerated(s.connection, connection))
+       .fieldIs("Connection", "connection", Show::enumerated(s.connection, connection),
+                Show::ColumnKind::enumeration)
+       .fieldIs("", "running", Show::flag(running, "yes", "no"))
        .fieldIs("For (s)", "connectionSeconds", Show::seconds(since))
        .settingsIs({"Counter", "Value"},
                    {{"connects", "connects", Show::number(s.connects)},
