@@ -76,14 +76,18 @@ class Adapter : public SpeakerWatch::Handler {
          bool waiting = false;
          {
             std::lock_guard<std::mutex> lock(mutex_);
-            waiting = sync_.resynchronising();
+            // Not while the speaker is away: what it has then is unknown, and the next
+            // snapshot starts the wait again.
+            waiting =
+                sync_.resynchronising() && status_.connection == BgpConnection::resynchronising;
          }
          if (waiting) {
             SettleWatch::Sample sample = samplePeers(*stub);
             std::lock_guard<std::mutex> lock(mutex_);
             sample.pathsSeen = pathsSeen_;
             // A reconnection may have begun again meanwhile: it restarted the watch.
-            if (sync_.resynchronising() && settle_.whole(sample, SettleWatch::Clock::now())) {
+            if (sync_.resynchronising() && status_.connection == BgpConnection::resynchronising &&
+                settle_.whole(sample, SettleWatch::Clock::now())) {
                size_t gone = 0;
                guarded([&] { gone = sync_.complete(); });
                stateIs(BgpConnection::synchronised);
@@ -91,8 +95,6 @@ class Adapter : public SpeakerWatch::Handler {
                    std::to_string(gone) + " stale deleted");
             }
          }
-         std::lock_guard<std::mutex> lock(mutex_);
-         if (dirty_) publish();
       }
       watch_.stop();
       follower.join();
@@ -122,7 +124,8 @@ class Adapter : public SpeakerWatch::Handler {
       std::lock_guard<std::mutex> lock(mutex_);
       guarded([&] { sync_.changes(paths); });
       pathsSeen_ += paths.size();
-      dirty_ = true;
+      // Once per message of the speaker's: the status never lags the table it describes.
+      publish();
    }
 
    void onDisconnected(const std::string& why, std::chrono::milliseconds retryIn) override {
@@ -169,7 +172,6 @@ class Adapter : public SpeakerWatch::Handler {
 
    // Under mutex_.
    void publish() {
-      dirty_ = false;
       try {
          statusWriter_.insert(status_);
       } catch (const Vault::Corruption& e) {
@@ -187,7 +189,6 @@ class Adapter : public SpeakerWatch::Handler {
    TableSync sync_;
    SettleWatch settle_;
    uint64_t pathsSeen_ = 0;
-   bool dirty_ = false;
    std::string lastWhy_;
    SpeakerWatch watch_; // last: its thread calls into the members above
 };
