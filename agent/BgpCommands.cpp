@@ -41,7 +41,7 @@ Show::View statusView(const BgpStatus& s, bool running) {
        .fieldIs("Connection", "connection", Show::enumerated(s.connection, connection),
                 Show::ColumnKind::enumeration)
        .fieldIs("", "running", Show::flag(running, "yes", "no"))
-       .fieldIs("For (s)", "connectionSeconds", Show::seconds(since))
+       .fieldIs("Seconds in this state", "connectionSeconds", Show::seconds(since))
        .settingsIs({"Counter", "Value"},
                    {{"connects", "connects", Show::number(s.connects)},
                     {"routes received", "routesReceived", Show::number(s.routesReceived)},
