@@ -59,8 +59,8 @@ if [ "${BGP_BENCH_INSIDE:-}" = 1 ]; then
       [ -z "$t_agent" ] && grep -q "converged: $n paths" "$work/agent.log" && t_agent=$(now)
       sleep 0.05
    done
-   rate() { echo "$n / ($1 - $t0)" | bc -l | xargs printf "%.0f"; }
-   secs() { echo "$1 - $t0" | bc -l | xargs printf "%.2f"; }
+   rate() { awk -v n="$n" -v t="$1" -v t0="$t0" 'BEGIN { printf "%.0f", n / (t - t0) }'; }
+   secs() { awk -v t="$1" -v t0="$t0" 'BEGIN { printf "%.2f", t - t0 }'; }
    echo "N=$n injected in $(secs "$t_inject") s;" \
       "plain watcher $(secs "$t_watch") s ($(rate "$t_watch")/s);" \
       "adapter table $(secs "$t_adapter") s ($(rate "$t_adapter")/s);" \

@@ -86,6 +86,12 @@ inject() { "$build/bgp-inject" --gobgp "$GOBGP_CONTROLLER" >/dev/null; }
 "$build/srte" agent --router "$router" --srlb 900000-900499 2>"$work/agent.log" &
 pids+=($!)
 start_adapter "$work/adapter.log"
+# One writer per table: a second adapter is refused, naming the first.
+sleep 0.3
+if "$build/srte" bgp --router "$router" --gobgp "$GOBGP_ROUTER" 2>"$work/second"; then
+   fail "a second adapter ran"
+fi
+grep -q "written by process $adapter" "$work/second" || fail "the refusal: $(cat "$work/second")"
 
 # ---- 1,000 policies, then 100 changed and 100 withdrawn, and content the router cannot fully use
 "$python" "$here/../../tools/bgp-policies.py" 1000 --seed 28 --change 100 --withdraw 100 \
