@@ -15,6 +15,7 @@
 
 #include "agent/Feed.h"
 #include "agent/InputMirror.h"
+#include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
@@ -111,6 +112,18 @@ class RouterAgent {
          router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
+      // Made after the defaults above: a router table that goes away gives them back.
+      routerTables_ = std::make_unique<RouterTablesMirror>(
+          options.router, RouterEntities::of(router_),
+          RouterTablesMirror::Hooks{[this](int fd, const std::string& table) {
+                                       loop_.fdIs(fd, [this, table] {
+                                          noteChanges(routerTables_->drain(table));
+                                       });
+                                    },
+                                    [this](int fd) { loop_.fdDel(fd); },
+                                    [this](const std::string& line) {
+                                       err_ << "srte agent: " << line << "\n" << std::flush;
+                                    }});
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
    }
@@ -153,7 +166,12 @@ class RouterAgent {
              " candidates for selection";
    }
 
+   void noteChanges(const MirrorCounts& c) {
+      if (c.written + c.erased + c.rescans != 0) changed_ = true;
+   }
+
    void mountTables() {
+      noteChanges(routerTables_->mount());
       for (Protocol protocol : SrTePolicy::PolicyInputSm::handledProtocols) mountTable(protocol);
       mountTask_->scheduleTaskLowestDelay(options_.mountRetry);
    }
@@ -301,6 +319,9 @@ class RouterAgent {
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
+   // The router's own tables (configuration, MPLS, hardware, counters). With an MPLS
+   // configuration table the SRLB comes from there and `--srlb` is only the value without one.
+   std::unique_ptr<RouterTablesMirror> routerTables_;
    struct Broken {
       ino_t inode;
       std::chrono::steady_clock::time_point retryAt;
