@@ -16,11 +16,13 @@ class Host::AgentEnable : public Mox::Reactor<SrTePolicy::Config::Notifiee, Host
    void onEnabled() override { owner().handleEnabled(); }
 };
 
-Host::Host(std::ostream& out)
-    : out_(&out),
-      scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))),
-      staticInputWriter_(std::make_unique<StaticInputWriter>(router_.config, router_.input)) {
+Host::Host(std::ostream& out, HostOptions options)
+    : options_(std::move(options)), out_(&out),
+      scheduler_(Mox::make<Kiln::TaskScheduler>(options_.clock)),
+      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {
+   if (options_.writeStaticInput) {
+      staticInputWriter_ = std::make_unique<StaticInputWriter>(router_.config, router_.input);
+   }
    // A router on which SR-TE is configured.
    router_.config->enabledIs(true);
    agentEnable_ = std::make_unique<AgentEnable>(*this, router_.config.get());

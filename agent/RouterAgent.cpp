@@ -12,9 +12,12 @@
 #include <memory>
 #include <ostream>
 #include <set>
+#include <sstream>
 
 #include "agent/Feed.h"
+#include "agent/Host.h"
 #include "agent/InputMirror.h"
+#include "agent/Modules.h"
 #include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
@@ -100,21 +103,24 @@ class RouterAgent {
  public:
    RouterAgent(const AgentOptions& options, std::ostream& err)
        : options_(options), err_(err), lock_(options.router),
-         scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::real)),
-         loop_(*scheduler_), core_(router_.tables(*scheduler_)),
-         mountTask_(Mox::make<Kiln::Task>(*scheduler_, 0, "inputTableMount")),
-         reportTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "agentReport")),
+         host_(hostOutput_, HostOptions{.router = options.router,
+                                        .clock = Kiln::TaskScheduler::ClockMode::real,
+                                        .writeStaticInput = false}),
+         loop_(host_.scheduler()),
+         mountTask_(Mox::make<Kiln::Task>(host_.scheduler(), 0, "inputTableMount")),
+         reportTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "agentReport")),
          mountAction_(*mountTask_, [this] { mountTables(); }),
          reportAction_(*reportTask_, [this] { report(); }) {
-      router_.config->enabledIs(true);
+      registerSubsystems(host_);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
-         router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
+         host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
-      // Made after the defaults above: a router table that goes away gives them back.
+      // Made after the defaults above (SR-TE on, the --srlb block): a router table that goes
+      // away gives them back.
       routerTables_ = std::make_unique<RouterTablesMirror>(
-          options.router, RouterEntities::of(router_),
+          options.router, RouterEntities::of(host_.router()),
           RouterTablesMirror::Hooks{[this](int fd, const std::string& table) {
                                        loop_.fdIs(fd, [this, table] {
                                           noteChanges(routerTables_->drain(table));
@@ -135,7 +141,7 @@ class RouterAgent {
    int run() {
       err_ << "srte agent: router " << options_.router << ", pid " << ::getpid() << ", started\n"
            << std::flush;
-      core_.start();
+      host_.start();
       mountTables();
       loop_.run();
       err_ << "srte agent: router " << options_.router << " stopped by signal "
@@ -145,8 +151,8 @@ class RouterAgent {
          lock_.release();
          std::_Exit(exitOk);
       }
-      // Published tables stay as they are for the next agent to adopt.
-      core_.stop();
+      // Published tables stay as they are for the next agent to adopt: the host stops its core
+      // without withdrawing anything.
       return exitOk;
    }
 
@@ -162,7 +168,7 @@ class RouterAgent {
    std::string held() const {
       return std::to_string(paths()) + " paths in " + std::to_string(mirrors_.size()) +
              (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
-             std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
+             std::to_string(host_.core().published().policySelectionInput->policyIdEntry().size()) +
              " candidates for selection";
    }
 
@@ -187,7 +193,7 @@ class RouterAgent {
          std::unique_ptr<InputMirror> old = std::move(it->second);
          mirrors_.erase(it);
          if (!attach(protocol, name, old->table())) {
-            router_.input->policyInputDel(protocol);
+            host_.policyInputSource()->policyInputDel(protocol);
             err_ << "srte agent: " << name << " went away\n" << std::flush;
             changed_ = true;
          }
@@ -228,7 +234,7 @@ class RouterAgent {
          mirror->drain(); // the first drain is a rescan: the records come in whole
          if (fresh) {
             table->mountStatusIs(Vault::MountStatus::mounted);
-            router_.input->policyInputIs(protocol, table);
+            host_.policyInputSource()->policyInputIs(protocol, table);
          }
          InputMirror* m = mirror.get();
          loop_.fdIs(m->fd(), [this, protocol] { drain(protocol); });
@@ -273,7 +279,7 @@ class RouterAgent {
    bool coreQuiet() const {
       size_t own =
           (mountTask_->expirationTimeNs() ? 1 : 0) + (reportTask_->expirationTimeNs() ? 1 : 0);
-      return scheduler_->readyTaskCount() == 0 && scheduler_->timerCount() == own;
+      return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
    void onIdle() {
@@ -312,10 +318,15 @@ class RouterAgent {
    std::ostream& err_;
    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
    AgentLock lock_;
-   Mox::Ptr<Kiln::TaskScheduler> scheduler_;
+   // What the host's commands print when nobody asked: the agent has no terminal of its own.
+   std::ostringstream hostOutput_;
+   // The router's tables, the core and the subsystems' commands and tables, on the real clock.
+   // Config's static policies reach it through the shared configuration tables, but it does not
+   // make input records of them (writeStaticInput off): the process that writes the configuration
+   // (the configuration handler, an attached srte) writes policyInput-static too, so that table
+   // has one writer and the agent never races it.
+   Host host_;
    Kiln::Loop loop_;
-   SrTePolicy::StandaloneRouter router_;
-   SrTePolicy::PolicyCore core_;
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;

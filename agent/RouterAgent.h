@@ -1,7 +1,9 @@
-// RouterAgent: the SR-TE agent process of one router (`srte agent --router NAME`). The policy
-// core runs on the real clock, on an event loop that waits on the shared input tables' readers
-// and the scheduler's timers; each protocol's shared input table is mirrored into the in-process
-// input table the core watches (agent/InputMirror.h).
+// RouterAgent: the SR-TE agent process of one router (`srte agent --router NAME`). It is a Host
+// (agent/Host.h) on the real clock, the same router tables, core and subsystems as the in-process
+// `srte`, run by an event loop that waits on the shared input tables' readers and the scheduler's
+// timers; each protocol's shared input table is mirrored into the in-process input table the core
+// watches (agent/InputMirror.h). Its host does not write the static input table: that table comes
+// from its writer process like every other.
 //
 //  - at most one agent per router: a lock file under the router's name is held while it runs;
 //  - a table that does not exist yet is looked for again every `mountRetry`, and mounted when its
