@@ -355,7 +355,7 @@ struct LfibRouteCodec {
    using Record = LfibRouteRecord;
    static constexpr const char* table = "mpls-lfibRoute";
    static constexpr bool scalar = false;
-   static Vault::Shm::Geometry geometry() { return {1 << 16, 1 << 16}; }
+   static Vault::Shm::Geometry geometry() { return {1 << 18, 1 << 16}; }
 
    static bool encode(const RouterEntities& e, const Key& k, Record& r) {
       const Mpls::LFib::Route* route = e.mplsStatus->lfibRoute(k);
@@ -386,7 +386,7 @@ struct AdjacencyCodec {
    using Record = AdjacencyRecord;
    static constexpr const char* table = "mpls-adjacency";
    static constexpr bool scalar = false;
-   static Vault::Shm::Geometry geometry() { return {1 << 14, 1 << 14}; }
+   static Vault::Shm::Geometry geometry() { return {1 << 16, 1 << 16}; }
 
    static bool encode(const RouterEntities& e, const Key& k, Record& r) {
       const Mpls::ViaSet* vias = e.mplsStatus->adjacency(k.value);
@@ -411,7 +411,7 @@ struct AdjacencyExtCodec {
    using Record = AdjacencyExtRecord;
    static constexpr const char* table = "mpls-adjacencyExt";
    static constexpr bool scalar = false;
-   static Vault::Shm::Geometry geometry() { return {1 << 14, 1 << 14}; }
+   static Vault::Shm::Geometry geometry() { return {1 << 16, 1 << 16}; }
 
    static bool encode(const RouterEntities& e, const Key& k, Record& r) {
       const Mpls::Status::AdjacencyExt* ext = e.mplsStatus->adjacencyExt(k.value);
@@ -470,7 +470,7 @@ struct CounterCodec {
    using Record = CounterRecord;
    static constexpr const char* table = "tunnelCounters";
    static constexpr bool scalar = false;
-   static Vault::Shm::Geometry geometry() { return {1 << 16, 1 << 16}; }
+   static Vault::Shm::Geometry geometry() { return {1 << 18, 1 << 16}; }
 
    static bool encode(const RouterEntities& e, const Key& k, Record& r) {
       const FlexCounters::Counter* c =

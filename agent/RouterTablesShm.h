@@ -203,7 +203,9 @@ struct HardwareRecord {
    uint32_t present = 0;
    uint32_t labelStackSize = 0;
    const ScalarKey& key() const noexcept { return k; }
-   bool isValidRecord() const noexcept { return present <= 1 && labelStackSize <= 255; }
+   bool isValidRecord() const noexcept {
+      return k.zero == 0 && present <= 1 && labelStackSize <= 255;
+   }
 };
 
 // A tunnel's counter (table "tunnelCounters").

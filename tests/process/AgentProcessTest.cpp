@@ -317,6 +317,14 @@ TEST_F(AgentProcessTest, TheRouterTablesWrittenByAnotherProcessReachTheCore) {
    ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates"))
        << agent.err();
 
+   // The configuration turns SR-TE off: the agent's core withdraws what it published.
+   local.config->enabledIs(true);
+   local.config->enabledIs(false);
+   ASSERT_TRUE(agent.waitFor("mounted config")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 0 candidates")) << agent.err();
+   local.config->enabledIs(true);
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates")) << agent.err();
+
    // A second writer of the router's tables is refused, naming the table.
    SrTePolicy::StandaloneRouter other;
    Agent::RouterTablesWriter second(r, Agent::RouterEntities::of(other));
