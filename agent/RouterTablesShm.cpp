@@ -525,6 +525,7 @@ class TableMirrorBase {
    virtual int fd() const noexcept = 0;
    virtual bool replaced() const noexcept = 0;
    virtual MirrorCounts drain() = 0;
+   virtual size_t size() const = 0;
 };
 
 // What the entities held of one table before it was mounted.
@@ -558,6 +559,7 @@ class TableMirror final : public TableMirrorBase {
 
    int fd() const noexcept override { return reader_.fd(); }
    bool replaced() const noexcept override { return reader_.replaced(); }
+   size_t size() const override { return reader_.size(); }
 
    MirrorCounts drain() override {
       counts_ = {};
@@ -1065,7 +1067,8 @@ struct RouterTablesMirror::Impl {
          counts += m->drain(); // the first drain is a rescan: the records come in whole
          t.mirror = std::move(m);
          if (hooks_.fdIs) hooks_.fdIs(t.mirror->fd(), t.name);
-         say("mounted " + t.name);
+         const size_t n = t.mirror->size();
+         say("mounted " + t.name + ", " + std::to_string(n) + (n == 1 ? " record" : " records"));
          return true;
       } catch (const Vault::Shm::NotFound&) {
          return false;
