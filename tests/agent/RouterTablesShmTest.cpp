@@ -174,9 +174,13 @@ TEST_F(RouterTablesShmTest, EveryTableRoundTripsThroughSharedMemoryChangeByChang
 }
 
 TEST_F(RouterTablesShmTest, LoadStartsFromTheSharedStateAndASecondWriterIsRefused) {
+   // A writer over entities that already hold something writes nothing until asked.
    StandaloneRouter first;
-   auto writer = std::make_unique<RouterTablesWriter>(router_, RouterEntities::of(first));
    fill(first);
+   auto writer = std::make_unique<RouterTablesWriter>(router_, RouterEntities::of(first));
+   EXPECT_TRUE(Vault::Shm::tablesOf(router_).empty());
+   writer->publishAll();
+   EXPECT_EQ(writer->claimed(), Shm::tableNames());
 
    // A second process attaching to the live router: it reads what is there...
    StandaloneRouter attached;
