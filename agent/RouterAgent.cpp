@@ -18,6 +18,7 @@
 #include "agent/Host.h"
 #include "agent/InputMirror.h"
 #include "agent/Modules.h"
+#include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
@@ -116,6 +117,19 @@ class RouterAgent {
          host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
+      // Made after the defaults above (SR-TE on, the --srlb block): a router table that goes
+      // away gives them back.
+      routerTables_ = std::make_unique<RouterTablesMirror>(
+          options.router, RouterEntities::of(host_.router()),
+          RouterTablesMirror::Hooks{[this](int fd, const std::string& table) {
+                                       loop_.fdIs(fd, [this, table] {
+                                          noteChanges(routerTables_->drain(table));
+                                       });
+                                    },
+                                    [this](int fd) { loop_.fdDel(fd); },
+                                    [this](const std::string& line) {
+                                       err_ << "srte agent: " << line << "\n" << std::flush;
+                                    }});
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
    }
@@ -158,7 +172,12 @@ class RouterAgent {
              " candidates for selection";
    }
 
+   void noteChanges(const MirrorCounts& c) {
+      if (c.written + c.erased + c.rescans != 0) changed_ = true;
+   }
+
    void mountTables() {
+      noteChanges(routerTables_->mount());
       for (Protocol protocol : SrTePolicy::PolicyInputSm::handledProtocols) mountTable(protocol);
       mountTask_->scheduleTaskLowestDelay(options_.mountRetry);
    }
@@ -302,11 +321,18 @@ class RouterAgent {
    // What the host's commands print when nobody asked: the agent has no terminal of its own.
    std::ostringstream hostOutput_;
    // The router's tables, the core and the subsystems' commands and tables, on the real clock.
+   // Config's static policies reach it through the shared configuration tables, but it does not
+   // make input records of them (writeStaticInput off): the process that writes the configuration
+   // (the configuration handler, an attached srte) writes policyInput-static too, so that table
+   // has one writer and the agent never races it.
    Host host_;
    Kiln::Loop loop_;
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
+   // The router's own tables (configuration, MPLS, hardware, counters). With an MPLS
+   // configuration table the SRLB comes from there and `--srlb` is only the value without one.
+   std::unique_ptr<RouterTablesMirror> routerTables_;
    struct Broken {
       ino_t inode;
       std::chrono::steady_clock::time_point retryAt;

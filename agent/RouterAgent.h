@@ -57,8 +57,8 @@ class AgentLock {
 struct AgentOptions {
    std::string router;
    Kiln::Duration mountRetry = std::chrono::milliseconds(200);
-   // The platform's block of binding SIDs, first and last label, while the MPLS configuration
-   // does not come through a shared table: without it every binding SID is out of range.
+   // The platform's block of binding SIDs, first and last label, for a router without a shared
+   // MPLS configuration table (a lab fed by `srte feed` alone): once that table exists, it says.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
    // After a stop signal, end the process at once instead of tearing the in-process state down
    // (the kernel takes the memory back; nothing outside the process changes either way).
