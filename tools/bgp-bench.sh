@@ -2,7 +2,8 @@
 # Throughput of the BGP adapter and the agent behind it against a plain watcher of the same
 # speaker, in the same run: N policies injected at the controller, timed until the plain watcher
 # (bgp-watch) has seen them all, until the adapter's table holds them all, and until the agent
-# reports them converged. Then the adapter's resident memory per route. Run by hand:
+# reports them converged. Then the adapter's resident memory per route, and its restart over the
+# full table (killed, started again: time to synchronised and records written). Run by hand:
 #
 #    tools/bgp-bench.sh BUILD_DIR [N]...     (default: 10000 100000)
 #
@@ -69,6 +70,21 @@ if [ "${BGP_BENCH_INSIDE:-}" = 1 ]; then
       "(anonymous +$(($(rss RssAnon) - anon0)) kB, shared table pages +$(($(rss RssShmem) - shm0)) kB):" \
       "$(((($(rss VmRSS) - rss0) * 1024) / n)) B/route," \
       "$(((($(rss RssAnon) - anon0) * 1024) / n)) B/route of its own"
+   # The adapter killed and started again over its full table: time to synchronised, and what it
+   # wrote (nothing, when it reconciles without churn).
+   kill -KILL "$adapter"
+   wait "$adapter" 2>/dev/null || true
+   t0=$(now)
+   "$build/srte" bgp --router "$router" --gobgp "$GOBGP_ROUTER" 2>"$work/adapter2.log" &
+   adapter=$!
+   pids+=("$adapter")
+   until grep -q synchronised "$work/adapter2.log"; do sleep 0.05; done
+   t_sync=$(now)
+   status=$("$build/bgp-table" --router "$router" --status)
+   echo "N=$n adapter restart: synchronised $(secs "$t_sync") s after start (settle 1 s included);" \
+      "records written $(echo "$status" | sed -n 's/^recordsWritten //p')," \
+      "unchanged $(echo "$status" | sed -n 's/^recordsUnchanged //p')," \
+      "erased $(echo "$status" | sed -n 's/^recordsErased //p')"
    exit 0
 fi
 
