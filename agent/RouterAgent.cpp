@@ -112,6 +112,7 @@ class RouterAgent {
          mountAction_(*mountTask_, [this] { mountTables(); }),
          reportAction_(*reportTask_, [this] { report(); }) {
       registerSubsystems(host_);
+      host_.core().syslog().sinkIs(&systemLog_);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
          host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
@@ -326,6 +327,8 @@ class RouterAgent {
    // (the configuration handler, an attached srte) writes policyInput-static too, so that table
    // has one writer and the agent never races it.
    Host host_;
+   // Every message of the core's system log goes to the host's as well.
+   Syslog::SystemSink systemLog_{"srte-agent"};
    Kiln::Loop loop_;
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
