@@ -15,9 +15,11 @@
 
 #include "agent/Feed.h"
 #include "agent/InputMirror.h"
+#include "agent/PublishedMirror.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
+#include "platform/MoxChanges.h"
 #include "platform/VaultShm.h"
 
 namespace Agent {
@@ -88,11 +90,21 @@ double secondsSince(std::chrono::steady_clock::time_point t) {
    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
 }
 
-// Runs `f` each time its task runs.
+// Runs `f` each time its task runs. A run is a change (the change count moves) even when `f`
+// changes nothing; `quiet(count)` is told the count such a run left, so that the agent's own
+// timers do not look like work to the published tables' writer.
 struct TaskAction : Kiln::Task::Notifiee {
    std::function<void()> f;
-   TaskAction(Kiln::Task& t, std::function<void()> fn) : f(std::move(fn)) { notifierIs(&t); }
-   void onTaskRun() override { f(); }
+   std::function<void(uint64_t)> quiet;
+   TaskAction(Kiln::Task& t, std::function<void()> fn, std::function<void(uint64_t)> q = {})
+       : f(std::move(fn)), quiet(std::move(q)) {
+      notifierIs(&t);
+   }
+   void onTaskRun() override {
+      const uint64_t entry = Mox::changeCount();
+      f();
+      if (quiet && Mox::changeCount() == entry) quiet(entry);
+   }
 };
 
 class RouterAgent {
@@ -103,8 +115,14 @@ class RouterAgent {
          loop_(*scheduler_), core_(router_.tables(*scheduler_)),
          mountTask_(Mox::make<Kiln::Task>(*scheduler_, 0, "inputTableMount")),
          reportTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "agentReport")),
-         mountAction_(*mountTask_, [this] { mountTables(); }),
-         reportAction_(*reportTask_, [this] { report(); }) {
+         syncTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "publishedSync")),
+         mountAction_(
+             *mountTask_, [this] { mountTables(); }, [this](uint64_t c) { ownRun(c); }),
+         reportAction_(
+             *reportTask_, [this] { report(); }, [this](uint64_t c) { ownRun(c); }),
+         syncAction_(
+             *syncTask_, [] {}, [this](uint64_t c) { ownRun(c); }),
+         published_(options.router, core_.published()) {
       router_.config->enabledIs(true);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
@@ -122,6 +140,9 @@ class RouterAgent {
    int run() {
       err_ << "srte agent: router " << options_.router << ", pid " << ::getpid() << ", started\n"
            << std::flush;
+      // What an earlier agent published is in the entities before any machine starts: their
+      // start-up adopts what is still valid and removes the rest.
+      mountPublished();
       core_.start();
       mountTables();
       loop_.run();
@@ -150,7 +171,35 @@ class RouterAgent {
       return std::to_string(paths()) + " paths in " + std::to_string(mirrors_.size()) +
              (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
              std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
-             " candidates for selection";
+             " candidates for selection, " + std::to_string(published_.sharedRecords()) +
+             " published records";
+   }
+
+   void mountPublished() {
+      for (const PublishedMountReport& r : published_.mount()) {
+         if (!r.refused.empty()) {
+            err_ << "srte agent: refused published table " << r.table << ": " << r.refused
+                 << "; it starts empty\n";
+         } else if (r.found) {
+            err_ << "srte agent: mounted published table " << r.table << ", " << r.records
+                 << " records\n";
+         }
+      }
+      err_ << std::flush;
+   }
+
+   void ownRun(uint64_t count) { published_.ownRunChangedNothing(count); }
+
+   // Writes what changed into the shared published tables, no more often than their cost allows.
+   void syncPublished() {
+      if (!published_.syncWanted()) return;
+      const auto now = std::chrono::steady_clock::now();
+      if (now < published_.syncDue()) {
+         syncTask_->scheduleTaskLowestDelay(
+             std::chrono::duration_cast<Kiln::Duration>(published_.syncDue() - now));
+         return;
+      }
+      published_.sync();
    }
 
    void mountTables() {
@@ -253,13 +302,15 @@ class RouterAgent {
 
    // No work queued and no timer of the core's pending: what the input says is all done.
    bool coreQuiet() const {
-      size_t own =
-          (mountTask_->expirationTimeNs() ? 1 : 0) + (reportTask_->expirationTimeNs() ? 1 : 0);
+      size_t own = (mountTask_->expirationTimeNs() ? 1 : 0) +
+                   (reportTask_->expirationTimeNs() ? 1 : 0) +
+                   (syncTask_->expirationTimeNs() ? 1 : 0);
       return scheduler_->readyTaskCount() == 0 && scheduler_->timerCount() == own;
    }
 
    void onIdle() {
-      if (!coreQuiet()) return;
+      syncPublished();
+      if (!coreQuiet() || published_.syncWanted()) return;
       if (!converged_) {
          converged_ = true;
          changed_ = false;
@@ -280,7 +331,7 @@ class RouterAgent {
    // Runs last among ready tasks (largest priority value): the core has no work queued then.
    void report() {
       if (!changed_) return;
-      if (!coreQuiet()) {
+      if (!coreQuiet() || published_.syncWanted()) {
          reportTask_->scheduleTaskLowestDelay(std::chrono::milliseconds(10));
          return;
       }
@@ -298,8 +349,9 @@ class RouterAgent {
    Kiln::Loop loop_;
    SrTePolicy::StandaloneRouter router_;
    SrTePolicy::PolicyCore core_;
-   Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
-   TaskAction mountAction_, reportAction_;
+   Mox::Ptr<Kiln::Task> mountTask_, reportTask_, syncTask_;
+   TaskAction mountAction_, reportAction_, syncAction_;
+   PublishedMirror published_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
    struct Broken {
       ino_t inode;
