@@ -54,7 +54,6 @@ SelectionInputRecord SelectionInputCodec::encode(const PolicyIdEntry& e) {
    r.preference = e.preference().value;
    r.bindingSid = e.bindingSid().value();
    r.originator = e.originator();
-   r.version = e.version();
    for (const auto& [index, row] : e.wSegmentList()) {
       if (r.rowCount == Record::rowCapacity) break; // a path has at most 16 segment lists
       Record::Row& out = r.row[r.rowCount++];
@@ -90,7 +89,8 @@ void SelectionInputCodec::apply(Entity& t, const Record& r) {
             e->wSegmentListDel(static_cast<uint8_t>(i));
          }
       }
-      e->versionIs(r.version);
+      // A path taken in or changed is one update, as the input stage's own writes are.
+      e->versionInc();
    });
 }
 

@@ -41,7 +41,9 @@ struct LabelStack {
    uint32_t label[Ipkit::MplsLabelOperation::capacity];
 };
 
-// ---- policySelectionInput: one record per usable candidate path.
+// ---- policySelectionInput: one record per usable candidate path. Without its version: the input
+// stage bumps it at every write, an unchanged path processed again after a restart included, so
+// it tells this process's selection that a path was processed, not what forwarding has.
 struct SelectionInputRecord : Zeroed<SelectionInputRecord> {
    static constexpr uint32_t rowCapacity = 16;
    struct Row {
@@ -55,8 +57,8 @@ struct SelectionInputRecord : Zeroed<SelectionInputRecord> {
    uint32_t preference;
    uint32_t bindingSid;
    SrTePolicy::Originator originator;
-   uint32_t version;
    uint32_t rowCount;
+   uint32_t pad;
    Row row[rowCapacity];
 
    const SrTePolicy::PolicyId& key() const noexcept { return id; }

@@ -129,6 +129,7 @@ class RouterAgent {
          router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
+      if (options.resolvedLabels) resolveLabels(*options.resolvedLabels);
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
    }
@@ -172,7 +173,28 @@ class RouterAgent {
              (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
              std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
              " candidates for selection, " + std::to_string(published_.sharedRecords()) +
-             " published records";
+             " published records (" + std::to_string(published_.totals().written) + " written, " +
+             std::to_string(published_.totals().erased) + " erased since start)";
+   }
+
+   void resolveLabels(std::pair<uint32_t, uint32_t> labels) {
+      constexpr Mpls::AdjacencyIndex adjacencies = 16;
+      for (Mpls::AdjacencyIndex a = 1; a <= adjacencies; ++a) {
+         auto via = [a](uint32_t v) {
+            const uint32_t n = static_cast<uint32_t>(2 * a + v);
+            return Mpls::Via(Ipkit::IpGenAddr::v4(0x0b000000u + n),
+                             Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n),
+                             Ipkit::MplsLabelAction::swap,
+                             Ipkit::MplsLabel(17000 + static_cast<uint32_t>(a)));
+         };
+         router_.mplsStatus->adjacencyIs(a, {via(0), via(1)});
+      }
+      for (uint32_t l = labels.first; l <= labels.second; ++l) {
+         router_.mplsStatus->lfibRouteIs(Mpls::LFib::Route(
+             Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)), Mpls::LFib::RouteType::unknown,
+             Mpls::LFib::Source::unknown,
+             Mpls::AdjacencyKey(1 + l % adjacencies, Mpls::AdjacencyType::nexthop)));
+      }
    }
 
    void mountPublished() {

@@ -58,6 +58,10 @@ struct AgentOptions {
    // The platform's block of binding SIDs, first and last label, while the MPLS configuration
    // does not come through a shared table: without it every binding SID is out of range.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
+   // Labels, first and last, that resolve: each has an LFIB route over one of 16 two-way ECMP
+   // adjacencies, while the MPLS status does not come through a shared table. Without it no
+   // segment resolves.
+   std::optional<std::pair<uint32_t, uint32_t>> resolvedLabels;
    // After a stop signal, end the process at once instead of tearing the in-process state down
    // (the kernel takes the memory back; nothing outside the process changes either way).
    bool exitOnStop = false;
