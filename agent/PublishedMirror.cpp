@@ -72,6 +72,12 @@ size_t emptyEntity(typename C::Entity& entity) {
    return keys.size();
 }
 
+// The message of a table refused, naming its segment.
+std::string named(const std::string& path, const char* what) {
+   const std::string w = what;
+   return w.find(path) == std::string::npos ? path + ": " + w : w;
+}
+
 uint64_t fileBytes(const std::string& path) {
    struct stat st {};
    return ::stat(path.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_blocks) * 512 : 0;
@@ -108,7 +114,7 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
       } catch (const Vault::Corruption& e) {
          // Nothing of a table that makes no sense is kept: the core starts as on an empty one,
          // and the table is made anew for what the core publishes from now on.
-         report.refused = e.what();
+         report.refused = named(path, e.what());
          report.records = 0;
          emptyEntity<C>(entity);
          slot.table.reset();
@@ -207,7 +213,7 @@ PublishedReader::PublishedReader(std::string router, const SrTePolicy::Published
          slot.table.emplace(router_, C::table);
       } catch (const Vault::Shm::NotFound&) {
       } catch (const Vault::Corruption& e) {
-         refused_.push_back(e.what());
+         refused_.push_back(named(Vault::Shm::segmentPath(router_, C::table), e.what()));
       }
    });
 }
@@ -271,7 +277,7 @@ PublishedCounts PublishedReader::drain() {
              },
              [&] { rescan<C>(shared, entity, counts); });
       } catch (const Vault::Corruption& e) {
-         refused_.push_back(e.what());
+         refused_.push_back(named(Vault::Shm::segmentPath(router_, C::table), e.what()));
          slot.table.reset();
          counts.removed += emptyEntity<C>(entity);
       }
