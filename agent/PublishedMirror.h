@@ -66,8 +66,8 @@ class PublishedMirror {
    bool syncWanted() const;
    std::chrono::steady_clock::time_point syncDue() const noexcept { return nextSync_; }
    static constexpr int costFactor = 3;
-   // A run of the caller's own task that changed nothing moved the change count by one (to
-   // `count`): not a reason to sync.
+   // A run of the caller's own task moved the change count by one (to `count`), before it did
+   // anything: not a reason to sync.
    void ownRunChangedNothing(uint64_t count) noexcept {
       if (syncedAt_ + 1 == count) syncedAt_ = count;
    }

@@ -91,7 +91,7 @@ double secondsSince(std::chrono::steady_clock::time_point t) {
 }
 
 // Runs `f` each time its task runs. A run is a change (the change count moves) even when `f`
-// changes nothing; `quiet(count)` is told the count such a run left, so that the agent's own
+// changes nothing; `quiet(count)` is told the count the run itself left, so that the agent's own
 // timers do not look like work to the published tables' writer.
 struct TaskAction : Kiln::Task::Notifiee {
    std::function<void()> f;
@@ -101,9 +101,9 @@ struct TaskAction : Kiln::Task::Notifiee {
       notifierIs(&t);
    }
    void onTaskRun() override {
-      const uint64_t entry = Mox::changeCount();
+      // Told before `f` runs, which may look at it: what `f` changes moves the count again.
+      if (quiet) quiet(Mox::changeCount());
       f();
-      if (quiet && Mox::changeCount() == entry) quiet(entry);
    }
 };
 
