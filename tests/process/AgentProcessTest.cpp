@@ -497,12 +497,8 @@ void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const st
    static_cast<void>(test);
 }
 
+// 100,000 paths: about 20 s on two cores.
 TEST_F(AgentProcessTest, KilledTwentyTimesWhileConvergingItComesBackToWhatAFreshAgentPublishes) {
-   crashAndComeBack(*this, router("fresh"), router("crashed"), 20000, 20);
-}
-
-// The same at 100,000 paths: about two minutes on two cores (ctest -L long).
-TEST_F(AgentProcessTest, DISABLED_KilledTwentyTimesWhileConvergingHundredThousandPaths) {
    crashAndComeBack(*this, router("fresh"), router("crashed"), 100000, 20);
 }
 
