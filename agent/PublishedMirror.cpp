@@ -165,7 +165,9 @@ PublishedCounts PublishedMirror::sync() {
    eachSlot(shared_->slots, [&]<class C>(WriterSlot<C>& slot) {
       const typename C::Entity& entity = *C::of(tables_);
       if (!slot.table) slot.table.emplace(router_, C::table, geometryFor<C>(entity));
-      if (syncTable<C>(*slot.table, entity, counts)) return;
+      // Too small for what the entity holds: made larger before writing into it.
+      const bool small = C::sizeHint(entity) > slot.table->capacity();
+      if (!small && syncTable<C>(*slot.table, entity, counts)) return;
       // Full: a new segment twice as large (or more, to hold what the entity has) takes the
       // name; readers of the old one see it replaced and attach again.
       Vault::Shm::Geometry g = geometryFor<C>(entity);
@@ -178,6 +180,7 @@ PublishedCounts PublishedMirror::sync() {
    syncedAt_ = Mox::changeCount();
    const auto end = Clock::now();
    lastSyncTime_ = end - start;
+   syncTime_ += lastSyncTime_;
    nextSync_ = end + costFactor * lastSyncTime_;
    totals_.written += counts.written;
    totals_.erased += counts.erased;

@@ -73,8 +73,9 @@ class PublishedMirror {
    }
 
    const PublishedCounts& totals() const noexcept { return totals_; }
-   // The last sync's duration.
+   // The last sync's duration, and all of them added up.
    std::chrono::steady_clock::duration lastSyncTime() const noexcept { return lastSyncTime_; }
+   std::chrono::steady_clock::duration syncTime() const noexcept { return syncTime_; }
    // Records held by every shared table, and their segments' size in bytes.
    size_t sharedRecords() const;
    size_t sharedBytes() const;
@@ -88,6 +89,7 @@ class PublishedMirror {
    PublishedCounts totals_;
    std::chrono::steady_clock::time_point nextSync_{};
    std::chrono::steady_clock::duration lastSyncTime_{};
+   std::chrono::steady_clock::duration syncTime_{};
 };
 
 // A process other than the agent reading what is published.

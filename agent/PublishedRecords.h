@@ -12,6 +12,7 @@
 //  - `table`: the shared table's name, the Mox table's own;
 //  - `forEach(entity, f)`: calls `f(record)` for every record the entity holds;
 //  - `has(entity, key)`: whether the entity holds the record of `key`;
+//  - `sizeHint(entity)`: at most the number of records, read without a walk;
 //  - `apply(entity, record)`: makes the entity hold the record (creating or changing what it
 //    has, notifying only what changed); throws Vault::Corruption when a value is out of range;
 //  - `remove(entity, key)`: the record of `key` goes.
@@ -217,6 +218,7 @@ struct SelectionInputCodec {
    static void forEach(const Entity& t, F&& f) {
       for (const auto& [id, entry] : t.policyIdEntry()) f(encode(*entry));
    }
+   static size_t sizeHint(const Entity& t) { return t.policyIdEntry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.policyIdEntry().contains(k); }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.policyIdEntryDel(k); }
@@ -235,6 +237,7 @@ struct ExportedSegmentListCodec {
    static void forEach(const Entity& t, F&& f) {
       for (const auto& [id, list] : t.segmentList()) f(encode(*list));
    }
+   static size_t sizeHint(const Entity& t) { return t.segmentList().size(); }
    static bool has(const Entity& t, const Key& k) { return t.segmentList().contains(k); }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.segmentListDel(k); }
@@ -255,6 +258,7 @@ struct SegmentListStatusCodec {
          f(r);
       }
    }
+   static size_t sizeHint(const Entity& t) { return t.status().size(); }
    static bool has(const Entity& t, const Key& k) { return t.status(k) != nullptr; }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.statusDel(k); }
@@ -271,6 +275,7 @@ struct TunnelCodec {
    static void forEach(const Entity& t, F&& f) {
       for (const auto& [id, entry] : t.entry()) f(encode(entry));
    }
+   static size_t sizeHint(const Entity& t) { return t.entry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.entry(k) != nullptr; }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.entryDel(k); }
@@ -291,6 +296,7 @@ struct EcPolicyCodec {
          for (const auto& [priority, entry] : policy->candidate()) f(encode(*policy, *entry));
       }
    }
+   static size_t sizeHint(const Entity& t) { return t.policy().size(); }
    static bool has(const Entity& t, const Key& k);
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k);
@@ -307,6 +313,7 @@ struct PolicyStatusCodec {
    static void forEach(const Entity& t, F&& f) {
       for (const auto& [key, entry] : t.status()) f(encode(*entry));
    }
+   static size_t sizeHint(const Entity& t) { return t.status().size(); }
    static bool has(const Entity& t, const Key& k) { return t.status().contains(k); }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k);
@@ -323,6 +330,7 @@ struct FecCodec {
    static void forEach(const Entity& t, F&& f) {
       for (const auto& [id, fec] : t.fec()) f(encode(*fec));
    }
+   static size_t sizeHint(const Entity& t) { return t.fec().size(); }
    static bool has(const Entity& t, const Key& k) { return t.fec(k) != nullptr; }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.fecDel(k); }
@@ -345,6 +353,7 @@ struct TunnelMapCodec {
          f(r);
       }
    }
+   static size_t sizeHint(const Entity& t) { return t.tunnelEntry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.tunnelEntry(k) != nullptr; }
    static void apply(Entity& t, const Record& r);
    static void remove(Entity& t, const Key& k) { t.tunnelEntryDel(k); }
@@ -363,6 +372,9 @@ struct LfibCodec {
       if (!t.lfib()) return;
       for (const auto& [key, route] : t.lfib()->lfibRoute()) f(encode(route));
       for (const auto& [index, adj] : t.lfib()->lfibExtFecAdjacency()) f(encode(adj));
+   }
+   static size_t sizeHint(const Entity& t) {
+      return t.lfib() ? t.lfib()->lfibRoute().size() + t.lfib()->lfibExtFecAdjacency().size() : 0;
    }
    static bool has(const Entity& t, const Key& k);
    static void apply(Entity& t, const Record& r);

@@ -174,7 +174,8 @@ class RouterAgent {
              std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
              " candidates for selection, " + std::to_string(published_.sharedRecords()) +
              " published records (" + std::to_string(published_.totals().written) + " written, " +
-             std::to_string(published_.totals().erased) + " erased since start)";
+             std::to_string(published_.totals().erased) + " erased since start, in " +
+             std::to_string(std::chrono::duration<double>(published_.syncTime()).count()) + " s)";
    }
 
    void resolveLabels(std::pair<uint32_t, uint32_t> labels) {

@@ -486,7 +486,7 @@ void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const st
    auto agent = agentFor(crashed);
    ASSERT_TRUE(agent->waitFor("converged: " + std::to_string(paths) + " paths", limit))
        << agent->err();
-   EXPECT_NE(agent->err().find("(0 written, 0 erased since start)"), std::string::npos)
+   EXPECT_NE(agent->err().find("(0 written, 0 erased since start, in "), std::string::npos)
        << agent->err();
    EXPECT_EQ(watch.changedKeys(), 0u);
    // A stop leaves them as they are too.
