@@ -16,21 +16,41 @@ class Host::AgentEnable : public Mox::Reactor<SrTePolicy::Config::Notifiee, Host
    void onEnabled() override { owner().handleEnabled(); }
 };
 
-Host::Host(std::ostream& out)
-    : out_(&out),
-      scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::virtualTime)),
-      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))),
-      staticInputWriter_(std::make_unique<StaticInputWriter>(router_.config, router_.input)) {
+Host::Host(std::ostream& out, HostOptions options) : options_(std::move(options)), out_(&out) {
+   makeAll();
+}
+
+Host::~Host() { dropAll(); }
+
+void Host::dropAll() {
+   agentEnable_.reset();
+   dropStages();
+   core_.reset();
+   staticInputWriter_.reset();
+   noEntities_.reset();
+}
+
+void Host::makeAll() {
+   scheduler_ = Mox::make<Kiln::TaskScheduler>(options_.clock);
+   core_ = std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_));
+   if (options_.writeStaticInput) {
+      staticInputWriter_ = std::make_unique<StaticInputWriter>(router_.config, router_.input);
+   }
    // A router on which SR-TE is configured.
    router_.config->enabledIs(true);
    agentEnable_ = std::make_unique<AgentEnable>(*this, router_.config.get());
 }
 
-Host::~Host() {
-   agentEnable_.reset();
-   dropStages();
-   core_.reset();
-   staticInputWriter_.reset();
+void Host::reset() {
+   const bool started = started_;
+   dropAll();
+   router_ = SrTePolicy::StandaloneRouter{};
+   makeAll();
+   started_ = quit_ = staticTableWarned_ = false;
+   loadDepth_ = 0;
+   warnings_.clear();
+   restarts_ = 0;
+   if (started) start();
 }
 
 const SrTePolicy::ProcessEntities& Host::coreEntities() {

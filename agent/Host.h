@@ -73,6 +73,18 @@
 
 namespace Agent {
 
+// How a host is made. The defaults are the in-process router of `srte`: virtual time, and the host
+// plays the configuration handler too (it writes the configured static policies into the static
+// input table).
+struct HostOptions {
+   // The router whose shared tables this host works with; empty for the in-process router.
+   std::string router;
+   Kiln::TaskScheduler::ClockMode clock = Kiln::TaskScheduler::ClockMode::virtualTime;
+   // Off in the agent process: there the static input table comes from the process that handles
+   // the configuration, as every input table comes from its writer.
+   bool writeStaticInput = true;
+};
+
 class Host {
  public:
    using Apply = std::function<void()>;
@@ -94,7 +106,7 @@ class Host {
       ShowJson json;
    };
 
-   explicit Host(std::ostream& out);
+   explicit Host(std::ostream& out, HostOptions options = {});
    ~Host();
    Host(const Host&) = delete;
    Host& operator=(const Host&) = delete;
@@ -110,6 +122,11 @@ class Host {
    void start();
    // Drops the in-process state and builds it again.
    void restart();
+   // The host as a new one is after its modules registered and it started: a new scheduler at
+   // time 0, the router's tables, the core and everything per session made again; the
+   // registrations (verbs, tables) and the output stream are kept. For a caller that runs many
+   // sessions one after another (the fuzz targets).
+   void reset();
    // Parses one line; the returned change is empty for a blank or comment line. Throws
    // ScriptError.
    Apply parse(std::string_view line) const;
@@ -134,7 +151,13 @@ class Host {
 
    // ---- what verbs and shows use
    std::ostream& out() { return *out_; }
+   // Where the commands print from now on (the agent answers each control request into its own).
+   void outIs(std::ostream& out) { out_ = &out; }
+   // The router whose shared tables this host works with; empty for the in-process router.
+   const std::string& routerName() const { return options_.router; }
+   const HostOptions& options() const { return options_; }
    Kiln::TaskScheduler& scheduler() { return *scheduler_; }
+   const Kiln::TaskScheduler& scheduler() const { return *scheduler_; }
    Kiln::AttrLogSm& attrLog() { return *router_.attrLog; }
    SrTePolicy::PolicyCore& core() { return *core_; }
    const SrTePolicy::PolicyCore& core() const { return *core_; }
@@ -195,8 +218,12 @@ class Host {
 
    void dropStages();
    void buildStages();
+   // What the constructor makes and the destructor drops, each in its order.
+   void makeAll();
+   void dropAll();
    void handleEnabled();
 
+   HostOptions options_;
    std::ostream* out_;
    Mox::Ptr<Kiln::TaskScheduler> scheduler_;
    SrTePolicy::StandaloneRouter router_;

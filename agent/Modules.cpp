@@ -4,7 +4,7 @@
 
 namespace Agent {
 
-void registerModules(Host& host) {
+void registerSubsystems(Host& host) {
    registerCore(host);
    registerConfig(host);
    registerMpls(host);
@@ -20,6 +20,10 @@ void registerModules(Host& host) {
    registerRestart(host);
    registerCoreTables(host);
    registerRunningConfig(host);
+}
+
+void registerModules(Host& host) {
+   registerSubsystems(host);
    host.start();
 }
 

@@ -21,6 +21,8 @@ void registerLfib(Host& host);
 void registerTunnelMap(Host& host);
 void registerRestart(Host& host);
 
+// Registers every subsystem, in the order of `help` and `show all`.
+void registerSubsystems(Host& host);
 // Registers every subsystem, then starts the host (its stages, then the core).
 void registerModules(Host& host);
 

@@ -12,10 +12,14 @@
 #include <memory>
 #include <ostream>
 #include <set>
+#include <sstream>
 
 #include "agent/Feed.h"
+#include "agent/Host.h"
 #include "agent/InputMirror.h"
+#include "agent/Modules.h"
 #include "agent/PublishedMirror.h"
+#include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
@@ -111,25 +115,40 @@ class RouterAgent {
  public:
    RouterAgent(const AgentOptions& options, std::ostream& err)
        : options_(options), err_(err), lock_(options.router),
-         scheduler_(Mox::make<Kiln::TaskScheduler>(Kiln::TaskScheduler::ClockMode::real)),
-         loop_(*scheduler_), core_(router_.tables(*scheduler_)),
-         mountTask_(Mox::make<Kiln::Task>(*scheduler_, 0, "inputTableMount")),
-         reportTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "agentReport")),
-         syncTask_(Mox::make<Kiln::Task>(*scheduler_, 1000, "publishedSync")),
+         host_(hostOutput_, HostOptions{.router = options.router,
+                                        .clock = Kiln::TaskScheduler::ClockMode::real,
+                                        .writeStaticInput = false}),
+         loop_(host_.scheduler()),
+         mountTask_(Mox::make<Kiln::Task>(host_.scheduler(), 0, "inputTableMount")),
+         reportTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "agentReport")),
+         syncTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "publishedSync")),
          mountAction_(
              *mountTask_, [this] { mountTables(); }, [this](uint64_t c) { ownRun(c); }),
          reportAction_(
              *reportTask_, [this] { report(); }, [this](uint64_t c) { ownRun(c); }),
          syncAction_(
              *syncTask_, [] {}, [this](uint64_t c) { ownRun(c); }),
-         published_(options.router, core_.published()) {
-      router_.config->enabledIs(true);
+         published_(options.router, host_.core().published()) {
+      registerSubsystems(host_);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
-         router_.mplsConfig->labelRangeIs(Mpls::srlbRangeName,
+         host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
       if (options.resolvedLabels) resolveLabels(*options.resolvedLabels);
+      // Made after the defaults above (SR-TE on, the --srlb block): a router table that goes
+      // away gives them back.
+      routerTables_ = std::make_unique<RouterTablesMirror>(
+          options.router, RouterEntities::of(host_.router()),
+          RouterTablesMirror::Hooks{[this](int fd, const std::string& table) {
+                                       loop_.fdIs(fd, [this, table] {
+                                          noteChanges(routerTables_->drain(table));
+                                       });
+                                    },
+                                    [this](int fd) { loop_.fdDel(fd); },
+                                    [this](const std::string& line) {
+                                       err_ << "srte agent: " << line << "\n" << std::flush;
+                                    }});
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
    }
@@ -144,7 +163,7 @@ class RouterAgent {
       // What an earlier agent published is in the entities before any machine starts: their
       // start-up adopts what is still valid and removes the rest.
       mountPublished();
-      core_.start();
+      host_.start();
       mountTables();
       loop_.run();
       err_ << "srte agent: router " << options_.router << " stopped by signal "
@@ -154,8 +173,8 @@ class RouterAgent {
          lock_.release();
          std::_Exit(exitOk);
       }
-      // Published tables stay as they are for the next agent to adopt.
-      core_.stop();
+      // Published tables stay as they are for the next agent to adopt: the host stops its core
+      // without withdrawing anything.
       return exitOk;
    }
 
@@ -171,13 +190,14 @@ class RouterAgent {
    std::string held() const {
       return std::to_string(paths()) + " paths in " + std::to_string(mirrors_.size()) +
              (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
-             std::to_string(core_.published().policySelectionInput->policyIdEntry().size()) +
+             std::to_string(host_.core().published().policySelectionInput->policyIdEntry().size()) +
              " candidates for selection, " + std::to_string(published_.sharedRecords()) +
              " published records (" + std::to_string(published_.totals().written) + " written, " +
              std::to_string(published_.totals().erased) + " erased since start, in " +
              std::to_string(std::chrono::duration<double>(published_.syncTime()).count()) + " s)";
    }
 
+   // Every label of `labels` gets an LFIB route over one of 16 two-way ECMP adjacencies.
    void resolveLabels(std::pair<uint32_t, uint32_t> labels) {
       constexpr Mpls::AdjacencyIndex adjacencies = 16;
       for (Mpls::AdjacencyIndex a = 1; a <= adjacencies; ++a) {
@@ -188,10 +208,10 @@ class RouterAgent {
                              Ipkit::MplsLabelAction::swap,
                              Ipkit::MplsLabel(17000 + static_cast<uint32_t>(a)));
          };
-         router_.mplsStatus->adjacencyIs(a, {via(0), via(1)});
+         host_.mplsStatus()->adjacencyIs(a, {via(0), via(1)});
       }
       for (uint32_t l = labels.first; l <= labels.second; ++l) {
-         router_.mplsStatus->lfibRouteIs(Mpls::LFib::Route(
+         host_.mplsStatus()->lfibRouteIs(Mpls::LFib::Route(
              Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)), Mpls::LFib::RouteType::unknown,
              Mpls::LFib::Source::unknown,
              Mpls::AdjacencyKey(1 + l % adjacencies, Mpls::AdjacencyType::nexthop)));
@@ -225,7 +245,12 @@ class RouterAgent {
       published_.sync();
    }
 
+   void noteChanges(const MirrorCounts& c) {
+      if (c.written + c.erased + c.rescans != 0) changed_ = true;
+   }
+
    void mountTables() {
+      noteChanges(routerTables_->mount());
       for (Protocol protocol : SrTePolicy::PolicyInputSm::handledProtocols) mountTable(protocol);
       mountTask_->scheduleTaskLowestDelay(options_.mountRetry);
    }
@@ -241,7 +266,7 @@ class RouterAgent {
          std::unique_ptr<InputMirror> old = std::move(it->second);
          mirrors_.erase(it);
          if (!attach(protocol, name, old->table())) {
-            router_.input->policyInputDel(protocol);
+            host_.policyInputSource()->policyInputDel(protocol);
             err_ << "srte agent: " << name << " went away\n" << std::flush;
             changed_ = true;
          }
@@ -282,7 +307,7 @@ class RouterAgent {
          mirror->drain(); // the first drain is a rescan: the records come in whole
          if (fresh) {
             table->mountStatusIs(Vault::MountStatus::mounted);
-            router_.input->policyInputIs(protocol, table);
+            host_.policyInputSource()->policyInputIs(protocol, table);
          }
          InputMirror* m = mirror.get();
          loop_.fdIs(m->fd(), [this, protocol] { drain(protocol); });
@@ -328,7 +353,7 @@ class RouterAgent {
       size_t own = (mountTask_->expirationTimeNs() ? 1 : 0) +
                    (reportTask_->expirationTimeNs() ? 1 : 0) +
                    (syncTask_->expirationTimeNs() ? 1 : 0);
-      return scheduler_->readyTaskCount() == 0 && scheduler_->timerCount() == own;
+      return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
    void onIdle() {
@@ -368,14 +393,23 @@ class RouterAgent {
    std::ostream& err_;
    const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
    AgentLock lock_;
-   Mox::Ptr<Kiln::TaskScheduler> scheduler_;
+   // What the host's commands print when nobody asked: the agent has no terminal of its own.
+   std::ostringstream hostOutput_;
+   // The router's tables, the core and the subsystems' commands and tables, on the real clock.
+   // Config's static policies reach it through the shared configuration tables, but it does not
+   // make input records of them (writeStaticInput off): the process that writes the configuration
+   // (the configuration handler, an attached srte) writes policyInput-static too, so that table
+   // has one writer and the agent never races it.
+   Host host_;
    Kiln::Loop loop_;
-   SrTePolicy::StandaloneRouter router_;
-   SrTePolicy::PolicyCore core_;
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_, syncTask_;
    TaskAction mountAction_, reportAction_, syncAction_;
+   // The published tables in shared memory: mounted before the core starts, then written.
    PublishedMirror published_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
+   // The router's own tables (configuration, MPLS, hardware, counters). With an MPLS
+   // configuration table the SRLB comes from there and `--srlb` is only the value without one.
+   std::unique_ptr<RouterTablesMirror> routerTables_;
    struct Broken {
       ino_t inode;
       std::chrono::steady_clock::time_point retryAt;

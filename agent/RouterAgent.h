@@ -1,7 +1,9 @@
-// RouterAgent: the SR-TE agent process of one router (`srte agent --router NAME`). The policy
-// core runs on the real clock, on an event loop that waits on the shared input tables' readers
-// and the scheduler's timers; each protocol's shared input table is mirrored into the in-process
-// input table the core watches (agent/InputMirror.h).
+// RouterAgent: the SR-TE agent process of one router (`srte agent --router NAME`). It is a Host
+// (agent/Host.h) on the real clock, the same router tables, core and subsystems as the in-process
+// `srte`, run by an event loop that waits on the shared input tables' readers and the scheduler's
+// timers; each protocol's shared input table is mirrored into the in-process input table the core
+// watches (agent/InputMirror.h). Its host does not write the static input table: that table comes
+// from its writer process like every other.
 //
 //  - at most one agent per router: a lock file under the router's name is held while it runs;
 //  - a table that does not exist yet is looked for again every `mountRetry`, and mounted when its
@@ -55,12 +57,12 @@ class AgentLock {
 struct AgentOptions {
    std::string router;
    Kiln::Duration mountRetry = std::chrono::milliseconds(200);
-   // The platform's block of binding SIDs, first and last label, while the MPLS configuration
-   // does not come through a shared table: without it every binding SID is out of range.
+   // The platform's block of binding SIDs, first and last label, for a router without a shared
+   // MPLS configuration table (a lab fed by `srte feed` alone): once that table exists, it says.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
    // Labels, first and last, that resolve: each has an LFIB route over one of 16 two-way ECMP
-   // adjacencies, while the MPLS status does not come through a shared table. Without it no
-   // segment resolves.
+   // adjacencies, for a router without a shared MPLS status table (a lab fed by `srte feed`
+   // alone): once that table exists, it says.
    std::optional<std::pair<uint32_t, uint32_t>> resolvedLabels;
    // After a stop signal, end the process at once instead of tearing the in-process state down
    // (the kernel takes the memory back; nothing outside the process changes either way).
