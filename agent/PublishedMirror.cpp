@@ -111,6 +111,11 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
             C::apply(entity, r);
             ++report.records;
          });
+      } catch (const Vault::Shm::WriterBusy& e) {
+         // Not ours to take while its writer lives: the core starts without it, and each sync
+         // tries to claim it again.
+         report.refused = e.what();
+         slot.table.reset();
       } catch (const Vault::Corruption& e) {
          // Nothing of a table that makes no sense is kept: the core starts as on an empty one,
          // and the table is made anew for what the core publishes from now on.
@@ -164,18 +169,37 @@ PublishedCounts PublishedMirror::sync() {
    PublishedCounts counts;
    eachSlot(shared_->slots, [&]<class C>(WriterSlot<C>& slot) {
       const typename C::Entity& entity = *C::of(tables_);
-      if (!slot.table) slot.table.emplace(router_, C::table, geometryFor<C>(entity));
-      // Too small for what the entity holds: made larger before writing into it.
-      const bool small = C::sizeHint(entity) > slot.table->capacity();
-      if (!small && syncTable<C>(*slot.table, entity, counts)) return;
-      // Full: a new segment twice as large (or more, to hold what the entity has) takes the
-      // name; readers of the old one see it replaced and attach again.
-      Vault::Shm::Geometry g = geometryFor<C>(entity);
-      g.capacity = std::max<uint64_t>(g.capacity, 2 * slot.table->capacity());
-      slot.table.reset();
-      Vault::Shm::removeTable(router_, C::table);
-      slot.table.emplace(router_, C::table, g);
-      syncTable<C>(*slot.table, entity, counts);
+      // A new segment takes the name; readers of the old one see it replaced and attach again.
+      auto remake = [&](Vault::Shm::Geometry g) {
+         slot.table.reset();
+         Vault::Shm::removeTable(router_, C::table);
+         slot.table.emplace(router_, C::table, g);
+      };
+      try {
+         if (!slot.table) slot.table.emplace(router_, C::table, geometryFor<C>(entity));
+         // Too small for what the entity holds: made larger before writing into it.
+         const bool small = C::sizeHint(entity) > slot.table->capacity();
+         if (!small && syncTable<C>(*slot.table, entity, counts)) return;
+         // Full: twice as large, or more, to hold what the entity has.
+         Vault::Shm::Geometry g = geometryFor<C>(entity);
+         g.capacity = std::max<uint64_t>(g.capacity, 2 * slot.table->capacity());
+         remake(g);
+         syncTable<C>(*slot.table, entity, counts);
+      } catch (const Vault::Shm::WriterBusy& e) {
+         // Another live process writes it: nothing is written; tried again at the next sync.
+         slot.table.reset();
+         problems_.push_back(e.what());
+      } catch (const Vault::Corruption& e) {
+         // Spoiled or cut under the writer by another process: made anew and written whole.
+         problems_.push_back(e.what());
+         try {
+            remake(geometryFor<C>(entity));
+            syncTable<C>(*slot.table, entity, counts);
+         } catch (const std::exception& again) {
+            slot.table.reset();
+            problems_.push_back(again.what());
+         }
+      }
    });
    syncedAt_ = Mox::changeCount();
    const auto end = Clock::now();

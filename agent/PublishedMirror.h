@@ -25,6 +25,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/SrTePolicyCore.h"
@@ -73,6 +74,9 @@ class PublishedMirror {
    }
 
    const PublishedCounts& totals() const noexcept { return totals_; }
+   // What went wrong in syncs since the last call (a table another process writes, a segment
+   // spoiled under the writer and made anew), one message each.
+   std::vector<std::string> takeProblems() { return std::exchange(problems_, {}); }
    // The last sync's duration, and all of them added up.
    std::chrono::steady_clock::duration lastSyncTime() const noexcept { return lastSyncTime_; }
    std::chrono::steady_clock::duration syncTime() const noexcept { return syncTime_; }
@@ -87,6 +91,7 @@ class PublishedMirror {
    std::unique_ptr<Tables> shared_;
    uint64_t syncedAt_ = ~uint64_t{0};
    PublishedCounts totals_;
+   std::vector<std::string> problems_;
    std::chrono::steady_clock::time_point nextSync_{};
    std::chrono::steady_clock::duration lastSyncTime_{};
    std::chrono::steady_clock::duration syncTime_{};

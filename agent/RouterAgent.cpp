@@ -243,6 +243,10 @@ class RouterAgent {
          return;
       }
       published_.sync();
+      for (const std::string& p : published_.takeProblems()) {
+         if (reported_.insert(p).second) err_ << "srte agent: published tables: " << p << "\n";
+      }
+      err_ << std::flush;
    }
 
    void noteChanges(const MirrorCounts& c) {

@@ -210,4 +210,43 @@ TEST_F(PublishedRecordsTest, ASegmentThatMakesNoSenseIsRefusedByNameAndTheOthers
    EXPECT_EQ(again.sharedRecords(), recordCount(got));
 }
 
+TEST_F(PublishedRecordsTest, ATableCutUnderTheWriterOrHeldByAnotherIsReportedNotFatal) {
+   PublishedMirror writer(router, r.core->published());
+   writer.mount();
+   writer.sync();
+   // Cut short by a stray process while the writer has it mapped: the next sync finds it out,
+   // makes it anew and writes it whole.
+   ASSERT_EQ(::truncate(segment("policyStatus").c_str(), 4096 * 2), 0);
+   r.del(bgpPathId("10.1.0.1", 3, 1));
+   r.run();
+   writer.sync();
+   const std::vector<std::string> problems = writer.takeProblems();
+   ASSERT_FALSE(problems.empty());
+   EXPECT_NE(problems.front().find(segment("policyStatus")), std::string::npos) << problems.front();
+   PublishedTables seen;
+   PublishedReader reader(router, seen);
+   reader.drain();
+   EXPECT_TRUE(reader.refused().empty());
+   EXPECT_EQ(contentsOf(seen), contentsOf(r.core->published()));
+
+   // A table another writer holds is not taken: the mount says so, a sync skips it.
+   Vault::Shm::Writer<Published::FecCodec::Key, Published::FecCodec::Record> other(router + "x",
+                                                                                   "srteFwdStatus");
+   PublishedTables empty;
+   PublishedMirror second(router + "x", empty);
+   for (const PublishedMountReport& m : second.mount()) {
+      if (std::string(m.table) == "srteFwdStatus") {
+         EXPECT_NE(m.refused.find(std::to_string(getpid())), std::string::npos)
+             << m.refused;
+      } else {
+         EXPECT_TRUE(m.refused.empty()) << m.refused;
+      }
+   }
+   second.sync();
+   EXPECT_EQ(second.takeProblems().size(), 1u);
+   for (const std::string& t : Vault::Shm::tablesOf(router + "x")) {
+      Vault::Shm::removeTable(router + "x", t);
+   }
+}
+
 } // namespace
