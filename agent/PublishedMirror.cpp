@@ -135,15 +135,29 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
 
 namespace {
 
+// A sync told to stop.
+struct SyncStopped {};
+
+// Asks `stop` at the first call and every 4096 after.
+struct StopCheck {
+   const std::function<bool()>& stop;
+   unsigned calls = 0;
+   void operator()() {
+      if (stop && (calls++ & 4095) == 0 && stop()) throw SyncStopped{};
+   }
+};
+
 // Makes one shared table equal to its entity; false when it is full.
 template <class C>
-bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, PublishedCounts& counts) {
+bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, PublishedCounts& counts,
+               StopCheck& check) {
    using Record = typename C::Record;
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
    size_t records = 0;
    try {
       C::forEach(entity, [&](const Record& r) {
+         check();
          ++records;
          if (shared.lookup(r.key(), held) && sameRecord(held, r)) return;
          shared.insert(r);
@@ -156,6 +170,7 @@ bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, Publis
    if (shared.size() == records) return true;
    std::vector<typename C::Key> gone;
    shared.forEach([&](const Record& r) {
+      check();
       if (!C::has(entity, r.key())) gone.push_back(r.key());
    });
    for (const auto& k : gone) counts.erased += shared.erase(k) ? 1 : 0;
@@ -164,10 +179,13 @@ bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, Publis
 
 } // namespace
 
-PublishedCounts PublishedMirror::sync() {
+PublishedCounts PublishedMirror::sync(const std::function<bool()>& stop) {
    const auto start = Clock::now();
    PublishedCounts counts;
+   StopCheck check{stop};
+   bool stopped = false;
    eachSlot(shared_->slots, [&]<class C>(WriterSlot<C>& slot) {
+      if (stopped) return;
       const typename C::Entity& entity = *C::of(tables_);
       // A new segment takes the name; readers of the old one see it replaced and attach again.
       auto remake = [&](Vault::Shm::Geometry g) {
@@ -179,12 +197,14 @@ PublishedCounts PublishedMirror::sync() {
          if (!slot.table) slot.table.emplace(router_, C::table, geometryFor<C>(entity));
          // Too small for what the entity holds: made larger before writing into it.
          const bool small = C::sizeHint(entity) > slot.table->capacity();
-         if (!small && syncTable<C>(*slot.table, entity, counts)) return;
+         if (!small && syncTable<C>(*slot.table, entity, counts, check)) return;
          // Full: twice as large, or more, to hold what the entity has.
          Vault::Shm::Geometry g = geometryFor<C>(entity);
          g.capacity = std::max<uint64_t>(g.capacity, 2 * slot.table->capacity());
          remake(g);
-         syncTable<C>(*slot.table, entity, counts);
+         syncTable<C>(*slot.table, entity, counts, check);
+      } catch (const SyncStopped&) {
+         stopped = true;
       } catch (const Vault::Shm::WriterBusy& e) {
          // Another live process writes it: nothing is written; tried again at the next sync.
          slot.table.reset();
@@ -194,14 +214,17 @@ PublishedCounts PublishedMirror::sync() {
          problems_.push_back(e.what());
          try {
             remake(geometryFor<C>(entity));
-            syncTable<C>(*slot.table, entity, counts);
+            syncTable<C>(*slot.table, entity, counts, check);
+         } catch (const SyncStopped&) {
+            stopped = true;
          } catch (const std::exception& again) {
             slot.table.reset();
             problems_.push_back(again.what());
          }
       }
    });
-   syncedAt_ = Mox::changeCount();
+   if (!stopped) syncedAt_ = Mox::changeCount();
+   unfinished_ = stopped;
    const auto end = Clock::now();
    lastSyncTime_ = end - start;
    syncTime_ += lastSyncTime_;
@@ -211,7 +234,7 @@ PublishedCounts PublishedMirror::sync() {
    return counts;
 }
 
-bool PublishedMirror::syncWanted() const { return Mox::changeCount() != syncedAt_; }
+bool PublishedMirror::syncWanted() const { return unfinished_ || Mox::changeCount() != syncedAt_; }
 
 size_t PublishedMirror::sharedRecords() const {
    size_t n = 0;

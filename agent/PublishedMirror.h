@@ -23,6 +23,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -59,8 +60,10 @@ class PublishedMirror {
    // Becomes the writer of every table (creating those absent) and fills each entity from its
    // table. Call before the core starts, on empty entities.
    std::vector<PublishedMountReport> mount();
-   // Makes every table equal to its entity: what it wrote.
-   PublishedCounts sync();
+   // Makes every table equal to its entity: what it wrote. `stop`, when given, is asked every
+   // few thousand records: when it says so the sync ends there (what it wrote stays written) and
+   // is still wanted, so that a stop signal is served within a second at a million paths.
+   PublishedCounts sync(const std::function<bool()>& stop = {});
    // Whether the entities may have changed since the last sync (the change count moved), and
    // when the next sync may run: no sooner than `costFactor` times the last one's duration
    // after it ended, so that syncing takes at most 1/(1 + costFactor) of the time.
@@ -90,6 +93,7 @@ class PublishedMirror {
    SrTePolicy::PublishedTables tables_;
    std::unique_ptr<Tables> shared_;
    uint64_t syncedAt_ = ~uint64_t{0};
+   bool unfinished_ = false; // the last sync was told to stop
    PublishedCounts totals_;
    std::vector<std::string> problems_;
    std::chrono::steady_clock::time_point nextSync_{};

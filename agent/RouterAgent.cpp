@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -242,7 +243,13 @@ class RouterAgent {
              std::chrono::duration_cast<Kiln::Duration>(published_.syncDue() - now));
          return;
       }
-      published_.sync();
+      // A stop signal waits in the signal queue (the loop reads it from a signalfd): the sync
+      // leaves off for it.
+      published_.sync([] {
+         sigset_t pending;
+         return ::sigpending(&pending) == 0 &&
+                (sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1);
+      });
       for (const std::string& p : published_.takeProblems()) {
          if (reported_.insert(p).second) err_ << "srte agent: published tables: " << p << "\n";
       }
