@@ -4,8 +4,9 @@
 #  - 1,000 policies (IPv4 and IPv6, 1 to 16 lists, weights, binding SIDs in and out of the SRLB,
 #    some without), then 100 changed and 100 withdrawn, plus content the router cannot fully use
 #    (an SRv6 binding SID, an SRv6 segment, 17 lists): the bgp input table holds exactly the
-#    records the rules give (tests/bgp/expected-records.py), refusals are reported, and the agent
-#    converges on as many paths and candidates as the in-process srte given those records;
+#    records the rules give (tests/bgp/expected-records.py), refusals are reported, and what the
+#    agent publishes in its shared tables means what the in-process core publishes for those
+#    records over the same labels' routes (tests/bgp/published_meaning.cpp);
 #  - the originator of a reflected route is the controller, not the reflector;
 #  - the router's speaker killed and started again (a policy withdrawn meanwhile), then the
 #    adapter killed and started again: the table comes back the same, less the withdrawn record
@@ -84,7 +85,9 @@ stop_churn_watch() { # WHAT [CHANGES]: a reader saw exactly that many records ch
 }
 inject() { "$build/bgp-inject" --gobgp "$GOBGP_CONTROLLER" >/dev/null; }
 
-"$build/srte" agent --router "$router" --srlb 900000-900499 2>"$work/agent.log" &
+# Every label the policies use resolves (--resolve), so that paths become active and publish.
+"$build/srte" agent --router "$router" --srlb 900000-900499 --resolve 16000-24000 \
+   2>"$work/agent.log" &
 pids+=($!)
 start_adapter "$work/adapter.log"
 # One writer per table: a second adapter is refused, naming the first.
@@ -100,7 +103,7 @@ grep -q "written by process $adapter" "$work/second" || fail "the refusal: $(cat
 head -n 1000 "$work/policies" >"$work/first"
 cat >>"$work/first" <<'EOF2'
 add 10.200.0.4 color 9 distinguisher 2 srv6-bsid 2001:db8::99 segment-list weight 3 labels 16001
-add 10.200.0.5 color 9 distinguisher 3 bsid 900100 segment-list weight 4 labels 16002 segment-list weight 1 labels 16001 srv6 2001:db8::42
+add 10.200.0.5 color 9 distinguisher 3 bsid 901500 segment-list weight 4 labels 16002 segment-list weight 1 labels 16001 srv6 2001:db8::42
 add 10.200.0.6 color 1 distinguisher 1 segment-list weight 1 labels 16001 segment-list weight 1 labels 16002 segment-list weight 1 labels 16003 segment-list weight 1 labels 16004 segment-list weight 1 labels 16005 segment-list weight 1 labels 16006 segment-list weight 1 labels 16007 segment-list weight 1 labels 16008 segment-list weight 1 labels 16009 segment-list weight 1 labels 16010 segment-list weight 1 labels 16011 segment-list weight 1 labels 16012 segment-list weight 1 labels 16013 segment-list weight 1 labels 16014 segment-list weight 1 labels 16015 segment-list weight 1 labels 16016 segment-list weight 9 labels 16017
 EOF2
 cp "$work/first" "$work/all"
@@ -123,14 +126,22 @@ for reason in "SRv6 binding SID is not supported" "type B (SRv6 SID) is not supp
    grep -q "^reason .*$reason" "$work/status" || fail "no reason '$reason' told"
 done
 
-# The agent against the in-process core given the same records.
+# The agent against the in-process core given the same records and the platform state that the
+# agent's --resolve sets: 16 adjacencies of two vias, each label over adjacency 1 + label % 16.
 {
    echo "label-range srlb base 900000 size 500"
+   for a in $(seq 16); do
+      echo "adjacency $a via 11.0.0.$((2 * a)) Ethernet$((2 * a)) action swap label $((17000 + a))" \
+         "via 11.0.0.$((2 * a + 1)) Ethernet$((2 * a + 1)) action swap label $((17000 + a))"
+   done
+   for l in $(seq 16000 24000); do echo "lfib route $l adjacency $((1 + l % 16))"; done
    echo "input-table bgp"
    cat "$work/expected"
    echo "run"
-   echo "show selection-input json"
-} | "$build/srte" >"$work/inprocess.json"
+} >"$work/inprocess.srte"
+"$build/bgp-published-meaning" --script "$work/inprocess.srte" >"$work/inprocess.meaning"
+{ cat "$work/inprocess.srte"; echo "show selection-input json"; } | "$build/srte" \
+   >"$work/inprocess.json"
 candidates=$(grep -c '"endpoint"' "$work/inprocess.json")
 # The agent reports at most once a second while its input changes: its last report counts.
 agent_matches() {
@@ -139,6 +150,14 @@ agent_matches() {
 }
 until_true 30 "the agent's $held paths and the in-process core's $candidates candidates" \
    agent_matches
+# What it published, read from the shared tables, means what the in-process core published.
+published_matches() {
+   "$build/bgp-published-meaning" --router "$router" >"$work/agent.meaning" &&
+      cmp -s "$work/agent.meaning" "$work/inprocess.meaning"
+}
+until_true 10 "the agent's published tables to be the in-process core's" published_matches
+[ "$(grep -c '^policyStatus: ' "$work/inprocess.meaning")" -gt 100 ] ||
+   fail "too few active policies to compare: $(grep -c '^policyStatus: ' "$work/inprocess.meaning")"
 
 compared=$held
 
