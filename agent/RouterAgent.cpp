@@ -131,6 +131,7 @@ class RouterAgent {
              *syncTask_, [] {}, [this](uint64_t c) { ownRun(c); }),
          published_(options.router, host_.core().published()) {
       registerSubsystems(host_);
+      host_.core().syslog().sinkIs(&systemLog_);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
          host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
@@ -412,6 +413,8 @@ class RouterAgent {
    // (the configuration handler, an attached srte) writes policyInput-static too, so that table
    // has one writer and the agent never races it.
    Host host_;
+   // Every message of the core's system log goes to the host's as well.
+   Syslog::SystemSink systemLog_{"srte-agent"};
    Kiln::Loop loop_;
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_, syncTask_;
    TaskAction mountAction_, reportAction_, syncAction_;

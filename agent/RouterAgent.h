@@ -11,6 +11,8 @@
 //    made again is mounted anew;
 //  - a table that makes no sense is reported (once per distinct message) and left unmounted; the
 //    in-process copy keeps what it had;
+//  - every system-log message of the core goes to the host's system log (syslog(3), ident
+//    "srte-agent") as well as to the core's own log;
 //  - one line on the error stream when the core has converged after start-up, and later at most
 //    one a second while the input goes on changing, each with the paths held;
 //  - SIGTERM and SIGINT stop it at the next turn of the loop; the core stops without withdrawing
