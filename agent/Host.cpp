@@ -32,7 +32,7 @@ void Host::dropAll() {
 
 void Host::makeAll() {
    scheduler_ = Mox::make<Kiln::TaskScheduler>(options_.clock);
-   core_ = std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_));
+   core_ = std::make_unique<SrTePolicy::PolicyCore>(*arena_, router_.tables(*scheduler_));
    if (options_.writeStaticInput) {
       staticInputWriter_ = std::make_unique<StaticInputWriter>(router_.config, router_.input);
    }
@@ -116,7 +116,7 @@ void Host::start() {
 }
 
 void Host::restart() {
-   Mox::BulkKeep keep; // as PolicyCore::restart: the new core reuses the old one's blocks
+   Mox::BulkKeep keep(*arena_); // as PolicyCore::restart: the new core reuses the old one's blocks
    dropStages();
    ++restarts_;
    buildStages();
@@ -338,7 +338,11 @@ Host::Apply Host::parse(std::string_view line) const {
    Args args(std::move(tokens), verbWords, verb->usage);
    Apply apply = verb->parse(args);
    args.end();
-   return apply ? apply : Apply([] {});
+   if (!apply) return [] {};
+   return [arena = arena_.get(), apply = std::move(apply)] {
+      Mox::Arena::Scope in(*arena);
+      apply();
+   };
 }
 
 } // namespace Agent

@@ -67,6 +67,7 @@
 #include "core/SrTePolicyRestartWatch.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
+#include "platform/MoxSlab.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
@@ -225,6 +226,9 @@ class Host {
 
    HostOptions options_;
    std::ostream* out_;
+   // The core's memory, kept across reset() and outliving everything made in it. Each command
+   // runs with it current, so what a command makes for the core comes from it.
+   const std::unique_ptr<Mox::Arena> arena_ = std::make_unique<Mox::Arena>();
    Mox::Ptr<Kiln::TaskScheduler> scheduler_;
    SrTePolicy::StandaloneRouter router_;
    std::unique_ptr<SrTePolicy::PolicyCore> core_;

@@ -239,7 +239,7 @@ int main(int argc, char** argv) {
       const auto r0 = Clock::now();
       if (hasArgument(argc, argv, "profile-restart")) perfControl("enable");
       {
-         Mox::BulkKeep keep; // core.restart(), in two steps timed apart
+         Mox::BulkKeep keep(core.arena()); // core.restart(), in two steps timed apart
          core.stop();
          stopSeconds = seconds(r0, Clock::now());
          core.start();

@@ -23,7 +23,17 @@ RouterTables StandaloneRouter::tables(Kiln::TaskScheduler& scheduler) const {
 }
 
 PolicyCore::PolicyCore(RouterTables router, PublishedTables published, Stage lastStage)
-    : router_(std::move(router)), published_(std::move(published)), lastStage_(lastStage) {
+    : PolicyCore(std::make_unique<Mox::Arena>(), nullptr, std::move(router), std::move(published),
+                 lastStage) {}
+
+PolicyCore::PolicyCore(Mox::Arena& arena, RouterTables router, PublishedTables published,
+                       Stage lastStage)
+    : PolicyCore(nullptr, &arena, std::move(router), std::move(published), lastStage) {}
+
+PolicyCore::PolicyCore(std::unique_ptr<Mox::Arena> own, Mox::Arena* handed, RouterTables router,
+                       PublishedTables published, Stage lastStage)
+    : ownArena_(std::move(own)), arena_(handed ? *handed : *ownArena_), router_(std::move(router)),
+      published_(std::move(published)), lastStage_(lastStage) {
    SRTE_ASSERT(router_.config && router_.status && router_.colorDscpMap && router_.input &&
                    router_.mplsConfig && router_.mplsStatus && router_.hardwareStatus &&
                    router_.counterTable && router_.scheduler && router_.attrLog,
@@ -51,12 +61,14 @@ PolicyCore::~PolicyCore() { stop(); }
 
 void PolicyCore::prepare() {
    if (entities_) return;
+   Mox::Arena::Scope in(arena_);
    entities_ = std::make_unique<ProcessEntities>();
    reserveSurvivingAdjacencies(*entities_->adjIdxAlloc, *published_.lfibStatus->lfib());
 }
 
 void PolicyCore::start() {
    if (machines_) return;
+   Mox::Arena::Scope in(arena_);
    // An entity exists before any machine that is given it.
    prepare();
    machines_ = std::make_unique<Machines>();
@@ -175,6 +187,7 @@ void PolicyCore::make(Mox::Ptr<TunnelMapExportSm>& sm) {
 }
 
 void PolicyCore::stop(StopMode mode) {
+   Mox::Arena::Scope in(arena_);
    if (!machines_) {
       entities_.reset(); // prepared, never started
       return;

@@ -18,6 +18,12 @@
 // core does not watch Config.enabled itself: the program that embeds it decides when it runs
 // (tests and benchmarks run it whatever the flag says).
 //
+// Each core has its own memory arena (Mox::Arena, platform/MoxSlab.h), owned or handed in: the
+// entities and tables its start, stop and tasks make come from it, so two cores in one process
+// share no block. A program that changes the core's inputs outside its tasks (a host applying a
+// command) makes the arena current around it (`Mox::Arena::Scope`); what is made elsewhere comes
+// from the process arena and is freed to it wherever it goes.
+//
 // Each core has its own system log (`syslog()`, with a capture of every record) and its own trace
 // context (`tracer()`): two cores in one process never see each other's messages or traces. Code
 // outside the machines (platform helpers such as the dedup facility) still traces through the
@@ -54,6 +60,7 @@
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"
 #include "platform/MoxBulk.h"
+#include "platform/MoxSlab.h"
 #include "platform/Mpls.h"
 #include "platform/RoutingHardware.h"
 #include "platform/Syslog.h"
@@ -201,6 +208,10 @@ class PolicyCore {
  public:
    explicit PolicyCore(RouterTables router, PublishedTables published = {},
                        Stage lastStage = Stage::tunnelMap);
+   // With an arena of the caller's, which must outlive the core (a host keeps one across the
+   // cores it makes).
+   PolicyCore(Mox::Arena& arena, RouterTables router, PublishedTables published = {},
+              Stage lastStage = Stage::tunnelMap);
    ~PolicyCore();
    PolicyCore(const PolicyCore&) = delete;
    PolicyCore& operator=(const PolicyCore&) = delete;
@@ -229,9 +240,9 @@ class PolicyCore {
    // SR-TE turned off: stop(StopMode::withdrawOutputs).
    void tearDown() { stop(StopMode::withdrawOutputs); }
    // The machines' tables and pools are made again at their old sizes: their memory is kept
-   // across (Mox::BulkKeep) rather than given back and zeroed again.
+   // across (Mox::BulkKeep, in the core's arena) rather than given back and zeroed again.
    void restart() {
-      Mox::BulkKeep keep;
+      Mox::BulkKeep keep(arena_);
       stop();
       start();
    }
@@ -257,8 +268,11 @@ class PolicyCore {
    // Every record of this core's log since it was made.
    const Syslog::Capture& syslogCapture() const noexcept { return capture_; }
    Trace::Tracer& tracer() noexcept { return tracer_; }
+   Mox::Arena& arena() noexcept { return arena_; }
 
  private:
+   PolicyCore(std::unique_ptr<Mox::Arena> own, Mox::Arena* handed, RouterTables router,
+              PublishedTables published, Stage lastStage);
    void buildMachines();
    // One per machine of machineOrder, each building it from the tables it is given.
    void make(Mox::Ptr<SegmentResolver>& sm);
@@ -270,6 +284,9 @@ class PolicyCore {
    void make(Mox::Ptr<SrTePolicyLfibGenSm>& sm);
    void make(Mox::Ptr<TunnelMapExportSm>& sm);
 
+   // First: everything below may hold memory from it.
+   std::unique_ptr<Mox::Arena> ownArena_;
+   Mox::Arena& arena_;
    RouterTables router_;
    PublishedTables published_;
    Stage lastStage_;

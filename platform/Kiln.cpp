@@ -231,7 +231,8 @@ void TaskScheduler::advance(Duration delay) {
 }
 
 Task::Task(TaskScheduler& scheduler, int priority, std::string name)
-    : scheduler_(&scheduler), priority_(priority), name_(std::move(name)) {
+    : scheduler_(&scheduler), arena_(&Mox::Arena::current()), priority_(priority),
+      name_(std::move(name)) {
    scheduler_->taskIs(this);
 }
 
@@ -274,6 +275,7 @@ std::string Task::stringValue() const {
 }
 
 void Task::run() {
+   Mox::Arena::Scope in(*arena_);
    ++runCount_;
    notify(&Notifiee::onTaskRun);
 }

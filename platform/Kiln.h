@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "platform/Mox.h"
+#include "platform/MoxSlab.h"
 
 namespace Kiln {
 
@@ -169,6 +170,9 @@ class Task : public Mox::Entity {
    void run();
 
    TaskScheduler* scheduler_;
+   // The arena current where the task was made (its core's): what it makes when it runs comes
+   // from there.
+   Mox::Arena* arena_;
    int priority_;
    std::string name_;
    bool isReady_ = false;

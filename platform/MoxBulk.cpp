@@ -3,7 +3,8 @@
 #include <sys/mman.h>
 
 #include <cstdint>
-#include <map>
+
+#include "platform/MoxSlab.h"
 
 namespace Mox {
 
@@ -23,10 +24,6 @@ constexpr bool kMapped = true;
 
 size_t gMappedBytes = 0;
 size_t gMappedBlocks = 0;
-int gKeeps = 0;
-size_t gKeptBytes = 0;
-// Freed blocks kept for reuse, by mapped size; a restart frees a few thousand at most.
-std::multimap<size_t, void*>* gKept = nullptr;
 
 bool isMapped(size_t bytes) noexcept { return kMapped && bytes >= bulkMinBytes; }
 
@@ -39,36 +36,48 @@ size_t mappedBytes(size_t bytes) noexcept {
 bool bulkMapped() noexcept { return kMapped; }
 size_t bulkMappedBytes() noexcept { return gMappedBytes; }
 size_t bulkMappedBlocks() noexcept { return gMappedBlocks; }
-size_t bulkKeptBytes() noexcept { return gKeptBytes; }
 
-BulkKeep::BulkKeep() noexcept { ++gKeeps; }
+BulkKeep::BulkKeep() noexcept : BulkKeep(Arena::current()) {}
+
+BulkKeep::BulkKeep(Arena& arena) noexcept : arena_(arena) { ++arena_.keeps_; }
 
 BulkKeep::~BulkKeep() {
-   if (--gKeeps > 0 || !gKept) return;
-   for (const auto& [size, p] : *gKept) {
+   if (--arena_.keeps_ == 0) arena_.releaseKept();
+}
+
+void Arena::releaseKept() noexcept {
+   for (const auto& [size, p] : kept_) {
       munmap(p, size);
       gMappedBytes -= size;
       --gMappedBlocks;
    }
-   gKept->clear();
-   gKeptBytes = 0;
+   kept_.clear();
+   keptBytes_ = 0;
 }
 
 void* bulkAllocate(size_t bytes, size_t align) {
+   return bulkAllocate(Arena::current(), bytes, align);
+}
+
+void bulkFree(void* p, size_t bytes, size_t align) noexcept {
+   bulkFree(Arena::current(), p, bytes, align);
+}
+
+void* bulkAllocate(Arena& arena, size_t bytes, size_t align) {
    if (!isMapped(bytes)) {
       return align > __STDCPP_DEFAULT_NEW_ALIGNMENT__
                  ? ::operator new(bytes, std::align_val_t(align))
                  : ::operator new(bytes);
    }
    const size_t size = mappedBytes(bytes);
-   if (gKeptBytes > 0) {
+   if (arena.keptBytes_ > 0) {
       // The last kept of this size: the one most likely still in the caches.
-      auto [first, last] = gKept->equal_range(size);
+      auto [first, last] = arena.kept_.equal_range(size);
       if (first != last) {
          --last;
          void* p = last->second;
-         gKept->erase(last);
-         gKeptBytes -= size;
+         arena.kept_.erase(last);
+         arena.keptBytes_ -= size;
          return p;
       }
    }
@@ -90,7 +99,7 @@ void* bulkAllocate(size_t bytes, size_t align) {
    return p;
 }
 
-void bulkFree(void* p, size_t bytes, size_t align) noexcept {
+void bulkFree(Arena& arena, void* p, size_t bytes, size_t align) noexcept {
    if (!p) return;
    if (!isMapped(bytes)) {
       if (align > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
@@ -101,11 +110,10 @@ void bulkFree(void* p, size_t bytes, size_t align) noexcept {
       return;
    }
    const size_t size = mappedBytes(bytes);
-   if (gKeeps > 0) {
+   if (arena.keeps_ > 0) {
       try {
-         if (!gKept) gKept = new std::multimap<size_t, void*>; // never destroyed, like the blocks
-         gKept->emplace(size, p);
-         gKeptBytes += size;
+         arena.kept_.emplace(size, p);
+         arena.keptBytes_ += size;
          return;
       } catch (const std::bad_alloc&) {
          // No room to remember it: unmapped at once, as without a keep.

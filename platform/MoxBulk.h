@@ -13,11 +13,13 @@
 //    throws std::bad_alloc; `bulkFree` takes the same size and alignment back;
 //  - BulkAllocator<T> is a standard allocator, stateless (all instances are equal), so tables
 //    that use it swap and move as with std::allocator;
-//  - while a BulkKeep lives, a mapped block that is freed is kept mapped and is what the next
-//    allocation of the same mapped size gets (last kept first); when the last keep ends, the
-//    blocks nobody took are unmapped. A restart destroys the in-process tables and pools and makes
-//    them again at the same sizes: reusing their blocks spares the kernel zeroing every page
-//    again. A kept block's content is whatever its last owner left;
+//  - while a BulkKeep of an arena lives, a mapped block freed in that arena is kept mapped and is
+//    what the next allocation of the same mapped size in that arena gets (last kept first); when
+//    the arena's last keep ends, the blocks nobody took are unmapped. A restart destroys the
+//    core's tables and pools and makes them again at the same sizes: reusing their blocks spares
+//    the kernel zeroing every page again. A kept block's content is whatever its last owner left.
+//    Each core has its own arena (platform/MoxSlab.h), so one core never gets another's blocks.
+//    Without an arena named, the current one is meant (Mox::Arena::current());
 //  - under AddressSanitizer every block is ordinary heap memory, so that overflows are caught.
 #pragma once
 
@@ -26,10 +28,15 @@
 
 namespace Mox {
 
+class Arena;
+
 // Blocks from this size on are mapped on their own on large pages.
 inline constexpr size_t bulkMinBytes = size_t{1} << 20;
 inline constexpr size_t largePageBytes = size_t{2} << 20;
 
+void* bulkAllocate(Arena& arena, size_t bytes, size_t align);
+void bulkFree(Arena& arena, void* p, size_t bytes, size_t align) noexcept;
+// In the current arena.
 void* bulkAllocate(size_t bytes, size_t align);
 void bulkFree(void* p, size_t bytes, size_t align) noexcept;
 // Whether this process maps bulk blocks itself (false under AddressSanitizer).
@@ -38,16 +45,19 @@ bool bulkMapped() noexcept;
 // the heap, so a count of heap allocations does not see it).
 size_t bulkMappedBytes() noexcept;
 size_t bulkMappedBlocks() noexcept;
-// Of those, what is freed and kept for reuse (see BulkKeep).
-size_t bulkKeptBytes() noexcept;
 
-// Keeps freed mapped blocks for reuse while it lives; keeps nest. One thread (the event loop's).
+// Keeps the mapped blocks freed in `arena` for its reuse while it lives; keeps nest. The arena
+// says how much it keeps (Arena::keptBytes()).
 class BulkKeep {
  public:
    BulkKeep() noexcept;
+   explicit BulkKeep(Arena& arena) noexcept;
    ~BulkKeep();
    BulkKeep(const BulkKeep&) = delete;
    BulkKeep& operator=(const BulkKeep&) = delete;
+
+ private:
+   Arena& arena_;
 };
 
 template <class T>

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "core/SrTePolicyCore.h"
+#include "platform/MoxSlab.h"
 #include "tests/support/CoreTestRouter.h"
 
 using namespace SrTePolicy;
@@ -128,6 +129,11 @@ TEST(PolicyCore, TwoCoresInOneProcessSeeOnlyTheirOwnMessagesTracesAndTables) {
                           "candidate 10.0.0.2|2 bgp:1 usable\n"
                           "exported 17001\n"
                           "selected 10.0.0.2|2|bgp|1 bsid 900001 w1[17001]\n");
+   // ... made in an arena of its own, whose blocks the other core never gets.
+   if (MOX_SLAB_ENABLED) {
+      EXPECT_EQ(PolicyInfo::slab(a.core->arena()).live(), 2u);
+      EXPECT_EQ(PolicyInfo::slab(b.core->arena()).live(), 2u);
+   }
 
    // A level that is off evaluates none of the words.
    b.core->tracer().textLevelIs(3);

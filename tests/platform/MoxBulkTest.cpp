@@ -125,7 +125,8 @@ TEST(MoxBulk, AKeepHandsFreedBlocksToTheNextTablesOfTheSameSizeAndUnmapsTheRest)
          Mox::BulkKeep inner;
          Mox::bulkFree(b, big - 4096, 64);
       }
-      EXPECT_EQ(Mox::bulkKeptBytes(), 6 * Mox::largePageBytes) << "an inner keep ended early";
+      EXPECT_EQ(Mox::Arena::current().keptBytes(), 6 * Mox::largePageBytes)
+          << "an inner keep ended early";
       EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + 8 * Mox::largePageBytes);
 
       // Last kept first; then the other one; then a fresh mapping.
@@ -135,14 +136,14 @@ TEST(MoxBulk, AKeepHandsFreedBlocksToTheNextTablesOfTheSameSizeAndUnmapsTheRest)
       EXPECT_EQ(static_cast<unsigned char*>(again)[big - 1], 0x11) << "not the same block";
       void* fresh = Mox::bulkAllocate(other, 64);
       EXPECT_NE(fresh, c);
-      EXPECT_EQ(Mox::bulkKeptBytes(), 0u);
+      EXPECT_EQ(Mox::Arena::current().keptBytes(), 0u);
       EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + 10 * Mox::largePageBytes);
 
       Mox::bulkFree(fresh, other, 64);
       Mox::bulkFree(again, big, 64);
       Mox::bulkFree(b, big, 64);
    }
-   EXPECT_EQ(Mox::bulkKeptBytes(), 0u);
+   EXPECT_EQ(Mox::Arena::current().keptBytes(), 0u);
    EXPECT_EQ(Mox::bulkMappedBytes(), bytes0 + other) << "kept blocks outlived the keep";
    Mox::bulkFree(c, other, 64);
    EXPECT_EQ(Mox::bulkMappedBytes(), bytes0);
