@@ -29,6 +29,15 @@ template <class C>
 struct WriterSlot {
    using Codec = C;
    std::optional<SharedWriter<C>> table;
+   // Where the walk of this table in the current pass stands.
+   typename C::Cursor cursor;
+   size_t walked = 0;     // records of the entity met so far
+   bool wasEmpty = false; // the table held nothing when the walk began: no look-ups
+   void restart() {
+      cursor = {};
+      walked = 0;
+      wasEmpty = table && table->size() == 0;
+   }
 };
 
 template <class C>
@@ -135,80 +144,106 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
 
 namespace {
 
-// A sync told to stop.
-struct SyncStopped {};
+enum class Step { done, stopped, full };
 
-// Asks `stop` at the first call and every 4096 after.
-struct StopCheck {
-   const std::function<bool()>& stop;
-   unsigned calls = 0;
-   void operator()() {
-      if (stop && (calls++ & 4095) == 0 && stop()) throw SyncStopped{};
-   }
-};
-
-// Makes one shared table equal to its entity; false when it is full.
-template <class C>
-bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, PublishedCounts& counts,
-               StopCheck& check) {
+// Goes on making one shared table equal to its entity from where its walk stands. `changed`:
+// the entity may have changed since the walk stopped.
+template <class C, class Check>
+Step syncTable(WriterSlot<C>& slot, const typename C::Entity& entity, bool changed,
+               PublishedCounts& counts, Check& check) {
    using Record = typename C::Record;
+   SharedWriter<C>& shared = *slot.table;
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
-   size_t records = 0;
-   // An empty table (a first start, one made anew) has nothing to compare with.
-   const bool empty = shared.size() == 0;
    try {
-      C::forEach(entity, [&](const Record& r) {
-         check();
-         ++records;
-         if (!empty && shared.lookup(r.key(), held) && sameRecord(held, r)) return;
-         shared.insert(r);
-         ++counts.written;
+      const bool done = C::walk(entity, slot.cursor, changed, [&](const Record& r) {
+         ++slot.walked;
+         if (slot.wasEmpty || !shared.lookup(r.key(), held) || !sameRecord(held, r)) {
+            shared.insert(r);
+            ++counts.written;
+         }
+         return !check();
       });
+      if (!done) return Step::stopped;
    } catch (const Vault::Shm::TableFull&) {
-      return false;
+      return Step::full;
    }
-   // The table holds every key of the entity; more records than that means some went.
-   if (shared.size() == records) return true;
+   // The table holds every key of the entity; more records than that means some went. (A walk
+   // that was interrupted by changes may have counted wrong: the pass after it counts again.)
+   if (shared.size() == slot.walked) return Step::done;
    std::vector<typename C::Key> gone;
    shared.forEach([&](const Record& r) {
-      check();
       if (!C::has(entity, r.key())) gone.push_back(r.key());
    });
    for (const auto& k : gone) counts.erased += shared.erase(k) ? 1 : 0;
-   return true;
+   return Step::done;
 }
 
 } // namespace
 
+// Asks `stop` at the first record and every 64 after: true when the slice ends there.
+struct PublishedMirror::StopCheck {
+   const std::function<bool()>& stop;
+   unsigned calls = 0;
+   bool operator()() { return stop && (calls++ & 63) == 0 && stop(); }
+};
+
 PublishedCounts PublishedMirror::sync(const std::function<bool()>& stop) {
-   const auto start = Clock::now();
-   PublishedCounts counts;
    StopCheck check{stop};
+   return run(check);
+}
+
+PublishedCounts PublishedMirror::syncSlice(Clock::duration budget) {
+   const auto until = Clock::now() + budget;
+   const std::function<bool()> stop = [until] { return Clock::now() >= until; };
+   StopCheck check{stop};
+   return run(check);
+}
+
+PublishedCounts PublishedMirror::run(StopCheck& check) {
+   const auto start = Clock::now();
+   if (!inPass_) {
+      inPass_ = true;
+      passFrom_ = Mox::changeCount();
+      passTime_ = {};
+      table_ = 0;
+      eachSlot(shared_->slots, [](auto& slot) { slot.restart(); });
+   }
+   // Iterators the walks kept are good only while no entity changed.
+   const bool changed = Mox::changeCount() != leftAt_;
+   PublishedCounts counts;
    bool stopped = false;
+   size_t index = 0;
    eachSlot(shared_->slots, [&]<class C>(WriterSlot<C>& slot) {
-      if (stopped) return;
+      if (stopped || index++ < table_) return;
       const typename C::Entity& entity = *C::of(tables_);
       // A new segment takes the name; readers of the old one see it replaced and attach again.
       auto remake = [&](Vault::Shm::Geometry g) {
          slot.table.reset();
          Vault::Shm::removeTable(router_, C::table);
          slot.table.emplace(router_, C::table, g);
+         slot.restart();
       };
       try {
-         if (!slot.table) slot.table.emplace(router_, C::table, geometryFor<C>(entity));
+         if (!slot.table) {
+            slot.table.emplace(router_, C::table, geometryFor<C>(entity));
+            slot.restart();
+         }
          // Too small for what the entity holds: made larger before writing into it.
-         const bool small = C::sizeHint(entity) > slot.table->capacity();
-         if (!small && syncTable<C>(*slot.table, entity, counts, check)) return;
-         // Full: twice as large, or more, to hold what the entity has.
-         Vault::Shm::Geometry g = geometryFor<C>(entity);
-         g.capacity = std::max<uint64_t>(g.capacity, 2 * slot.table->capacity());
-         remake(g);
-         syncTable<C>(*slot.table, entity, counts, check);
-      } catch (const SyncStopped&) {
-         stopped = true;
+         if (C::sizeHint(entity) > slot.table->capacity()) {
+            remake(geometryFor<C>(entity));
+         }
+         Step step = syncTable<C>(slot, entity, changed, counts, check);
+         if (step == Step::full) {
+            // Full: twice as large, or more, to hold what the entity has, and written again.
+            Vault::Shm::Geometry g = geometryFor<C>(entity);
+            g.capacity = std::max<uint64_t>(g.capacity, 2 * slot.table->capacity());
+            remake(g);
+            step = syncTable<C>(slot, entity, false, counts, check);
+         }
+         if (step == Step::stopped) stopped = true;
       } catch (const Vault::Shm::WriterBusy& e) {
-         // Another live process writes it: nothing is written; tried again at the next sync.
+         // Another live process writes it: nothing is written; tried again at the next pass.
          slot.table.reset();
          problems_.push_back(e.what());
       } catch (const Vault::Corruption& e) {
@@ -216,27 +251,32 @@ PublishedCounts PublishedMirror::sync(const std::function<bool()>& stop) {
          problems_.push_back(e.what());
          try {
             remake(geometryFor<C>(entity));
-            syncTable<C>(*slot.table, entity, counts, check);
-         } catch (const SyncStopped&) {
-            stopped = true;
+            if (syncTable<C>(slot, entity, false, counts, check) == Step::stopped) stopped = true;
          } catch (const std::exception& again) {
             slot.table.reset();
             problems_.push_back(again.what());
          }
       }
+      if (!stopped) ++table_;
    });
-   if (!stopped) syncedAt_ = Mox::changeCount();
-   unfinished_ = stopped;
    const auto end = Clock::now();
-   lastSyncTime_ = end - start;
-   syncTime_ += lastSyncTime_;
-   nextSync_ = end + costFactor * lastSyncTime_;
+   passTime_ += end - start;
+   syncTime_ += end - start;
+   leftAt_ = Mox::changeCount();
+   if (!stopped) {
+      // A whole pass: the tables equal the entities as they were at its start, or something
+      // changed since and another pass is wanted.
+      inPass_ = false;
+      syncedAt_ = passFrom_;
+      lastSyncTime_ = passTime_;
+      nextSync_ = end + costFactor * passTime_;
+   }
    totals_.written += counts.written;
    totals_.erased += counts.erased;
    return counts;
 }
 
-bool PublishedMirror::syncWanted() const { return unfinished_ || Mox::changeCount() != syncedAt_; }
+bool PublishedMirror::syncWanted() const { return inPass_ || Mox::changeCount() != syncedAt_; }
 
 size_t PublishedMirror::sharedRecords() const {
    size_t n = 0;

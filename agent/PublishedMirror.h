@@ -9,11 +9,16 @@
 //    own, and `drain()`s changes into it when one of its `fds()` is readable.
 //
 // How the writer learns what changed: it does not follow the entities. When the loop is idle and
-// the change count moved, `sync()` walks each entity, encodes every record and writes the ones
+// the change count moved, a pass walks each entity, encodes every record and writes the ones
 // that differ from what the shared table holds, then erases the keys the entity no longer has.
-// A record that did not change is never written (0 churn). The walk costs the whole table; the
-// agent runs it no more often than its own cost allows (`syncDue`), so that it takes a bounded
-// share of the time however the input arrives. docs/shared-tables.md has the figures.
+// A record that did not change is never written (0 churn). A pass at a million paths takes
+// seconds, so the agent runs it in slices (`syncSlice`, about a millisecond each) between which
+// its loop serves input, the control socket and signals; each slice goes on where the last one
+// stopped, by iterator while no entity changed, else by finding the last key written again. A
+// pass during which something changed may have missed a record; the next pass sees the change
+// count moved and walks again, so a pass over entities that stayed still leaves the tables
+// equal to them. Passes start no more often than their cost allows (`syncDue`).
+// docs/shared-tables.md has the figures.
 //
 // A table that makes no sense (wrong geometry, a count over its capacity, a value out of range)
 // is refused at mount with a message naming it; its entity starts empty and the table is made
@@ -60,27 +65,34 @@ class PublishedMirror {
    // Becomes the writer of every table (creating those absent) and fills each entity from its
    // table. Call before the core starts, on empty entities.
    std::vector<PublishedMountReport> mount();
-   // Makes every table equal to its entity: what it wrote. `stop`, when given, is asked every
-   // few thousand records: when it says so the sync ends there (what it wrote stays written) and
-   // is still wanted, so that a stop signal is served within a second at a million paths.
+   // Goes on with the current pass (or starts one) to its end: what it wrote. `stop`, when
+   // given, is asked every 64 records: when it says so the sync ends there (what it wrote
+   // stays written), the pass is still wanted and the next sync goes on from there.
    PublishedCounts sync(const std::function<bool()>& stop = {});
-   // Whether the entities may have changed since the last sync (the change count moved), and
-   // when the next sync may run: no sooner than `costFactor` times the last one's duration
-   // after it ended, so that syncing takes at most 1/(1 + costFactor) of the time.
+   // The same for about `budget` of time: one slice of a pass.
+   PublishedCounts syncSlice(std::chrono::steady_clock::duration budget);
+   // Whether a pass is under way or the entities may have changed since the last one ended (the
+   // change count moved), and when the next sync may run: at once within a pass; a new pass no
+   // sooner than `costFactor` times the last pass's duration after it ended, so that passes take
+   // at most 1/(1 + costFactor) of the time however the input arrives.
    bool syncWanted() const;
-   std::chrono::steady_clock::time_point syncDue() const noexcept { return nextSync_; }
+   std::chrono::steady_clock::time_point syncDue() const noexcept {
+      return inPass_ ? std::chrono::steady_clock::time_point{} : nextSync_;
+   }
    static constexpr int costFactor = 3;
    // A run of the caller's own task moved the change count by one (to `count`), before it did
-   // anything: not a reason to sync.
+   // anything: not a reason to sync, nor to distrust the iterators of a pass.
    void ownRunChangedNothing(uint64_t count) noexcept {
       if (syncedAt_ + 1 == count) syncedAt_ = count;
+      if (passFrom_ + 1 == count) passFrom_ = count;
+      if (leftAt_ + 1 == count) leftAt_ = count;
    }
 
    const PublishedCounts& totals() const noexcept { return totals_; }
    // What went wrong in syncs since the last call (a table another process writes, a segment
    // spoiled under the writer and made anew), one message each.
    std::vector<std::string> takeProblems() { return std::exchange(problems_, {}); }
-   // The last sync's duration, and all of them added up.
+   // The last whole pass's duration, and all syncs added up.
    std::chrono::steady_clock::duration lastSyncTime() const noexcept { return lastSyncTime_; }
    std::chrono::steady_clock::duration syncTime() const noexcept { return syncTime_; }
    // Records held by every shared table, and their segments' size in bytes.
@@ -89,11 +101,19 @@ class PublishedMirror {
 
  private:
    struct Tables;
+   struct StopCheck;
+   PublishedCounts run(StopCheck& check);
    std::string router_;
    SrTePolicy::PublishedTables tables_;
    std::unique_ptr<Tables> shared_;
    uint64_t syncedAt_ = ~uint64_t{0};
-   bool unfinished_ = false; // the last sync was told to stop
+   // The pass under way: the change count at its start and when its last slice ended, the
+   // table it is at, the time it took so far.
+   bool inPass_ = false;
+   uint64_t passFrom_ = 0;
+   uint64_t leftAt_ = 0;
+   size_t table_ = 0;
+   std::chrono::steady_clock::duration passTime_{};
    PublishedCounts totals_;
    std::vector<std::string> problems_;
    std::chrono::steady_clock::time_point nextSync_{};

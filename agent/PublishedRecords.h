@@ -10,6 +10,10 @@
 //
 // Each codec has:
 //  - `table`: the shared table's name, the Mox table's own;
+//  - `walk(entity, cursor, changed, f)`: calls `f(record)` for the records of the entity from
+//    where `cursor` left off, until `f` returns false (the walk stops after that record) or the
+//    entity is done (returns true). `changed` says the entity may have changed since the cursor
+//    was left: the walk then finds its place again by key instead of trusting an iterator.
 //  - `forEach(entity, f)`: calls `f(record)` for every record the entity holds;
 //  - `has(entity, key)`: whether the entity holds the record of `key`;
 //  - `sizeHint(entity)`: at most the number of records, read without a walk;
@@ -22,8 +26,11 @@
 
 #include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "core/SrTePolicyCore.h"
 
@@ -203,6 +210,51 @@ struct LfibRecord : Zeroed<LfibRecord> {
 };
 
 // ---------------------------------------------------------------------------------------------
+// Walks that stop and go on
+
+// Where a walk over one map left off: the next member (good while the map has not changed) and
+// the key of the last member visited (to find the place again when it has; a rehash may then
+// skip or repeat members, which the next whole walk sets right).
+template <class Map>
+struct MapCursor {
+   using Iterator = decltype(std::declval<const Map&>().begin());
+   using KeyType = std::remove_cvref_t<decltype((*std::declval<Iterator>()).first)>;
+   std::optional<Iterator> next;
+   std::optional<KeyType> last;
+
+   Iterator resume(const Map& m, bool changed) const {
+      if (!next) return m.begin();
+      if (!changed) return *next;
+      if (!last) return m.begin();
+      const auto it = m.find(*last);
+      return it == m.end() ? m.begin() : std::next(it);
+   }
+};
+
+// Calls `visit(member)` from where `at` left off; false when a visit said stop.
+template <class Map, class Visit>
+bool walkMap(const Map& m, MapCursor<Map>& at, bool changed, Visit&& visit) {
+   for (auto it = at.resume(m, changed); it != m.end();) {
+      const auto& member = *it; // a reference, or a pair of references held here
+      at.last = member.first;
+      at.next = ++it;
+      if (!visit(member)) return false;
+   }
+   at.next = m.end();
+   return true;
+}
+
+// A codec's forEach, from its walk.
+template <class C, class F>
+void forEachOf(const typename C::Entity& t, F&& f) {
+   typename C::Cursor cursor;
+   C::walk(t, cursor, false, [&](const typename C::Record& r) {
+      f(r);
+      return true;
+   });
+}
+
+// ---------------------------------------------------------------------------------------------
 // Codecs
 
 struct SelectionInputCodec {
@@ -214,9 +266,16 @@ struct SelectionInputCodec {
       return p.policySelectionInput;
    }
    static Record encode(const SrTePolicy::PolicyIdEntry& e);
+   using Cursor =
+       MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().policyIdEntry())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.policyIdEntry(), c, changed,
+                     [&](const auto& m) { return f(encode(*m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, entry] : t.policyIdEntry()) f(encode(*entry));
+      forEachOf<SelectionInputCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.policyIdEntry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.policyIdEntry().contains(k); }
@@ -233,9 +292,16 @@ struct ExportedSegmentListCodec {
       return p.exportedSegmentListColl;
    }
    static Record encode(const SrTePolicy::Export::SegmentList& l);
+   using Cursor =
+       MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().segmentList())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.segmentList(), c, changed,
+                     [&](const auto& m) { return f(encode(*m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, list] : t.segmentList()) f(encode(*list));
+      forEachOf<ExportedSegmentListCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.segmentList().size(); }
    static bool has(const Entity& t, const Key& k) { return t.segmentList().contains(k); }
@@ -249,14 +315,19 @@ struct SegmentListStatusCodec {
    using Record = SegmentListStatusRecord;
    static constexpr const char* table = "segmentListStatus";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.segmentListStatus; }
+   using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().status())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.status(), c, changed, [&](const auto& m) {
+         Record r;
+         r.id = m.first;
+         r.error = static_cast<uint32_t>(m.second);
+         return f(r);
+      });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, error] : t.status()) {
-         Record r;
-         r.id = id;
-         r.error = static_cast<uint32_t>(error);
-         f(r);
-      }
+      forEachOf<SegmentListStatusCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.status().size(); }
    static bool has(const Entity& t, const Key& k) { return t.status(k) != nullptr; }
@@ -271,9 +342,14 @@ struct TunnelCodec {
    static constexpr const char* table = "srTeSegmentListTunnelTable";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.tunnelTable; }
    static Record encode(const Tunnel::TunnelTable::SrTeSegmentListTunnelEntry& e);
+   using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().entry())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.entry(), c, changed, [&](const auto& m) { return f(encode(m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, entry] : t.entry()) f(encode(entry));
+      forEachOf<TunnelCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.entry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.entry(k) != nullptr; }
@@ -289,12 +365,45 @@ struct EcPolicyCodec {
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.ecPolicy; }
    static Record encode(const SrTePolicy::Policy& p, const SrTePolicy::PolicyEntry& e);
    static Record encodeEmpty(const SrTePolicy::PolicyKey& key);
+   using PolicyMap = std::remove_cvref_t<decltype(std::declval<const Entity&>().policy())>;
+   using CandidateMap =
+       std::remove_cvref_t<decltype(std::declval<const SrTePolicy::Policy&>().candidate())>;
+   // Records are one per candidate (one for a policy without any): a walk may stop within a
+   // policy, which it then finds again by key.
+   struct Cursor {
+      MapCursor<PolicyMap> policies;
+      MapCursor<CandidateMap> candidates;
+      bool within = false; // in the candidates of the policy `policies.last`
+   };
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      if (c.within) {
+         const auto it = t.policy().find(*c.policies.last);
+         if (it != t.policy().end()) {
+            const auto& policy = (*it).second;
+            if (!walkMap(policy->candidate(), c.candidates, changed,
+                         [&](const auto& m) { return f(encode(*policy, *m.second)); })) {
+               return false;
+            }
+         }
+         c.within = false;
+      }
+      return walkMap(t.policy(), c.policies, changed, [&](const auto& m) {
+         const auto& policy = m.second;
+         if (policy->candidate().empty()) return f(encodeEmpty(m.first));
+         c.candidates = {};
+         c.within = true;
+         if (!walkMap(policy->candidate(), c.candidates, false,
+                      [&](const auto& e) { return f(encode(*policy, *e.second)); })) {
+            return false;
+         }
+         c.within = false;
+         return true;
+      });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [key, policy] : t.policy()) {
-         if (policy->candidate().empty()) f(encodeEmpty(key));
-         for (const auto& [priority, entry] : policy->candidate()) f(encode(*policy, *entry));
-      }
+      forEachOf<EcPolicyCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.policy().size(); }
    static bool has(const Entity& t, const Key& k);
@@ -309,9 +418,14 @@ struct PolicyStatusCodec {
    static constexpr const char* table = "policyStatus";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.policyStatus; }
    static Record encode(const SrTePolicy::PolicyStatusEntry& e);
+   using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().status())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.status(), c, changed, [&](const auto& m) { return f(encode(*m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [key, entry] : t.status()) f(encode(*entry));
+      forEachOf<PolicyStatusCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.status().size(); }
    static bool has(const Entity& t, const Key& k) { return t.status().contains(k); }
@@ -326,9 +440,14 @@ struct FecCodec {
    static constexpr const char* table = "srteFwdStatus";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.srteFwdStatus; }
    static Record encode(const Vault::Fib::Fec& fec);
+   using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().fec())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.fec(), c, changed, [&](const auto& m) { return f(encode(*m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, fec] : t.fec()) f(encode(*fec));
+      forEachOf<FecCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.fec().size(); }
    static bool has(const Entity& t, const Key& k) { return t.fec(k) != nullptr; }
@@ -344,14 +463,20 @@ struct TunnelMapCodec {
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) {
       return p.tunnelIdToPolicyKey;
    }
+   using Cursor =
+       MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().tunnelEntry())>>;
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      return walkMap(t.tunnelEntry(), c, changed, [&](const auto& m) {
+         Record r;
+         r.id = m.second.tunnelId;
+         r.policyKey = m.second.policyKey;
+         return f(r);
+      });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      for (const auto& [id, entry] : t.tunnelEntry()) {
-         Record r;
-         r.id = entry.tunnelId;
-         r.policyKey = entry.policyKey;
-         f(r);
-      }
+      forEachOf<TunnelMapCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) { return t.tunnelEntry().size(); }
    static bool has(const Entity& t, const Key& k) { return t.tunnelEntry(k) != nullptr; }
@@ -367,11 +492,29 @@ struct LfibCodec {
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.lfibStatus; }
    static Record encode(const Mpls::LFib::ProtocolRoute& r);
    static Record encode(const Mpls::ProtocolLfib::ExtFecAdjacency& a);
+   using Lfib = std::remove_cvref_t<decltype(*std::declval<const Entity&>().lfib())>;
+   struct Cursor {
+      MapCursor<std::remove_cvref_t<decltype(std::declval<const Lfib&>().lfibRoute())>> routes;
+      MapCursor<std::remove_cvref_t<decltype(std::declval<const Lfib&>().lfibExtFecAdjacency())>>
+          adjacencies;
+      bool routesDone = false;
+   };
+   template <class F>
+   static bool walk(const Entity& t, Cursor& c, bool changed, F&& f) {
+      if (!t.lfib()) return true;
+      if (!c.routesDone) {
+         if (!walkMap(t.lfib()->lfibRoute(), c.routes, changed,
+                      [&](const auto& m) { return f(encode(m.second)); })) {
+            return false;
+         }
+         c.routesDone = true;
+      }
+      return walkMap(t.lfib()->lfibExtFecAdjacency(), c.adjacencies, changed,
+                     [&](const auto& m) { return f(encode(m.second)); });
+   }
    template <class F>
    static void forEach(const Entity& t, F&& f) {
-      if (!t.lfib()) return;
-      for (const auto& [key, route] : t.lfib()->lfibRoute()) f(encode(route));
-      for (const auto& [index, adj] : t.lfib()->lfibExtFecAdjacency()) f(encode(adj));
+      forEachOf<LfibCodec>(t, f);
    }
    static size_t sizeHint(const Entity& t) {
       return t.lfib() ? t.lfib()->lfibRoute().size() + t.lfib()->lfibExtFecAdjacency().size() : 0;

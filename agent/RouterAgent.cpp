@@ -152,7 +152,7 @@ class RouterAgent {
                                        err_ << "srte agent: " << line << "\n" << std::flush;
                                     }});
       loop_.catchStopSignals();
-      loop_.onIdleIs([this] { onIdle(); });
+      loop_.onIdleWorkIs([this] { return onIdle(); });
    }
 
    ~RouterAgent() {
@@ -235,27 +235,26 @@ class RouterAgent {
 
    void ownRun(uint64_t count) { published_.ownRunChangedNothing(count); }
 
-   // Writes what changed into the shared published tables, no more often than their cost allows.
-   void syncPublished() {
-      if (!published_.syncWanted()) return;
+   // Writes what changed into the shared published tables, one slice at a time, and passes no
+   // more often than their cost allows. True when a pass is under way: the loop then serves its
+   // descriptors without sleeping and comes back for the next slice.
+   bool syncPublished() {
+      if (!published_.syncWanted()) return false;
       const auto now = std::chrono::steady_clock::now();
       if (now < published_.syncDue()) {
          syncTask_->scheduleTaskLowestDelay(
              std::chrono::duration_cast<Kiln::Duration>(published_.syncDue() - now));
-         return;
+         return false;
       }
-      // A stop signal waits in the signal queue (the loop reads it from a signalfd): the sync
-      // leaves off for it.
-      published_.sync([] {
-         sigset_t pending;
-         return ::sigpending(&pending) == 0 &&
-                (sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1);
-      });
+      published_.syncSlice(syncSlice);
       for (const std::string& p : published_.takeProblems()) {
          if (reported_.insert(p).second) err_ << "srte agent: published tables: " << p << "\n";
       }
       err_ << std::flush;
+      return published_.syncWanted() && published_.syncDue() <= now;
    }
+   // Input waits no longer than this for the published tables' writer.
+   static constexpr auto syncSlice = std::chrono::milliseconds(1);
 
    void noteChanges(const MirrorCounts& c) {
       if (c.written + c.erased + c.rescans != 0) changed_ = true;
@@ -368,9 +367,9 @@ class RouterAgent {
       return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
-   void onIdle() {
-      syncPublished();
-      if (!coreQuiet() || published_.syncWanted()) return;
+   bool onIdle() {
+      if (syncPublished()) return true;
+      if (!coreQuiet() || published_.syncWanted()) return false;
       if (!converged_) {
          converged_ = true;
          changed_ = false;
@@ -378,7 +377,7 @@ class RouterAgent {
          err_ << "srte agent: router " << options_.router << " converged: " << held() << ", "
               << secondsSince(started_) << " s after start\n"
               << std::flush;
-         return;
+         return false;
       }
       if (changed_ && !reportTask_->isScheduled()) {
          const auto since = std::chrono::steady_clock::now() - lastReport_;
@@ -386,6 +385,7 @@ class RouterAgent {
          reportTask_->scheduleTaskLowestDelay(wait > Kiln::Duration::zero() ? wait
                                                                             : Kiln::Duration(0));
       }
+      return false;
    }
 
    // Runs last among ready tasks (largest priority value): the core has no work queued then.

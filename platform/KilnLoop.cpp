@@ -68,7 +68,7 @@ void Loop::readSignal() {
 }
 
 int Loop::timeoutMs(Duration maxWait) const {
-   if (scheduler_.readyTaskCount() != 0 || stopped_) return 0;
+   if (scheduler_.readyTaskCount() != 0 || stopped_ || idleWork_) return 0;
    Duration wait = maxWait;
    if (auto next = scheduler_.nextTimerDelayNs()) wait = std::min(wait, *next);
    if (wait == Duration::max()) return -1;
@@ -84,7 +84,7 @@ void Loop::turn(Duration maxWait) {
    for (size_t runs = 0; runs < runsPerTurn && scheduler_.runUntilIdle(1) != 0; ++runs) {
       if (std::chrono::steady_clock::now() >= until) break;
    }
-   if (scheduler_.readyTaskCount() == 0 && onIdle_ && !stopped_) onIdle_();
+   idleWork_ = scheduler_.readyTaskCount() == 0 && onIdle_ && !stopped_ && onIdle_();
    std::vector<pollfd> polled;
    polled.reserve(fds_.size());
    for (const Watch& w : fds_) polled.push_back(pollfd{w.fd, POLLIN, 0});

@@ -11,7 +11,9 @@
 //    signal) are served while a backlog runs;
 //  - `catchStopSignals()` turns SIGTERM and SIGINT into a stop at the next turn (a signalfd: no
 //    handler runs inside a task); `stop()` does the same from a handler or a task;
-//  - `onIdle` runs each time the loop is about to sleep with nothing ready.
+//  - `onIdle` runs each time the loop is about to sleep with nothing ready; when it says it has
+//    more to do, the loop only looks at the descriptors (without sleeping) and calls it again, so
+//    that long idle work is done in slices between which input is served.
 #pragma once
 
 #include <csignal>
@@ -42,7 +44,15 @@ class Loop {
    int stopSignal() const noexcept { return stopSignal_; }
 
    // Called before each sleep when no task is ready.
-   void onIdleIs(std::function<void()> onIdle) { onIdle_ = std::move(onIdle); }
+   void onIdleIs(std::function<void()> onIdle) {
+      onIdle_ = [f = std::move(onIdle)] {
+         f();
+         return false;
+      };
+   }
+   // The same, for idle work done in slices: true when it has more to do (the loop then polls
+   // its descriptors without waiting and calls it again).
+   void onIdleWorkIs(std::function<bool()> onIdle) { onIdle_ = std::move(onIdle); }
 
    // Runs until stop() or a stop signal.
    void run();
@@ -66,7 +76,8 @@ class Loop {
 
    TaskScheduler& scheduler_;
    std::vector<Watch> fds_;
-   std::function<void()> onIdle_;
+   std::function<bool()> onIdle_;
+   bool idleWork_ = false; // onIdle said it has more to do
    int signalFd_ = -1;
    sigset_t oldMask_{};
    int stopSignal_ = 0;

@@ -158,6 +158,42 @@ std::string bytes(const R& r) {
    return std::string(reinterpret_cast<const char*>(&r), sizeof r);
 }
 
+TEST_F(PublishedRecordsTest, APassInSlicesWhileTheCoreChangesEndsEqualToTheEntities) {
+   PublishedMirror writer(router, r.core->published());
+   writer.mount();
+   PublishedTables seen;
+   PublishedReader reader(router, seen);
+   // One record per slice: slices stop inside tables and inside a policy's candidates. Every
+   // few slices the core changes what it publishes: keys go, come and move to other lists, so
+   // that walks find their place again by key (or start the table over when the key went).
+   size_t slices = 0;
+   uint32_t change = 0;
+   while (writer.syncWanted() && slices < 20000) {
+      const PublishedCounts c = writer.sync([] { return true; });
+      EXPECT_LE(c.written, 1u);
+      ++slices;
+      if (slices % 7 == 0 && change < 24) {
+         const uint32_t k = change % 12;
+         if (change % 3 == 0) {
+            r.del(bgpPathId("10.1.0.1", k + 1, 1));
+         } else {
+            r.put(pathRecord(bgpPathId("10.1.0.1", k + 1, 1), 900000 + k,
+                             {{16001 + (k + change) % 10}, {16002, 16003 + change % 7}}));
+         }
+         r.put(pathRecord(bgpPathId("10.1.0.1", 100 + change, 1), 901000 + change, {{16006}}));
+         r.run();
+         ++change;
+      }
+   }
+   EXPECT_EQ(change, 24u);
+   EXPECT_FALSE(writer.syncWanted());
+   // More than one pass: those during which the core changed did not count as whole.
+   EXPECT_GT(slices, recordCount(contentsOf(r.core->published())));
+   reader.drain();
+   EXPECT_EQ(contentsOf(seen), contentsOf(r.core->published()));
+   EXPECT_EQ(writer.sync().written, 0u);
+}
+
 TEST_F(PublishedRecordsTest, ASegmentThatMakesNoSenseIsRefusedByNameAndTheOthersMount) {
    {
       PublishedMirror writer(router, r.core->published());

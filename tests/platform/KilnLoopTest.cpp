@@ -65,6 +65,34 @@ TEST(KilnLoop, SleepsUntilTheNextTimerAndFiresItNoEarlier) {
    EXPECT_LT(cpuSeconds() - cpu, 0.05);
 }
 
+TEST(KilnLoop, IdleWorkInSlicesServesDescriptorsBetweenAndSleepsWhenDone) {
+   auto s = Mox::make<TaskScheduler>(TaskScheduler::ClockMode::real);
+   Kiln::Loop loop(*s);
+   Pipe in;
+   int slices = 0;
+   int servedAt = -1;
+   // Idle work of 50 slices; input arrives during the 11th and must be served before the 12th.
+   loop.onIdleWorkIs([&] {
+      if (slices == 10) in.put('x');
+      if (slices == 50) return false;
+      ++slices;
+      return true;
+   });
+   loop.fdIs(in.fd[0], [&] {
+      in.take();
+      servedAt = slices;
+   });
+   auto timer = Mox::make<Task>(*s, 1, "timer");
+   OnRun r(*timer, [&] { loop.stop(); });
+   timer->scheduleTaskLowestDelay(Kiln::Duration(300ms));
+   const double cpu = cpuSeconds();
+   loop.run();
+   EXPECT_EQ(slices, 50);
+   EXPECT_EQ(servedAt, 11);
+   // Done, the loop slept until its timer instead of spinning.
+   EXPECT_LT(cpuSeconds() - cpu, 0.05);
+}
+
 TEST(KilnLoop, ServesDescriptorsAlsoWhileTasksStayBusy) {
    auto s = Mox::make<TaskScheduler>(TaskScheduler::ClockMode::real);
    Kiln::Loop loop(*s);
