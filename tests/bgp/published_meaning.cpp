@@ -1,7 +1,7 @@
 // bgp-published-meaning: the meaning of a router's published tables (tests/support/
 // PublishedMeaning.h), one "table: row" line each, sorted, so that a shell test can compare what
 // an agent process published with what the in-process core publishes for the same inputs. What
-// depends on the order in which paths arrived is left out (see sharedTunnels).
+// depends on the order in which paths arrived is left out (see TestSupport::sharedTunnelsAsOneOf).
 //
 //    bgp-published-meaning --router NAME    the tables the agent of router NAME published
 //    bgp-published-meaning --script FILE    the in-process core's, after the scenario FILE
@@ -22,34 +22,8 @@
 
 namespace {
 
-// A tunnel that several policies share is mapped to one of them, the first to claim it: which one
-// depends on the order the paths came in. Such a row is printed as "one of the N policies" when
-// its policy is among those that forward over the tunnel (srteFwdStatus), as it was otherwise.
-void sharedTunnels(TestSupport::Meaning& m) {
-   std::map<std::string, std::set<std::string>> users; // "tunnel[...]" -> policy keys
-   for (const std::string& row : m["srteFwdStatus"]) {
-      const std::string key = row.substr(0, row.find('/'));
-      for (size_t at = row.find("tunnel["); at != std::string::npos;
-           at = row.find("tunnel[", at + 1)) {
-         users[row.substr(at, row.find(']', at) + 1 - at)].insert(key);
-      }
-   }
-   std::multiset<std::string> rows;
-   for (const std::string& row : m["tunnelIdToPolicyKey"]) {
-      const size_t space = row.rfind(' ');
-      const std::string tunnel = row.substr(0, space), key = row.substr(space + 1);
-      auto it = users.find(tunnel);
-      if (it != users.end() && it->second.size() > 1 && it->second.contains(key)) {
-         rows.insert(tunnel + " one of the " + std::to_string(it->second.size()) + " policies");
-      } else {
-         rows.insert(row);
-      }
-   }
-   m["tunnelIdToPolicyKey"] = std::move(rows);
-}
-
 void print(TestSupport::Meaning m) {
-   sharedTunnels(m);
+   TestSupport::sharedTunnelsAsOneOf(m);
    for (const auto& [table, rows] : m) {
       for (const std::string& row : rows) std::cout << table << ": " << row << "\n";
    }

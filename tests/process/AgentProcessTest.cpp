@@ -363,7 +363,9 @@ Meaning publishedMeaning(const std::string& router, size_t* records = nullptr) {
    const Agent::PublishedCounts c = reader.drain();
    EXPECT_TRUE(reader.refused().empty()) << reader.refused().front();
    if (records) *records = c.applied;
-   return meaningOf(tables);
+   Meaning m = meaningOf(tables);
+   TestSupport::sharedTunnelsAsOneOf(m);
+   return m;
 }
 
 // Watches every published table of a router from outside, key by key, as forwarding would.

@@ -101,4 +101,32 @@ inline Meaning meaningOf(const SrTePolicy::PublishedTables& t) {
    return m;
 }
 
+// A tunnel that several policies share is mapped to one of them: which one depends on the order
+// the paths came in and let go (a row passes to another key that still maps the tunnel), so two
+// agents with the same inputs, or one killed and started again, may differ there and both be
+// right. Such a row reads "one of the N policies" when its policy is among those that forward over
+// the tunnel (srteFwdStatus), and stays as it was otherwise.
+inline void sharedTunnelsAsOneOf(Meaning& m) {
+   std::map<std::string, std::set<std::string>> users; // "tunnel[...]" -> policy keys
+   for (const std::string& row : m["srteFwdStatus"]) {
+      const std::string key = row.substr(0, row.find('/'));
+      for (size_t at = row.find("tunnel["); at != std::string::npos;
+           at = row.find("tunnel[", at + 1)) {
+         users[row.substr(at, row.find(']', at) + 1 - at)].insert(key);
+      }
+   }
+   std::multiset<std::string> rows;
+   for (const std::string& row : m["tunnelIdToPolicyKey"]) {
+      const size_t space = row.rfind(' ');
+      const std::string tunnel = row.substr(0, space), key = row.substr(space + 1);
+      auto it = users.find(tunnel);
+      if (it != users.end() && it->second.size() > 1 && it->second.contains(key)) {
+         rows.insert(tunnel + " one of the " + std::to_string(it->second.size()) + " policies");
+      } else {
+         rows.insert(row);
+      }
+   }
+   m["tunnelIdToPolicyKey"] = std::move(rows);
+}
+
 } // namespace TestSupport
