@@ -13,7 +13,9 @@
 #include <ostream>
 #include <set>
 #include <sstream>
+#include <vector>
 
+#include "agent/ControlSocket.h"
 #include "agent/Feed.h"
 #include "agent/Host.h"
 #include "agent/InputMirror.h"
@@ -22,6 +24,8 @@
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
 #include "platform/VaultShm.h"
+
+extern const char* const srteVersion;
 
 namespace Agent {
 
@@ -118,6 +122,9 @@ class RouterAgent {
       }
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
+      control_ = std::make_unique<ControlServer>(
+          options.router, loop_,
+          [this](ControlServer::Client c, const std::string& request) { serve(c, request); });
    }
 
    ~RouterAgent() {
@@ -134,6 +141,7 @@ class RouterAgent {
            << loop_.stopSignal() << " (" << strsignal(loop_.stopSignal()) << ")\n"
            << std::flush;
       if (options_.exitOnStop) {
+         control_->unlink();
          lock_.release();
          std::_Exit(exitOk);
       }
@@ -172,6 +180,7 @@ class RouterAgent {
          // below (a rescan), so the table the core sees stays until then.
          loop_.fdDel(it->second->fd());
          std::unique_ptr<InputMirror> old = std::move(it->second);
+         takenInBefore_ += old->counts().written + old->counts().erased;
          mirrors_.erase(it);
          if (!attach(protocol, name, old->table())) {
             host_.policyInputSource()->policyInputDel(protocol);
@@ -242,6 +251,7 @@ class RouterAgent {
       } catch (const Vault::Corruption& e) {
          // What the core holds stays: a bad segment does not take the router's paths with it.
          loop_.fdDel(it->second->fd());
+         takenInBefore_ += it->second->counts().written + it->second->counts().erased;
          mirrors_.erase(it);
          refuse(protocol, e.what());
       }
@@ -263,7 +273,81 @@ class RouterAgent {
       return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
+   // ---- the control socket (agent/ControlSocket.h)
+
+   // Records taken in from the shared input tables since start, written or erased.
+   uint64_t recordsTakenIn() const {
+      uint64_t n = takenInBefore_;
+      for (const auto& [protocol, mirror] : mirrors_) {
+         n += mirror->counts().written + mirror->counts().erased;
+      }
+      return n;
+   }
+
+   std::string progress() const {
+      const auto& s = host_.scheduler();
+      return "taken in " + std::to_string(recordsTakenIn()) + " records, " +
+             std::to_string(s.taskRunCount()) + " task runs, " +
+             std::to_string(s.readyTaskCount()) + " tasks ready\n";
+   }
+
+   void serve(ControlServer::Client c, const std::string& request) {
+      try {
+         answer(c, request);
+      } catch (const ScriptError& e) {
+         control_->replyError(c, e.what());
+      } catch (const std::exception& e) {
+         // A fault of ours, not the client's: said, and the agent goes on.
+         control_->replyError(c, std::string("internal error: ") + printable(e.what()));
+      }
+   }
+
+   void answer(ControlServer::Client c, const std::string& request) {
+      const std::vector<std::string> words = tokenize(request);
+      const std::string verb = words.empty() ? std::string() : words[0];
+      if (verb == "hello" || verb == "version") {
+         control_->reply(c, "srte " + std::string(srteVersion) + " agent, router " +
+                                options_.router + ", pid " + std::to_string(::getpid()) + "\n");
+      } else if (verb == "status") {
+         control_->reply(c, progress());
+      } else if (verb == "sync") {
+         // Whatever was written before the request is in the tables' change rings now: take it
+         // in at once rather than at the next wake-up, then answer once the core is idle.
+         mountTables();
+         std::vector<Protocol> mounted;
+         for (const auto& [protocol, mirror] : mirrors_) mounted.push_back(protocol);
+         for (Protocol p : mounted) drain(p); // a corrupt table leaves mirrors_ here
+         syncs_.push_back(c);
+      } else if (verb == "show") {
+         std::ostringstream out;
+         host_.outIs(out);
+         struct Restore {
+            Host& h;
+            std::ostream& o;
+            ~Restore() { h.outIs(o); }
+         } restore{host_, hostOutput_};
+         host_.execute(request);
+         control_->reply(c, out.str());
+      } else if (verb == "json" && words.size() == 2) {
+         const Host::Show* s = host_.show(words[1]);
+         if (!s) throw ScriptError("unknown table '" + printable(words[1]) + "'");
+         control_->reply(c, s->json().render());
+      } else {
+         control_->replyError(c, "unknown request '" + printable(request.substr(0, 80)) +
+                                     "'; requests: hello, version, status, sync, "
+                                     "show <table> [json], json <table>");
+      }
+   }
+
+   void answerSyncs() {
+      if (syncs_.empty()) return;
+      const std::string body = progress();
+      for (ControlServer::Client c : std::exchange(syncs_, {})) control_->reply(c, body);
+   }
+
    void onIdle() {
+      // No task is ready: every change taken in has been worked through.
+      answerSyncs();
       if (!coreQuiet()) return;
       if (!converged_) {
          converged_ = true;
@@ -304,6 +388,10 @@ class RouterAgent {
    // The router's tables, the core and the subsystems' commands and tables, on the real clock.
    Host host_;
    Kiln::Loop loop_;
+   std::unique_ptr<ControlServer> control_;
+   // Clients waiting for the core to be idle.
+   std::vector<ControlServer::Client> syncs_;
+   uint64_t takenInBefore_ = 0; // by mirrors since dropped
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
@@ -328,6 +416,8 @@ int runAgent(const AgentOptions& options, std::ostream& err) {
    } catch (const AgentBusy& e) {
       err << "srte agent: " << e.what() << "\n";
    } catch (const std::invalid_argument& e) {
+      err << "srte agent: " << e.what() << "\n";
+   } catch (const std::runtime_error& e) {
       err << "srte agent: " << e.what() << "\n";
    }
    return exitCannotRun;
