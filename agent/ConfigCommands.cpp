@@ -236,6 +236,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "bsid"});
                   const PolicyKey key = keyOf(a, w);
                   const Ipkit::MplsLabel bsid = w.bsid.value_or(Ipkit::MplsLabel());
+                  host.claimStaticInput(a);
                   return [&host, key, bsid] {
                      host.config()->policyIs(key)->bindingSidIs(bsid);
                      warnWithoutStaticTable(host);
@@ -247,6 +248,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "preference"});
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
+                  host.claimStaticInput(a);
                   return [&host, key, pref] {
                      host.config()->policyIs(key)->candidatePathIs(pref);
                      warnWithoutStaticTable(host);
@@ -279,6 +281,7 @@ void registerConfig(Host& host) {
                 }
              }
           }
+          host.claimStaticInput(a);
           return [&host, key, pref, labels, list] {
              host.config()->policyIs(key)->candidatePathIs(pref)->staticSegmentListIs(labels, list);
              warnWithoutStaticTable(host);
@@ -289,6 +292,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color"});
                   const PolicyKey key = keyOf(a, w);
                   existingPolicy(host, a, key);
+                  host.claimStaticInput(a);
                   return [&host, key] { host.config()->policyDel(key); };
                });
    host.verbIs("no static path", "no static path <endpoint> color <c> preference <p>",
@@ -297,6 +301,7 @@ void registerConfig(Host& host) {
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
                   existingPath(host, a, key, pref);
+                  host.claimStaticInput(a);
                   return [&host, key, pref] { host.config()->policy(key)->candidatePathDel(pref); };
                });
    host.verbIs("no static segment-list",
@@ -311,6 +316,7 @@ void registerConfig(Host& host) {
                             std::to_string(pref.value) + " has no segment list [" +
                             labels.stringValue() + "]");
                   }
+                  host.claimStaticInput(a);
                   return [&host, key, pref, labels] {
                      host.config()->policy(key)->candidatePath(pref)->staticSegmentListDel(labels);
                   };
@@ -356,8 +362,12 @@ void registerConfig(Host& host) {
           };
        });
 
-   host.showIs("config", "Config flags and static policies", [&host] { return configView(host); });
-   host.showIs("color-dscp", "the color-to-DSCP map", [&host] { return colorDscp(host); });
+   host.showIs(
+       "config", "Config flags and static policies", [&host] { return configView(host); },
+       Host::Reads::router);
+   host.showIs(
+       "color-dscp", "the color-to-DSCP map", [&host] { return colorDscp(host); },
+       Host::Reads::router);
 }
 
 } // namespace Agent
