@@ -212,6 +212,15 @@ std::string Attachment::ask(const std::string& request) {
    }
 }
 
+std::optional<bool> Attachment::agentEnabled() {
+   try {
+      ControlClient client(router_);
+      return client.ask("enabled") == "on\n";
+   } catch (const std::runtime_error&) {
+      return std::nullopt;
+   }
+}
+
 void Attachment::sync(const char* verb) {
    using namespace std::chrono;
    const auto start = steady_clock::now();

@@ -21,6 +21,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "agent/InputMirror.h"
@@ -45,6 +46,8 @@ class Attachment {
    // Waits until the agent has taken in every change written before and has no task ready. What
    // it did goes to the host's output when the host is verbose. Throws ScriptError.
    void sync(const char* verb);
+   // The agent's Status.agentEnabled; empty when no agent answers.
+   std::optional<bool> agentEnabled();
    // Whether a table of that kind is read here rather than asked of the agent.
    bool readsPublishedLocally() const noexcept { return false; }
 

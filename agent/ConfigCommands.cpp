@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/Attachment.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
@@ -150,17 +151,27 @@ Show::View configView(Host& host) {
       }
    }
    const bool inert = c.policyCount() > 0 && !staticTableExists(host);
+   // The status is the agent's to write: attached, it is asked of the agent.
+   Show::View::Setting agent =
+       setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled());
+   if (Attachment* a = host.attachment()) {
+      const std::optional<bool> on = a->agentEnabled();
+      if (on) {
+         agent = setting("agent enabled (status)", "agentEnabled", *on);
+      } else {
+         agent.value = Show::cell("unknown (no agent runs)", Json::Value::null());
+      }
+   }
    return Show::View()
        .lineIs("SR-TE configuration")
-       .settingsIs(
-           {"Setting", "Value"},
-           {setting("enabled", "enabled", c.enabled()),
-            setting("specified-bsid-only", "specifiedBsidOnly", c.specifiedBsidOnly()),
-            setting("segment-list-sharing", "segmentListSharingEnabled",
-                    c.segmentListSharingEnabled()),
-            setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
-                    c.useDiscriminatorInTieBreaking()),
-            setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled())})
+       .settingsIs({"Setting", "Value"},
+                   {setting("enabled", "enabled", c.enabled()),
+                    setting("specified-bsid-only", "specifiedBsidOnly", c.specifiedBsidOnly()),
+                    setting("segment-list-sharing", "segmentListSharingEnabled",
+                            c.segmentListSharingEnabled()),
+                    setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
+                            c.useDiscriminatorInTieBreaking()),
+                    std::move(agent)})
        .lineIs(Mox::format("Static policies: %zu", c.policyCount()) +
                (inert ? " (no 'input-table static': they are not candidate paths)" : ""))
        .fieldIs("", "staticInputTable", Show::flag(staticTableExists(host), "yes", "no"))

@@ -308,6 +308,8 @@ class RouterAgent {
       if (verb == "hello" || verb == "version") {
          control_->reply(c, "srte " + std::string(srteVersion) + " agent, router " +
                                 options_.router + ", pid " + std::to_string(::getpid()) + "\n");
+      } else if (verb == "enabled") {
+         control_->reply(c, host_.status()->agentEnabled() ? "on\n" : "off\n");
       } else if (verb == "status") {
          control_->reply(c, progress());
       } else if (verb == "sync") {
@@ -334,7 +336,7 @@ class RouterAgent {
          control_->reply(c, s->json().render());
       } else {
          control_->replyError(c, "unknown request '" + printable(request.substr(0, 80)) +
-                                     "'; requests: hello, version, status, sync, "
+                                     "'; requests: hello, version, status, sync, enabled, "
                                      "show <table> [json], json <table>");
       }
    }
