@@ -203,7 +203,9 @@ void Attachment::writeThrough(Protocol p, const PolicyId& id) {
 
 std::string Attachment::ask(const std::string& request) {
    try {
-      ControlClient client(router_);
+      // A large table takes the agent a while to render: as long as a run may wait.
+      ControlClient client(router_,
+                           std::chrono::duration_cast<ControlClient::Duration>(syncTimeout));
       return client.ask(request);
    } catch (const AgentUnreachable& e) {
       throw ScriptError(e.what());
