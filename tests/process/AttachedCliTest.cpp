@@ -188,6 +188,30 @@ TEST_F(AttachedCliTest, ATableAnotherProcessWritesIsRefusedWithItsNameAndNothing
    EXPECT_NE(taken.out.find("Input table bgp (20): 1 record"), std::string::npos) << taken.out;
 }
 
+TEST_F(AttachedCliTest, AKilledAgentsSocketMeansNoAgentUntilANewOneReplacesIt) {
+   const std::string r = router("killed");
+   {
+      Process agent({"agent", "--router", r});
+      ASSERT_TRUE(agent.waitFor("converged")) << agent.err();
+      kill(agent.pid(), SIGKILL);
+      EXPECT_EQ(agent.exitStatus(2s), 128 + SIGKILL);
+   }
+   // The dead agent's socket file is still there, and nobody listens on it.
+   ASSERT_EQ(access(Agent::controlSocketPath(r).c_str(), F_OK), 0);
+   const Run run = attached(r, "run\n");
+   EXPECT_EQ(run.status, 1);
+   EXPECT_NE(run.err.find("no agent runs for router " + r), std::string::npos) << run.err;
+
+   Process agent({"agent", "--router", r});
+   ASSERT_TRUE(agent.waitFor("converged")) << agent.err();
+   EXPECT_NE(Agent::ControlClient(r).ask("hello").find("pid " + std::to_string(agent.pid())),
+             std::string::npos);
+   const Run again = attached(r, "run\n");
+   EXPECT_EQ(again.status, 0) << again.err;
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+}
+
 // Writes raw bytes to the agent's socket and reads what comes back until it closes or pauses.
 std::string rawExchange(const std::string& router, const std::string& bytes) {
    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
