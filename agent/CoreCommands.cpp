@@ -1,11 +1,11 @@
 // The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
 // congestion flag, the tasks' slice, `show`, `help` and `quit`; and the tables `scheduler` and
-// `syslog`.
+// `syslog`. Attached to a router's agent (agent/Attachment.h), run and advance wait for the agent,
+// the verbs that act on the core's scheduler are refused, and show asks the agent for its tables.
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <ostream>
-
-#include <chrono>
 #include <thread>
 
 #include "agent/Attachment.h"

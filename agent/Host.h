@@ -22,6 +22,8 @@
 //  3. its tables: `host.showIs("segments", summary, view)`, where `view` builds a Show::View (rows
 //     of typed cells, agent/ShowTable.h) from which both forms are rendered; `show segments
 //     [json]` and `show all [json]` then include them (in registration order);
+//     a table over the router's tables or the published ones says so (Reads): attached to an
+//     agent, the others are asked of the agent;
 //  4. its state machines and the tables they share or publish live in the core, not here: add
 //     them there (see core/SrTePolicyCore.h) and reach them through `host.core()`;
 //  5. host-private state is a plain member of Host, made and dropped in buildStages() and
