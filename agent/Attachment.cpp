@@ -59,6 +59,9 @@ struct Raised {
 } // namespace
 
 Attachment::Attachment(Host& host) : host_(host), router_(host.routerName()) {
+   routerWriter_ =
+       std::make_unique<RouterTablesWriter>(router_, RouterEntities::of(host_.router()));
+   loadRouterTables();
    moxSource_ = std::make_unique<MoxSource>(*this, host_.policyInputSource());
    for (Protocol p : PolicyInputSm::handledProtocols) mountShared(p);
 }
@@ -66,6 +69,28 @@ Attachment::Attachment(Host& host) : host_(host), router_(host.routerName()) {
 Attachment::~Attachment() {
    moxSource_.reset();
    tables_.clear();
+   routerWriter_.reset();
+}
+
+// ---- the router's own tables
+
+void Attachment::loadRouterTables() {
+   // Records the static input writer makes of a loaded configuration are already in the shared
+   // static table (whoever wrote the configuration wrote them): not written again.
+   Raised loading(loading_);
+   try {
+      routerWriter_->load();
+   } catch (const Vault::Corruption& e) {
+      host_.warn(std::string("router tables not all read: ") + e.what());
+   }
+}
+
+void Attachment::afterCommand() {
+   const std::vector<std::string> refused = routerWriter_->takeErrors();
+   if (refused.empty()) return;
+   std::string text;
+   for (const std::string& r : refused) text += (text.empty() ? "" : "; ") + r;
+   throw ScriptError(text + " (the change stays in this session only)");
 }
 
 // ---- input tables
@@ -89,6 +114,7 @@ void Attachment::mountShared(Protocol p) {
 }
 
 void Attachment::refresh() {
+   loadRouterTables();
    for (Protocol p : PolicyInputSm::handledProtocols) {
       auto it = tables_.find(p);
       if (it != tables_.end() && it->second.writer) continue;

@@ -13,9 +13,13 @@
 //    answers once it has no task ready; on a terminal a wait longer than a second shows the
 //    agent's progress; bounded by syncTimeout;
 //  - tables: ask() forwards `show` and `json` requests to the agent.
-// Not yet shared: the router tables (Config, MPLS configuration and status, hardware, counters)
-// are this host's own until they have a shared form; published tables are asked of the agent
-// until they can be read from shared memory (readsLocally()).
+//  - the router's own tables (configuration, color-to-DSCP map, MPLS configuration and status,
+//    hardware, counters): loaded from shared memory at start and before each show, and written
+//    through a RouterTablesWriter. That writer claims a table at its first write, so a table
+//    another process writes is found refused only once the command ran: the command then fails
+//    with the holder's name (afterCommand) and its change stays in this session alone.
+// Not yet shared: published tables are asked of the agent until they can be read from shared
+// memory (readsPublishedLocally()).
 #pragma once
 
 #include <chrono>
@@ -25,6 +29,7 @@
 #include <string>
 
 #include "agent/InputMirror.h"
+#include "agent/RouterTablesShm.h"
 #include "types/SrTePolicy.h"
 
 namespace Agent {
@@ -54,8 +59,10 @@ class Attachment {
    // Makes this process the writer of the protocol's shared input table. Throws
    // Vault::Shm::WriterBusy when another live process writes it.
    void claimInput(SrTePolicy::Protocol protocol);
-   // Takes in what other processes changed in the shared input tables this one does not write.
+   // Takes in what other processes changed in the shared tables this one does not write.
    void refresh();
+   // After each command: throws ScriptError when a router table it changed is another's.
+   void afterCommand();
 
  private:
    class MoxSource;
@@ -69,6 +76,7 @@ class Attachment {
       ~Table();
    };
 
+   void loadRouterTables();
    void mountShared(SrTePolicy::Protocol protocol);
    void loadFromWriter(SrTePolicy::Protocol protocol);
    void localTableChanged(SrTePolicy::Protocol protocol);
@@ -79,6 +87,7 @@ class Attachment {
    Host& host_;
    std::string router_;
    std::map<SrTePolicy::Protocol, Table> tables_;
+   std::unique_ptr<RouterTablesWriter> routerWriter_;
    std::unique_ptr<MoxSource> moxSource_;
    // Changes made here from the shared tables are not written back.
    bool loading_ = false;

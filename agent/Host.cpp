@@ -19,10 +19,24 @@ class Host::AgentEnable : public Mox::Reactor<SrTePolicy::Config::Notifiee, Host
    void onEnabled() override { owner().handleEnabled(); }
 };
 
-Host::Host(std::ostream& out, HostOptions options)
-    : options_(std::move(options)), out_(&out),
-      scheduler_(Mox::make<Kiln::TaskScheduler>(options_.clock)),
-      core_(std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_))) {
+Host::Host(std::ostream& out, HostOptions options) : options_(std::move(options)), out_(&out) {
+   makeAll();
+}
+
+Host::~Host() { dropAll(); }
+
+void Host::dropAll() {
+   attachment_.reset();
+   agentEnable_.reset();
+   dropStages();
+   core_.reset();
+   staticInputWriter_.reset();
+   noEntities_.reset();
+}
+
+void Host::makeAll() {
+   scheduler_ = Mox::make<Kiln::TaskScheduler>(options_.clock);
+   core_ = std::make_unique<SrTePolicy::PolicyCore>(router_.tables(*scheduler_));
    if (options_.writeStaticInput) {
       staticInputWriter_ = std::make_unique<StaticInputWriter>(router_.config, router_.input);
    }
@@ -32,12 +46,16 @@ Host::Host(std::ostream& out, HostOptions options)
    if (!options_.runCore) attachment_ = std::make_unique<Attachment>(*this);
 }
 
-Host::~Host() {
-   attachment_.reset();
-   agentEnable_.reset();
-   dropStages();
-   core_.reset();
-   staticInputWriter_.reset();
+void Host::reset() {
+   const bool started = started_;
+   dropAll();
+   router_ = SrTePolicy::StandaloneRouter{};
+   makeAll();
+   started_ = quit_ = staticTableWarned_ = false;
+   loadDepth_ = 0;
+   warnings_.clear();
+   restarts_ = 0;
+   if (started) start();
 }
 
 const SrTePolicy::ProcessEntities& Host::coreEntities() {
@@ -365,6 +383,14 @@ Host::Apply Host::parse(std::string_view line) const {
    Args args(std::move(tokens), verbWords, verb->usage);
    Apply apply = verb->parse(args);
    args.end();
+   if (attachment_ && apply && !verb->asksAgent) {
+      // A router table this command wrote may be another process's: said after it ran.
+      Host* self = const_cast<Host*>(this);
+      return [self, apply = std::move(apply)] {
+         apply();
+         self->attachment_->afterCommand();
+      };
+   }
    if (verb->asksAgent && attachment_) {
       // Checked here like any line, answered by the agent.
       Host* self = const_cast<Host*>(this);

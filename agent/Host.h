@@ -142,6 +142,11 @@ class Host {
    void start();
    // Drops the in-process state and builds it again.
    void restart();
+   // The host as a new one is after its modules registered and it started: a new scheduler at
+   // time 0, the router's tables, the core and everything per session made again; the
+   // registrations (verbs, tables) and the output stream are kept. For a caller that runs many
+   // sessions one after another (the fuzz targets).
+   void reset();
    // Parses one line; the returned change is empty for a blank or comment line. Throws
    // ScriptError.
    Apply parse(std::string_view line) const;
@@ -243,6 +248,9 @@ class Host {
 
    void dropStages();
    void buildStages();
+   // What the constructor makes and the destructor drops, each in its order.
+   void makeAll();
+   void dropAll();
    void handleEnabled();
 
    HostOptions options_;

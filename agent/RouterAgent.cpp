@@ -20,6 +20,7 @@
 #include "agent/Host.h"
 #include "agent/InputMirror.h"
 #include "agent/Modules.h"
+#include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
@@ -115,11 +116,25 @@ class RouterAgent {
          mountAction_(*mountTask_, [this] { mountTables(); }),
          reportAction_(*reportTask_, [this] { report(); }) {
       registerSubsystems(host_);
+      host_.core().syslog().sinkIs(&systemLog_);
       if (options.srlb) {
          const auto [first, last] = *options.srlb;
          host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
+      // Made after the defaults above (SR-TE on, the --srlb block): a router table that goes
+      // away gives them back.
+      routerTables_ = std::make_unique<RouterTablesMirror>(
+          options.router, RouterEntities::of(host_.router()),
+          RouterTablesMirror::Hooks{[this](int fd, const std::string& table) {
+                                       loop_.fdIs(fd, [this, table] {
+                                          noteChanges(routerTables_->drain(table));
+                                       });
+                                    },
+                                    [this](int fd) { loop_.fdDel(fd); },
+                                    [this](const std::string& line) {
+                                       err_ << "srte agent: " << line << "\n" << std::flush;
+                                    }});
       loop_.catchStopSignals();
       loop_.onIdleIs([this] { onIdle(); });
       control_ = std::make_unique<ControlServer>(
@@ -166,7 +181,13 @@ class RouterAgent {
              " candidates for selection";
    }
 
+   void noteChanges(const MirrorCounts& c) {
+      routerTakenIn_ += c.written + c.erased;
+      if (c.written + c.erased + c.rescans != 0) changed_ = true;
+   }
+
    void mountTables() {
+      noteChanges(routerTables_->mount());
       for (Protocol protocol : SrTePolicy::PolicyInputSm::handledProtocols) mountTable(protocol);
       mountTask_->scheduleTaskLowestDelay(options_.mountRetry);
    }
@@ -275,9 +296,9 @@ class RouterAgent {
 
    // ---- the control socket (agent/ControlSocket.h)
 
-   // Records taken in from the shared input tables since start, written or erased.
+   // Records taken in from the shared tables since start, written or erased.
    uint64_t recordsTakenIn() const {
-      uint64_t n = takenInBefore_;
+      uint64_t n = takenInBefore_ + routerTakenIn_;
       for (const auto& [protocol, mirror] : mirrors_) {
          n += mirror->counts().written + mirror->counts().erased;
       }
@@ -316,6 +337,7 @@ class RouterAgent {
          // Whatever was written before the request is in the tables' change rings now: take it
          // in at once rather than at the next wake-up, then answer once the core is idle.
          mountTables();
+         noteChanges(routerTables_->sync());
          std::vector<Protocol> mounted;
          for (const auto& [protocol, mirror] : mirrors_) mounted.push_back(protocol);
          for (Protocol p : mounted) drain(p); // a corrupt table leaves mirrors_ here
@@ -388,15 +410,25 @@ class RouterAgent {
    // What the host's commands print when nobody asked: the agent has no terminal of its own.
    std::ostringstream hostOutput_;
    // The router's tables, the core and the subsystems' commands and tables, on the real clock.
+   // Config's static policies reach it through the shared configuration tables, but it does not
+   // make input records of them (writeStaticInput off): the process that writes the configuration
+   // (the configuration handler, an attached srte) writes policyInput-static too, so that table
+   // has one writer and the agent never races it.
    Host host_;
+   // Every message of the core's system log goes to the host's as well.
+   Syslog::SystemSink systemLog_{"srte-agent"};
    Kiln::Loop loop_;
    std::unique_ptr<ControlServer> control_;
    // Clients waiting for the core to be idle.
    std::vector<ControlServer::Client> syncs_;
-   uint64_t takenInBefore_ = 0; // by mirrors since dropped
+   uint64_t takenInBefore_ = 0; // by input mirrors since dropped
+   uint64_t routerTakenIn_ = 0; // keys of the router's tables
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
    TaskAction mountAction_, reportAction_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
+   // The router's own tables (configuration, MPLS, hardware, counters). With an MPLS
+   // configuration table the SRLB comes from there and `--srlb` is only the value without one.
+   std::unique_ptr<RouterTablesMirror> routerTables_;
    struct Broken {
       ino_t inode;
       std::chrono::steady_clock::time_point retryAt;

@@ -14,6 +14,8 @@
 //    made again is mounted anew;
 //  - a table that makes no sense is reported (once per distinct message) and left unmounted; the
 //    in-process copy keeps what it had;
+//  - every system-log message of the core goes to the host's system log (syslog(3), ident
+//    "srte-agent") as well as to the core's own log;
 //  - one line on the error stream when the core has converged after start-up, and later at most
 //    one a second while the input goes on changing, each with the paths held;
 //  - SIGTERM and SIGINT stop it at the next turn of the loop; the core stops without withdrawing
@@ -60,8 +62,8 @@ class AgentLock {
 struct AgentOptions {
    std::string router;
    Kiln::Duration mountRetry = std::chrono::milliseconds(200);
-   // The platform's block of binding SIDs, first and last label, while the MPLS configuration
-   // does not come through a shared table: without it every binding SID is out of range.
+   // The platform's block of binding SIDs, first and last label, for a router without a shared
+   // MPLS configuration table (a lab fed by `srte feed` alone): once that table exists, it says.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
    // After a stop signal, end the process at once instead of tearing the in-process state down
    // (the kernel takes the memory back; nothing outside the process changes either way).

@@ -44,13 +44,40 @@ void TextTable::render(std::string& out, int indent) const {
    for (const auto& r : rows_) {
       for (size_t i = 0; i < n; ++i) width[i] = std::max(width[i], r[i].size());
    }
-   // A table wider than the terminal wraps its last column (a message, a status), when that
-   // leaves it room enough to read.
-   size_t before = static_cast<size_t>(indent);
-   for (size_t i = 0; i + 1 < n; ++i) before += width[i] + 2;
-   if (n > 0 && before + width[n - 1] > terminalColumns &&
-       before + kNarrowestWrap <= terminalColumns) {
-      width[n - 1] = std::max(headers_[n - 1].size(), terminalColumns - before);
+   // A table wider than the terminal narrows its widest columns, one at a time, and wraps their
+   // cells at blanks.
+   auto total = [&] {
+      size_t t = static_cast<size_t>(indent);
+      for (size_t i = 0; i < n; ++i) t += width[i] + (i + 1 < n ? 2 : 0);
+      return t;
+   };
+   // First no column narrower than its header or its longest word, so that words stay whole;
+   // when that is not enough, none narrower than its header or kNarrowestCell.
+   std::vector<size_t> longestWord(n);
+   for (const auto& r : rows_) {
+      for (size_t i = 0; i < n; ++i) {
+         size_t start = 0;
+         while (start <= r[i].size()) {
+            const size_t end = std::min(r[i].find(' ', start), r[i].size());
+            longestWord[i] = std::max(longestWord[i], end - start);
+            start = end + 1;
+         }
+      }
+   }
+   for (bool wholeWords : {true, false}) {
+      auto floorOf = [&](size_t i) {
+         return std::max(headers_[i].size(), wholeWords ? longestWord[i] : kNarrowestCell);
+      };
+      for (size_t t = total(); t > terminalColumns; t = total()) {
+         size_t widest = n;
+         for (size_t i = 0; i < n; ++i) {
+            if (width[i] > floorOf(i) && (widest == n || width[i] > width[widest])) widest = i;
+         }
+         if (widest == n) break; // nothing left to narrow at this floor
+         const size_t excess = t - terminalColumns;
+         width[widest] =
+             width[widest] - floorOf(widest) > excess ? width[widest] - excess : floorOf(widest);
+      }
    }
    auto line = [&](auto cell) {
       const size_t start = out.size();
@@ -68,13 +95,15 @@ void TextTable::render(std::string& out, int indent) const {
    };
    line([&](size_t i) { return headers_[i]; });
    line([&](size_t i) { return std::string(width[i], '-'); });
+   std::vector<std::vector<std::string>> pieces(n);
    for (const auto& r : rows_) {
-      const auto pieces = n > 0 ? wrapped(r[n - 1], width[n - 1]) : std::vector<std::string>{};
-      for (size_t k = 0; k < std::max<size_t>(1, pieces.size()); ++k) {
-         line([&](size_t i) {
-            if (i + 1 == n) return pieces[k];
-            return k == 0 ? r[i] : std::string();
-         });
+      size_t height = 1;
+      for (size_t i = 0; i < n; ++i) {
+         pieces[i] = wrapped(r[i], width[i]);
+         height = std::max(height, pieces[i].size());
+      }
+      for (size_t k = 0; k < height; ++k) {
+         line([&](size_t i) { return k < pieces[i].size() ? pieces[i][k] : std::string(); });
       }
    }
 }

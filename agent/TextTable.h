@@ -4,8 +4,9 @@
 // wrong for numbers and addresses). Columns are as wide as their widest cell; the last column is
 // not padded, so lines carry no trailing blanks. An empty cell prints as "-", except in the
 // continuation lines of an entry that spans several lines. A table that would be wider than
-// terminalColumns wraps its last column at blanks onto lines of its own, when at least
-// kNarrowestWrap columns are left for it; JSON forms keep every text whole.
+// terminalColumns narrows its widest columns (none below its header or its longest word, then,
+// when that is not enough, none below its header or kNarrowestCell) and wraps
+// their cells at blanks onto further lines of the entry; JSON forms keep every text whole.
 #pragma once
 
 #include <string>
@@ -14,7 +15,7 @@
 namespace Show {
 
 constexpr size_t terminalColumns = 120;
-constexpr size_t kNarrowestWrap = 24;
+constexpr size_t kNarrowestCell = 10;
 
 class TextTable {
  public:

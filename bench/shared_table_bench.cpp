@@ -555,9 +555,19 @@ void print(const char* name, const KillFigures& k) {
 } // namespace
 
 int main(int argc, char** argv) {
-   const uint32_t n =
-       argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 1000000;
+   const char* usage = "usage: shared_table_bench [RECORDS [ours|lmdb|table]]\n"
+                       "  RECORDS: how many records each run writes (default 1000000)\n";
+   char* end = nullptr;
+   const unsigned long records = argc > 1 ? std::strtoul(argv[1], &end, 10) : 1000000;
    const std::string only = argc > 2 ? argv[2] : "";
+   if ((argc > 1 && (*end != '\0' || records == 0 || records > 100000000)) || argc > 3 ||
+       (!only.empty() && only != "ours" && only != "lmdb" && only != "table")) {
+      const bool help =
+          argc > 1 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h");
+      std::fputs(usage, help ? stdout : stderr);
+      return help ? 0 : 2;
+   }
+   const auto n = static_cast<uint32_t>(records);
    std::printf("%u records of %zu bytes (typical: 2 segment lists of 3 labels)\n", n,
                PolicyInputEntry::maxLen);
    if (only.empty() || only == "ours") {

@@ -1,5 +1,7 @@
 #include "platform/Syslog.h"
 
+#include <syslog.h>
+
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -24,6 +26,25 @@ void Capture::onRecord(const MessageDef&, const Record& record) { records_.push_
 void StderrSink::onRecord(const MessageDef&, const Record& record) {
    std::fprintf(stderr, "%%%s-%d: %s\n", record.tag.c_str(), static_cast<int>(record.severity),
                 record.text.c_str());
+}
+
+static_assert(static_cast<int>(Severity::emergency) == LOG_EMERG &&
+                  static_cast<int>(Severity::error) == LOG_ERR &&
+                  static_cast<int>(Severity::debug) == LOG_DEBUG,
+              "severities are the system log's levels");
+
+SystemSink::SystemSink(const char* ident, Write write)
+    : write_(write ? write : &::syslog), opened_(write == nullptr) {
+   if (opened_) ::openlog(ident, LOG_PID | LOG_NDELAY, LOG_DAEMON);
+}
+
+SystemSink::~SystemSink() {
+   if (opened_) ::closelog();
+}
+
+void SystemSink::onRecord(const MessageDef&, const Record& record) {
+   write_(LOG_DAEMON | static_cast<int>(record.severity), "%%%s-%d: %s", record.tag.c_str(),
+          static_cast<int>(record.severity), record.text.c_str());
 }
 
 Log::~Log() {

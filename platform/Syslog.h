@@ -63,6 +63,21 @@ class StderrSink : public Sink {
    void onRecord(const MessageDef& def, const Record& record) override;
 };
 
+// Hands each record to the host's system log (syslog(3)) as "%TAG-severity: text", at the
+// record's own severity (the two scales are the same, emergency 0 to debug 7). The ident is given
+// once, for the whole process (openlog); `write` is ::syslog unless a test hands another.
+class SystemSink : public Sink {
+ public:
+   using Write = void (*)(int priority, const char* format, ...);
+   explicit SystemSink(const char* ident, Write write = nullptr);
+   ~SystemSink() override;
+   void onRecord(const MessageDef& def, const Record& record) override;
+
+ private:
+   Write write_;
+   bool opened_;
+};
+
 class Log {
  public:
    Log() = default;

@@ -2,10 +2,14 @@
 // subsystem registered the way real ones are.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "agent/Host.h"
 #include "agent/Modules.h"
+#include "agent/RunningConfig.h"
 #include "agent/Script.h"
 
 namespace {
@@ -177,6 +181,50 @@ TEST(Host, AdvanceMovesVirtualTimeAndFiresTimersOnlyThen) {
    t.host.execute("advance 0.2");
    EXPECT_EQ(runs.marks, "5 ");
    EXPECT_DOUBLE_EQ(t.host.now(), 0.6);
+}
+
+// Every table as JSON and the running configuration.
+std::string wholeState(Host& host) {
+   std::string s;
+   for (const auto& show : host.shows()) s += show.table + " " + show.json().render() + "\n";
+   return s + Agent::runningConfig(host);
+}
+
+// A reset host is a new one: what it shows equals a new host's, and every golden scenario run on
+// it after another prints and ends exactly as on a host of its own.
+TEST(Host, ResetHostIsANewHost) {
+   namespace fs = std::filesystem;
+   std::ostringstream freshOut;
+   Host fresh(freshOut);
+   Agent::registerModules(fresh);
+   const std::string newState = wholeState(fresh);
+
+   std::vector<fs::path> scripts;
+   for (const auto& e : fs::directory_iterator(fs::path(SRTE_SOURCE_DIR) / "tests/scenarios")) {
+      if (e.path().extension() == ".srte") scripts.push_back(e.path());
+   }
+   std::sort(scripts.begin(), scripts.end());
+   ASSERT_GT(scripts.size(), 10u);
+
+   std::ostringstream out;
+   Host reused(out);
+   Agent::registerModules(reused);
+   auto run = [&](Host& host, std::ostringstream& printed, const fs::path& script) {
+      std::ifstream in(script);
+      std::ostringstream err;
+      printed.str("");
+      const int status = Agent::runScript(host, in, err, Agent::ScriptOptions{"scenario"});
+      return std::to_string(status) + "\n" + printed.str() + err.str() + wholeState(host);
+   };
+   for (const auto& script : scripts) {
+      std::ostringstream ownOut;
+      Host own(ownOut);
+      Agent::registerModules(own);
+      const std::string expected = run(own, ownOut, script);
+      EXPECT_EQ(run(reused, out, script), expected) << script.filename();
+      reused.reset();
+      EXPECT_EQ(wholeState(reused), newState) << "after " << script.filename();
+   }
 }
 
 } // namespace

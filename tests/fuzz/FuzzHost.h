@@ -37,10 +37,12 @@ struct FuzzHost {
 };
 
 // Hands each input a host in the state a new one has. Building a host costs more than most inputs
-// (every module registers, the core starts), so a host no input changed is handed out again: an
-// input that applied a line other than one that only prints, or during which the change count
-// moved, has its host replaced before it ends. Replacing it within the input that changed it keeps
-// the input's allocations and frees in balance, as the fuzzer's leak check expects of an input.
+// (every module registers, the core starts), so a host no input changed is handed out again, and
+// one that an input changed (it applied a line other than one that only prints, or the change
+// count moved) is reset (Host::reset: the registrations kept, everything else made anew) before
+// the input ends. Resetting it within the input that changed it keeps the input's allocations and
+// frees in balance, as the fuzzer's leak check expects of an input. tests/agent/HostTest.cpp
+// checks that a reset host is a new one.
 class HostKeeper {
  public:
    Agent::Host& host() {
@@ -53,8 +55,7 @@ class HostKeeper {
    void changed() { changed_ = true; }
    void inputDone() {
       if (!changed_ && Mox::changeCount() == changesAtStart_) return;
-      held_.reset(); // the old host goes before the new one is built
-      held_ = std::make_unique<FuzzHost>();
+      held_->host.reset();
    }
 
  private:

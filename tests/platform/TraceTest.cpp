@@ -1,4 +1,8 @@
 #include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <cstdarg>
+#include <cstdio>
 
 #include <memory>
 #include <stdexcept>
@@ -134,6 +138,40 @@ TEST(Syslog, CaptureGetsFormattedRecordsAndSinksMayLeaveDuringDelivery) {
    Syslog::sinkDel(&capture);
    Syslog::log(kTestMessage, "10.0.0.4", 1u, 2u, 3u, 4u);
    EXPECT_EQ(capture.records().size(), 3u);
+}
+
+std::vector<std::pair<int, std::string>> systemLogged;
+
+void fakeSystemLog(int priority, const char* format, ...) {
+   char text[512];
+   va_list args;
+   va_start(args, format);
+   std::vsnprintf(text, sizeof text, format, args);
+   va_end(args);
+   systemLogged.emplace_back(priority, text);
+}
+
+// The host's system log gets every record of the logs its sink is given, at the record's own
+// severity, as the stderr form writes it; a text with a '%' is not taken for a format.
+TEST(Syslog, SystemSinkWritesEveryRecordAtItsSeverity) {
+   static const Syslog::MessageDef refused{"SRTE-TEST-REFUSED", Syslog::Severity::warning,
+                                           "path %s refused: %d%% used", "", ""};
+   static const Syslog::MessageDef failed{"SRTE-TEST-FAILED", Syslog::Severity::error,
+                                          "table %s failed", "", ""};
+   systemLogged.clear();
+   Syslog::Log log;
+   {
+      Syslog::SystemSink sink("srte-test", &fakeSystemLog);
+      log.sinkIs(&sink);
+      log.logf(&refused, "10.0.0.1|7", 100);
+      log.logf(&failed, "%s");
+   }
+   log.logf(&failed, "after the sink went");
+   ASSERT_EQ(systemLogged.size(), 2u);
+   EXPECT_EQ(systemLogged[0].first, LOG_DAEMON | LOG_WARNING);
+   EXPECT_EQ(systemLogged[0].second, "%SRTE-TEST-REFUSED-4: path 10.0.0.1|7 refused: 100% used");
+   EXPECT_EQ(systemLogged[1].first, LOG_DAEMON | LOG_ERR);
+   EXPECT_EQ(systemLogged[1].second, "%SRTE-TEST-FAILED-3: table %s failed");
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // The agent as a process among others: srte feed writes a router's shared input table, srte agent
-// mirrors it into the core. Every process here is the built srte program, started with fork/exec.
+// mirrors it into the core. Every process here is the built srte program, started with fork/exec,
+// or this test playing the router's other processes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -16,6 +17,9 @@
 #include <thread>
 #include <vector>
 
+#include "agent/Feed.h"
+#include "agent/InputMirror.h"
+#include "agent/RouterTablesShm.h"
 #include "platform/VaultShm.h"
 #include "tests/process/Process.h"
 
@@ -167,6 +171,61 @@ TEST_F(AgentProcessTest, ACorruptTableIsRefusedAndTheAgentGoesOn) {
    // Reported once, not at every look for it.
    const std::string& e = agent.err();
    EXPECT_EQ(e.find("refused", e.find("refused") + 1), std::string::npos) << e;
+}
+
+TEST_F(AgentProcessTest, TheRouterTablesWrittenByAnotherProcessReachTheCore) {
+   const std::string r = router("tables");
+   // This process plays the router: paths in BGP's input table, and the MPLS state.
+   Agent::InputMirror::SharedInputWriter input(r, Agent::inputTableName(SrTePolicy::Protocol::bgp),
+                                               {1024, 1024});
+   for (uint32_t n = 0; n < 200; ++n) input.insert(Agent::feedRecord(SrTePolicy::Protocol::bgp, n));
+   SrTePolicy::StandaloneRouter local;
+   Agent::RouterTablesWriter tables(r, Agent::RouterEntities::of(local));
+
+   // No SRLB anywhere: every binding SID is out of range and no path is a candidate.
+   Process agent({"agent", "--router", r});
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 0 candidates")) << agent.err();
+
+   const auto label = [](uint32_t l) { return Ipkit::MplsLabel(l); };
+   local.mplsStatus->adjacencyIs(
+       1, Mpls::ViaSet{Mpls::Via(Ipkit::IpGenAddr::v4(0x0a000102),
+                                 Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, 1),
+                                 Ipkit::MplsLabelAction::pop)});
+   local.mplsStatus->lfibRouteIs(Mpls::LFib::Route(
+       Mpls::RouteKey::fromLabel(label(16000)), Mpls::LFib::RouteType::unknown,
+       Mpls::LFib::Source::unknown, Mpls::AdjacencyKey(1, Mpls::AdjacencyType::nexthop)));
+   local.mplsConfig->labelRangeIs(Mpls::srlbRangeName, Mpls::LabelRange(100000, 800000));
+   ASSERT_TRUE(tables.takeErrors().empty());
+   EXPECT_TRUE(agent.waitFor("mounted mpls-labelRange")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 200 candidates"))
+       << agent.err();
+   EXPECT_NE(agent.err().find("mounted mpls-lfibRoute"), std::string::npos) << agent.err();
+   EXPECT_NE(agent.err().find("mounted mpls-adjacency"), std::string::npos) << agent.err();
+
+   // The table is the SRLB's source: a block holding half the binding SIDs leaves half.
+   local.mplsConfig->labelRangeIs(Mpls::srlbRangeName, Mpls::LabelRange(100000, 100));
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates"))
+       << agent.err();
+
+   // The configuration turns SR-TE off: the agent's core withdraws what it published.
+   local.config->enabledIs(true);
+   local.config->enabledIs(false);
+   ASSERT_TRUE(agent.waitFor("mounted config")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 0 candidates")) << agent.err();
+   local.config->enabledIs(true);
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates")) << agent.err();
+
+   // A second writer of the router's tables is refused, naming the table.
+   SrTePolicy::StandaloneRouter other;
+   Agent::RouterTablesWriter second(r, Agent::RouterEntities::of(other));
+   other.mplsConfig->labelRangeIs(Mpls::srlbRangeName, Mpls::LabelRange(1, 1));
+   const std::vector<std::string> errors = second.takeErrors();
+   ASSERT_EQ(errors.size(), 1u);
+   EXPECT_NE(errors[0].find("mpls-labelRange is written by process"), std::string::npos)
+       << errors[0];
+
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 
 #include "agent/ControlSocket.h"
 #include "agent/InputMirror.h"
+#include "agent/RouterTablesShm.h"
 #include "platform/VaultShm.h"
 #include "tests/process/Process.h"
 
@@ -79,15 +80,25 @@ std::vector<std::string> meaning(const std::string& json) {
    return lines;
 }
 
-// Inputs of every kind the attached CLI shares today: the protocol input tables (bgp written
-// directly, static through the configuration), with usable candidates, one whose binding SID is
-// out of the block and one without segment lists. The agent is given the same SRLB by option.
-const std::string inputs = R"(label-range srlb base 16000 size 8000
+// Inputs of every kind the attached CLI shares: the router's tables (configuration, label range,
+// adjacencies and LFIB routes, the platform's label depth) and the protocol input tables (bgp
+// written directly, static through the configuration). Lists resolve and policies are published;
+// one binding SID is out of the block, one candidate has no segment lists, one list is too deep
+// and one label has no route.
+const std::string inputs = R"(config specified-bsid-only off
+label-range srlb base 16000 size 8000
+adjacency 1 via 10.1.12.2 Ethernet1 action swap label 100
+adjacency 2 via 10.1.13.3 Ethernet2 action swap label 300
+lfib route 100 adjacency 1
+lfib route 300 adjacency 2
+platform max-label-depth 3
 input-table bgp
 input bgp 10.0.0.1 color 5 discriminator 1 bsid 16001 segment-list labels 100 200
 input bgp 10.0.0.1 color 5 discriminator 2 preference 200 bsid 16002 segment-list weight 3 labels 300
-input bgp 10.0.0.3 color 9 discriminator 7 bsid 99 segment-list labels 400
+input bgp 10.0.0.3 color 9 discriminator 7 bsid 99 segment-list labels 100
 input bgp 10.0.0.4 color 1 discriminator 1 bsid 16004
+input bgp 10.0.0.5 color 2 discriminator 1 segment-list labels 100 1 2 3 4
+input bgp 10.0.0.6 color 2 discriminator 1 bsid 16006 segment-list labels 555
 input-table static
 static segment-list 10.0.0.2 color 7 preference 200 labels 300 500
 static policy 10.0.0.2 color 7 bsid 16010
@@ -95,7 +106,8 @@ static policy 10.0.0.2 color 7 bsid 16010
 
 TEST_F(AttachedCliTest, AnAttachedScriptShowsWhatTheInProcessRouterShows) {
    const std::string r = router("same");
-   Process agent({"agent", "--router", r, "--srlb", "16000-23999"});
+   // No --srlb: the label range comes through the shared MPLS configuration.
+   Process agent({"agent", "--router", r});
    ASSERT_TRUE(agent.waitFor("converged")) << agent.err();
 
    const Run there = attached(r, inputs + "run\nshow all json\n");
@@ -105,6 +117,11 @@ TEST_F(AttachedCliTest, AnAttachedScriptShowsWhatTheInProcessRouterShows) {
    // The tables only the agent knows came from it, and hold what the core made of the inputs.
    EXPECT_NE(there.out.find("\"reasonName\": \"bsidOutOfRange\""), std::string::npos) << there.out;
    EXPECT_NE(there.out.find("\"reasonName\": \"usable\""), std::string::npos) << there.out;
+   // Published: a policy status with its binding SID, and its route in this system's LFIB.
+   EXPECT_NE(there.out.find("\"bindingSid\": 16002, \"fecId\""), std::string::npos) << there.out;
+   EXPECT_NE(there.out.find("{\"bindingSid\": 16002, \"metric\": 1, \"source\": 16"),
+             std::string::npos)
+       << there.out;
    EXPECT_EQ(meaning(there.out), meaning(here.out)) << "attached:\n"
                                                     << there.out << "\nin-process:\n"
                                                     << here.out;
@@ -113,7 +130,8 @@ TEST_F(AttachedCliTest, AnAttachedScriptShowsWhatTheInProcessRouterShows) {
    // the agent as those of the same script run in one process.
    const std::string more = "no input bgp 10.0.0.1 color 5 discriminator 2\n"
                             "input bgp 10.0.0.4 color 1 discriminator 1 bsid 16004 segment-list "
-                            "labels 700\nrun\nshow input json\nshow candidates json\n";
+                            "labels 300\nlfib route 200 adjacency 2\nno static policy 10.0.0.2 "
+                            "color 7\nrun\nshow all json\n";
    const Run next = attached(r, more);
    ASSERT_EQ(next.status, 0) << next.err;
    const Run once = srte({}, inputs + "run\n" + more);
@@ -181,6 +199,19 @@ TEST_F(AttachedCliTest, ATableAnotherProcessWritesIsRefusedWithItsNameAndNothing
       EXPECT_EQ(other.status, 0) << other.err;
       EXPECT_NE(other.out.find("Input table static (30): 1 record"), std::string::npos)
           << other.out;
+   }
+   {
+      // A router table as well: this process writes every one of them.
+      SrTePolicy::StandaloneRouter local;
+      Agent::RouterTablesWriter holder(r, Agent::RouterEntities::of(local));
+      holder.publishAll();
+      const Run refused = attached(r, "label-range srlb base 16000 size 100\n");
+      EXPECT_EQ(refused.status, 1);
+      EXPECT_NE(refused.err.find(Vault::Shm::segmentPath(r, "mpls-labelRange")), std::string::npos)
+          << refused.err;
+      EXPECT_NE(refused.err.find("written by process " + std::to_string(getpid())),
+                std::string::npos)
+          << refused.err;
    }
    // Once the holder has gone the table is taken over.
    const Run taken = attached(r, "input bgp 10.0.0.1 color 5 discriminator 1\nshow input\n");
