@@ -64,11 +64,14 @@ Attachment::Attachment(Host& host) : host_(host), router_(host.routerName()) {
    loadRouterTables();
    moxSource_ = std::make_unique<MoxSource>(*this, host_.policyInputSource());
    for (Protocol p : PolicyInputSm::handledProtocols) mountShared(p);
+   // The core here never runs: its published tables are what the agent's hold.
+   published_ = std::make_unique<PublishedReader>(router_, host_.core().published());
 }
 
 Attachment::~Attachment() {
    moxSource_.reset();
    tables_.clear();
+   published_.reset();
    routerWriter_.reset();
 }
 
@@ -115,6 +118,10 @@ void Attachment::mountShared(Protocol p) {
 
 void Attachment::refresh() {
    loadRouterTables();
+   published_->drain();
+   for (const std::string& r : published_->refused()) {
+      if (refusalsTold_.insert(r).second) host_.warn("published table refused: " + r);
+   }
    for (Protocol p : PolicyInputSm::handledProtocols) {
       auto it = tables_.find(p);
       if (it != tables_.end() && it->second.writer) continue;

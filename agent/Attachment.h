@@ -18,17 +18,19 @@
 //    through a RouterTablesWriter. That writer claims a table at its first write, so a table
 //    another process writes is found refused only once the command ran: the command then fails
 //    with the holder's name (afterCommand) and its change stays in this session alone.
-// Not yet shared: published tables are asked of the agent until they can be read from shared
-// memory (readsPublishedLocally()).
+//  - the published tables: read from shared memory into the host's (never started) core before
+//    each show, so they show what forwarding has, also while the agent is down.
 #pragma once
 
 #include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "agent/InputMirror.h"
+#include "agent/PublishedMirror.h"
 #include "agent/RouterTablesShm.h"
 #include "types/SrTePolicy.h"
 
@@ -54,7 +56,7 @@ class Attachment {
    // The agent's Status.agentEnabled; empty when no agent answers.
    std::optional<bool> agentEnabled();
    // Whether a table of that kind is read here rather than asked of the agent.
-   bool readsPublishedLocally() const noexcept { return false; }
+   bool readsPublishedLocally() const noexcept { return true; }
 
    // Makes this process the writer of the protocol's shared input table. Throws
    // Vault::Shm::WriterBusy when another live process writes it.
@@ -88,6 +90,8 @@ class Attachment {
    std::string router_;
    std::map<SrTePolicy::Protocol, Table> tables_;
    std::unique_ptr<RouterTablesWriter> routerWriter_;
+   std::unique_ptr<PublishedReader> published_;
+   std::set<std::string> refusalsTold_;
    std::unique_ptr<MoxSource> moxSource_;
    // Changes made here from the shared tables are not written back.
    bool loading_ = false;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -20,10 +21,12 @@
 #include "agent/Host.h"
 #include "agent/InputMirror.h"
 #include "agent/Modules.h"
+#include "agent/PublishedMirror.h"
 #include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
 #include "core/SrTePolicyCore.h"
 #include "platform/KilnLoop.h"
+#include "platform/MoxChanges.h"
 #include "platform/VaultShm.h"
 
 extern const char* const srteVersion;
@@ -96,11 +99,21 @@ double secondsSince(std::chrono::steady_clock::time_point t) {
    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t).count();
 }
 
-// Runs `f` each time its task runs.
+// Runs `f` each time its task runs. A run is a change (the change count moves) even when `f`
+// changes nothing; `quiet(count)` is told the count the run itself left, so that the agent's own
+// timers do not look like work to the published tables' writer.
 struct TaskAction : Kiln::Task::Notifiee {
    std::function<void()> f;
-   TaskAction(Kiln::Task& t, std::function<void()> fn) : f(std::move(fn)) { notifierIs(&t); }
-   void onTaskRun() override { f(); }
+   std::function<void(uint64_t)> quiet;
+   TaskAction(Kiln::Task& t, std::function<void()> fn, std::function<void(uint64_t)> q = {})
+       : f(std::move(fn)), quiet(std::move(q)) {
+      notifierIs(&t);
+   }
+   void onTaskRun() override {
+      // Told before `f` runs, which may look at it: what `f` changes moves the count again.
+      if (quiet) quiet(Mox::changeCount());
+      f();
+   }
 };
 
 class RouterAgent {
@@ -113,8 +126,14 @@ class RouterAgent {
          loop_(host_.scheduler()),
          mountTask_(Mox::make<Kiln::Task>(host_.scheduler(), 0, "inputTableMount")),
          reportTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "agentReport")),
-         mountAction_(*mountTask_, [this] { mountTables(); }),
-         reportAction_(*reportTask_, [this] { report(); }) {
+         syncTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "publishedSync")),
+         mountAction_(
+             *mountTask_, [this] { mountTables(); }, [this](uint64_t c) { ownRun(c); }),
+         reportAction_(
+             *reportTask_, [this] { report(); }, [this](uint64_t c) { ownRun(c); }),
+         syncAction_(
+             *syncTask_, [] {}, [this](uint64_t c) { ownRun(c); }),
+         published_(options.router, host_.core().published()) {
       registerSubsystems(host_);
       host_.core().syslog().sinkIs(&systemLog_);
       if (options.srlb) {
@@ -122,6 +141,7 @@ class RouterAgent {
          host_.mplsConfig()->labelRangeIs(Mpls::srlbRangeName,
                                           Mpls::LabelRange(first, last - first + 1));
       }
+      if (options.resolvedLabels) resolveLabels(*options.resolvedLabels);
       // Made after the defaults above (SR-TE on, the --srlb block): a router table that goes
       // away gives them back.
       routerTables_ = std::make_unique<RouterTablesMirror>(
@@ -149,6 +169,9 @@ class RouterAgent {
    int run() {
       err_ << "srte agent: router " << options_.router << ", pid " << ::getpid() << ", started\n"
            << std::flush;
+      // What an earlier agent published is in the entities before any machine starts: their
+      // start-up adopts what is still valid and removes the rest.
+      mountPublished();
       host_.start();
       mountTables();
       loop_.run();
@@ -178,7 +201,68 @@ class RouterAgent {
       return std::to_string(paths()) + " paths in " + std::to_string(mirrors_.size()) +
              (mirrors_.size() == 1 ? " input table" : " input tables") + ", " +
              std::to_string(host_.core().published().policySelectionInput->policyIdEntry().size()) +
-             " candidates for selection";
+             " candidates for selection, " + std::to_string(published_.sharedRecords()) +
+             " published records (" + std::to_string(published_.totals().written) + " written, " +
+             std::to_string(published_.totals().erased) + " erased since start, in " +
+             std::to_string(std::chrono::duration<double>(published_.syncTime()).count()) + " s)";
+   }
+
+   // Every label of `labels` gets an LFIB route over one of 16 two-way ECMP adjacencies.
+   void resolveLabels(std::pair<uint32_t, uint32_t> labels) {
+      constexpr Mpls::AdjacencyIndex adjacencies = 16;
+      for (Mpls::AdjacencyIndex a = 1; a <= adjacencies; ++a) {
+         auto via = [a](uint32_t v) {
+            const uint32_t n = static_cast<uint32_t>(2 * a + v);
+            return Mpls::Via(Ipkit::IpGenAddr::v4(0x0b000000u + n),
+                             Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n),
+                             Ipkit::MplsLabelAction::swap,
+                             Ipkit::MplsLabel(17000 + static_cast<uint32_t>(a)));
+         };
+         host_.mplsStatus()->adjacencyIs(a, {via(0), via(1)});
+      }
+      for (uint32_t l = labels.first; l <= labels.second; ++l) {
+         host_.mplsStatus()->lfibRouteIs(Mpls::LFib::Route(
+             Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)), Mpls::LFib::RouteType::unknown,
+             Mpls::LFib::Source::unknown,
+             Mpls::AdjacencyKey(1 + l % adjacencies, Mpls::AdjacencyType::nexthop)));
+      }
+   }
+
+   void mountPublished() {
+      for (const PublishedMountReport& r : published_.mount()) {
+         if (!r.refused.empty()) {
+            err_ << "srte agent: refused published table " << r.table << ": " << r.refused
+                 << "; it starts empty\n";
+         } else if (r.found) {
+            err_ << "srte agent: mounted published table " << r.table << ", " << r.records
+                 << " records\n";
+         }
+      }
+      err_ << std::flush;
+   }
+
+   void ownRun(uint64_t count) { published_.ownRunChangedNothing(count); }
+
+   // Writes what changed into the shared published tables, no more often than their cost allows.
+   void syncPublished() {
+      if (!published_.syncWanted()) return;
+      const auto now = std::chrono::steady_clock::now();
+      if (now < published_.syncDue()) {
+         syncTask_->scheduleTaskLowestDelay(
+             std::chrono::duration_cast<Kiln::Duration>(published_.syncDue() - now));
+         return;
+      }
+      // A stop signal waits in the signal queue (the loop reads it from a signalfd): the sync
+      // leaves off for it.
+      published_.sync([] {
+         sigset_t pending;
+         return ::sigpending(&pending) == 0 &&
+                (sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1);
+      });
+      for (const std::string& p : published_.takeProblems()) {
+         if (reported_.insert(p).second) err_ << "srte agent: published tables: " << p << "\n";
+      }
+      err_ << std::flush;
    }
 
    void noteChanges(const MirrorCounts& c) {
@@ -289,8 +373,9 @@ class RouterAgent {
 
    // No work queued and no timer of the core's pending: what the input says is all done.
    bool coreQuiet() const {
-      size_t own =
-          (mountTask_->expirationTimeNs() ? 1 : 0) + (reportTask_->expirationTimeNs() ? 1 : 0);
+      size_t own = (mountTask_->expirationTimeNs() ? 1 : 0) +
+                   (reportTask_->expirationTimeNs() ? 1 : 0) +
+                   (syncTask_->expirationTimeNs() ? 1 : 0);
       return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
@@ -370,9 +455,11 @@ class RouterAgent {
    }
 
    void onIdle() {
-      // No task is ready: every change taken in has been worked through.
-      answerSyncs();
-      if (!coreQuiet()) return;
+      syncPublished();
+      // No task is ready: every change taken in has been worked through. A sync is answered once
+      // what the core published is in shared memory too, where the attached CLI reads it.
+      if (!published_.syncWanted()) answerSyncs();
+      if (!coreQuiet() || published_.syncWanted()) return;
       if (!converged_) {
          converged_ = true;
          changed_ = false;
@@ -393,7 +480,7 @@ class RouterAgent {
    // Runs last among ready tasks (largest priority value): the core has no work queued then.
    void report() {
       if (!changed_) return;
-      if (!coreQuiet()) {
+      if (!coreQuiet() || published_.syncWanted()) {
          reportTask_->scheduleTaskLowestDelay(std::chrono::milliseconds(10));
          return;
       }
@@ -423,8 +510,10 @@ class RouterAgent {
    std::vector<ControlServer::Client> syncs_;
    uint64_t takenInBefore_ = 0; // by input mirrors since dropped
    uint64_t routerTakenIn_ = 0; // keys of the router's tables
-   Mox::Ptr<Kiln::Task> mountTask_, reportTask_;
-   TaskAction mountAction_, reportAction_;
+   Mox::Ptr<Kiln::Task> mountTask_, reportTask_, syncTask_;
+   TaskAction mountAction_, reportAction_, syncAction_;
+   // The published tables in shared memory: mounted before the core starts, then written.
+   PublishedMirror published_;
    std::map<Protocol, std::unique_ptr<InputMirror>> mirrors_;
    // The router's own tables (configuration, MPLS, hardware, counters). With an MPLS
    // configuration table the SRLB comes from there and `--srlb` is only the value without one.

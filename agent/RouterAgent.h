@@ -65,6 +65,10 @@ struct AgentOptions {
    // The platform's block of binding SIDs, first and last label, for a router without a shared
    // MPLS configuration table (a lab fed by `srte feed` alone): once that table exists, it says.
    std::optional<std::pair<uint32_t, uint32_t>> srlb;
+   // Labels, first and last, that resolve: each has an LFIB route over one of 16 two-way ECMP
+   // adjacencies, for a router without a shared MPLS status table (a lab fed by `srte feed`
+   // alone): once that table exists, it says.
+   std::optional<std::pair<uint32_t, uint32_t>> resolvedLabels;
    // After a stop signal, end the process at once instead of tearing the in-process state down
    // (the kernel takes the memory back; nothing outside the process changes either way).
    bool exitOnStop = false;

@@ -40,12 +40,13 @@ void printHelp() {
           "                          inputs go to its shared tables, run waits for the agent,\n"
           "                          show asks it what only it knows\n"
           "  srte --help, --version  print this text, or the version\n"
-          "  srte agent --router NAME [--srlb FIRST-LAST]\n"
+          "  srte agent --router NAME [--srlb FIRST-LAST] [--resolve FIRST-LAST]\n"
           "                          the SR-TE agent of router NAME on the real clock: mirrors\n"
           "                          the router's shared input, configuration and MPLS tables\n"
           "                          into the core; SIGTERM or SIGINT stop it. --srlb: the block\n"
           "                          binding SIDs come from while no MPLS configuration table\n"
-          "                          exists\n"
+          "                          exists; --resolve: labels with an LFIB route while no MPLS\n"
+          "                          status table exists\n"
           "  srte feed --router NAME [--protocol P] --paths N [--first K] [--erase]\n"
           "                          write (or erase) N numbered candidate paths, from K, in\n"
           "                          the shared input table of protocol P (bgp by default)\n"
@@ -151,6 +152,15 @@ int runCommand(const std::string& command, int argc, char** argv) {
             return usage("--srlb takes FIRST-LAST, labels from 16 to 1048575");
          }
          agent.srlb = std::make_pair(first, last);
+      } else if (command == "agent" && arg == "--resolve") {
+         const size_t dash = value.find('-');
+         uint32_t first = 0, last = 0;
+         if (dash == value.npos || !number(value.substr(0, dash), first) ||
+             !number(value.substr(dash + 1), last) || first < 16 || last < first ||
+             last > Ipkit::MplsLabel::maxLabel) {
+            return usage("--resolve takes FIRST-LAST, labels from 16 to 1048575");
+         }
+         agent.resolvedLabels = std::make_pair(first, last);
       } else if (command == "feed" && arg == "--protocol") {
          auto p = SrTePolicy::sequenceToValue(value);
          if (!p || (*p != SrTePolicy::Protocol::bgp && *p != SrTePolicy::Protocol::staticConfig)) {

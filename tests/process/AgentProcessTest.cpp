@@ -11,6 +11,10 @@
 
 #include <chrono>
 #include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -19,6 +23,8 @@
 
 #include "agent/Feed.h"
 #include "agent/InputMirror.h"
+#include "agent/PublishedMirror.h"
+#include "agent/PublishedRecords.h"
 #include "agent/RouterTablesShm.h"
 #include "platform/VaultShm.h"
 #include "tests/process/Process.h"
@@ -67,8 +73,13 @@ TEST_F(AgentProcessTest, ConvergesOnFedPathsAndStopsOnSigterm) {
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
    EXPECT_LT(Clock::now() - start, 1s);
    EXPECT_NE(agent.err().find("stopped by signal 15"), std::string::npos) << agent.err();
-   // The input table is its writer's: the agent leaves it.
-   EXPECT_EQ(Vault::Shm::tablesOf(r), std::vector<std::string>{"policyInput-bgp"});
+   // The input table is its writer's: the agent leaves it. It leaves what it published too.
+   const std::vector<std::string> tables = Vault::Shm::tablesOf(r);
+   EXPECT_EQ(std::set<std::string>(tables.begin(), tables.end()),
+             (std::set<std::string>{
+                 "policyInput-bgp", "policySelectionInput", "exportedSegmentLists",
+                 "segmentListStatus", "srTeSegmentListTunnelTable", "ecPolicy", "policyStatus",
+                 "srteFwdStatus", "tunnelIdToPolicyKey", "srTePolicyLfibStatus"}));
 }
 
 TEST_F(AgentProcessTest, StopsWithinASecondWhileBusy) {
@@ -213,7 +224,8 @@ TEST_F(AgentProcessTest, TheRouterTablesWrittenByAnotherProcessReachTheCore) {
    ASSERT_TRUE(agent.waitFor("mounted config")) << agent.err();
    ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 0 candidates")) << agent.err();
    local.config->enabledIs(true);
-   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates")) << agent.err();
+   ASSERT_TRUE(agent.waitFor("converged: 200 paths in 1 input table, 100 candidates"))
+       << agent.err();
 
    // A second writer of the router's tables is refused, naming the table.
    SrTePolicy::StandaloneRouter other;
@@ -224,6 +236,254 @@ TEST_F(AgentProcessTest, TheRouterTablesWrittenByAnotherProcessReachTheCore) {
    EXPECT_NE(errors[0].find("mpls-labelRange is written by process"), std::string::npos)
        << errors[0];
 
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+}
+
+// ---- the published tables
+
+// What forwarding can tell of the published tables, each row by its meaning: ids the core
+// allocates (segment lists and the tunnels named after them, FECs, adjacency indexes) stand for
+// what they name, and the times of changes are left out. Two agents that made the same decisions
+// from the same inputs, in whatever order and over whatever restarts, give the same.
+using Meaning = std::map<std::string, std::multiset<std::string>>;
+
+Meaning meaningOf(const SrTePolicy::PublishedTables& t) {
+   using namespace SrTePolicy;
+   auto labels = [&](SegmentListId id) {
+      const auto list = t.exportedSegmentListColl->segmentList(id);
+      if (!list) return "list?" + std::to_string(id.value);
+      std::string s = "[";
+      for (const Export::Segment& seg : list->segment()) s += seg.mplsLabel.stringValue() + " ";
+      return s + "]";
+   };
+   auto tunnel = [&](Tunnel::TunnelTable::TunnelId id) {
+      return "tunnel" + labels(SegmentListId(id.index()));
+   };
+   auto fec = [&](Vault::Fib::FecId id) -> std::string {
+      const PolicyKey* key = t.policyStatus->fecIdToPolicyKey(id);
+      if (!key) return "fec?" + id.stringValue();
+      const auto entry = t.policyStatus->status(*key);
+      return key->stringValue() + (entry && entry->fecId() == id ? "/fec" : "/nullLabelFec");
+   };
+   Meaning m;
+   for (const auto& [id, e] : t.policySelectionInput->policyIdEntry()) {
+      std::string s = id.stringValue() + " " + std::to_string(e->preference().value) + " " +
+                      e->originator().stringValue() + " " + e->bindingSid().stringValue();
+      for (const auto& [i, row] : e->wSegmentList()) {
+         s += " " + std::to_string(i) + ":" + labels(row.segmentListId) + "/" +
+              std::to_string(row.weight.value) + "/" + tunnel(row.tunnelId);
+      }
+      m["policySelectionInput"].insert(s);
+   }
+   for (const auto& [id, list] : t.exportedSegmentListColl->segmentList()) {
+      m["exportedSegmentLists"].insert(labels(id) + " size " + std::to_string(list->size()));
+   }
+   for (const auto& [id, error] : t.segmentListStatus->status()) {
+      m["segmentListStatus"].insert(labels(id) + " " + segmentListResolveErrorName(error));
+   }
+   for (const auto& [id, entry] : t.tunnelTable->entry()) {
+      std::string s = tunnel(id);
+      for (const auto& [i, via] : entry.via())
+         s += " " + std::to_string(i) + ":" + via.stringValue();
+      m["srTeSegmentListTunnelTable"].insert(s);
+   }
+   for (const auto& [key, policy] : t.ecPolicy->policy()) {
+      if (policy->candidate().empty()) m["ecPolicy"].insert(key.stringValue() + " empty");
+      for (const auto& [priority, e] : policy->candidate()) {
+         std::string s = key.stringValue() + " " + priority.stringValue() +
+                         (policy->active() == e ? " active " : " ") + e->bindingSid().stringValue();
+         for (const auto& [i, row] : e->wTunnelId()) {
+            s += " " + std::to_string(i) + ":" + tunnel(row.tunnelId) + "/" +
+                 std::to_string(row.weight.value);
+         }
+         m["ecPolicy"].insert(s);
+      }
+   }
+   for (const auto& [key, e] : t.policyStatus->status()) {
+      m["policyStatus"].insert(key.stringValue() + " " + e->candidateId().stringValue() + " " +
+                               e->originator().stringValue() + " " + e->bindingSid().stringValue());
+   }
+   for (const auto& [id, f] : t.srteFwdStatus->fec()) {
+      std::string s = fec(id);
+      for (const Vault::Fib::Via& via : f->via()) {
+         s += " (" + via.intfId().stringValue() + " " + via.mplsLabel().stringValue() + " " +
+              std::to_string(static_cast<uint32_t>(via.labelAction())) + " " +
+              tunnel(via.tunnelId()) + ")";
+      }
+      m["srteFwdStatus"].insert(s);
+   }
+   for (const auto& [id, row] : t.tunnelIdToPolicyKey->tunnelEntry()) {
+      m["tunnelIdToPolicyKey"].insert(tunnel(id) + " " + row.policyKey.stringValue());
+   }
+   if (const auto& lfib = t.lfibStatus->lfib()) {
+      for (const auto& [key, route] : lfib->lfibRoute()) {
+         std::string s = key.stringValue() + " source " +
+                         std::to_string(static_cast<uint32_t>(route.source)) + " via ";
+         const auto* adj = route.via.type() == Mpls::AdjacencyType::externalFec
+                               ? lfib->lfibExtFecAdjacency(route.via.index())
+                               : nullptr;
+         s += adj ? fec(adj->fecId) : route.via.stringValue();
+         m["srTePolicyLfibStatus"].insert(s);
+      }
+      for (const auto& [index, adj] : lfib->lfibExtFecAdjacency()) {
+         m["srTePolicyLfibStatus"].insert("adjacency " + fec(adj.fecId) + " " +
+                                          std::to_string(static_cast<uint32_t>(adj.labelAction)));
+      }
+   }
+   return m;
+}
+
+// The published tables of `router` as another process reads them.
+Meaning publishedMeaning(const std::string& router, size_t* records = nullptr) {
+   SrTePolicy::PublishedTables tables;
+   Agent::PublishedReader reader(router, tables);
+   const Agent::PublishedCounts c = reader.drain();
+   EXPECT_TRUE(reader.refused().empty()) << reader.refused().front();
+   if (records) *records = c.applied;
+   return meaningOf(tables);
+}
+
+// Watches every published table of a router from outside, key by key, as forwarding would.
+class PublishedWatch {
+ public:
+   explicit PublishedWatch(const std::string& router) {
+      Agent::Published::forEachCodec([&]<class C>(C) {
+         auto r = std::make_shared<Vault::Shm::Reader<typename C::Key, typename C::Record>>(
+             router, C::table);
+         r->drain([](const auto&) {}, [] {}); // attached
+         drains_.push_back([r] {
+            size_t keys = 0;
+            r->drain([&](const auto&) { ++keys; }, [] {});
+            return keys;
+         });
+      });
+   }
+   // Keys told changed since the last look, over every table (a new writer's "rescan" is not a
+   // change of any key).
+   size_t changedKeys() {
+      size_t n = 0;
+      for (auto& d : drains_) n += d();
+      return n;
+   }
+
+ private:
+   std::vector<std::function<size_t()>> drains_;
+};
+
+double convergedSeconds(const std::string& err) {
+   const size_t at = err.rfind(" s after start");
+   if (at == std::string::npos) return 0;
+   const size_t from = err.rfind(", ", at);
+   return std::stod(err.substr(from + 2, at - from - 2));
+}
+
+// Killed with SIGKILL at random moments while it converges, `kills` times, the agent comes back
+// each time over what it left; after the last start its published tables say what a fresh
+// agent's say, and one more kill and start changes nothing in them.
+void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const std::string& crashed,
+                      uint32_t paths, int kills) {
+   const std::vector<std::string> agentArgs{"--srlb", "100000-899999", "--resolve", "16000-19999"};
+   auto agentFor = [&](const std::string& r) {
+      std::vector<std::string> args{"agent", "--router", r};
+      args.insert(args.end(), agentArgs.begin(), agentArgs.end());
+      return std::make_unique<Process>(args);
+   };
+   const auto limit = std::chrono::seconds(30);
+   ASSERT_EQ(feed(fresh, {"--paths", std::to_string(paths)}), 0);
+   ASSERT_EQ(feed(crashed, {"--paths", std::to_string(paths)}), 0);
+   double converge = 0;
+   {
+      auto agent = agentFor(fresh);
+      ASSERT_TRUE(agent->waitFor("converged: " + std::to_string(paths) + " paths", limit))
+          << agent->err();
+      converge = convergedSeconds(agent->err());
+      kill(agent->pid(), SIGTERM);
+      ASSERT_EQ(agent->exitStatus(5s), 0) << agent->err();
+   }
+   size_t records = 0;
+   const Meaning expected = publishedMeaning(fresh, &records);
+   ASSERT_GT(records, paths * 5u);
+
+   // Kill moments spread over a start and its convergence (later starts mount what is there
+   // first, which takes longer than the fresh start did).
+   std::mt19937 random(static_cast<uint32_t>(getpid()));
+   std::uniform_int_distribution<int> moment(0, static_cast<int>(converge * 1500) + 20);
+   for (int i = 0; i < kills; ++i) {
+      auto agent = agentFor(crashed);
+      std::this_thread::sleep_for(std::chrono::milliseconds(moment(random)));
+      kill(agent->pid(), SIGKILL);
+      EXPECT_EQ(agent->exitStatus(5s), 128 + SIGKILL) << agent->err();
+      EXPECT_EQ(agent->err().find("refused"), std::string::npos) << agent->err();
+   }
+   {
+      auto agent = agentFor(crashed);
+      ASSERT_TRUE(agent->waitFor("converged: " + std::to_string(paths) + " paths", limit))
+          << agent->err();
+      EXPECT_EQ(agent->err().find("refused"), std::string::npos) << agent->err();
+      // SIGKILL: the last of the deaths above, as far as the tables know.
+      kill(agent->pid(), SIGKILL);
+      agent->exitStatus(5s);
+   }
+   const Meaning after = publishedMeaning(crashed);
+   for (const auto& [table, rows] : expected) {
+      EXPECT_EQ(after.at(table).size(), rows.size()) << table;
+      EXPECT_TRUE(after.at(table) == rows) << table << " differs from a fresh agent's";
+   }
+
+   // One more start over unchanged inputs: not one key of any published table is written.
+   PublishedWatch watch(crashed);
+   auto agent = agentFor(crashed);
+   ASSERT_TRUE(agent->waitFor("converged: " + std::to_string(paths) + " paths", limit))
+       << agent->err();
+   EXPECT_NE(agent->err().find("(0 written, 0 erased since start, in "), std::string::npos)
+       << agent->err();
+   EXPECT_EQ(watch.changedKeys(), 0u);
+   // A stop leaves them as they are too.
+   kill(agent->pid(), SIGTERM);
+   EXPECT_EQ(agent->exitStatus(5s), 0);
+   EXPECT_EQ(watch.changedKeys(), 0u);
+   EXPECT_TRUE(publishedMeaning(crashed) == expected);
+   static_cast<void>(test);
+}
+
+// 100,000 paths: about 20 s on two cores.
+TEST_F(AgentProcessTest, KilledTwentyTimesWhileConvergingItComesBackToWhatAFreshAgentPublishes) {
+   crashAndComeBack(*this, router("fresh"), router("crashed"), 100000, 20);
+}
+
+TEST_F(AgentProcessTest, ACorruptPublishedTableIsRefusedAndTheAgentStartsAsOnAnEmptyOne) {
+   const std::string r = router("badpub");
+   ASSERT_EQ(feed(r, {"--paths", "500"}), 0);
+   const std::vector<std::string> args{"agent",     "--router",   r, "--srlb", "100000-899999",
+                                       "--resolve", "16000-19999"};
+   {
+      Process agent(args);
+      ASSERT_TRUE(agent.waitFor("converged: 500 paths")) << agent.err();
+      kill(agent.pid(), SIGKILL);
+      agent.exitStatus();
+   }
+   const Meaning whole = publishedMeaning(r);
+   // One segment of junk, one cut short.
+   {
+      std::ofstream junk(Vault::Shm::segmentPath(r, "ecPolicy"), std::ios::trunc);
+      junk << std::string(8192, 'x');
+   }
+   ASSERT_EQ(truncate(Vault::Shm::segmentPath(r, "srteFwdStatus").c_str(), 5000), 0);
+   Process agent(args);
+   ASSERT_TRUE(agent.waitFor("converged: 500 paths")) << agent.err();
+   const std::string& e = agent.err();
+   EXPECT_NE(e.find("refused published table ecPolicy: Vault table " +
+                    Vault::Shm::segmentPath(r, "ecPolicy") + " is corrupt: wrong magic"),
+             std::string::npos)
+       << e;
+   EXPECT_NE(e.find("refused published table srteFwdStatus: Vault table " +
+                    Vault::Shm::segmentPath(r, "srteFwdStatus") + " is corrupt: truncated"),
+             std::string::npos)
+       << e;
+   EXPECT_NE(e.find("mounted published table policyStatus, 500 records"), std::string::npos) << e;
+   // Both tables were made anew and hold again what the core publishes.
+   EXPECT_TRUE(publishedMeaning(r) == whole);
    kill(agent.pid(), SIGTERM);
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
 }

@@ -138,8 +138,15 @@ TEST_F(AttachedCliTest, AnAttachedScriptShowsWhatTheInProcessRouterShows) {
    ASSERT_EQ(once.status, 0) << once.err;
    EXPECT_EQ(meaning(next.out), meaning(once.out)) << next.out << "\n" << once.out;
 
+   // The agent stopped, what forwarding has still shows: the published tables are read directly.
+   const std::string published = "show policy-status json\nshow lfib json\n";
+   const Run before = attached(r, published);
    kill(agent.pid(), SIGTERM);
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
+   const Run after = attached(r, published);
+   EXPECT_EQ(after.status, 0) << after.err;
+   EXPECT_EQ(after.out, before.out);
+   EXPECT_NE(after.out.find("\"nullLabelFecId\""), std::string::npos) << after.out;
 }
 
 TEST_F(AttachedCliTest, WithoutAnAgentRunFailsClearlyAndTheRouterTablesStillShow) {

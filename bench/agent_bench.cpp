@@ -1,0 +1,278 @@
+// The multi-process pipeline against the in-process one, on the same inputs, in one run:
+//  - in process: N paths (`srte feed`'s records) in an input table, a core started over them and
+//    run until idle (virtual clock); then a restart of the core over its published tables, with
+//    the changes it made to them (core/SrTePolicyRestartWatch.h);
+//  - through shared memory: `srte feed` writes the N records into the router's shared input
+//    table (timed apart: the protocols' work), then `srte agent` starts, mounts, converges and
+//    writes the published shared tables: the time it reports on its "converged" line. Then
+//    SIGKILL and a start again over what it left: time to converged, records it wrote, and keys
+//    a reader in this process was told changed in any published table;
+//  - the agent's resident memory at convergence, its own (anonymous) and its shared tables'
+//    (the segments it maps), against the in-process core's growth.
+//
+//   agent_bench [paths]      default 100000
+#include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/Feed.h"
+#include "agent/PublishedRecords.h"
+#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyRestartWatch.h"
+#include "platform/VaultShm.h"
+
+using namespace SrTePolicy;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double since(Clock::time_point t) {
+   return std::chrono::duration<double>(Clock::now() - t).count();
+}
+
+// "VmRSS", "RssAnon", "RssShmem" of a process, in bytes.
+size_t statusBytes(pid_t pid, const std::string& field) {
+   std::ifstream in("/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/status");
+   std::string line;
+   while (std::getline(in, line)) {
+      if (line.rfind(field + ":", 0) == 0) {
+         std::istringstream s(line.substr(field.size() + 1));
+         size_t kb = 0;
+         s >> kb;
+         return kb * 1024;
+      }
+   }
+   return 0;
+}
+
+// The srte program, its standard error read through a pipe.
+class Srte {
+ public:
+   explicit Srte(std::vector<std::string> args) {
+      int err[2];
+      if (pipe2(err, O_CLOEXEC) != 0) std::abort();
+      std::vector<char*> argv{const_cast<char*>("srte")};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      pid_ = fork();
+      if (pid_ == 0) {
+         dup2(err[1], STDERR_FILENO);
+         execv(SRTE_PROGRAM, argv.data());
+         _exit(127);
+      }
+      close(err[1]);
+      fd_ = err[0];
+   }
+   ~Srte() {
+      if (!exited_) {
+         kill(pid_, SIGKILL);
+         waitpid(pid_, nullptr, 0);
+      }
+      close(fd_);
+   }
+   pid_t pid() const { return pid_; }
+   // The line holding `text`, empty after `limit`.
+   std::string waitFor(const std::string& text, double limit = 600) {
+      const auto end = Clock::now() + std::chrono::duration<double>(limit);
+      for (;;) {
+         const size_t at = err_.find(text, seen_);
+         const size_t eol = at == std::string::npos ? at : err_.find('\n', at);
+         if (eol != std::string::npos) {
+            const size_t bol = err_.rfind('\n', at);
+            seen_ = eol;
+            return err_.substr(bol == std::string::npos ? 0 : bol + 1, eol - bol - 1);
+         }
+         const int left = static_cast<int>(
+             std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count());
+         pollfd p{fd_, POLLIN, 0};
+         if (left <= 0 || poll(&p, 1, left) <= 0) return {};
+         char buf[4096];
+         const ssize_t n = read(fd_, buf, sizeof buf);
+         if (n <= 0) return {};
+         err_.append(buf, static_cast<size_t>(n));
+      }
+   }
+   int stop(int signal) {
+      kill(pid_, signal);
+      int status = 0;
+      waitpid(pid_, &status, 0);
+      exited_ = true;
+      return status;
+   }
+   const std::string& err() const { return err_; }
+
+ private:
+   pid_t pid_ = -1;
+   int fd_ = -1;
+   bool exited_ = false;
+   std::string err_;
+   size_t seen_ = 0;
+};
+
+double numberBefore(const std::string& line, const std::string& what) {
+   const size_t at = line.find(what);
+   if (at == std::string::npos) return -1;
+   size_t from = line.rfind(' ', at - 1);
+   from = line.rfind(' ', from - 1);
+   if (line[from + 1] == '(') ++from;
+   return std::atof(line.c_str() + from + 1);
+}
+
+// The agent's LFIB routes (RouterAgent's --resolve), for the in-process core.
+void resolveLabels(Mpls::Status& mpls, uint32_t first, uint32_t last) {
+   constexpr Mpls::AdjacencyIndex adjacencies = 16;
+   for (Mpls::AdjacencyIndex a = 1; a <= adjacencies; ++a) {
+      auto via = [a](uint32_t v) {
+         const uint32_t n = static_cast<uint32_t>(2 * a + v);
+         return Mpls::Via(
+             Ipkit::IpGenAddr::v4(0x0b000000u + n), Ipkit::IntfId(Ipkit::IntfId::Kind::ethernet, n),
+             Ipkit::MplsLabelAction::swap, Ipkit::MplsLabel(17000 + static_cast<uint32_t>(a)));
+      };
+      mpls.adjacencyIs(a, {via(0), via(1)});
+   }
+   for (uint32_t l = first; l <= last; ++l) {
+      mpls.lfibRouteIs(
+          Mpls::LFib::Route(Mpls::RouteKey::fromLabel(Ipkit::MplsLabel(l)),
+                            Mpls::LFib::RouteType::unknown, Mpls::LFib::Source::unknown,
+                            Mpls::AdjacencyKey(1 + l % adjacencies, Mpls::AdjacencyType::nexthop)));
+   }
+}
+
+struct InProcess {
+   double converge = 0, restart = 0;
+   uint64_t restartChanges = 0;
+   size_t bytes = 0; // resident growth from before the input to convergence
+};
+
+InProcess inProcess(uint32_t paths) {
+   InProcess out;
+   malloc_trim(0);
+   const size_t before = statusBytes(0, "VmRSS");
+   Kiln::TaskScheduler scheduler;
+   StandaloneRouter router;
+   router.config->enabledIs(true);
+   router.mplsConfig->labelRangeIs(Mpls::srlbRangeName, Mpls::LabelRange(100000, 800000));
+   resolveLabels(*router.mplsStatus, 16000, 19999);
+   Mox::Ptr<PolicyInput> input = policyInputFactory("policyInput-bgp");
+   for (uint32_t n = 0; n < paths; ++n) {
+      input->policyInputEntryIs(Agent::feedRecord(Protocol::bgp, n));
+   }
+   input->mountStatusIs(Vault::MountStatus::mounted);
+   router.input->policyInputIs(Protocol::bgp, input);
+   PolicyCore core(router.tables(scheduler));
+   const auto t0 = Clock::now();
+   core.start();
+   scheduler.runUntilIdle();
+   out.converge = since(t0);
+   out.bytes = statusBytes(0, "VmRSS") - before;
+   {
+      Mox::BulkKeep keep;
+      const auto t1 = Clock::now();
+      core.stop();
+      RestartWatch watch(core.published());
+      core.start();
+      scheduler.runUntilIdle();
+      out.restart = since(t1);
+      out.restartChanges = watch.changes();
+   }
+   return out;
+}
+
+// Keys told changed in every published table of a router, seen from this process.
+class Watch {
+ public:
+   explicit Watch(const std::string& router) {
+      Agent::Published::forEachCodec([&]<class C>(C) {
+         auto r = std::make_shared<Vault::Shm::Reader<typename C::Key, typename C::Record>>(
+             router, C::table);
+         r->drain([](const auto&) {}, [] {});
+         drains_.push_back([r] {
+            size_t keys = 0;
+            r->drain([&](const auto&) { ++keys; }, [] {});
+            return keys;
+         });
+      });
+   }
+   size_t changedKeys() {
+      size_t n = 0;
+      for (auto& d : drains_) n += d();
+      return n;
+   }
+
+ private:
+   std::vector<std::function<size_t()>> drains_;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+   const uint32_t paths = argc > 1 ? static_cast<uint32_t>(std::atol(argv[1])) : 100000;
+   const std::string router = "bench" + std::to_string(getpid());
+   const std::string n = std::to_string(paths);
+   std::printf(
+       "agent_bench: %u paths (srte feed's records: 2 lists of 3 labels over 4000 labels)\n",
+       paths);
+
+   const InProcess in = inProcess(paths);
+   std::printf("in process: converged      %.3f s, %.0f paths/s\n", in.converge,
+               paths / in.converge);
+   std::printf("in process: restart        %.3f s, %lu changes to published tables\n", in.restart,
+               static_cast<unsigned long>(in.restartChanges));
+   std::printf("in process: memory         %.0f bytes per path (core and its input table)\n",
+               static_cast<double>(in.bytes) / paths);
+
+   const auto f0 = Clock::now();
+   {
+      Srte feed({"feed", "--router", router, "--paths", n});
+      feed.waitFor("never", 3600);
+      feed.stop(0);
+   }
+   std::printf("shared: feed written       %.3f s\n", since(f0));
+   const std::vector<std::string> agentArgs{"agent",         "--router",  router,       "--srlb",
+                                            "100000-899999", "--resolve", "16000-19999"};
+   double cold = 0;
+   {
+      Srte agent(agentArgs);
+      const std::string line = agent.waitFor("converged: " + n + " paths");
+      if (line.empty()) {
+         std::fprintf(stderr, "the agent did not converge: %s\n", agent.err().c_str());
+         return 1;
+      }
+      cold = numberBefore(line, "s after start");
+      const size_t anon = statusBytes(agent.pid(), "RssAnon");
+      const size_t shmem = statusBytes(agent.pid(), "RssShmem");
+      std::printf("shared: converged          %.3f s, %.0f paths/s, %.0f%% of in process\n", cold,
+                  paths / cold, 100 * in.converge / cold);
+      std::printf("shared: %s\n", line.c_str() + line.find("converged: "));
+      std::printf("shared: agent memory       %.0f bytes per path own, %.0f in shared tables "
+                  "it maps\n",
+                  static_cast<double>(anon) / paths, static_cast<double>(shmem) / paths);
+      agent.stop(SIGKILL);
+   }
+   {
+      Watch watch(router);
+      Srte agent(agentArgs);
+      const std::string line = agent.waitFor("converged: " + n + " paths");
+      const double restart = numberBefore(line, "s after start");
+      std::printf("shared: restart (SIGKILL)  %.3f s, %.2f of the cold start; %.0f records "
+                  "written, %zu keys told changed\n",
+                  restart, restart / cold, numberBefore(line, "written,"), watch.changedKeys());
+      agent.stop(SIGTERM);
+   }
+   for (const std::string& t : Vault::Shm::tablesOf(router)) Vault::Shm::removeTable(router, t);
+   return 0;
+}
