@@ -164,6 +164,13 @@ TEST_F(AttachedCliTest, WithoutAnAgentRunFailsClearlyAndTheRouterTablesStillShow
    const Run show = attached(r, "show input\n");
    EXPECT_EQ(show.status, 0) << show.err;
    EXPECT_NE(show.out.find("Input table bgp (20): 1 record"), std::string::npos) << show.out;
+   // show all gives what it can read and names what only the agent has.
+   const Run all = attached(r, "show all\n");
+   EXPECT_EQ(all.status, 0) << all.err;
+   EXPECT_NE(all.out.find("Input table bgp (20): 1 record"), std::string::npos) << all.out;
+   EXPECT_NE(all.out.find("Not shown, only the agent has them: candidates bsid-users segments"),
+             std::string::npos)
+       << all.out;
    // A table only the agent knows says why it is not there.
    const Run asked = attached(r, "show candidates\n");
    EXPECT_EQ(asked.status, 1);
