@@ -155,11 +155,13 @@ bool syncTable(SharedWriter<C>& shared, const typename C::Entity& entity, Publis
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
    size_t records = 0;
+   // An empty table (a first start, one made anew) has nothing to compare with.
+   const bool empty = shared.size() == 0;
    try {
       C::forEach(entity, [&](const Record& r) {
          check();
          ++records;
-         if (shared.lookup(r.key(), held) && sameRecord(held, r)) return;
+         if (!empty && shared.lookup(r.key(), held) && sameRecord(held, r)) return;
          shared.insert(r);
          ++counts.written;
       });
