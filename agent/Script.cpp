@@ -103,7 +103,11 @@ LineSource::Read FileLines::next(std::string& line, bool continued) {
          pos_ = searched = 0;
          if (!wasSkipping) return Read::tooLong;
       }
-      if (eof_ || !fill()) {
+      // fill() drops the lines already taken: where the search stopped moves with them.
+      const size_t seen = searched - pos_;
+      const bool more = !eof_ && fill();
+      searched = pos_ + seen;
+      if (!more) {
          if (promptOut_ && pos_ >= buffer_.size()) *promptOut_ << "\n";
          if (std::exchange(skipping_, false)) pos_ = buffer_.size();
          eof_ = true;
