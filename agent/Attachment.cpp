@@ -122,6 +122,10 @@ void Attachment::refresh() {
    for (const std::string& r : published_->refused()) {
       if (refusalsTold_.insert(r).second) host_.warn("published table refused: " + r);
    }
+   refreshInputs();
+}
+
+void Attachment::refreshInputs() {
    for (Protocol p : PolicyInputSm::handledProtocols) {
       auto it = tables_.find(p);
       if (it != tables_.end() && it->second.writer) continue;
@@ -150,9 +154,10 @@ void Attachment::refresh() {
 }
 
 void Attachment::claimInput(Protocol p) {
-   refresh();
+   // Once this process writes the table, a claim costs nothing: every input verb asks.
+   if (tables_[p].writer) return;
+   refreshInputs();
    Table& t = tables_[p];
-   if (t.writer) return;
    // A new table has room for as many records as the feeder's default.
    t.writer = std::make_unique<InputMirror::SharedInputWriter>(router_, inputTableName(p));
    t.reader.reset();

@@ -63,6 +63,8 @@ class Attachment {
    void claimInput(SrTePolicy::Protocol protocol);
    // Takes in what other processes changed in the shared tables this one does not write.
    void refresh();
+   // The same for the input tables alone.
+   void refreshInputs();
    // After each command: throws ScriptError when a router table it changed is another's.
    void afterCommand();
 

@@ -126,7 +126,7 @@ void Host::claimInput(SrTePolicy::Protocol protocol, const Args& a) {
 
 void Host::claimStaticInput(const Args& a) {
    if (!attachment_) return;
-   attachment_->refresh();
+   attachment_->refreshInputs();
    if (router_.input->policyInput(StaticInputWriter::protocol)) {
       claimInput(StaticInputWriter::protocol, a);
    }
