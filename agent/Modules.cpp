@@ -18,6 +18,7 @@ void registerSubsystems(Host& host) {
    registerLfib(host);
    registerTunnelMap(host);
    registerRestart(host);
+   registerBgp(host);
    registerCoreTables(host);
    registerRunningConfig(host);
 }

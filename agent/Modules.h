@@ -20,6 +20,7 @@ void registerSelection(Host& host);
 void registerLfib(Host& host);
 void registerTunnelMap(Host& host);
 void registerRestart(Host& host);
+void registerBgp(Host& host);
 
 // Registers every subsystem, in the order of `help` and `show all`.
 void registerSubsystems(Host& host);

@@ -103,11 +103,9 @@ LineSource::Read FileLines::next(std::string& line, bool continued) {
          pos_ = searched = 0;
          if (!wasSkipping) return Read::tooLong;
       }
-      // fill() drops the lines already taken: where the search stopped moves with them.
-      const size_t seen = searched - pos_;
-      const bool more = !eof_ && fill();
-      searched = pos_ + seen;
-      if (!more) {
+      // fill() moves the unread bytes to the front: what was searched moves with them.
+      const size_t consumed = pos_;
+      if (eof_ || !fill()) {
          if (promptOut_ && pos_ >= buffer_.size()) *promptOut_ << "\n";
          if (std::exchange(skipping_, false)) pos_ = buffer_.size();
          eof_ = true;
@@ -120,6 +118,7 @@ LineSource::Read FileLines::next(std::string& line, bool continued) {
          pos_ = buffer_.size();
          return Read::line;
       }
+      searched -= consumed;
    }
 }
 

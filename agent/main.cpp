@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <sstream>
@@ -17,6 +19,9 @@
 #include "agent/Script.h"
 #include "agent/Shell.h"
 #include "platform/VaultShm.h"
+#ifdef SRTE_HAVE_BGP
+#include "bgp/Adapter.h"
+#endif
 
 extern const char srteDemoScript[];
 extern const char* const srteVersion;
@@ -50,6 +55,13 @@ void printHelp() {
           "  srte feed --router NAME [--protocol P] --paths N [--first K] [--erase]\n"
           "                          write (or erase) N numbered candidate paths, from K, in\n"
           "                          the shared input table of protocol P (bgp by default)\n"
+          "  srte bgp --router NAME [--gobgp HOST:PORT] [--settle S] [--stale-hold S]\n"
+          "           [--capacity N]\n"
+          "                          the BGP adapter of router NAME: writes the best SR Policy\n"
+          "                          paths of the BGP speaker at HOST:PORT (127.0.0.1:50051)\n"
+          "                          into the bgp input table; after a reconnection, records the\n"
+          "                          speaker lacks go once its peers are up and quiet for S\n"
+          "                          seconds (1), or after --stale-hold S (120) whatever happens\n"
           "\n"
           "Options:\n"
           "  -x  print each command (after 'srte> ') before its output, and a line of what run\n"
@@ -116,6 +128,48 @@ int runInteractive(Agent::Host& host, bool echo) {
    options.echo = echo;
    return Agent::runScript(host, lines, std::cerr, options);
 }
+
+#ifdef SRTE_HAVE_BGP
+int runBgp(int argc, char** argv) {
+   SrTeBgp::AdapterOptions options;
+   auto usage = [](const std::string& why) {
+      std::cerr << "srte bgp: " << why << "; try 'srte --help'\n";
+      return Agent::exitCannotRun;
+   };
+   auto seconds = [](const std::string& text, std::chrono::milliseconds& out) {
+      char* end = nullptr;
+      const double s = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != 0 || !(s >= 0 && s <= 86400)) return false;
+      out = std::chrono::milliseconds(static_cast<int64_t>(s * 1000));
+      return true;
+   };
+   for (int i = 2; i < argc; ++i) {
+      const std::string arg = argv[i];
+      if (i + 1 >= argc) return usage("'" + Agent::printable(arg) + "' needs a value");
+      const std::string value = argv[++i];
+      if (arg == "--router") {
+         options.router = value;
+      } else if (arg == "--gobgp") {
+         if (value.find(':') == value.npos) return usage("--gobgp takes HOST:PORT");
+         options.speaker = value;
+      } else if (arg == "--settle") {
+         if (!seconds(value, options.settle)) return usage("--settle takes seconds");
+      } else if (arg == "--stale-hold") {
+         if (!seconds(value, options.staleHold)) return usage("--stale-hold takes seconds");
+      } else if (arg == "--capacity") {
+         if (value.empty() || value.size() > 9 ||
+             value.find_first_not_of("0123456789") != value.npos || std::stoul(value) == 0) {
+            return usage("--capacity takes a count of records below 10^9");
+         }
+         options.capacity = std::stoul(value);
+      } else {
+         return usage("unknown option '" + Agent::printable(arg) + "'");
+      }
+   }
+   if (options.router.empty()) return usage("--router NAME is required");
+   return SrTeBgp::runAdapter(options, std::cerr);
+}
+#endif
 
 // `srte agent ...` and `srte feed ...`: their options, one value each.
 int runCommand(const std::string& command, int argc, char** argv) {
@@ -189,6 +243,14 @@ int runCommand(const std::string& command, int argc, char** argv) {
 
 int main(int argc, char** argv) {
    std::ios::sync_with_stdio(false);
+   if (argc >= 2 && std::string(argv[1]) == "bgp") {
+#ifdef SRTE_HAVE_BGP
+      return runBgp(argc, argv);
+#else
+      std::cerr << "srte bgp: this srte was built without the BGP adapter (SRTE_BGP off)\n";
+      return Agent::exitCannotRun;
+#endif
+   }
    if (argc >= 2 && (std::string(argv[1]) == "agent" || std::string(argv[1]) == "feed")) {
       return runCommand(argv[1], argc, argv);
    }

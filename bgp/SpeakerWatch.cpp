@@ -51,8 +51,8 @@ bool SpeakerWatch::watchOnce(std::string& why) {
       if (!snapshotSeen) {
          snapshotSeen = true;
          handler_.onSnapshot(std::move(paths));
-      } else {
-         for (PathDecoding& d : paths) handler_.onChange(std::move(d));
+      } else if (!paths.empty()) {
+         handler_.onChanges(std::move(paths));
       }
    }
    const grpc::Status status = reader->Finish();

@@ -32,6 +32,10 @@ class SpeakerWatch {
       virtual ~Handler() = default;
       virtual void onSnapshot(std::vector<PathDecoding> paths) = 0;
       virtual void onChange(PathDecoding path) = 0;
+      // The changes of one message of the speaker's, in order; by default one onChange each.
+      virtual void onChanges(std::vector<PathDecoding> paths) {
+         for (PathDecoding& d : paths) onChange(std::move(d));
+      }
       virtual void onDisconnected(const std::string& why, std::chrono::milliseconds retryIn) = 0;
    };
    struct Options {
