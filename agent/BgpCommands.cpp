@@ -66,7 +66,8 @@ Show::View statusView(const BgpStatus& s, bool running) {
 
 void registerBgp(Host& host) {
    host.showIs(
-       "bgp", "the BGP adapter: connection, routes received, records written, refusals", [&host] {
+       "bgp", "the BGP adapter: connection, routes received, records written, refusals",
+       [&host] {
           const std::string& router = host.routerName();
           if (router.empty()) {
              return Show::View()
@@ -90,7 +91,9 @@ void registerBgp(Host& host) {
           } catch (const Vault::Corruption& e) {
              return Show::View().lineIs(std::string("BGP adapter status unreadable: ") + e.what());
           }
-       });
+       },
+       // The adapter's own shared table: read where it is shown, the agent need not run.
+       Host::Reads::router);
 }
 
 } // namespace Agent

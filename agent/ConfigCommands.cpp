@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/Attachment.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
@@ -150,17 +151,27 @@ Show::View configView(Host& host) {
       }
    }
    const bool inert = c.policyCount() > 0 && !staticTableExists(host);
+   // The status is the agent's to write: attached, it is asked of the agent.
+   Show::View::Setting agent =
+       setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled());
+   if (Attachment* a = host.attachment()) {
+      const std::optional<bool> on = a->agentEnabled();
+      if (on) {
+         agent = setting("agent enabled (status)", "agentEnabled", *on);
+      } else {
+         agent.value = Show::cell("unknown (no agent runs)", Json::Value::null());
+      }
+   }
    return Show::View()
        .lineIs("SR-TE configuration")
-       .settingsIs(
-           {"Setting", "Value"},
-           {setting("enabled", "enabled", c.enabled()),
-            setting("specified-bsid-only", "specifiedBsidOnly", c.specifiedBsidOnly()),
-            setting("segment-list-sharing", "segmentListSharingEnabled",
-                    c.segmentListSharingEnabled()),
-            setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
-                    c.useDiscriminatorInTieBreaking()),
-            setting("agent enabled (status)", "agentEnabled", host.status()->agentEnabled())})
+       .settingsIs({"Setting", "Value"},
+                   {setting("enabled", "enabled", c.enabled()),
+                    setting("specified-bsid-only", "specifiedBsidOnly", c.specifiedBsidOnly()),
+                    setting("segment-list-sharing", "segmentListSharingEnabled",
+                            c.segmentListSharingEnabled()),
+                    setting("discriminator-tie-break", "useDiscriminatorInTieBreaking",
+                            c.useDiscriminatorInTieBreaking()),
+                    std::move(agent)})
        .lineIs(Mox::format("Static policies: %zu", c.policyCount()) +
                (inert ? " (no 'input-table static': they are not candidate paths)" : ""))
        .fieldIs("", "staticInputTable", Show::flag(staticTableExists(host), "yes", "no"))
@@ -236,6 +247,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "bsid"});
                   const PolicyKey key = keyOf(a, w);
                   const Ipkit::MplsLabel bsid = w.bsid.value_or(Ipkit::MplsLabel());
+                  host.claimStaticInput(a);
                   return [&host, key, bsid] {
                      host.config()->policyIs(key)->bindingSidIs(bsid);
                      warnWithoutStaticTable(host);
@@ -247,6 +259,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color", "preference"});
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
+                  host.claimStaticInput(a);
                   return [&host, key, pref] {
                      host.config()->policyIs(key)->candidatePathIs(pref);
                      warnWithoutStaticTable(host);
@@ -279,6 +292,7 @@ void registerConfig(Host& host) {
                 }
              }
           }
+          host.claimStaticInput(a);
           return [&host, key, pref, labels, list] {
              host.config()->policyIs(key)->candidatePathIs(pref)->staticSegmentListIs(labels, list);
              warnWithoutStaticTable(host);
@@ -289,6 +303,7 @@ void registerConfig(Host& host) {
                   StaticWords w = readStatic(a, {"color"});
                   const PolicyKey key = keyOf(a, w);
                   existingPolicy(host, a, key);
+                  host.claimStaticInput(a);
                   return [&host, key] { host.config()->policyDel(key); };
                });
    host.verbIs("no static path", "no static path <endpoint> color <c> preference <p>",
@@ -297,6 +312,7 @@ void registerConfig(Host& host) {
                   const PolicyKey key = keyOf(a, w);
                   const Preference pref = need(a, w.preference, "preference");
                   existingPath(host, a, key, pref);
+                  host.claimStaticInput(a);
                   return [&host, key, pref] { host.config()->policy(key)->candidatePathDel(pref); };
                });
    host.verbIs("no static segment-list",
@@ -311,6 +327,7 @@ void registerConfig(Host& host) {
                             std::to_string(pref.value) + " has no segment list [" +
                             labels.stringValue() + "]");
                   }
+                  host.claimStaticInput(a);
                   return [&host, key, pref, labels] {
                      host.config()->policy(key)->candidatePath(pref)->staticSegmentListDel(labels);
                   };
@@ -356,8 +373,12 @@ void registerConfig(Host& host) {
           };
        });
 
-   host.showIs("config", "Config flags and static policies", [&host] { return configView(host); });
-   host.showIs("color-dscp", "the color-to-DSCP map", [&host] { return colorDscp(host); });
+   host.showIs(
+       "config", "Config flags and static policies", [&host] { return configView(host); },
+       Host::Reads::router);
+   host.showIs(
+       "color-dscp", "the color-to-DSCP map", [&host] { return colorDscp(host); },
+       Host::Reads::router);
 }
 
 } // namespace Agent

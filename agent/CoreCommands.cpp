@@ -1,10 +1,14 @@
 // The host's own verbs: time and lifecycle (run, advance, restart), tracing, the attribute-log
 // congestion flag, the tasks' slice, `show`, `help` and `quit`; and the tables `scheduler` and
-// `syslog`.
+// `syslog`. Attached to a router's agent (agent/Attachment.h), run and advance wait for the agent,
+// the verbs that act on the core's scheduler are refused, and show asks the agent for its tables.
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <ostream>
+#include <thread>
 
+#include "agent/Attachment.h"
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/Script.h"
@@ -45,6 +49,13 @@ void summarise(Host& host, const char* verb, uint64_t taskRuns) {
 }
 
 void showOne(Host& host, const Host::Show& s, bool json) {
+   if (Attachment* a = host.attachment()) {
+      if (!host.readsHere(s)) {
+         host.out() << a->ask("show " + s.table + (json ? " json" : ""));
+         return;
+      }
+      a->refresh();
+   }
    if (json) {
       Json::Value top = Json::Value::object();
       top.set(Json::lowerCamel(s.table), s.json());
@@ -57,22 +68,101 @@ void showOne(Host& host, const Host::Show& s, bool json) {
 }
 
 void showAll(Host& host, bool json) {
+   Attachment* attached = host.attachment();
+   // Attached, the tables only the agent knows come from it, in their place among the others.
+   std::string unreachable;
+   std::vector<std::string> missed;
+   auto ask = [&](const std::string& request, const std::string& table) -> std::string {
+      if (unreachable.empty()) {
+         try {
+            return attached->ask(request);
+         } catch (const ScriptError& e) {
+            unreachable = e.what();
+         }
+      }
+      if (json) throw ScriptError("show all json: " + unreachable);
+      missed.push_back(table);
+      return {};
+   };
+   if (attached) attached->refresh();
    if (json) {
       Json::Value top = Json::Value::object();
-      for (const auto& s : host.shows()) top.set(Json::lowerCamel(s.table), s.json());
+      for (const auto& s : host.shows()) {
+         if (host.readsHere(s)) {
+            top.set(Json::lowerCamel(s.table), s.json());
+            continue;
+         }
+         std::string value = ask("json " + s.table, s.table);
+         while (!value.empty() && value.back() == '\n') value.pop_back();
+         top.set(Json::lowerCamel(s.table), Json::Value::rendered(std::move(value)));
+      }
       host.out() << top.render();
       return;
    }
    for (const auto& s : host.shows()) {
+      if (!host.readsHere(s)) {
+         host.out() << ask("show " + s.table, s.table);
+         continue;
+      }
       std::string text;
       s.readable(text);
       host.out() << text << "\n";
    }
+   if (!missed.empty()) {
+      host.out() << "Not shown, only the agent has them:";
+      for (const auto& t : missed) host.out() << " " << t;
+      host.out() << "\n(" << unreachable << ")\n";
+   }
 }
 
-} // namespace
+// Attached to a router's agent, time is the agent's real time and the core runs there: run and
+// advance wait for it; what acts on the core or its scheduler is refused with the way to do it.
+void registerAttachedTime(Host& host) {
+   Attachment& attached = *host.attachment();
+   host.verbIs("run", "run",
+               "wait until the agent has taken in every change written so far and has no work left",
+               [&attached](Args& a) -> Host::Apply {
+                  if (!a.done()) {
+                     a.fail("attached to router " + attached.router() +
+                            ", run waits for the agent and takes no count of task runs");
+                  }
+                  return [&attached] { attached.sync("run"); };
+               });
+   host.verbIs("advance", "advance <seconds>", "wait that many seconds of real time, then as run",
+               [&attached](Args& a) -> Host::Apply {
+                  const std::string text = a.word("seconds");
+                  const auto d = Kiln::parseSeconds(text);
+                  if (!d)
+                     a.fail("expected seconds (a decimal number such as 2 or 0.5), got '" + text +
+                            "'");
+                  if (*d > std::chrono::hours(24)) a.fail("advance waits at most a day");
+                  return [&attached, d = *d] {
+                     std::this_thread::sleep_for(d);
+                     attached.sync("advance");
+                  };
+               });
+   const std::string agentCommand = "srte agent --router " + attached.router();
+   host.verbIs("restart", "restart", "(attached) refused: restart the agent process instead",
+               [agentCommand](Args& a) -> Host::Apply {
+                  a.fail("the agent runs the core: restart it as a process (stop it with SIGTERM, "
+                         "then start '" +
+                         agentCommand + "' again); its start-up adopts the published tables");
+               });
+   auto agentOnly = [&host, agentCommand](const std::string& verb, const std::string& usage) {
+      host.verbIs(verb, usage, "(attached) refused: it acts on the agent's own scheduler",
+                  [verb, agentCommand](Args& a) -> Host::Apply {
+                     a.fail("'" + verb +
+                            "' acts on the scheduler of the process that runs the "
+                            "core; attached, that is the agent ('" +
+                            agentCommand + "')");
+                  });
+   };
+   agentOnly("trace", "trace <level>|off");
+   agentOnly("attrlog congested", "attrlog congested on|off");
+   agentOnly("scheduler slice", "scheduler slice <n>");
+}
 
-void registerCore(Host& host) {
+void registerInProcessTime(Host& host) {
    host.verbIs(
        "run", "run [<task runs>]",
        "process all ready work (or at most that many task runs); virtual time does not move",
@@ -129,7 +219,9 @@ void registerCore(Host& host) {
                   const auto n = static_cast<uint32_t>(a.number("work units per slice", 1000000));
                   return [&host, n] { host.scheduler().yieldEveryIs(n); };
                });
+}
 
+void registerCommon(Host& host) {
    host.verbIs("show", "show <table>|all [json]", "print a table, readable or as JSON",
                [&host](Args& a) -> Host::Apply {
                   std::string table = a.word("table name; 'help show' lists the tables");
@@ -193,6 +285,17 @@ void registerCore(Host& host) {
                [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
    host.verbIs("exit", "exit", "stop reading commands (as quit)",
                [&host](Args&) -> Host::Apply { return [&host] { host.quitIs(); }; });
+}
+
+} // namespace
+
+void registerCore(Host& host) {
+   if (host.attachment()) {
+      registerAttachedTime(host);
+   } else {
+      registerInProcessTime(host);
+   }
+   registerCommon(host);
 }
 
 void registerCoreTables(Host& host) {

@@ -5,7 +5,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "agent/Attachment.h"
+#include "input/SrTePolicyInputSm.h"
 #include "platform/MoxBulk.h"
+#include "platform/VaultShm.h"
 
 namespace Agent {
 
@@ -23,6 +26,7 @@ Host::Host(std::ostream& out, HostOptions options) : options_(std::move(options)
 Host::~Host() { dropAll(); }
 
 void Host::dropAll() {
+   attachment_.reset();
    agentEnable_.reset();
    dropStages();
    core_.reset();
@@ -39,6 +43,7 @@ void Host::makeAll() {
    // A router on which SR-TE is configured.
    router_.config->enabledIs(true);
    agentEnable_ = std::make_unique<AgentEnable>(*this, router_.config.get());
+   if (!options_.runCore) attachment_ = std::make_unique<Attachment>(*this);
 }
 
 void Host::reset() {
@@ -76,16 +81,55 @@ void Host::verbIs(std::string name, std::string usage, std::string summary, Pars
    verbs_.push_back(Verb{std::move(name), std::move(usage), std::move(summary), std::move(parse)});
 }
 
-void Host::showIs(std::string table, std::string summary, ShowText readable, ShowJson json) {
-   if (show(table)) throw std::logic_error("show table registered twice: " + table);
-   shows_.push_back(
-       Show{std::move(table), std::move(summary), std::move(readable), std::move(json)});
+void Host::verbAsksAgent(std::string_view name) {
+   for (auto& v : verbs_) {
+      if (v.name == name) v.asksAgent = true;
+   }
 }
 
-void Host::showIs(std::string table, std::string summary, ShowView view) {
+void Host::showIs(std::string table, std::string summary, ShowText readable, ShowJson json,
+                  Reads reads) {
+   if (show(table)) throw std::logic_error("show table registered twice: " + table);
+   shows_.push_back(
+       Show{std::move(table), std::move(summary), std::move(readable), std::move(json), reads});
+}
+
+void Host::showIs(std::string table, std::string summary, ShowView view, Reads reads) {
    showIs(
        std::move(table), std::move(summary), [view](std::string& out) { view().render(out); },
-       [view] { return view().json(); });
+       [view] { return view().json(); }, reads);
+}
+
+bool Host::readsHere(const Show& s) const {
+   if (!attachment_) return true;
+   switch (s.reads) {
+   case Reads::router:
+      return true;
+   case Reads::published:
+      return attachment_->readsPublishedLocally();
+   case Reads::agent:
+      break;
+   }
+   return false;
+}
+
+void Host::claimInput(SrTePolicy::Protocol protocol, const Args& a) {
+   if (!attachment_) return;
+   try {
+      attachment_->claimInput(protocol);
+   } catch (const Vault::Shm::WriterBusy& e) {
+      a.fail(e.what());
+   } catch (const Vault::Corruption& e) {
+      a.fail(e.what());
+   }
+}
+
+void Host::claimStaticInput(const Args& a) {
+   if (!attachment_) return;
+   attachment_->refreshInputs();
+   if (router_.input->policyInput(StaticInputWriter::protocol)) {
+      claimInput(StaticInputWriter::protocol, a);
+   }
 }
 
 const Host::Show* Host::show(std::string_view table) const {
@@ -110,7 +154,8 @@ void Host::buildStages() {
 }
 
 void Host::start() {
-   if (started_) return;
+   // Attached, the agent runs the core: this one stays stopped, its tables empty.
+   if (started_ || !options_.runCore) return;
    started_ = true;
    buildStages();
 }
@@ -338,7 +383,24 @@ Host::Apply Host::parse(std::string_view line) const {
    Args args(std::move(tokens), verbWords, verb->usage);
    Apply apply = verb->parse(args);
    args.end();
+   if (verb->asksAgent && attachment_) {
+      // Checked here like any line, answered by the agent.
+      Host* self = const_cast<Host*>(this);
+      return
+          [self, request = std::string(line)] { *self->out_ << self->attachment_->ask(request); };
+   }
    if (!apply) return [] {};
+   if (attachment_) {
+      // A router table this command wrote may be another process's: said after it ran.
+      Host* self = const_cast<Host*>(this);
+      return [self, arena = arena_.get(), apply = std::move(apply)] {
+         {
+            Mox::Arena::Scope in(*arena);
+            apply();
+         }
+         self->attachment_->afterCommand();
+      };
+   }
    return [arena = arena_.get(), apply = std::move(apply)] {
       Mox::Arena::Scope in(*arena);
       apply();

@@ -22,6 +22,8 @@
 //  3. its tables: `host.showIs("segments", summary, view)`, where `view` builds a Show::View (rows
 //     of typed cells, agent/ShowTable.h) from which both forms are rendered; `show segments
 //     [json]` and `show all [json]` then include them (in registration order);
+//     a table over the router's tables or the published ones says so (Reads): attached to an
+//     agent, the others are asked of the agent;
 //  4. its state machines and the tables they share or publish live in the core, not here: add
 //     them there (see core/SrTePolicyCore.h) and reach them through `host.core()`;
 //  5. host-private state is a plain member of Host, made and dropped in buildStages() and
@@ -84,7 +86,12 @@ struct HostOptions {
    // Off in the agent process: there the static input table comes from the process that handles
    // the configuration, as every input table comes from its writer.
    bool writeStaticInput = true;
+   // Off in the CLI attached to a router (`srte --router NAME`): the router's agent process runs
+   // the core; this host shares its inputs and asks the agent (agent/Attachment.h).
+   bool runCore = true;
 };
+
+class Attachment;
 
 class Host {
  public:
@@ -94,17 +101,26 @@ class Host {
    using ShowJson = std::function<Json::Value()>;
    using ShowView = std::function<::Show::View()>;
 
+   // What a table shows, and so where a host attached to an agent reads it.
+   enum class Reads {
+      router,    // the router's tables (configuration, inputs, MPLS state): read here
+      published, // the core's published tables: what forwarding has
+      agent,     // the core's machines and in-process entities: only the agent knows them
+   };
    struct Verb {
       std::string name; // one or more words: "run", "lfib route", "no input"
       std::string usage;
       std::string summary;
       Parse parse;
+      // A show of its own (`show policy`) over what only the agent knows.
+      bool asksAgent = false;
    };
    struct Show {
       std::string table;
       std::string summary;
       ShowText readable;
       ShowJson json;
+      Reads reads;
    };
 
    explicit Host(std::ostream& out, HostOptions options = {});
@@ -114,9 +130,13 @@ class Host {
 
    // ---- extension API (see the header comment)
    void verbIs(std::string name, std::string usage, std::string summary, Parse parse);
-   void showIs(std::string table, std::string summary, ShowText readable, ShowJson json);
+   // The verb shows what only the agent knows: attached, the line is asked of the agent.
+   void verbAsksAgent(std::string_view name);
+   // A table reads the core's machines or in-process entities unless it says otherwise.
+   void showIs(std::string table, std::string summary, ShowText readable, ShowJson json,
+               Reads reads = Reads::agent);
    // The usual form: one view (agent/ShowTable.h) makes both the readable text and the JSON.
-   void showIs(std::string table, std::string summary, ShowView view);
+   void showIs(std::string table, std::string summary, ShowView view, Reads reads = Reads::agent);
 
    // ---- running
    // Starts the core when SR-TE is enabled (once, after the modules registered).
@@ -157,6 +177,16 @@ class Host {
    // The router whose shared tables this host works with; empty for the in-process router.
    const std::string& routerName() const { return options_.router; }
    const HostOptions& options() const { return options_; }
+   // The CLI attached to a router's agent; null for the in-process router and the agent itself.
+   Attachment* attachment() { return attachment_.get(); }
+   // Whether this host shows the table itself (else the agent is asked).
+   bool readsHere(const Show& s) const;
+   // A verb is about to change the protocol's input table: attached, this process must become
+   // the table's writer, else the line fails (naming the holder) before anything changes.
+   void claimInput(SrTePolicy::Protocol protocol, const Args& a);
+   // The same for a configuration change that the static input writer turns into records: only
+   // while the static input table exists.
+   void claimStaticInput(const Args& a);
    Kiln::TaskScheduler& scheduler() { return *scheduler_; }
    const Kiln::TaskScheduler& scheduler() const { return *scheduler_; }
    Kiln::AttrLogSm& attrLog() { return *router_.attrLog; }
@@ -238,6 +268,7 @@ class Host {
    std::vector<std::vector<std::string>> verbWords_;
    std::vector<Show> shows_;
    std::unique_ptr<StaticInputWriter> staticInputWriter_;
+   std::unique_ptr<Attachment> attachment_;
    std::unique_ptr<SrTePolicy::RestartWatch> restartWatch_;
    // coreEntities() while the core is stopped.
    std::unique_ptr<SrTePolicy::ProcessEntities> noEntities_;

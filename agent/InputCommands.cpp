@@ -277,16 +277,18 @@ void registerInput(Host& host) {
    host.showIs("candidates",
                "per policy key, every candidate with its invalid reason, last change, BSID",
                [&host] { return candidates(host); });
-   host.showIs("selection-input", "PolicyIdEntry rows with version and weighted segment-list ids",
-               [&host] { return selectionInput(host); });
+   host.showIs(
+       "selection-input", "PolicyIdEntry rows with version and weighted segment-list ids",
+       [&host] { return selectionInput(host); }, Host::Reads::published);
    host.showIs("bsid-users", "binding SID users and availability",
                [&host] { return bsidUsers(host); });
    host.showIs("segments", "canonical segments with ids and their resolution",
                [&host] { return segments(host); });
    host.showIs("segment-lists", "canonical segment lists: id, labels, tunnel, users, status, vias",
                [&host] { return segmentLists(host); });
-   host.showIs("exported-segment-lists", "the exported segment lists (label stack by id)",
-               [&host] { return exported(host); });
+   host.showIs(
+       "exported-segment-lists", "the exported segment lists (label stack by id)",
+       [&host] { return exported(host); }, Host::Reads::published);
 }
 
 } // namespace Agent

@@ -115,12 +115,14 @@ void registerInputTables(Host& host) {
                   Mox::Ptr<PolicyInput> t = host.policyInputSource()->policyInput(p);
                   if (remount) {
                      existingTable(host, a, p);
+                     host.claimInput(p, a);
                      return [t] {
                         t->mountStatusIs(Vault::MountStatus::unmounted);
                         t->mountStatusIs(Vault::MountStatus::mounted);
                      };
                   }
                   if (t) a.fail("the input table for protocol " + protocolText(p) + " exists");
+                  host.claimInput(p, a);
                   return [&host, p] {
                      Mox::Ptr<PolicyInput> table =
                          policyInputFactory("policyInput-" + protocolEnumToString(p));
@@ -133,6 +135,7 @@ void registerInputTables(Host& host) {
                [&host](Args& a) -> Host::Apply {
                   const Protocol p = a.protocol();
                   existingTable(host, a, p);
+                  host.claimInput(p, a);
                   return [&host, p] { host.policyInputSource()->policyInputDel(p); };
                });
 
@@ -190,6 +193,7 @@ void registerInputTables(Host& host) {
           if (bsid) e.bindingSidIs(*bsid);
           for (uint32_t i = 0; i < lists.size(); ++i)
              e.segmentListIs(SegmentListIndex(i), lists[i]);
+          host.claimInput(id.protocol, a);
           return [table, e] { table->policyInputEntryIs(e); };
        });
    host.verbIs(
@@ -200,10 +204,13 @@ void registerInputTables(Host& host) {
           if (!table->policyInputEntryFind(id)) {
              a.fail("no input record " + id.stringValue());
           }
+          host.claimInput(id.protocol, a);
           return [table, id] { table->policyInputEntryDel(id); };
        });
 
-   host.showIs("input", "every input table's records", [&host] { return input(host); });
+   host.showIs(
+       "input", "every input table's records", [&host] { return input(host); },
+       Host::Reads::router);
 }
 
 } // namespace Agent

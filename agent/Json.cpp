@@ -74,6 +74,13 @@ Value Value::object() {
    return v;
 }
 
+Value Value::rendered(std::string text) {
+   Value v;
+   v.kind_ = Kind::rendered;
+   v.text_ = std::move(text);
+   return v;
+}
+
 Value Value::row() {
    Value v = object();
    v.inline_ = true;
@@ -150,6 +157,12 @@ void Value::renderInto(std::string& out, int depth, bool oneLine) const {
       return;
    case Kind::string:
       quote(out, text_);
+      return;
+   case Kind::rendered:
+      for (char c : text_) {
+         out += c;
+         if (c == '\n') out.append(static_cast<size_t>(depth) * 2, ' ');
+      }
       return;
    case Kind::array:
    case Kind::object:

@@ -19,7 +19,7 @@ namespace Json {
 
 class Value {
  public:
-   enum class Kind : uint8_t { null, boolean, number, string, array, object };
+   enum class Kind : uint8_t { null, boolean, number, string, array, object, rendered };
 
    Value() = default; // null
    static Value null() { return Value(); }
@@ -36,6 +36,9 @@ class Value {
    static Value inlineArray();
    static Value object();
    static Value row(); // an object printed on one line
+   // A value rendered elsewhere (render() without its final newline), such as one another
+   // process sent: placed as it is, its lines indented to where it stands.
+   static Value rendered(std::string text);
    // The null label is JSON null; any other label is its number.
    static Value label(Ipkit::MplsLabel l);
    static Value address(const Ipkit::IpGenAddr& a) { return string(a.stringValue()); }

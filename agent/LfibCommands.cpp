@@ -74,8 +74,9 @@ Show::View lfibView(Host& host) {
 } // namespace
 
 void registerLfib(Host& host) {
-   host.showIs("lfib", "this system's binding-SID LFIB routes and their external-FEC adjacencies",
-               [&host] { return lfibView(host); });
+   host.showIs(
+       "lfib", "this system's binding-SID LFIB routes and their external-FEC adjacencies",
+       [&host] { return lfibView(host); }, Host::Reads::published);
 }
 
 } // namespace Agent

@@ -382,9 +382,9 @@ void registerMpls(Host& host) {
                   return [&host, id] { host.counterTable()->counterDel(id); };
                });
 
-   host.showIs("mpls",
-               "label ranges, LFIB routes, adjacencies, platform label depth, tunnel counters",
-               [&host] { return mpls(host); });
+   host.showIs(
+       "mpls", "label ranges, LFIB routes, adjacencies, platform label depth, tunnel counters",
+       [&host] { return mpls(host); }, Host::Reads::router);
 }
 
 } // namespace Agent

@@ -121,10 +121,13 @@ Show::View bsidConflicts(Host& host) {
 } // namespace
 
 void registerPublish(Host& host) {
-   host.showIs("policy-status",
-               "PolicyStatus: active candidate, originator, last change, BSID, FECs; FEC ids",
-               [&host] { return policyStatus(host); });
-   host.showIs("fecs", "the policy FECs and their vias", [&host] { return fecs(host); });
+   host.showIs(
+       "policy-status",
+       "PolicyStatus: active candidate, originator, last change, BSID, FECs; FEC ids",
+       [&host] { return policyStatus(host); }, Host::Reads::published);
+   host.showIs(
+       "fecs", "the policy FECs and their vias", [&host] { return fecs(host); },
+       Host::Reads::published);
    host.showIs("bsid-conflicts", "per binding SID asked for: its holder and the refused policies",
                [&host] { return bsidConflicts(host); });
 }

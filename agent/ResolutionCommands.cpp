@@ -40,9 +40,9 @@ Show::View tunnelTable(Host& host) {
 } // namespace
 
 void registerResolution(Host& host) {
-   host.showIs("tunnel-table",
-               "segment-list tunnel table: tunnel, via index, next hop, interface, labels",
-               [&host] { return tunnelTable(host); });
+   host.showIs(
+       "tunnel-table", "segment-list tunnel table: tunnel, via index, next hop, interface, labels",
+       [&host] { return tunnelTable(host); }, Host::Reads::published);
 }
 
 } // namespace Agent

@@ -14,7 +14,9 @@
 #include <ostream>
 #include <set>
 #include <sstream>
+#include <vector>
 
+#include "agent/ControlSocket.h"
 #include "agent/Feed.h"
 #include "agent/Host.h"
 #include "agent/InputMirror.h"
@@ -26,6 +28,8 @@
 #include "platform/KilnLoop.h"
 #include "platform/MoxChanges.h"
 #include "platform/VaultShm.h"
+
+extern const char* const srteVersion;
 
 namespace Agent {
 
@@ -153,6 +157,9 @@ class RouterAgent {
                                     }});
       loop_.catchStopSignals();
       loop_.onIdleWorkIs([this] { return onIdle(); });
+      control_ = std::make_unique<ControlServer>(
+          options.router, loop_,
+          [this](ControlServer::Client c, const std::string& request) { serve(c, request); });
    }
 
    ~RouterAgent() {
@@ -172,6 +179,7 @@ class RouterAgent {
            << loop_.stopSignal() << " (" << strsignal(loop_.stopSignal()) << ")\n"
            << std::flush;
       if (options_.exitOnStop) {
+         control_->unlink();
          lock_.release();
          std::_Exit(exitOk);
       }
@@ -257,6 +265,7 @@ class RouterAgent {
    static constexpr auto syncSlice = std::chrono::milliseconds(1);
 
    void noteChanges(const MirrorCounts& c) {
+      routerTakenIn_ += c.written + c.erased;
       if (c.written + c.erased + c.rescans != 0) changed_ = true;
    }
 
@@ -275,6 +284,7 @@ class RouterAgent {
          // below (a rescan), so the table the core sees stays until then.
          loop_.fdDel(it->second->fd());
          std::unique_ptr<InputMirror> old = std::move(it->second);
+         takenInBefore_ += old->counts().written + old->counts().erased;
          mirrors_.erase(it);
          if (!attach(protocol, name, old->table())) {
             host_.policyInputSource()->policyInputDel(protocol);
@@ -345,6 +355,7 @@ class RouterAgent {
       } catch (const Vault::Corruption& e) {
          // What the core holds stays: a bad segment does not take the router's paths with it.
          loop_.fdDel(it->second->fd());
+         takenInBefore_ += it->second->counts().written + it->second->counts().erased;
          mirrors_.erase(it);
          refuse(protocol, e.what());
       }
@@ -367,8 +378,86 @@ class RouterAgent {
       return host_.scheduler().readyTaskCount() == 0 && host_.scheduler().timerCount() == own;
    }
 
+   // ---- the control socket (agent/ControlSocket.h)
+
+   // Records taken in from the shared tables since start, written or erased.
+   uint64_t recordsTakenIn() const {
+      uint64_t n = takenInBefore_ + routerTakenIn_;
+      for (const auto& [protocol, mirror] : mirrors_) {
+         n += mirror->counts().written + mirror->counts().erased;
+      }
+      return n;
+   }
+
+   std::string progress() const {
+      const auto& s = host_.scheduler();
+      return "taken in " + std::to_string(recordsTakenIn()) + " records, " +
+             std::to_string(s.taskRunCount()) + " task runs, " +
+             std::to_string(s.readyTaskCount()) + " tasks ready\n";
+   }
+
+   void serve(ControlServer::Client c, const std::string& request) {
+      try {
+         answer(c, request);
+      } catch (const ScriptError& e) {
+         control_->replyError(c, e.what());
+      } catch (const std::exception& e) {
+         // A fault of ours, not the client's: said, and the agent goes on.
+         control_->replyError(c, std::string("internal error: ") + printable(e.what()));
+      }
+   }
+
+   void answer(ControlServer::Client c, const std::string& request) {
+      const std::vector<std::string> words = tokenize(request);
+      const std::string verb = words.empty() ? std::string() : words[0];
+      if (verb == "hello" || verb == "version") {
+         control_->reply(c, "srte " + std::string(srteVersion) + " agent, router " +
+                                options_.router + ", pid " + std::to_string(::getpid()) + "\n");
+      } else if (verb == "enabled") {
+         control_->reply(c, host_.status()->agentEnabled() ? "on\n" : "off\n");
+      } else if (verb == "status") {
+         control_->reply(c, progress());
+      } else if (verb == "sync") {
+         // Whatever was written before the request is in the tables' change rings now: take it
+         // in at once rather than at the next wake-up, then answer once the core is idle.
+         mountTables();
+         noteChanges(routerTables_->sync());
+         std::vector<Protocol> mounted;
+         for (const auto& [protocol, mirror] : mirrors_) mounted.push_back(protocol);
+         for (Protocol p : mounted) drain(p); // a corrupt table leaves mirrors_ here
+         syncs_.push_back(c);
+      } else if (verb == "show") {
+         std::ostringstream out;
+         host_.outIs(out);
+         struct Restore {
+            Host& h;
+            std::ostream& o;
+            ~Restore() { h.outIs(o); }
+         } restore{host_, hostOutput_};
+         host_.execute(request);
+         control_->reply(c, out.str());
+      } else if (verb == "json" && words.size() == 2) {
+         const Host::Show* s = host_.show(words[1]);
+         if (!s) throw ScriptError("unknown table '" + printable(words[1]) + "'");
+         control_->reply(c, s->json().render());
+      } else {
+         control_->replyError(c, "unknown request '" + printable(request.substr(0, 80)) +
+                                     "'; requests: hello, version, status, sync, enabled, "
+                                     "show <table> [json], json <table>");
+      }
+   }
+
+   void answerSyncs() {
+      if (syncs_.empty()) return;
+      const std::string body = progress();
+      for (ControlServer::Client c : std::exchange(syncs_, {})) control_->reply(c, body);
+   }
+
    bool onIdle() {
       if (syncPublished()) return true;
+      // No task is ready: every change taken in has been worked through. A sync is answered once
+      // what the core published is in shared memory too, where the attached CLI reads it.
+      if (!published_.syncWanted()) answerSyncs();
       if (!coreQuiet() || published_.syncWanted()) return false;
       if (!converged_) {
          converged_ = true;
@@ -416,6 +505,11 @@ class RouterAgent {
    // Every message of the core's system log goes to the host's as well.
    Syslog::SystemSink systemLog_{"srte-agent"};
    Kiln::Loop loop_;
+   std::unique_ptr<ControlServer> control_;
+   // Clients waiting for the core to be idle.
+   std::vector<ControlServer::Client> syncs_;
+   uint64_t takenInBefore_ = 0; // by input mirrors since dropped
+   uint64_t routerTakenIn_ = 0; // keys of the router's tables
    Mox::Ptr<Kiln::Task> mountTask_, reportTask_, syncTask_;
    TaskAction mountAction_, reportAction_, syncAction_;
    // The published tables in shared memory: mounted before the core starts, then written.
@@ -445,6 +539,8 @@ int runAgent(const AgentOptions& options, std::ostream& err) {
    } catch (const AgentBusy& e) {
       err << "srte agent: " << e.what() << "\n";
    } catch (const std::invalid_argument& e) {
+      err << "srte agent: " << e.what() << "\n";
+   } catch (const std::runtime_error& e) {
       err << "srte agent: " << e.what() << "\n";
    }
    return exitCannotRun;

@@ -391,6 +391,7 @@ void registerSelection(Host& host) {
                      }
                   };
                });
+   host.verbAsksAgent("show policy");
 }
 
 } // namespace Agent

@@ -1,4 +1,5 @@
-// srte: runs scenario scripts against the policy core on virtual time.
+// srte: runs scenario scripts against the policy core on virtual time, or attached to the agent
+// process of a router (--router NAME).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "agent/RouterAgent.h"
 #include "agent/Script.h"
 #include "agent/Shell.h"
+#include "platform/VaultShm.h"
 #ifdef SRTE_HAVE_BGP
 #include "bgp/Adapter.h"
 #endif
@@ -38,6 +40,10 @@ void printHelp() {
           "  srte                    the same, or an interactive shell when standard input is a\n"
           "                          terminal\n"
           "  srte [-x] [-i] --demo   run the built-in demonstration script (echoed)\n"
+          "  srte --router NAME [-x] [-i] [FILE... | -]\n"
+          "                          the same language attached to the agent of router NAME:\n"
+          "                          inputs go to its shared tables, run waits for the agent,\n"
+          "                          show asks it what only it knows\n"
           "  srte --help, --version  print this text, or the version\n"
           "  srte agent --router NAME [--srlb FIRST-LAST] [--resolve FIRST-LAST]\n"
           "                          the SR-TE agent of router NAME on the real clock: mirrors\n"
@@ -249,9 +255,24 @@ int main(int argc, char** argv) {
       return runCommand(argv[1], argc, argv);
    }
    bool echo = false, interactive = false;
+   std::string router;
    std::vector<Source> sources;
    for (int i = 1; i < argc; ++i) {
       const std::string arg = argv[i];
+      if (arg == "--router") {
+         if (i + 1 >= argc) {
+            std::cerr << "srte: --router needs a router name; try 'srte --help'\n";
+            return Agent::exitCannotRun;
+         }
+         router = argv[++i];
+         try {
+            Vault::Shm::segmentPath(router, "x");
+         } catch (const std::invalid_argument& e) {
+            std::cerr << "srte: " << e.what() << "\n";
+            return Agent::exitCannotRun;
+         }
+         continue;
+      }
       if (arg == "--help" || arg == "-h") {
          printHelp();
          return Agent::exitOk;
@@ -286,7 +307,8 @@ int main(int argc, char** argv) {
       }
       reads = true;
    }
-   Agent::Host host(std::cout);
+   // Attached, the agent of the router runs the core; this process shares inputs and asks.
+   Agent::Host host(std::cout, Agent::HostOptions{.router = router, .runCore = router.empty()});
    Agent::registerModules(host);
    // The demo is read rather than run: its commands are shown beside their output.
    for (const Source& s : sources) echo = echo || s.kind == Source::Kind::demo;

@@ -27,14 +27,26 @@ Loop::~Loop() {
    }
 }
 
-void Loop::fdIs(int fd, std::function<void()> onReadable) {
+Loop::Watch& Loop::watch(int fd) {
    for (Watch& w : fds_) {
-      if (w.fd == fd) {
-         w.onReadable = std::move(onReadable);
-         return;
-      }
+      if (w.fd == fd) return w;
    }
-   fds_.push_back(Watch{fd, std::move(onReadable)});
+   return fds_.emplace_back(Watch{fd, {}, {}});
+}
+
+void Loop::fdIs(int fd, std::function<void()> onReadable) {
+   watch(fd).onReadable = std::move(onReadable);
+}
+
+void Loop::fdWritableIs(int fd, std::function<void()> onWritable) {
+   watch(fd).onWritable = std::move(onWritable);
+}
+
+void Loop::fdWritableDel(int fd) {
+   for (Watch& w : fds_) {
+      if (w.fd == fd) w.onWritable = nullptr;
+   }
+   std::erase_if(fds_, [fd](const Watch& w) { return w.fd == fd && !w.onReadable; });
 }
 
 void Loop::fdDel(int fd) {
@@ -87,7 +99,11 @@ void Loop::turn(Duration maxWait) {
    idleWork_ = scheduler_.readyTaskCount() == 0 && onIdle_ && !stopped_ && onIdle_();
    std::vector<pollfd> polled;
    polled.reserve(fds_.size());
-   for (const Watch& w : fds_) polled.push_back(pollfd{w.fd, POLLIN, 0});
+   for (const Watch& w : fds_) {
+      const short events =
+          static_cast<short>((w.onReadable ? POLLIN : 0) | (w.onWritable ? POLLOUT : 0));
+      polled.push_back(pollfd{w.fd, events, 0});
+   }
    const int n = ::poll(polled.data(), polled.size(), timeoutMs(maxWait));
    if (n < 0) {
       if (errno == EINTR) return;
@@ -96,11 +112,21 @@ void Loop::turn(Duration maxWait) {
    for (const pollfd& p : polled) {
       if (p.revents == 0) continue;
       // A handler may have removed or replaced this one: look it up again, call a copy.
-      auto it =
-          std::find_if(fds_.begin(), fds_.end(), [&](const Watch& w) { return w.fd == p.fd; });
-      if (it == fds_.end()) continue;
-      std::function<void()> handler = it->onReadable;
-      handler();
+      auto find = [&] {
+         return std::find_if(fds_.begin(), fds_.end(),
+                             [&](const Watch& w) { return w.fd == p.fd; });
+      };
+      auto it = find();
+      if (it != fds_.end() && it->onWritable && (p.revents & (POLLOUT | POLLERR | POLLHUP))) {
+         std::function<void()> handler = it->onWritable;
+         handler();
+         it = find();
+      }
+      // An error or hang-up is told to the reader: that is where a peer's end is seen.
+      if (it != fds_.end() && it->onReadable && (p.revents & ~POLLOUT)) {
+         std::function<void()> handler = it->onReadable;
+         handler();
+      }
    }
 }
 

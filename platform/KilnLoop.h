@@ -1,5 +1,5 @@
 // KilnLoop: the event loop of a process on the real clock. It waits in poll(2) on the descriptors
-// it is given (shared tables' readers, later a control socket) for at most the time to the
+// it is given (shared tables' readers, the agent's control socket) for at most the time to the
 // scheduler's next timer, calls the handler of each descriptor that became readable, and runs the
 // scheduler's ready tasks. An idle loop sleeps in the kernel: it uses no CPU.
 //
@@ -7,6 +7,8 @@
 //  - a timer fires no earlier than it is due, and the loop wakes for it without being poked;
 //  - a readable descriptor's handler runs within the next turn; a handler may add or remove
 //    descriptors, its own included;
+//  - a descriptor watched for writing (a reply that did not fit a socket's buffer) has its
+//    writable handler called once it can take more, until the handler is removed;
 //  - ready tasks are run in batches bounded in count and time, so descriptors (and a stop
 //    signal) are served while a backlog runs;
 //  - `catchStopSignals()` turns SIGTERM and SIGINT into a stop at the next turn (a signalfd: no
@@ -34,7 +36,11 @@ class Loop {
 
    // Calls `onReadable` whenever `fd` is readable (or in error). Replaces an earlier handler.
    void fdIs(int fd, std::function<void()> onReadable);
+   // Removes both handlers of `fd`.
    void fdDel(int fd);
+   // Calls `onWritable` whenever `fd` can be written, until fdWritableDel.
+   void fdWritableIs(int fd, std::function<void()> onWritable);
+   void fdWritableDel(int fd);
    size_t fdCount() const noexcept { return fds_.size(); }
 
    // Blocks SIGTERM and SIGINT for the process and stops the loop when one arrives. The
@@ -69,8 +75,10 @@ class Loop {
  private:
    struct Watch {
       int fd;
-      std::function<void()> onReadable;
+      std::function<void()> onReadable; // either may be empty, not both
+      std::function<void()> onWritable;
    };
+   Watch& watch(int fd);
    int timeoutMs(Duration maxWait) const;
    void readSignal();
 

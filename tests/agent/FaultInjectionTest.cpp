@@ -93,6 +93,7 @@ std::string canon(const Json::Value& v) {
       return "null";
    case Kind::boolean:
    case Kind::number:
+   case Kind::rendered: // not made by the in-process host
       return v.text();
    case Kind::string:
       return "\"" + maskIdsInText(v.text()) + "\"";

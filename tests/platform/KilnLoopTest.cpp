@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -119,6 +120,35 @@ TEST(KilnLoop, ServesDescriptorsAlsoWhileTasksStayBusy) {
    EXPECT_EQ(seen, "ab");
    EXPECT_EQ(loop.fdCount(), 1u);
    EXPECT_GT(busy->runCount(), 0u);
+}
+
+TEST(KilnLoop, AWritableHandlerRunsWhileWantedAndLeavesTheReaderInPlace) {
+   auto s = Mox::make<TaskScheduler>(TaskScheduler::ClockMode::real);
+   Kiln::Loop loop(*s);
+   Pipe p;
+   // Fill the pipe: its write end is not writable until the other end reads.
+   ASSERT_EQ(::fcntl(p.fd[1], F_SETFL, O_NONBLOCK), 0);
+   const std::string block(4096, 'x');
+   size_t filled = 0;
+   while (::write(p.fd[1], block.data(), block.size()) > 0) filled += block.size();
+   int writable = 0, readable = 0;
+   loop.fdIs(p.fd[1], [&] { ++readable; }); // a reader on the same descriptor stays
+   loop.fdWritableIs(p.fd[1], [&] {
+      ++writable;
+      loop.fdWritableDel(p.fd[1]);
+   });
+   loop.turn(20ms);
+   EXPECT_EQ(writable, 0);
+   // Drained: writable once, then no more since the handler removed itself.
+   char sink[4096];
+   for (size_t left = filled; left > 0;) left -= static_cast<size_t>(::read(p.fd[0], sink, 4096));
+   loop.turn(100ms);
+   loop.turn(20ms);
+   EXPECT_EQ(writable, 1);
+   EXPECT_EQ(readable, 0);
+   EXPECT_EQ(loop.fdCount(), 1u);
+   loop.fdDel(p.fd[1]);
+   EXPECT_EQ(loop.fdCount(), 0u);
 }
 
 TEST(KilnLoop, StopSignalEndsTheLoopAndTheMaskComesBack) {
