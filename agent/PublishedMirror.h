@@ -29,7 +29,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace Agent {
 

@@ -25,7 +25,7 @@
 #include <string>
 #include <type_traits>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace Agent::Published {
 
