@@ -65,7 +65,7 @@
 #include "agent/Json.h"
 #include "agent/ShowTable.h"
 #include "agent/StaticInputWriter.h"
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "platform/FlexCounters.h"
 #include "platform/Kiln.h"

@@ -34,7 +34,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace Agent {
 

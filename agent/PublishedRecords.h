@@ -32,7 +32,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace Agent::Published {
 

@@ -24,7 +24,7 @@
 #include "agent/PublishedMirror.h"
 #include "agent/RouterTablesShm.h"
 #include "agent/Script.h"
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "platform/KilnLoop.h"
 #include "platform/MoxChanges.h"
 #include "platform/VaultShm.h"

@@ -34,7 +34,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "platform/VaultShm.h"
 
 namespace Agent {

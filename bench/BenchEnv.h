@@ -17,7 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace SrTePolicy::Bench {
 

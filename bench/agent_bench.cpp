@@ -31,7 +31,7 @@
 
 #include "agent/Feed.h"
 #include "agent/PublishedRecords.h"
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "platform/VaultShm.h"
 

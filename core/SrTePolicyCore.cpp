@@ -1,4 +1,4 @@
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 #include <tuple>
 #include <utility>

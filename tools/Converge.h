@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace Converge {
 

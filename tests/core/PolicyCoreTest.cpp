@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "platform/MoxSlab.h"
 #include "tests/support/CoreTestRouter.h"
 

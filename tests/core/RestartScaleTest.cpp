@@ -9,7 +9,7 @@
 #include <chrono>
 #include <map>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "tests/support/CoreTestRouter.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "input/SrTePolicyInputSm.h"
 #include "tests/support/CoreTestRouter.h"
 #include "tests/support/TestValues.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <set>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 using namespace SrTePolicy;
 

@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "tests/support/CoreTestRouter.h"
 
 namespace SrTePolicy {

@@ -7,7 +7,7 @@
 #include <map>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "tests/support/TestValues.h"
 
 namespace SrTePolicy::Testing {

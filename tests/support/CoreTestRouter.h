@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace SrTePolicy::Testing {
 

@@ -5,7 +5,7 @@
 #include <set>
 #include <string>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 
 namespace TestSupport {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "core/SrTePolicyCore.h"
+#include "core/SrTePolicyMachines.h"
 #include "tests/support/CoreTestRouter.h"
 
 using namespace SrTePolicy;
