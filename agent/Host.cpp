@@ -160,6 +160,12 @@ void Host::start() {
    buildStages();
 }
 
+void Host::startAsRestart() {
+   if (started_) return;
+   ++restarts_;
+   start();
+}
+
 void Host::restart() {
    Mox::BulkKeep keep(*arena_); // as PolicyCore::restart: the new core reuses the old one's blocks
    dropStages();

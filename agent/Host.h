@@ -143,6 +143,10 @@ class Host {
    void start();
    // Drops the in-process state and builds it again.
    void restart();
+   // Starts as start() does, over published tables an earlier incarnation left (the agent
+   // process found them in shared memory): `show restart` then counts what this start did to
+   // them, as after `restart`.
+   void startAsRestart();
    // The host as a new one is after its modules registered and it started: a new scheduler at
    // time 0, the router's tables, the core and everything per session made again; the
    // registrations (verbs, tables) and the output stream are kept. For a caller that runs many

@@ -171,8 +171,11 @@ class RouterAgent {
            << std::flush;
       // What an earlier agent published is in the entities before any machine starts: their
       // start-up adopts what is still valid and removes the rest.
-      mountPublished();
-      host_.start();
+      if (mountPublished()) {
+         host_.startAsRestart(); // `show restart` counts what this start did to them
+      } else {
+         host_.start();
+      }
       mountTables();
       loop_.run();
       err_ << "srte agent: router " << options_.router << " stopped by signal "
@@ -228,8 +231,11 @@ class RouterAgent {
       }
    }
 
-   void mountPublished() {
+   // True when an earlier agent's tables were there.
+   bool mountPublished() {
+      bool found = false;
       for (const PublishedMountReport& r : published_.mount()) {
+         found = found || (r.found && r.refused.empty());
          if (!r.refused.empty()) {
             err_ << "srte agent: refused published table " << r.table << ": " << r.refused
                  << "; it starts empty\n";
@@ -239,6 +245,7 @@ class RouterAgent {
          }
       }
       err_ << std::flush;
+      return found;
    }
 
    void ownRun(uint64_t count) { published_.ownRunChangedNothing(count); }

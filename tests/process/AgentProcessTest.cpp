@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent/ControlSocket.h"
 #include "agent/Feed.h"
 #include "agent/InputMirror.h"
 #include "agent/PublishedMirror.h"
@@ -353,6 +354,10 @@ void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const st
    EXPECT_NE(agent->err().find("(0 written, 0 erased since start, in "), std::string::npos)
        << agent->err();
    EXPECT_EQ(watch.changedKeys(), 0u);
+   // And the agent's own count of what its start did to the published tables says the same.
+   const std::string restart = Agent::ControlClient(crashed).ask("show restart");
+   EXPECT_NE(restart.find("Since restart 1: 0 row changes"), std::string::npos) << restart;
+   EXPECT_NE(restart.find("selection input"), std::string::npos) << restart;
    // A stop leaves them as they are too.
    kill(agent->pid(), SIGTERM);
    EXPECT_EQ(agent->exitStatus(5s), 0);
