@@ -257,8 +257,11 @@ TEST_F(AttachedCliTest, AKilledAgentsSocketMeansNoAgentUntilANewOneReplacesIt) {
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
 }
 
-// Writes raw bytes to the agent's socket and reads what comes back until it closes or pauses.
-std::string rawExchange(const std::string& router, const std::string& bytes) {
+// Writes raw bytes to the agent's socket and reads what comes back until it closes or pauses for
+// `pauseMs`. The first reply may take long (a sync waits for the core, slower under sanitizers):
+// it is waited for up to `firstMs`.
+std::string rawExchange(const std::string& router, const std::string& bytes, int pauseMs = 500,
+                        int firstMs = 60000) {
    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    sockaddr_un a{};
    a.sun_family = AF_UNIX;
@@ -270,7 +273,7 @@ std::string rawExchange(const std::string& router, const std::string& bytes) {
    std::string got;
    for (;;) {
       pollfd p{fd, POLLIN, 0};
-      if (poll(&p, 1, 500) <= 0) break;
+      if (poll(&p, 1, got.empty() ? firstMs : pauseMs) <= 0) break;
       char buf[4096];
       const ssize_t n = recv(fd, buf, sizeof buf, 0);
       if (n <= 0) break;
@@ -289,8 +292,10 @@ TEST_F(AttachedCliTest, TheControlSocketSurvivesGarbageAndAnswersInOrder) {
    // Replies come in the order asked, a sync's after the core has taken in every record written
    // before it (the table is mounted by the sync itself if the agent has not looked yet).
    const std::string replies =
-       rawExchange(r, "sync\nbogus words\n\x01\xff\xfe\nshow\nshow no-such-table\n"
-                      "json\njson restart extra\nshow candidates | count\nhello\n");
+       rawExchange(r,
+                   "sync\nbogus words\n\x01\xff\xfe\nshow\nshow no-such-table\n"
+                   "json\njson restart extra\nshow candidates | count\nhello\n",
+                   3000);
    const std::vector<std::string> expected{"ok ",
                                            "error unknown request 'bogus words'",
                                            "error unknown request '\\x01\\xff\\xfe'",
@@ -316,7 +321,7 @@ TEST_F(AttachedCliTest, TheControlSocketSurvivesGarbageAndAnswersInOrder) {
    // Too long a line, a client that goes away while its sync waits, more connections than served.
    EXPECT_EQ(rawExchange(r, std::string(10000, 'x')).rfind("error request longer than 4096", 0),
              0u);
-   rawExchange(r, "sync\n");
+   rawExchange(r, "sync\n", 0, 0);
    std::vector<int> many;
    for (int i = 0; i < 80; ++i) {
       const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
