@@ -355,7 +355,7 @@ void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const st
        << agent->err();
    EXPECT_EQ(watch.changedKeys(), 0u);
    // And the agent's own count of what its start did to the published tables says the same.
-   const std::string restart = Agent::ControlClient(crashed).ask("show restart");
+   const std::string restart = Agent::ControlClient(crashed, 60s).ask("show restart");
    EXPECT_NE(restart.find("Since restart 1: 0 row changes"), std::string::npos) << restart;
    EXPECT_NE(restart.find("selection input"), std::string::npos) << restart;
    // A stop leaves them as they are too.
@@ -401,7 +401,12 @@ TEST_F(AgentProcessTest, ACorruptPublishedTableIsRefusedAndTheAgentStartsAsOnAnE
              std::string::npos)
        << e;
    EXPECT_NE(e.find("mounted published table policyStatus, 500 records"), std::string::npos) << e;
-   // Both tables were made anew and hold again what the core publishes.
+   // Both tables were made anew and hold again what the core publishes (once its last retries
+   // ran and were written: slow under sanitizers).
+   const auto deadline = std::chrono::steady_clock::now() + 30s;
+   while (!(publishedMeaning(r) == whole) && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(100ms);
+   }
    EXPECT_TRUE(publishedMeaning(r) == whole);
    kill(agent.pid(), SIGTERM);
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
