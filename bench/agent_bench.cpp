@@ -34,6 +34,7 @@
 #include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "platform/VaultShm.h"
+#include "tests/support/PublishedWatch.h"
 
 using namespace SrTePolicy;
 using Clock = std::chrono::steady_clock;
@@ -192,30 +193,7 @@ InProcess inProcess(uint32_t paths) {
    return out;
 }
 
-// Keys told changed in every published table of a router, seen from this process.
-class Watch {
- public:
-   explicit Watch(const std::string& router) {
-      Agent::Published::forEachCodec([&]<class C>(C) {
-         auto r = std::make_shared<Vault::Shm::Reader<typename C::Key, typename C::Record>>(
-             router, C::table);
-         r->drain([](const auto&) {}, [] {});
-         drains_.push_back([r] {
-            size_t keys = 0;
-            r->drain([&](const auto&) { ++keys; }, [] {});
-            return keys;
-         });
-      });
-   }
-   size_t changedKeys() {
-      size_t n = 0;
-      for (auto& d : drains_) n += d();
-      return n;
-   }
-
- private:
-   std::vector<std::function<size_t()>> drains_;
-};
+using TestSupport::PublishedWatch;
 
 } // namespace
 
@@ -264,7 +242,7 @@ int main(int argc, char** argv) {
       agent.stop(SIGKILL);
    }
    {
-      Watch watch(router);
+      PublishedWatch watch(router);
       Srte agent(agentArgs);
       const std::string line = agent.waitFor("converged: " + n + " paths");
       const double restart = numberBefore(line, "s after start");

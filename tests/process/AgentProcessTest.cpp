@@ -30,6 +30,7 @@
 #include "platform/VaultShm.h"
 #include "tests/process/Process.h"
 #include "tests/support/PublishedMeaning.h"
+#include "tests/support/PublishedWatch.h"
 
 namespace {
 
@@ -259,32 +260,7 @@ Meaning publishedMeaning(const std::string& router, size_t* records = nullptr) {
    return m;
 }
 
-// Watches every published table of a router from outside, key by key, as forwarding would.
-class PublishedWatch {
- public:
-   explicit PublishedWatch(const std::string& router) {
-      Agent::Published::forEachCodec([&]<class C>(C) {
-         auto r = std::make_shared<Vault::Shm::Reader<typename C::Key, typename C::Record>>(
-             router, C::table);
-         r->drain([](const auto&) {}, [] {}); // attached
-         drains_.push_back([r] {
-            size_t keys = 0;
-            r->drain([&](const auto&) { ++keys; }, [] {});
-            return keys;
-         });
-      });
-   }
-   // Keys told changed since the last look, over every table (a new writer's "rescan" is not a
-   // change of any key).
-   size_t changedKeys() {
-      size_t n = 0;
-      for (auto& d : drains_) n += d();
-      return n;
-   }
-
- private:
-   std::vector<std::function<size_t()>> drains_;
-};
+using TestSupport::PublishedWatch;
 
 double convergedSeconds(const std::string& err) {
    const size_t at = err.rfind(" s after start");
