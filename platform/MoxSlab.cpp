@@ -29,9 +29,7 @@ void ChunkSlab::grow() {
       unsigned char* chunk = memory + c * chunkBytes_;
       reinterpret_cast<Header*>(chunk)->slab = this;
       for (size_t i = perChunk; i-- > 0;) {
-         auto* slot = reinterpret_cast<Free*>(chunk + firstSlot_ + i * slotSize_);
-         slot->next = free_;
-         free_ = slot;
+         free_.add(chunk + firstSlot_ + i * slotSize_);
       }
       capacity_ += perChunk;
    }

@@ -50,6 +50,38 @@
 
 namespace Mox {
 
+// The free slots of a slab, chained through the slots themselves, last freed first, and how many
+// slots are taken.
+class FreeSlots {
+ public:
+   bool empty() const noexcept { return head_ == nullptr; }
+   // Only when not empty.
+   void* take() noexcept {
+      Free* slot = head_;
+      head_ = slot->next;
+      ++live_;
+      return slot;
+   }
+   void give(void* p) noexcept {
+      add(p);
+      --live_;
+   }
+   // A slot of a new block.
+   void add(void* p) noexcept {
+      auto* slot = static_cast<Free*>(p);
+      slot->next = head_;
+      head_ = slot;
+   }
+   size_t live() const noexcept { return live_; }
+
+ private:
+   struct Free {
+      Free* next;
+   };
+   Free* head_ = nullptr;
+   size_t live_ = 0;
+};
+
 // Slots of one size, carved from blocks and reused through a free list (for Slabbed and Pool).
 class Slab {
  public:
@@ -64,25 +96,14 @@ class Slab {
    }
 
    void* take() {
-      if (!free_) grow();
-      void* slot = free_;
-      free_ = free_->next;
-      ++live_;
-      return slot;
+      if (free_.empty()) grow();
+      return free_.take();
    }
-   void give(void* p) noexcept {
-      auto* slot = static_cast<Free*>(p);
-      slot->next = free_;
-      free_ = slot;
-      --live_;
-   }
-   size_t live() const noexcept { return live_; }
+   void give(void* p) noexcept { free_.give(p); }
+   size_t live() const noexcept { return free_.live(); }
    size_t capacity() const noexcept { return capacity_; }
 
  private:
-   struct Free {
-      Free* next;
-   };
    struct Block {
       void* memory;
       size_t bytes;
@@ -99,9 +120,7 @@ class Slab {
       // Chained so that the block's slots are taken in address order.
       auto* memory = static_cast<unsigned char*>(block);
       for (size_t i = slots; i-- > 0;) {
-         auto* slot = reinterpret_cast<Free*>(memory + i * slotSize_);
-         slot->next = free_;
-         free_ = slot;
+         free_.add(memory + i * slotSize_);
       }
    }
 
@@ -109,8 +128,7 @@ class Slab {
    const size_t slotSize_;
    const size_t perBlock_;
    std::vector<Block> blocks_;
-   Free* free_ = nullptr;
-   size_t live_ = 0;
+   FreeSlots free_;
    size_t capacity_ = 0;
 };
 
@@ -153,20 +171,12 @@ class ChunkSlab {
    }
 
    void* take() {
-      if (!free_) [[unlikely]]
+      if (free_.empty()) [[unlikely]]
          grow();
-      void* slot = free_;
-      free_ = free_->next;
-      ++live_;
-      return slot;
+      return free_.take();
    }
-   void give(void* p) noexcept {
-      auto* slot = static_cast<Free*>(p);
-      slot->next = free_;
-      free_ = slot;
-      --live_;
-   }
-   size_t live() const noexcept { return live_; }
+   void give(void* p) noexcept { free_.give(p); }
+   size_t live() const noexcept { return free_.live(); }
    size_t capacity() const noexcept { return capacity_; }
    size_t chunkBytes() const noexcept { return chunkBytes_; }
    Arena& arena() const noexcept { return arena_; }
@@ -174,9 +184,6 @@ class ChunkSlab {
  private:
    struct Header {
       ChunkSlab* slab;
-   };
-   struct Free {
-      Free* next;
    };
    struct Block {
       void* memory;
@@ -191,8 +198,7 @@ class ChunkSlab {
    const size_t chunkBytes_;
    const size_t firstSlot_;
    std::vector<Block> blocks_;
-   Free* free_ = nullptr;
-   size_t live_ = 0;
+   FreeSlots free_;
    size_t capacity_ = 0;
 };
 
