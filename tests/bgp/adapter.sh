@@ -57,6 +57,8 @@ until_true() {
 }
 table() { "$build/bgp-table" --router "$router" "$@"; }
 status() { table --status | sed -n "s/^$1 //p"; }
+# Asked again on every try: an argument like "$(status x)" would be read once, before the wait.
+status_is() { [ "$(status "$1")" = "$2" ]; }
 records_are() { table --records >"$work/got" 2>/dev/null && cmp -s "$work/got" "$1"; }
 synchronised_after() { # CONNECTS: the adapter took that many snapshots and is synchronised
    [ "$(status connects)" = "$1" ] && [ "$(status connection)" = synchronised ]
@@ -119,7 +121,7 @@ until_true 30 "the changed and withdrawn records" records_are "$work/expected"
 held=$(wc -l <"$work/expected")
 
 # Refusals are counted and told with their reasons (the status follows the table within 0.2 s).
-until_true 5 "3 routes refused" [ "$(status routesRefused)" = 3 ]
+until_true 5 "3 routes refused" status_is routesRefused 3
 table --status >"$work/status"
 for reason in "SRv6 binding SID is not supported" "type B (SRv6 SID) is not supported" \
    "at most 16 segment lists"; do
@@ -166,7 +168,7 @@ compared=$held
 written=$(status recordsWritten) erased=$(status recordsErased)
 start_churn_watch
 "$here/gobgp-speaker.sh" stop router --kill
-until_true 10 "the adapter to lose the speaker" [ "$(status connection)" = disconnected ]
+until_true 10 "the adapter to lose the speaker" status_is connection disconnected
 records_are "$work/expected" || fail "records changed while the speaker was away"
 read -r _ _ gone_endpoint _ gone_color _ gone_discriminator _ <"$work/expected"
 echo "withdraw $gone_endpoint color $gone_color distinguisher $gone_discriminator" | inject
