@@ -142,19 +142,7 @@ void inputPart(Host& host, std::string& out) {
       for (const PolicyInputEntry& e : table.policyInputEntry()) records.push_back(&e);
       std::sort(records.begin(), records.end(),
                 [](auto* a, auto* b) { return a->key() < b->key(); });
-      for (const PolicyInputEntry* e : records) {
-         out += "input " + protocolWord(p) + " " + e->key().key.endpoint.stringValue() + " color " +
-                number(e->key().key.color.value) + " discriminator " +
-                number(e->key().discriminator.value) + " originator " +
-                number(e->originator().asn) + " " + e->originator().address.stringValue() +
-                " preference " + number(e->preference().value);
-         if (!e->bindingSid().isNull()) out += " bsid " + e->bindingSid().stringValue();
-         for (uint32_t s = 0; s < e->segmentListCount(); ++s) {
-            const WeightedSegList& l = e->segmentList(SegmentListIndex(s));
-            out += " segment-list weight " + number(l.weight.value) + " " + labels(l.segList);
-         }
-         out += "\n";
-      }
+      for (const PolicyInputEntry* e : records) out += inputLine(*e) + "\n";
       if (p == Protocol::staticConfig) {
          // Creating the static table fills it from the configuration; a configured path whose
          // record was deleted from the table must be deleted again.
@@ -163,8 +151,7 @@ void inputPart(Host& host, std::string& out) {
                  keysInOrder(host.config()->policy(key)->candidatePath())) {
                const PolicyId id(key, p, Discriminator(pref.value));
                if (table.policyInputEntryFind(id)) continue;
-               out += "no input " + protocolWord(p) + " " + key.endpoint.stringValue() + " color " +
-                      number(key.color.value) + " discriminator " + number(pref.value) + "\n";
+               out += noInputLine(id) + "\n";
             }
          }
       }
@@ -172,6 +159,27 @@ void inputPart(Host& host, std::string& out) {
 }
 
 } // namespace
+
+std::string inputLine(const PolicyInputEntry& e) {
+   const PolicyId& id = e.key();
+   std::string out = "input " + protocolWord(id.protocol) + " " + id.key.endpoint.stringValue() +
+                     " color " + number(id.key.color.value) + " discriminator " +
+                     number(id.discriminator.value) + " originator " + number(e.originator().asn) +
+                     " " + e.originator().address.stringValue() + " preference " +
+                     number(e.preference().value);
+   if (!e.bindingSid().isNull()) out += " bsid " + e.bindingSid().stringValue();
+   for (uint32_t s = 0; s < e.segmentListCount(); ++s) {
+      const WeightedSegList& l = e.segmentList(SegmentListIndex(s));
+      out += " segment-list weight " + number(l.weight.value) + " " + labels(l.segList);
+   }
+   return out;
+}
+
+std::string noInputLine(const PolicyId& id) {
+   return "no input " + protocolWord(id.protocol) + " " + id.key.endpoint.stringValue() +
+          " color " + number(id.key.color.value) + " discriminator " +
+          number(id.discriminator.value);
+}
 
 std::string runningConfig(Host& host) {
    std::string out = "# The inputs of srte: run this script in a fresh srte to rebuild them.\n";

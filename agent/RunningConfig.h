@@ -9,10 +9,16 @@
 
 #include <string>
 
+#include "types/SrTePolicyInput.h"
+
 namespace Agent {
 
 class Host;
 
 std::string runningConfig(Host& host);
+
+// One input record as the command that writes it, and the command that deletes it (no newline).
+std::string inputLine(const SrTePolicy::PolicyInputEntry& e);
+std::string noInputLine(const SrTePolicy::PolicyId& id);
 
 } // namespace Agent

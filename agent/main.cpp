@@ -53,8 +53,12 @@ void printHelp() {
           "                          exists; --resolve: labels with an LFIB route while no MPLS\n"
           "                          status table exists\n"
           "  srte feed --router NAME [--protocol P] --paths N [--first K] [--erase]\n"
+          "           [--seed S] [--print]\n"
           "                          write (or erase) N numbered candidate paths, from K, in\n"
-          "                          the shared input table of protocol P (bgp by default)\n"
+          "                          the shared input table of protocol P (bgp by default);\n"
+          "                          --seed: varied records drawn from S (several candidates\n"
+          "                          per policy) instead of the plain pattern; --print: also\n"
+          "                          print each change as the scenario line that makes it\n"
           "  srte bgp --router NAME [--gobgp HOST:PORT] [--settle S] [--stale-hold S]\n"
           "           [--capacity N]\n"
           "                          the BGP adapter of router NAME: writes the best SR Policy\n"
@@ -193,6 +197,10 @@ int runCommand(const std::string& command, int argc, char** argv) {
          feed.erase = true;
          continue;
       }
+      if (command == "feed" && arg == "--print") {
+         feed.print = true;
+         continue;
+      }
       if (i + 1 >= argc) return usage("'" + Agent::printable(arg) + "' needs a value");
       const std::string value = argv[++i];
       if (arg == "--router") {
@@ -226,6 +234,10 @@ int runCommand(const std::string& command, int argc, char** argv) {
          havePaths = true;
       } else if (command == "feed" && arg == "--first") {
          if (!number(value, feed.first)) return usage("--first takes a number below 10^9");
+      } else if (command == "feed" && arg == "--seed") {
+         uint32_t seed = 0;
+         if (!number(value, seed)) return usage("--seed takes a number below 10^9");
+         feed.seed = seed;
       } else {
          return usage("unknown option '" + Agent::printable(arg) + "'");
       }
@@ -236,7 +248,7 @@ int runCommand(const std::string& command, int argc, char** argv) {
       return Agent::runAgent(agent, std::cerr);
    }
    if (!havePaths) return usage("--paths N is required");
-   return Agent::feed(feed, std::cerr);
+   return Agent::feed(feed, std::cout, std::cerr);
 }
 
 } // namespace

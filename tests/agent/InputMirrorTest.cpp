@@ -105,14 +105,20 @@ TEST_F(InputMirrorTest, TheFeederIsRefusedWhileAnotherWritesThenGoesOn) {
                       SrTePolicy::policyInputFactory(table_));
    mirror.drain();
 
-   std::ostringstream err;
-   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, err), Agent::exitCannotRun);
+   std::ostringstream out, err;
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, out, err), Agent::exitCannotRun);
    EXPECT_NE(err.str().find(std::to_string(::getpid())), std::string::npos) << err.str();
 
    // Once the first writer is gone, the feeder adds ten and erases five.
    first.reset();
-   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, err), Agent::exitOk);
-   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 5, 3, true}, err), Agent::exitOk);
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 10, 10, false}, out, err), Agent::exitOk);
+   // Printed, each change is the line that makes it in a scenario.
+   EXPECT_EQ(Agent::feed({router_, Protocol::bgp, 5, 3, true, 0, true}, out, err), Agent::exitOk);
+   EXPECT_EQ(out.str(), "no input bgp 10.0.0.0 color 4 discriminator 3\n"
+                        "no input bgp 10.0.0.0 color 5 discriminator 4\n"
+                        "no input bgp 10.0.0.0 color 6 discriminator 5\n"
+                        "no input bgp 10.0.0.0 color 7 discriminator 6\n"
+                        "no input bgp 10.0.0.0 color 8 discriminator 7\n");
    mirror.drain();
    expectSame(mirror);
    EXPECT_EQ(mirror.table()->policyInputEntryCount(), 15u);
