@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <iostream>
 #include <unordered_set>
 #include <vector>
@@ -86,6 +87,18 @@ void Attachment::loadRouterTables() {
    } catch (const Vault::Corruption& e) {
       host_.warn(std::string("router tables not all read: ") + e.what());
    }
+}
+
+void Attachment::claimRouterTables(const std::vector<std::string>& tables) {
+   const std::vector<std::string> held = routerWriter_->claimed();
+   const bool allHeld = std::all_of(tables.begin(), tables.end(), [&](const std::string& t) {
+      return std::find(held.begin(), held.end(), t) != held.end();
+   });
+   if (allHeld) return;
+   // What another process wrote since this one last looked is kept: the claim writes the local
+   // collection whole.
+   loadRouterTables();
+   for (const std::string& t : tables) routerWriter_->claim(t);
 }
 
 void Attachment::afterCommand() {

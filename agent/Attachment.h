@@ -15,9 +15,10 @@
 //  - tables: ask() forwards `show` and `json` requests to the agent.
 //  - the router's own tables (configuration, color-to-DSCP map, MPLS configuration and status,
 //    hardware, counters): loaded from shared memory at start and before each show, and written
-//    through a RouterTablesWriter. That writer claims a table at its first write, so a table
-//    another process writes is found refused only once the command ran: the command then fails
-//    with the holder's name (afterCommand) and its change stays in this session alone.
+//    through a RouterTablesWriter. A verb names the tables it changes (verbWritesRouterTables):
+//    they are claimed at parse time like the input tables, so a table another process writes
+//    refuses the line before it changes anything. afterCommand reports what still could not be
+//    shared (a label-range name too long for the table).
 //  - the published tables: read from shared memory into the host's (never started) core before
 //    each show, so they show what forwarding has, also while the agent is down.
 #pragma once
@@ -65,7 +66,10 @@ class Attachment {
    void refresh();
    // The same for the input tables alone.
    void refreshInputs();
-   // After each command: throws ScriptError when a router table it changed is another's.
+   // Makes this process the writer of those router tables, after taking in what they hold when it
+   // does not write them yet. Throws Vault::Shm::WriterBusy when another live process writes one.
+   void claimRouterTables(const std::vector<std::string>& tables);
+   // After each command: throws ScriptError when a change it made could not be shared.
    void afterCommand();
 
  private:

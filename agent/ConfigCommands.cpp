@@ -77,6 +77,7 @@ void registerFlag(Host& host, const char* word, const char* summary, void (Confi
       const bool on = a.onOff(name);
       return [&host, setter, on] { (host.config().get()->*setter)(on); };
    });
+   host.verbWritesRouterTables(name, {"config"});
 }
 
 // DSCP values: numbers 0..63 or names (ef, af41, cs3, ...).
@@ -372,6 +373,14 @@ void registerConfig(Host& host) {
              }
           };
        });
+
+   const std::vector<std::string> policies{"config-policy", "config-candidatePath"};
+   for (const char* verb : {"static policy", "static path", "static segment-list",
+                            "no static policy", "no static path", "no static segment-list"}) {
+      host.verbWritesRouterTables(verb, policies);
+   }
+   host.verbWritesRouterTables("color-dscp", {"colorDscpMap"});
+   host.verbWritesRouterTables("no color-dscp", {"colorDscpMap"});
 
    host.showIs(
        "config", "Config flags and static policies", [&host] { return configView(host); },

@@ -78,13 +78,24 @@ void Host::verbIs(std::string name, std::string usage, std::string summary, Pars
       if (v.name == name) throw std::logic_error("verb registered twice: " + name);
    }
    verbWords_.push_back(tokenize(name));
-   verbs_.push_back(Verb{std::move(name), std::move(usage), std::move(summary), std::move(parse)});
+   verbs_.push_back(
+       Verb{std::move(name), std::move(usage), std::move(summary), std::move(parse), false, {}});
 }
 
 void Host::verbAsksAgent(std::string_view name) {
    for (auto& v : verbs_) {
       if (v.name == name) v.asksAgent = true;
    }
+}
+
+void Host::verbWritesRouterTables(std::string_view name, std::vector<std::string> tables) {
+   for (auto& v : verbs_) {
+      if (v.name == name) {
+         v.routerTables = std::move(tables);
+         return;
+      }
+   }
+   throw std::logic_error("router tables of an unknown verb: " + std::string(name));
 }
 
 void Host::showIs(std::string table, std::string summary, ShowText readable, ShowJson json,
@@ -397,7 +408,17 @@ Host::Apply Host::parse(std::string_view line) const {
    }
    if (!apply) return [] {};
    if (attachment_) {
-      // A router table this command wrote may be another process's: said after it ran.
+      // Before anything is applied: a table another process writes refuses the whole line.
+      if (!verb->routerTables.empty()) {
+         try {
+            attachment_->claimRouterTables(verb->routerTables);
+         } catch (const Vault::Shm::WriterBusy& e) {
+            args.fail(e.what());
+         } catch (const Vault::Corruption& e) {
+            args.fail(e.what());
+         }
+      }
+      // What is left to say after it ran (a label-range name too long to share).
       Host* self = const_cast<Host*>(this);
       return [self, arena = arena_.get(), apply = std::move(apply)] {
          {

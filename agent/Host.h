@@ -114,6 +114,8 @@ class Host {
       Parse parse;
       // A show of its own (`show policy`) over what only the agent knows.
       bool asksAgent = false;
+      // The router's shared tables (agent/RouterTablesShm.h) the verb may change.
+      std::vector<std::string> routerTables;
    };
    struct Show {
       std::string table;
@@ -132,6 +134,10 @@ class Host {
    void verbIs(std::string name, std::string usage, std::string summary, Parse parse);
    // The verb shows what only the agent knows: attached, the line is asked of the agent.
    void verbAsksAgent(std::string_view name);
+   // The verb changes these router tables: attached, this process claims them (becomes their
+   // writer) before the line is applied, and the line is refused, changing nothing, when another
+   // live process writes one of them.
+   void verbWritesRouterTables(std::string_view name, std::vector<std::string> tables);
    // A table reads the core's machines or in-process entities unless it says otherwise.
    void showIs(std::string table, std::string summary, ShowText readable, ShowJson json,
                Reads reads = Reads::agent);

@@ -381,6 +381,21 @@ void registerMpls(Host& host) {
                   }
                   return [&host, id] { host.counterTable()->counterDel(id); };
                });
+   for (const auto& [verb, table] : std::vector<std::pair<const char*, const char*>>{
+            {"label-range", "mpls-labelRange"},
+            {"no label-range", "mpls-labelRange"},
+            {"adjacency", "mpls-adjacency"},
+            {"no adjacency", "mpls-adjacency"},
+            {"adjacency-ext", "mpls-adjacencyExt"},
+            {"no adjacency-ext", "mpls-adjacencyExt"},
+            {"lfib route", "mpls-lfibRoute"},
+            {"no lfib route", "mpls-lfibRoute"},
+            {"platform max-label-depth", "hardware"},
+            {"no platform max-label-depth", "hardware"},
+            {"counter tunnel", "tunnelCounters"},
+            {"no counter tunnel", "tunnelCounters"}}) {
+      host.verbWritesRouterTables(verb, {table});
+   }
 
    host.showIs(
        "mpls", "label ranges, LFIB routes, adjacencies, platform label depth, tunnel counters",

@@ -983,6 +983,17 @@ void RouterTablesWriter::publishAll() {
    });
 }
 
+void RouterTablesWriter::claim(std::string_view table) {
+   bool known = false;
+   forEachCodec([&](auto codec) {
+      using C = decltype(codec);
+      if (table != C::table) return;
+      known = true;
+      impl_->publisher<C>().claim();
+   });
+   if (!known) throw std::invalid_argument("no router table " + std::string(table));
+}
+
 std::vector<std::string> RouterTablesWriter::claimed() const {
    std::vector<std::string> out;
    forEachCodec([&](auto codec) {

@@ -250,6 +250,10 @@ class RouterTablesWriter {
    MirrorCounts load();
    // Claims every table and makes it equal to the local entities.
    void publishAll();
+   // Claims one table by name and makes it equal to the local entities. Throws
+   // Vault::Shm::WriterBusy (naming the table and its holder) or Vault::Corruption; an unknown
+   // name is a std::invalid_argument.
+   void claim(std::string_view table);
    // What a refused write says: by default kept for takeErrors(); a CLI prints it instead.
    void errorHandlerIs(ErrorHandler handler) { onError_ = std::move(handler); }
    std::vector<std::string> takeErrors() { return std::exchange(errors_, {}); }

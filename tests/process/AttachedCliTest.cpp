@@ -366,6 +366,22 @@ TEST_F(AttachedCliTest, ATableAnotherProcessWritesIsRefusedWithItsNameAndNothing
       EXPECT_NE(refused.err.find("written by process " + std::to_string(getpid())),
                 std::string::npos)
           << refused.err;
+      // Refused before it changes anything: the static path would have become a record of the
+      // static input table, which this session may write; it does not, and the script stops
+      // there as at any refused line.
+      const Run path = attached(r, "static segment-list 10.0.0.3 color 8 preference 100 labels "
+                                   "300\ninput-table bgp\n");
+      EXPECT_EQ(path.status, 1);
+      EXPECT_NE(path.err.find(":1: error: Vault table " +
+                              Vault::Shm::segmentPath(r, "config-policy") +
+                              " is written by process " + std::to_string(getpid())),
+                std::string::npos)
+          << path.err;
+      EXPECT_EQ(path.err.find("exists"), std::string::npos) << path.err;
+      const Run inputs = attached(r, "show input\n");
+      EXPECT_NE(inputs.out.find("Input table static (30): 1 record"), std::string::npos)
+          << inputs.out;
+      EXPECT_EQ(inputs.out.find("10.0.0.3"), std::string::npos) << inputs.out;
    }
    // Once the holder has gone the table is taken over.
    const Run taken = attached(r, "input bgp 10.0.0.1 color 5 discriminator 1\nshow input\n");
