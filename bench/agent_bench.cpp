@@ -251,6 +251,6 @@ int main(int argc, char** argv) {
                   restart, restart / cold, numberBefore(line, "written,"), watch.changedKeys());
       agent.stop(SIGTERM);
    }
-   for (const std::string& t : Vault::Shm::tablesOf(router)) Vault::Shm::removeTable(router, t);
+   Vault::Shm::removeRouter(router);
    return 0;
 }

@@ -147,6 +147,55 @@ bool removeTable(std::string_view router, std::string_view table) {
    return unlink(segmentPath(router, table).c_str()) == 0;
 }
 
+namespace {
+
+// Removes the files of the shared-memory directory whose name starts with `prefix` and for which
+// `remove(rest of the name)` says so.
+template <class F>
+size_t removeWhere(const std::string& prefix, F remove) {
+   std::vector<std::string> doomed;
+   if (DIR* dir = opendir(shmDirectory)) {
+      while (const dirent* e = readdir(dir)) {
+         const std::string_view name = e->d_name;
+         if (name.starts_with(prefix) && remove(name.substr(prefix.size()))) {
+            doomed.emplace_back(name);
+         }
+      }
+      closedir(dir);
+   }
+   size_t removed = 0;
+   for (const std::string& name : doomed) {
+      if (unlink((std::string(shmDirectory) + name).c_str()) == 0) ++removed;
+   }
+   return removed;
+}
+
+// The segments being made for the segment named `name` (in the shared-memory directory) by
+// processes that no longer run.
+size_t removeDeadMakings(std::string_view name) {
+   return removeWhere(std::string(name) + ".new.", [](std::string_view pidText) {
+      if (pidText.empty() || pidText.size() > 9 ||
+          pidText.find_first_not_of("0123456789") != std::string_view::npos) {
+         return false;
+      }
+      const pid_t pid = static_cast<pid_t>(std::stol(std::string(pidText)));
+      return pid > 0 && pid != getpid() && kill(pid, 0) != 0 && errno == ESRCH;
+   });
+}
+
+} // namespace
+
+size_t removeLeftovers(std::string_view router, std::string_view table) {
+   const std::string path = segmentPath(router, table);
+   return removeDeadMakings(std::string_view(path).substr(std::strlen(shmDirectory)));
+}
+
+size_t removeRouter(std::string_view router) {
+   checkName("router", router);
+   // Names hold no '.', so this prefix is this router's alone.
+   return removeWhere("srte." + std::string(router) + ".", [](std::string_view) { return true; });
+}
+
 bool waitReadable(int fd, int timeoutMs) {
    pollfd p{fd, POLLIN, 0};
    for (;;) {
@@ -274,6 +323,10 @@ Segment Segment::openWriter(const std::string& path, uint32_t keySize, uint32_t 
       throw std::invalid_argument("Vault table " + path +
                                   ": capacity 1 to 2^30 records, ring a "
                                   "power of two from 2 to 2^24");
+   }
+   // What writers killed while making this table left behind.
+   if (path.starts_with(shmDirectory)) {
+      removeDeadMakings(std::string_view(path).substr(std::strlen(shmDirectory)));
    }
    // Another writer may create or remove it meanwhile: a few rounds settle that.
    for (int round = 0; round < 16; ++round) {

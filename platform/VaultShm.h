@@ -80,6 +80,13 @@ std::string segmentPath(std::string_view router, std::string_view table);
 std::vector<std::string> tablesOf(std::string_view router);
 // Removes a table's segment (its writer and readers keep their mapping); true when it existed.
 bool removeTable(std::string_view router, std::string_view table);
+// A writer makes a new segment under "<path>.new.<pid>" and links it under its name; one killed
+// meanwhile leaves that file. Removes those of `table` whose maker no longer runs (a live one may
+// be making it right now) and says how many. Every writer does this as it opens its table.
+size_t removeLeftovers(std::string_view router, std::string_view table);
+// Removes every segment of `router`, its tables and whatever is still being made, for a router
+// that is done with (tests, benchmarks); how many.
+size_t removeRouter(std::string_view router);
 
 struct Geometry {
    uint64_t capacity = 1 << 16;     // records

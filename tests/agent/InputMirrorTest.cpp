@@ -26,10 +26,7 @@ struct Heard : PolicyInput::Notifiee {
 
 class InputMirrorTest : public ::testing::Test {
  protected:
-   void TearDown() override {
-      for (const std::string& t : Vault::Shm::tablesOf(router_))
-         Vault::Shm::removeTable(router_, t);
-   }
+   void TearDown() override { Vault::Shm::removeRouter(router_); }
    // The in-process table holds exactly what the shared one does.
    static void expectSame(const InputMirror& m) {
       size_t shared = 0;

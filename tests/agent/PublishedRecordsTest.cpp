@@ -64,11 +64,7 @@ class PublishedRecordsTest : public ::testing::Test {
       r.start();
       r.run();
    }
-   void TearDown() override {
-      for (const std::string& t : Vault::Shm::tablesOf(router)) {
-         Vault::Shm::removeTable(router, t);
-      }
-   }
+   void TearDown() override { Vault::Shm::removeRouter(router); }
    std::string segment(const char* table) const { return Vault::Shm::segmentPath(router, table); }
 
    const std::string router = "prt" + std::to_string(getpid());
@@ -283,9 +279,7 @@ TEST_F(PublishedRecordsTest, ATableCutUnderTheWriterOrHeldByAnotherIsReportedNot
    }
    second.sync();
    EXPECT_EQ(second.takeProblems().size(), 1u);
-   for (const std::string& t : Vault::Shm::tablesOf(router + "x")) {
-      Vault::Shm::removeTable(router + "x", t);
-   }
+   Vault::Shm::removeRouter(router + "x");
 }
 
 } // namespace

@@ -102,11 +102,7 @@ void fill(StandaloneRouter& r) {
 
 class RouterTablesShmTest : public ::testing::Test {
  protected:
-   void TearDown() override {
-      for (const std::string& t : Vault::Shm::tablesOf(router_)) {
-         Vault::Shm::removeTable(router_, t);
-      }
-   }
+   void TearDown() override { Vault::Shm::removeRouter(router_); }
    // Overwrites bytes of a table's segment file, as a stray process would.
    void scribble(const std::string& table, off_t at, const std::string& bytes) {
       const int fd = ::open(Vault::Shm::segmentPath(router_, table).c_str(), O_RDWR);

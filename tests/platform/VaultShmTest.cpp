@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <random>
@@ -78,9 +79,7 @@ class VaultShm : public ::testing::Test {
       if (router_.size() > 40) router_.resize(40);
    }
    void TearDown() override {
-      for (const std::string& r : routers_) {
-         for (const std::string& t : Vault::Shm::tablesOf(r)) Vault::Shm::removeTable(r, t);
-      }
+      for (const std::string& r : routers_) Vault::Shm::removeRouter(r);
    }
    std::string router(const std::string& suffix = "") {
       std::string r = router_.substr(0, 38) + suffix;
@@ -401,6 +400,58 @@ TEST_F(VaultShm, SecondWriterIsRefusedNamingTheHolderUntilTheHolderDies) {
    EXPECT_TRUE(reader.replaced());
    EXPECT_FALSE(reader.lookup(idOf(2)));
    EXPECT_EQ(InputReader(r, "policyInputEntry").lookup(idOf(2))->preference().value, 2u);
+}
+
+TEST_F(VaultShm, AWriterRemovesWhatDeadMakersOfItsTableLeftAndSparesALiveOnes) {
+   const std::string r = router();
+   const pid_t dead = spawn([] { return 0; });
+   exitStatus(dead);
+   Pipe ready;
+   const pid_t live = spawn([&] {
+      ready.put('r');
+      pause();
+      return 0;
+   });
+   ASSERT_EQ(ready.get(), 'r');
+   // What a writer killed between making a segment and linking it under its name leaves.
+   const auto making = [&](const std::string& table, pid_t pid) {
+      const std::string path = Vault::Shm::segmentPath(r, table) + ".new." + std::to_string(pid);
+      std::ofstream(path) << std::string(4096, '\0');
+      return path;
+   };
+   const auto exists = [](const std::string& path) { return access(path.c_str(), F_OK) == 0; };
+   const std::string deadOne = making("policyInputEntry", dead);
+   const std::string liveOne = making("policyInputEntry", live);
+   const std::string otherTable = making("policyInputEntry2", dead);
+   const std::string notAPid = Vault::Shm::segmentPath(r, "policyInputEntry") + ".new.x1";
+   std::ofstream(notAPid) << "x";
+   // None of them is a table.
+   EXPECT_TRUE(Vault::Shm::tablesOf(r).empty());
+
+   {
+      InputWriter writer(r, "policyInputEntry");
+      EXPECT_FALSE(exists(deadOne));
+      EXPECT_TRUE(exists(liveOne)) << "a live writer may be making it right now";
+      EXPECT_TRUE(exists(otherTable)) << "another table's is left to that table's writer";
+      EXPECT_TRUE(exists(notAPid));
+   }
+   EXPECT_EQ(Vault::Shm::tablesOf(r), std::vector<std::string>{"policyInputEntry"});
+   // Its maker dead, the next writer of the table (one that finds it made) removes it too.
+   kill(live, SIGKILL);
+   exitStatus(live);
+   {
+      InputWriter writer(r, "policyInputEntry");
+      EXPECT_FALSE(exists(liveOne));
+   }
+   EXPECT_EQ(Vault::Shm::removeLeftovers(r, "policyInputEntry2"), 1u);
+   EXPECT_FALSE(exists(otherTable));
+
+   // A router done with goes whole: its tables and whatever is still being made.
+   const std::string mine = making("policyInputEntry", getpid());
+   EXPECT_EQ(Vault::Shm::removeRouter(r), 3u);
+   EXPECT_FALSE(exists(mine));
+   EXPECT_FALSE(exists(notAPid));
+   EXPECT_TRUE(Vault::Shm::tablesOf(r).empty());
 }
 
 // Writes `bytes` at `offset` of a segment, as a stray process could.

@@ -47,7 +47,7 @@ class AgentProcessTest : public ::testing::Test {
    }
    void TearDown() override {
       for (const std::string& r : routers_) {
-         for (const std::string& t : Vault::Shm::tablesOf(r)) Vault::Shm::removeTable(r, t);
+         Vault::Shm::removeRouter(r);
          EXPECT_NE(access(("/dev/shm/srte-agent." + r + ".lock").c_str(), F_OK), 0)
              << "the lock file of " << r << " stayed";
       }

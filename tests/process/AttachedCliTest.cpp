@@ -52,7 +52,7 @@ class AttachedCliTest : public ::testing::Test {
    }
    void TearDown() override {
       for (const std::string& r : routers_) {
-         for (const std::string& t : Vault::Shm::tablesOf(r)) Vault::Shm::removeTable(r, t);
+         Vault::Shm::removeRouter(r);
          EXPECT_NE(access(Agent::controlSocketPath(r).c_str(), F_OK), 0)
              << "the control socket of " << r << " stayed";
       }
