@@ -23,7 +23,16 @@ InputMirror::Counts InputMirror::drain() {
                  counts_.rescans - before.rescans};
 }
 
+bool InputMirror::stopping() {
+   if (interrupted_) return true;
+   if (!stop_ || ++sinceAsked_ < 1024) return false;
+   sinceAsked_ = 0;
+   interrupted_ = stop_();
+   return interrupted_;
+}
+
 void InputMirror::copyRecord(const PolicyInputEntry& record) {
+   if (stopping()) return;
    const PolicyInputEntry* held = table_->policyInputEntryFind(record.key());
    if (held && *held == record) return;
    table_->policyInputEntryIs(record);
@@ -31,6 +40,7 @@ void InputMirror::copyRecord(const PolicyInputEntry& record) {
 }
 
 void InputMirror::copyKey(const PolicyId& id) {
+   if (stopping()) return;
    if (reader_.lookup(id, scratch_)) {
       copyRecord(scratch_);
    } else if (table_->policyInputEntryDel(id)) {
@@ -43,9 +53,12 @@ void InputMirror::rescan() {
    std::unordered_set<PolicyId, IdHash> present;
    present.reserve(reader_.size());
    reader_.forEach([&](const PolicyInputEntry& record) {
-      present.insert(record.key());
       copyRecord(record);
+      present.insert(record.key());
+      return !interrupted_;
    });
+   // Cut short, it has not seen every record: none may be taken for gone.
+   if (interrupted_) return;
    std::vector<PolicyId> gone;
    table_->policyInputEntryForEachId([&](const PolicyId& id) {
       if (!present.contains(id)) gone.push_back(id);

@@ -7,10 +7,15 @@
 //  - "everything changed" (just attached, lapped by the ring, a new writer took over) rescans:
 //    records that differ are copied, keys the shared table no longer has are erased;
 //  - a record or segment that makes no sense throws Vault::Corruption out of drain(), leaving
-//    the in-process table as it was before that record.
+//    the in-process table as it was before that record;
+//  - a drain is one step however large the table (a rescan of 300,000 records takes about half
+//    a second): a process that must stop promptly gives it a question to ask every 1024 records
+//    (stopWhen); once it says stop, nothing more is taken in and the table stays part way, for a
+//    process about to end.
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 #include "platform/VaultShm.h"
 #include "types/SrTePolicyInput.h"
@@ -37,6 +42,9 @@ class InputMirror {
    int fd() const noexcept { return reader_.fd(); }
    // Applies every change since the last drain; what it did, added up.
    Counts drain();
+   // Asked as a drain goes; true stops it for good (interrupted()).
+   void stopWhen(std::function<bool()> stop) { stop_ = std::move(stop); }
+   bool interrupted() const noexcept { return interrupted_; }
 
    const SharedInput& shared() const noexcept { return reader_; }
    const Mox::Ptr<SrTePolicy::PolicyInput>& table() const noexcept { return table_; }
@@ -46,12 +54,17 @@ class InputMirror {
    void copyKey(const SrTePolicy::PolicyId& id);
    void copyRecord(const SrTePolicy::PolicyInputEntry& record);
    void rescan();
+   // True once the process wants to stop: asked of stop_ every 1024 records.
+   bool stopping();
 
    SharedInput reader_;
    Mox::Ptr<SrTePolicy::PolicyInput> table_;
    Counts counts_;
    // One record kept for lookups: an entry is several hundred bytes.
    SrTePolicy::PolicyInputEntry scratch_;
+   std::function<bool()> stop_;
+   uint32_t sinceAsked_ = 0;
+   bool interrupted_ = false;
 };
 
 } // namespace Agent

@@ -332,10 +332,26 @@ class RouterAgent {
          const bool fresh = !table;
          if (fresh) table = SrTePolicy::policyInputFactory(name);
          auto mirror = std::make_unique<InputMirror>(std::move(reader), table);
-         mirror->drain(); // the first drain is a rescan: the records come in whole
+         // A large table takes a while: a stop signal cuts it short (the loop then ends). So a
+         // new table reaches the core empty and its records one by one, inside the drain: handed
+         // over whole, the core's reactors would take them all in one step nothing can cut.
+         mirror->stopWhen([this] { return loop_.stopWanted(); });
          if (fresh) {
             table->mountStatusIs(Vault::MountStatus::mounted);
             host_.policyInputSource()->policyInputIs(protocol, table);
+         }
+         try {
+            mirror->drain(); // the first drain is a rescan: the records come in whole
+         } catch (const Vault::Corruption&) {
+            if (fresh) host_.policyInputSource()->policyInputDel(protocol);
+            throw;
+         }
+         if (mirror->interrupted()) {
+            err_ << "srte agent: stopping: " << name << " left part way, "
+                 << mirror->counts().written << " of " << mirror->shared().size()
+                 << " records taken in\n"
+                 << std::flush;
+            return true;
          }
          InputMirror* m = mirror.get();
          loop_.fdIs(m->fd(), [this, protocol] { drain(protocol); });

@@ -130,6 +130,11 @@ void Loop::turn(Duration maxWait) {
    }
 }
 
+bool Loop::stopWanted() {
+   if (!stopped_ && signalFd_ >= 0) readSignal();
+   return stopped_;
+}
+
 void Loop::run() {
    while (!stopped_) turn();
 }

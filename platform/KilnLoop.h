@@ -12,7 +12,8 @@
 //  - ready tasks are run in batches bounded in count and time, so descriptors (and a stop
 //    signal) are served while a backlog runs;
 //  - `catchStopSignals()` turns SIGTERM and SIGINT into a stop at the next turn (a signalfd: no
-//    handler runs inside a task); `stop()` does the same from a handler or a task;
+//    handler runs inside a task); `stop()` does the same from a handler or a task; a step that
+//    may take long asks `stopWanted()` as it goes;
 //  - `onIdle` runs each time the loop is about to sleep with nothing ready; when it says it has
 //    more to do, the loop only looks at the descriptors (without sleeping) and calls it again, so
 //    that long idle work is done in slices between which input is served.
@@ -67,6 +68,10 @@ class Loop {
    void turn(Duration maxWait = Duration::max());
    void stop() noexcept { stopped_ = true; }
    bool stopped() const noexcept { return stopped_; }
+   // Whether the loop is to stop, a stop signal not yet read included (it is read here): for a
+   // long step inside a handler or a task (a large table taken in whole), which then cuts itself
+   // short, so that the process ends within its promise. The loop stops at its next turn.
+   bool stopWanted();
 
    // Task runs, and time spent running them, between two looks at the descriptors.
    static constexpr size_t runsPerTurn = 64;

@@ -42,6 +42,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "platform/Vault.h"
@@ -277,7 +278,8 @@ class SharedTable {
 
    // Calls `visit(record)` with a whole copy of every record. Records changed during the walk
    // are seen old or new; a record present throughout is seen; when the writer compacts its
-   // index meanwhile, the walk starts again (a record may then be seen twice).
+   // index meanwhile, the walk starts again (a record may then be seen twice). A `visit` that
+   // returns bool ends the walk by returning false.
    template <class F>
    void forEach(F&& visit) const {
       constexpr size_t batchSize = 16;
@@ -308,7 +310,13 @@ class SharedTable {
                   }
                }
             });
-            for (size_t i = 0; i < n; ++i) visit(static_cast<const R&>(batch[i].record));
+            for (size_t i = 0; i < n; ++i) {
+               if constexpr (std::is_same_v<std::invoke_result_t<F&, const R&>, bool>) {
+                  if (!visit(static_cast<const R&>(batch[i].record))) return;
+               } else {
+                  visit(static_cast<const R&>(batch[i].record));
+               }
+            }
          }
          // A compaction during the walk may have moved records this copy no longer shows.
          guard([&] {

@@ -94,6 +94,32 @@ TEST_F(InputMirrorTest, ALappedReaderRescansAndDropsWhatWentAway) {
    expectSame(mirror);
 }
 
+TEST_F(InputMirrorTest, ADrainCutShortByAStopTakesInNoMoreAndErasesNothing) {
+   InputMirror::SharedInputWriter writer(router_, table_, {8192, 1024});
+   for (uint32_t n = 0; n < 5000; ++n) writer.insert(Agent::feedRecord(Protocol::bgp, n));
+   InputMirror mirror(InputMirror::SharedInput(router_, table_),
+                      SrTePolicy::policyInputFactory(table_));
+   // Held here, not in the shared table: a whole rescan would erase it.
+   const PolicyInputEntry stray = Agent::feedRecord(Protocol::bgp, 9999);
+   mirror.table()->policyInputEntryIs(stray);
+   int asked = 0;
+   mirror.stopWhen([&] { return ++asked == 2; });
+
+   const InputMirror::Counts c = mirror.drain();
+   EXPECT_TRUE(mirror.interrupted());
+   EXPECT_EQ(asked, 2);
+   // Asked after 1024 records and again after 2048: the second said stop.
+   EXPECT_EQ(c.written, 2047u);
+   EXPECT_EQ(c.erased, 0u);
+   EXPECT_TRUE(mirror.table()->policyInputEntryFind(stray.key()));
+   // Nothing more comes in, and nothing is asked any more.
+   writer.insert(Agent::feedRecord(Protocol::bgp, 6000));
+   writer.erase(Agent::feedRecord(Protocol::bgp, 0).key());
+   EXPECT_EQ(mirror.drain().written, 0u);
+   EXPECT_FALSE(mirror.table()->policyInputEntryFind(Agent::feedRecord(Protocol::bgp, 6000).key()));
+   EXPECT_EQ(asked, 2);
+}
+
 TEST_F(InputMirrorTest, TheFeederIsRefusedWhileAnotherWritesThenGoesOn) {
    auto first = std::make_unique<InputMirror::SharedInputWriter>(router_, table_,
                                                                  Vault::Shm::Geometry{256, 1024});
