@@ -120,7 +120,8 @@ void showAll(Host& host, bool json) {
 void registerAttachedTime(Host& host) {
    Attachment& attached = *host.attachment();
    host.verbIs("run", "run",
-               "wait until the agent has taken in every change written so far and has no work left",
+               "wait until the agent has taken in every change written so far, has no task ready "
+               "and has published the result; work put off to a timer is not waited for",
                [&attached](Args& a) -> Host::Apply {
                   if (!a.done()) {
                      a.fail("attached to router " + attached.router() +
@@ -128,7 +129,9 @@ void registerAttachedTime(Host& host) {
                   }
                   return [&attached] { attached.sync("run"); };
                });
-   host.verbIs("advance", "advance <seconds>", "wait that many seconds of real time, then as run",
+   host.verbIs("advance", "advance <seconds>",
+               "wait that many seconds of real time (the agent's timers due meanwhile fire "
+               "there), then as run",
                [&attached](Args& a) -> Host::Apply {
                   const std::string text = a.word("seconds");
                   const auto d = Kiln::parseSeconds(text);
