@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "core/SrTePolicyMachines.h"
+#include "core/SrTePolicyRestartWatch.h"
 
 namespace Agent {
 
@@ -89,6 +90,13 @@ class PublishedMirror {
    }
 
    const PublishedCounts& totals() const noexcept { return totals_; }
+   // What the syncs since mount did to the shared tables, when mount found an earlier agent's:
+   // per table, the records it found that no sync touched (adopted), and per key touched since,
+   // its record now against the one found (changed, or rewritten when the content is the same
+   // again), gone (removed) or new (added). This is what other processes could see of a start;
+   // a change the core made and undid between two syncs never reached the tables and is not
+   // counted. Empty when mount found none of the tables.
+   std::vector<SrTePolicy::RestartWatch::Counts> sinceMount() const;
    // What went wrong in syncs since the last call (a table another process writes, a segment
    // spoiled under the writer and made anew), one message each.
    std::vector<std::string> takeProblems() { return std::exchange(problems_, {}); }
