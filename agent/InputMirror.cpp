@@ -1,20 +1,11 @@
 #include "agent/InputMirror.h"
 
-#include <unordered_set>
 #include <vector>
 
 namespace Agent {
 
 using SrTePolicy::PolicyId;
 using SrTePolicy::PolicyInputEntry;
-
-namespace {
-
-struct IdHash {
-   size_t operator()(const PolicyId& id) const noexcept { return id.hash(); }
-};
-
-} // namespace
 
 InputMirror::Counts InputMirror::drain() {
    const Counts before = counts_;
@@ -40,15 +31,17 @@ void InputMirror::copyKey(const PolicyId& id) {
 
 void InputMirror::rescan() {
    ++counts_.rescans;
-   std::unordered_set<PolicyId, IdHash> present;
-   present.reserve(reader_.size());
+   size_t copied = 0;
    reader_.forEach([&](const PolicyInputEntry& record) {
-      present.insert(record.key());
       copyRecord(record);
+      ++copied;
    });
+   // The table now holds every key read; as many entries as that means none is left over (at
+   // a first mount, always), and no key needs looking up.
+   if (table_->policyInputEntryCount() == copied) return;
    std::vector<PolicyId> gone;
    table_->policyInputEntryForEachId([&](const PolicyId& id) {
-      if (!present.contains(id)) gone.push_back(id);
+      if (!reader_.lookup(id, scratch_)) gone.push_back(id);
    });
    for (const PolicyId& id : gone) {
       if (table_->policyInputEntryDel(id)) ++counts_.erased;
