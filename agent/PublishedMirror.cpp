@@ -45,10 +45,16 @@ struct WriterSlot {
    typename C::Cursor cursor;
    size_t walked = 0;     // records of the entity met so far
    bool wasEmpty = false; // the table held nothing when the walk began: no look-ups
+   // Past the entity's records, the walk of the table for keys the entity no longer has: where
+   // in the table's index it stands.
+   bool erasing = false;
+   uint64_t erasePos = 0;
    void restart() {
       cursor = {};
       walked = 0;
       wasEmpty = table && table->size() == 0;
+      erasing = false;
+      erasePos = 0;
    }
 
    // Since a mount that found an earlier agent's tables: the records found, and each key
@@ -226,31 +232,39 @@ Step syncTable(WriterSlot<C>& slot, const typename C::Entity& entity, bool chang
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
    try {
-      const bool done = C::walk(entity, slot.cursor, changed, [&](const Record& r) {
-         ++slot.walked;
-         const bool found = !slot.wasEmpty && shared.lookup(r.key(), held);
-         if (!found || !sameRecord(held, r)) {
-            slot.touch(r.key(), found ? &held : nullptr);
-            shared.insert(r);
-            ++counts.written;
-         }
-         return !check();
-      });
+      const bool done = slot.erasing || C::walk(entity, slot.cursor, changed, [&](const Record& r) {
+                           ++slot.walked;
+                           const bool found = !slot.wasEmpty && shared.lookup(r.key(), held);
+                           if (!found || !sameRecord(held, r)) {
+                              slot.touch(r.key(), found ? &held : nullptr);
+                              shared.insert(r);
+                              ++counts.written;
+                           }
+                           return !check();
+                        });
       if (!done) return Step::stopped;
    } catch (const Vault::Shm::TableFull&) {
       return Step::full;
    }
-   // The table holds every key of the entity; more records than that means some went. (A walk
-   // that was interrupted by changes may have counted wrong: the pass after it counts again.)
-   if (shared.size() == slot.walked) return Step::done;
-   std::vector<typename C::Key> gone;
-   shared.forEach([&](const Record& r) {
-      if (C::has(entity, r.key())) return;
-      slot.touch(r.key(), &r);
-      gone.push_back(r.key());
-   });
-   for (const auto& k : gone) counts.erased += shared.erase(k) ? 1 : 0;
-   return Step::done;
+   if (!slot.erasing) {
+      // The table holds every key of the entity; more records than that means some went. (A
+      // walk that was interrupted by changes may have counted wrong: the pass after it counts
+      // again.)
+      if (shared.size() == slot.walked) return Step::done;
+      slot.erasing = true;
+      slot.erasePos = 0;
+   }
+   // The table's own records, in slices as the entity's: a million of them take a while.
+   const bool whole = shared.eraseWalk(
+       slot.erasePos,
+       [&](const Record& r) {
+          if (C::has(entity, r.key())) return false;
+          slot.touch(r.key(), &r);
+          ++counts.erased;
+          return true;
+       },
+       [&] { return check(); });
+   return whole ? Step::done : Step::stopped;
 }
 
 } // namespace

@@ -14,7 +14,8 @@
 // A record that did not change is never written (0 churn). A pass at a million paths takes
 // seconds, so the agent runs it in slices (`syncSlice`, about a millisecond each) between which
 // its loop serves input, the control socket and signals; each slice goes on where the last one
-// stopped, by iterator while no entity changed, else by finding the last key written again. A
+// stopped, by iterator while no entity changed, else by finding the last key written again; the
+// walk of a table's own records for keys its entity no longer has is sliced the same way. A
 // pass during which something changed may have missed a record; the next pass sees the change
 // count moved and walks again, so a pass over entities that stayed still leaves the tables
 // equal to them. Passes start no more often than their cost allows (`syncDue`).
