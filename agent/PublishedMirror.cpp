@@ -232,17 +232,17 @@ Step syncTable(WriterSlot<C>& slot, const typename C::Entity& entity, bool chang
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
    try {
-      const bool done = slot.erasing || C::walk(entity, slot.cursor, changed, [&](const Record& r) {
-                           ++slot.walked;
-                           const bool found = !slot.wasEmpty && shared.lookup(r.key(), held);
-                           if (!found || !sameRecord(held, r)) {
-                              slot.touch(r.key(), found ? &held : nullptr);
-                              shared.insert(r);
-                              ++counts.written;
-                           }
-                           return !check();
-                        });
-      if (!done) return Step::stopped;
+      auto write = [&](const Record& r) {
+         ++slot.walked;
+         const bool found = !slot.wasEmpty && shared.lookup(r.key(), held);
+         if (!found || !sameRecord(held, r)) {
+            slot.touch(r.key(), found ? &held : nullptr);
+            shared.insert(r);
+            ++counts.written;
+         }
+         return !check();
+      };
+      if (!slot.erasing && !C::walk(entity, slot.cursor, changed, write)) return Step::stopped;
    } catch (const Vault::Shm::TableFull&) {
       return Step::full;
    }
