@@ -159,9 +159,16 @@ void Host::dropStages() {
 void Host::buildStages() {
    // Between the core's stop and its start: the snapshot is what the last incarnation left, and
    // the watch's reactors see everything the new one writes.
-   if (restarts_ != 0)
+   if (restarts_ != 0 && !options_.restartCounts)
       restartWatch_ = std::make_unique<SrTePolicy::RestartWatch>(core_->published());
    if (router_.config->enabled()) core_->start();
+}
+
+std::optional<std::vector<SrTePolicy::RestartWatch::Counts>> Host::restartCounts() const {
+   if (restarts_ == 0) return std::nullopt;
+   if (options_.restartCounts) return options_.restartCounts();
+   if (restartWatch_) return restartWatch_->counts();
+   return std::nullopt;
 }
 
 void Host::start() {

@@ -56,6 +56,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -89,6 +90,10 @@ struct HostOptions {
    // Off in the CLI attached to a router (`srte --router NAME`): the router's agent process runs
    // the core; this host shares its inputs and asks the agent (agent/Attachment.h).
    bool runCore = true;
+   // When set, what restarts did to the published tables is counted by it instead of by watching
+   // the in-process entities: the agent counts what it wrote to the shared tables, the only
+   // thing another process sees of its start, and keeps no copy of every row to compare with.
+   std::function<std::vector<SrTePolicy::RestartWatch::Counts>()> restartCounts;
 };
 
 class Attachment;
@@ -248,8 +253,9 @@ class Host {
    bool agentRunning() const { return core_->started(); }
    // The core's in-process entities; empty ones while the agent is stopped, for the tables.
    const SrTePolicy::ProcessEntities& coreEntities();
-   // What the last restart's start-up did to the published tables; null before the first.
-   const SrTePolicy::RestartWatch* restartWatch() const { return restartWatch_.get(); }
+   // What the last restart's start-up (and everything after it) did to the published tables,
+   // per table; nothing before the first restart.
+   std::optional<std::vector<SrTePolicy::RestartWatch::Counts>> restartCounts() const;
    // Whether the session was told that static policies wait for their input table (said once
    // until the table appears).
    bool& staticTableWarned() { return staticTableWarned_; }

@@ -1,20 +1,11 @@
 #include "agent/InputMirror.h"
 
-#include <unordered_set>
 #include <vector>
 
 namespace Agent {
 
 using SrTePolicy::PolicyId;
 using SrTePolicy::PolicyInputEntry;
-
-namespace {
-
-struct IdHash {
-   size_t operator()(const PolicyId& id) const noexcept { return id.hash(); }
-};
-
-} // namespace
 
 InputMirror::Counts InputMirror::drain() {
    const Counts before = counts_;
@@ -50,18 +41,20 @@ void InputMirror::copyKey(const PolicyId& id) {
 
 void InputMirror::rescan() {
    ++counts_.rescans;
-   std::unordered_set<PolicyId, IdHash> present;
-   present.reserve(reader_.size());
+   size_t copied = 0;
    reader_.forEach([&](const PolicyInputEntry& record) {
       copyRecord(record);
-      present.insert(record.key());
+      ++copied;
       return !interrupted_;
    });
    // Cut short, it has not seen every record: none may be taken for gone.
    if (interrupted_) return;
+   // The table now holds every key read; as many entries as that means none is left over (at
+   // a first mount, always), and no key needs looking up.
+   if (table_->policyInputEntryCount() == copied) return;
    std::vector<PolicyId> gone;
    table_->policyInputEntryForEachId([&](const PolicyId& id) {
-      if (!present.contains(id)) gone.push_back(id);
+      if (!reader_.lookup(id, scratch_)) gone.push_back(id);
    });
    for (const PolicyId& id : gone) {
       if (table_->policyInputEntryDel(id)) ++counts_.erased;

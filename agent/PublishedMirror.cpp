@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <bit>
 #include <optional>
+#include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "absl/container/flat_hash_map.h"
+#include "absl/hash/hash.h"
 #include "agent/PublishedRecords.h"
 #include "platform/MoxChanges.h"
 #include "platform/VaultShm.h"
@@ -25,18 +28,57 @@ using SharedWriter = Vault::Shm::Writer<typename C::Key, typename C::Record>;
 template <class C>
 using SharedReader = Vault::Shm::Reader<typename C::Key, typename C::Record>;
 
+// A record's content in 64 bits: records compare byte for byte, padding included.
+template <class R>
+uint64_t digestOf(const R& r) {
+   return absl::Hash<std::string_view>{}(
+       std::string_view(reinterpret_cast<const char*>(&r), sizeof(R)));
+}
+
 template <class C>
 struct WriterSlot {
    using Codec = C;
+   using Key = typename C::Key;
+   using Record = typename C::Record;
    std::optional<SharedWriter<C>> table;
    // Where the walk of this table in the current pass stands.
    typename C::Cursor cursor;
    size_t walked = 0;     // records of the entity met so far
    bool wasEmpty = false; // the table held nothing when the walk began: no look-ups
+   // Past the entity's records, the walk of the table for keys the entity no longer has: where
+   // in the table's index it stands.
+   bool erasing = false;
+   uint64_t erasePos = 0;
    void restart() {
       cursor = {};
       walked = 0;
       wasEmpty = table && table->size() == 0;
+      erasing = false;
+      erasePos = 0;
+   }
+
+   // Since a mount that found an earlier agent's tables: the records found, and each key
+   // written or erased since with what the table held for it before its first change.
+   struct Before {
+      bool existed = false;
+      uint64_t digest = 0;
+   };
+   bool tracking = false;
+   size_t mounted = 0;
+   absl::flat_hash_map<Key, Before, Mox::Hash<Key>> touched;
+   // About to change `key`, whose record is `before` (null: absent).
+   void touch(const Key& key, const Record* before) {
+      if (!tracking) return;
+      touched.try_emplace(key, Before{before != nullptr, before ? digestOf(*before) : 0});
+   }
+   // The table is about to be made anew: every record it holds changes as far as readers know.
+   // (A table spoiled under the writer has no records to tell: they go uncounted.)
+   void touchAll() {
+      if (!tracking || !table) return;
+      try {
+         table->forEach([&](const Record& r) { touch(r.key(), &r); });
+      } catch (const Vault::Corruption&) {
+      }
    }
 };
 
@@ -136,10 +178,44 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
          slot.table.emplace(router_, C::table, geometryFor<C>(entity));
       }
       totals_.applied += report.records;
+      slot.mounted = report.records;
       reports.push_back(std::move(report));
    });
+   // A start over an earlier agent's tables: what the syncs do to them from now on is counted.
+   const bool found =
+       std::any_of(reports.begin(), reports.end(), [](const auto& r) { return r.found; });
+   eachSlot(shared_->slots, [&](auto& slot) { slot.tracking = found; });
    syncedAt_ = Mox::changeCount();
    return reports;
+}
+
+std::vector<SrTePolicy::RestartWatch::Counts> PublishedMirror::sinceMount() const {
+   std::vector<SrTePolicy::RestartWatch::Counts> all;
+   eachSlot(shared_->slots, [&]<class C>(const WriterSlot<C>& slot) {
+      if (!slot.tracking) return;
+      SrTePolicy::RestartWatch::Counts c;
+      c.table = C::title;
+      size_t existed = 0;
+      typename C::Record now;
+      for (const auto& [key, before] : slot.touched) {
+         const bool present = slot.table && slot.table->lookup(key, now);
+         if (before.existed) {
+            ++existed;
+            if (!present) {
+               ++c.removed;
+            } else if (digestOf(now) == before.digest) {
+               ++c.rewritten;
+            } else {
+               ++c.changed;
+            }
+         } else if (present) {
+            ++c.added;
+         }
+      }
+      c.adopted = slot.mounted - std::min(slot.mounted, existed);
+      all.push_back(c);
+   });
+   return all;
 }
 
 namespace {
@@ -156,27 +232,39 @@ Step syncTable(WriterSlot<C>& slot, const typename C::Entity& entity, bool chang
    typename SharedWriter<C>::Batch batch(shared);
    Record held;
    try {
-      const bool done = C::walk(entity, slot.cursor, changed, [&](const Record& r) {
+      auto write = [&](const Record& r) {
          ++slot.walked;
-         if (slot.wasEmpty || !shared.lookup(r.key(), held) || !sameRecord(held, r)) {
+         const bool found = !slot.wasEmpty && shared.lookup(r.key(), held);
+         if (!found || !sameRecord(held, r)) {
+            slot.touch(r.key(), found ? &held : nullptr);
             shared.insert(r);
             ++counts.written;
          }
          return !check();
-      });
-      if (!done) return Step::stopped;
+      };
+      if (!slot.erasing && !C::walk(entity, slot.cursor, changed, write)) return Step::stopped;
    } catch (const Vault::Shm::TableFull&) {
       return Step::full;
    }
-   // The table holds every key of the entity; more records than that means some went. (A walk
-   // that was interrupted by changes may have counted wrong: the pass after it counts again.)
-   if (shared.size() == slot.walked) return Step::done;
-   std::vector<typename C::Key> gone;
-   shared.forEach([&](const Record& r) {
-      if (!C::has(entity, r.key())) gone.push_back(r.key());
-   });
-   for (const auto& k : gone) counts.erased += shared.erase(k) ? 1 : 0;
-   return Step::done;
+   if (!slot.erasing) {
+      // The table holds every key of the entity; more records than that means some went. (A
+      // walk that was interrupted by changes may have counted wrong: the pass after it counts
+      // again.)
+      if (shared.size() == slot.walked) return Step::done;
+      slot.erasing = true;
+      slot.erasePos = 0;
+   }
+   // The table's own records, in slices as the entity's: a million of them take a while.
+   const bool whole = shared.eraseWalk(
+       slot.erasePos,
+       [&](const Record& r) {
+          if (C::has(entity, r.key())) return false;
+          slot.touch(r.key(), &r);
+          ++counts.erased;
+          return true;
+       },
+       [&] { return check(); });
+   return whole ? Step::done : Step::stopped;
 }
 
 } // namespace
@@ -219,6 +307,7 @@ PublishedCounts PublishedMirror::run(StopCheck& check) {
       const typename C::Entity& entity = *C::of(tables_);
       // A new segment takes the name; readers of the old one see it replaced and attach again.
       auto remake = [&](Vault::Shm::Geometry g) {
+         slot.touchAll();
          slot.table.reset();
          Vault::Shm::removeTable(router_, C::table);
          slot.table.emplace(router_, C::table, g);

@@ -14,7 +14,8 @@
 // A record that did not change is never written (0 churn). A pass at a million paths takes
 // seconds, so the agent runs it in slices (`syncSlice`, about a millisecond each) between which
 // its loop serves input, the control socket and signals; each slice goes on where the last one
-// stopped, by iterator while no entity changed, else by finding the last key written again. A
+// stopped, by iterator while no entity changed, else by finding the last key written again; the
+// walk of a table's own records for keys its entity no longer has is sliced the same way. A
 // pass during which something changed may have missed a record; the next pass sees the change
 // count moved and walks again, so a pass over entities that stayed still leaves the tables
 // equal to them. Passes start no more often than their cost allows (`syncDue`).
@@ -35,6 +36,7 @@
 #include <vector>
 
 #include "core/SrTePolicyMachines.h"
+#include "core/SrTePolicyRestartWatch.h"
 
 namespace Agent {
 
@@ -89,6 +91,13 @@ class PublishedMirror {
    }
 
    const PublishedCounts& totals() const noexcept { return totals_; }
+   // What the syncs since mount did to the shared tables, when mount found an earlier agent's:
+   // per table, the records it found that no sync touched (adopted), and per key touched since,
+   // its record now against the one found (changed, or rewritten when the content is the same
+   // again), gone (removed) or new (added). This is what other processes could see of a start;
+   // a change the core made and undid between two syncs never reached the tables and is not
+   // counted. Empty when mount found none of the tables.
+   std::vector<SrTePolicy::RestartWatch::Counts> sinceMount() const;
    // What went wrong in syncs since the last call (a table another process writes, a segment
    // spoiled under the writer and made anew), one message each.
    std::vector<std::string> takeProblems() { return std::exchange(problems_, {}); }

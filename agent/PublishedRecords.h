@@ -9,7 +9,7 @@
 // Vault::Corruption naming the segment.
 //
 // Each codec has:
-//  - `table`: the shared table's name, the Mox table's own;
+//  - `table`: the shared table's name, the Mox table's own; `title`: its name for people;
 //  - `walk(entity, cursor, changed, f)`: calls `f(record)` for the records of the entity from
 //    where `cursor` left off, until `f` returns false (the walk stops after that record) or the
 //    entity is done (returns true). `changed` says the entity may have changed since the cursor
@@ -262,6 +262,7 @@ struct SelectionInputCodec {
    using Key = SrTePolicy::PolicyId;
    using Record = SelectionInputRecord;
    static constexpr const char* table = "policySelectionInput";
+   static constexpr const char* title = "selection input";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) {
       return p.policySelectionInput;
    }
@@ -288,6 +289,7 @@ struct ExportedSegmentListCodec {
    using Key = SrTePolicy::SegmentListId;
    using Record = ExportedSegmentListRecord;
    static constexpr const char* table = "exportedSegmentLists";
+   static constexpr const char* title = "exported segment lists";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) {
       return p.exportedSegmentListColl;
    }
@@ -314,6 +316,7 @@ struct SegmentListStatusCodec {
    using Key = SrTePolicy::SegmentListId;
    using Record = SegmentListStatusRecord;
    static constexpr const char* table = "segmentListStatus";
+   static constexpr const char* title = "segment-list status";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.segmentListStatus; }
    using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().status())>>;
    template <class F>
@@ -340,6 +343,7 @@ struct TunnelCodec {
    using Key = Tunnel::TunnelTable::TunnelId;
    using Record = TunnelRecord;
    static constexpr const char* table = "srTeSegmentListTunnelTable";
+   static constexpr const char* title = "tunnel table";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.tunnelTable; }
    static Record encode(const Tunnel::TunnelTable::SrTeSegmentListTunnelEntry& e);
    using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().entry())>>;
@@ -362,6 +366,7 @@ struct EcPolicyCodec {
    using Key = SrTePolicy::PolicyId;
    using Record = EcPolicyRecord;
    static constexpr const char* table = "ecPolicy";
+   static constexpr const char* title = "EcPolicy";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.ecPolicy; }
    static Record encode(const SrTePolicy::Policy& p, const SrTePolicy::PolicyEntry& e);
    static Record encodeEmpty(const SrTePolicy::PolicyKey& key);
@@ -416,6 +421,7 @@ struct PolicyStatusCodec {
    using Key = SrTePolicy::PolicyKey;
    using Record = PolicyStatusRecord;
    static constexpr const char* table = "policyStatus";
+   static constexpr const char* title = "policy status";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.policyStatus; }
    static Record encode(const SrTePolicy::PolicyStatusEntry& e);
    using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().status())>>;
@@ -438,6 +444,7 @@ struct FecCodec {
    using Key = Vault::Fib::FecId;
    using Record = FecRecord;
    static constexpr const char* table = "srteFwdStatus";
+   static constexpr const char* title = "FECs";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.srteFwdStatus; }
    static Record encode(const Vault::Fib::Fec& fec);
    using Cursor = MapCursor<std::remove_cvref_t<decltype(std::declval<const Entity&>().fec())>>;
@@ -460,6 +467,7 @@ struct TunnelMapCodec {
    using Key = Tunnel::TunnelTable::TunnelId;
    using Record = TunnelMapRecord;
    static constexpr const char* table = "tunnelIdToPolicyKey";
+   static constexpr const char* title = "tunnel map";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) {
       return p.tunnelIdToPolicyKey;
    }
@@ -489,6 +497,7 @@ struct LfibCodec {
    using Key = LfibKey;
    using Record = LfibRecord;
    static constexpr const char* table = "srTePolicyLfibStatus";
+   static constexpr const char* title = "LFIB";
    static Mox::Ptr<Entity> of(const SrTePolicy::PublishedTables& p) { return p.lfibStatus; }
    static Record encode(const Mpls::LFib::ProtocolRoute& r);
    static Record encode(const Mpls::ProtocolLfib::ExtFecAdjacency& a);

@@ -1,6 +1,7 @@
 // `show restart`: what the last restart's start-up reconciliation did to each published table,
-// counted by watching the tables themselves (core/SrTePolicyRestartWatch.h), not by asking the
-// machines what they think they did.
+// counted by watching the tables themselves (core/SrTePolicyRestartWatch.h; in the agent, what it
+// wrote to the shared tables, agent/PublishedMirror.h), not by asking the machines what they
+// think they did.
 #include "agent/Host.h"
 #include "agent/Modules.h"
 #include "agent/ShowFormat.h"
@@ -11,8 +12,8 @@ namespace Agent {
 void registerRestart(Host& host) {
    host.showIs("restart", "what the last restart's reconciliation adopted, added, changed, removed",
                [&host] {
-                  const auto* watch = host.restartWatch();
-                  if (!watch) return Show::View().lineIs("no restart yet");
+                  const auto counts = host.restartCounts();
+                  if (!counts) return Show::View().lineIs("no restart yet");
                   Show::Table t({{"Table", "table"},
                                  {"Adopted", "adopted"},
                                  {"Added", "added"},
@@ -20,7 +21,7 @@ void registerRestart(Host& host) {
                                  {"Rewritten", "rewritten"},
                                  {"Removed", "removed"}});
                   uint64_t changes = 0;
-                  for (const auto& c : watch->counts()) {
+                  for (const auto& c : *counts) {
                      changes += c.changes();
                      t.rowIs({Show::string(c.table), Show::number(c.adopted), Show::number(c.added),
                               Show::number(c.changed), Show::number(c.rewritten),

@@ -120,9 +120,11 @@ class RouterAgent {
  public:
    RouterAgent(const AgentOptions& options, std::ostream& err)
        : options_(options), err_(err), lock_(options.router),
-         host_(hostOutput_, HostOptions{.router = options.router,
-                                        .clock = Kiln::TaskScheduler::ClockMode::real,
-                                        .writeStaticInput = false}),
+         host_(hostOutput_,
+               HostOptions{.router = options.router,
+                           .clock = Kiln::TaskScheduler::ClockMode::real,
+                           .writeStaticInput = false,
+                           .restartCounts = [this] { return published_.sinceMount(); }}),
          loop_(host_.scheduler()),
          mountTask_(Mox::make<Kiln::Task>(host_.scheduler(), 0, "inputTableMount")),
          reportTask_(Mox::make<Kiln::Task>(host_.scheduler(), 1000, "agentReport")),

@@ -320,7 +320,10 @@ int main(int argc, char** argv) {
       reads = true;
    }
    // Attached, the agent of the router runs the core; this process shares inputs and asks.
-   Agent::Host host(std::cout, Agent::HostOptions{.router = router, .runCore = router.empty()});
+   Agent::HostOptions options;
+   options.router = router;
+   options.runCore = router.empty();
+   Agent::Host host(std::cout, std::move(options));
    Agent::registerModules(host);
    // The demo is read rather than run: its commands are shown beside their output.
    for (const Source& s : sources) echo = echo || s.kind == Source::Kind::demo;

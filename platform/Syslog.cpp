@@ -1,6 +1,7 @@
 #include "platform/Syslog.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -33,9 +34,20 @@ static_assert(static_cast<int>(Severity::emergency) == LOG_EMERG &&
                   static_cast<int>(Severity::debug) == LOG_DEBUG,
               "severities are the system log's levels");
 
-SystemSink::SystemSink(const char* ident, Write write)
-    : write_(write ? write : &::syslog), opened_(write == nullptr) {
+SystemSink::SystemSink(const char* ident, Write write, const char* socket)
+    : write_(write ? write : &::syslog), opened_(write == nullptr),
+      socket_(socket ? socket : (write ? nullptr : _PATH_LOG)) {
    if (opened_) ::openlog(ident, LOG_PID | LOG_NDELAY, LOG_DAEMON);
+}
+
+bool SystemSink::systemLogThere() {
+   if (!socket_) return true;
+   const auto now = std::chrono::steady_clock::now();
+   if (now >= askAgainAt_) {
+      there_ = ::access(socket_, F_OK) == 0;
+      askAgainAt_ = now + std::chrono::seconds(1);
+   }
+   return there_;
 }
 
 SystemSink::~SystemSink() {
@@ -43,6 +55,7 @@ SystemSink::~SystemSink() {
 }
 
 void SystemSink::onRecord(const MessageDef&, const Record& record) {
+   if (!systemLogThere()) return;
    write_(LOG_DAEMON | static_cast<int>(record.severity), "%%%s-%d: %s", record.tag.c_str(),
           static_cast<int>(record.severity), record.text.c_str());
 }

@@ -7,6 +7,7 @@
 // forms use it.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -66,16 +67,28 @@ class StderrSink : public Sink {
 // Hands each record to the host's system log (syslog(3)) as "%TAG-severity: text", at the
 // record's own severity (the two scales are the same, emergency 0 to debug 7). The ident is given
 // once, for the whole process (openlog); `write` is ::syslog unless a test hands another.
+//
+// A host without a system log (no socket at `socket`, /dev/log unless a test names another file;
+// containers and build machines often have none) gets nothing: syslog(3) would try to connect
+// again for every record, four system calls each, which at a few hundred thousand records is
+// seconds of an agent's start. Whether the socket is there is asked again once a second, so a
+// system log started later is written from then on. A test that hands `write` and no `socket`
+// has every record written.
 class SystemSink : public Sink {
  public:
    using Write = void (*)(int priority, const char* format, ...);
-   explicit SystemSink(const char* ident, Write write = nullptr);
+   explicit SystemSink(const char* ident, Write write = nullptr, const char* socket = nullptr);
    ~SystemSink() override;
    void onRecord(const MessageDef& def, const Record& record) override;
 
  private:
+   bool systemLogThere();
+
    Write write_;
    bool opened_;
+   const char* socket_;
+   bool there_ = false;
+   std::chrono::steady_clock::time_point askAgainAt_{};
 };
 
 class Log {

@@ -531,6 +531,32 @@ class Writer : public SharedTable<K, R, MaxRecordSize> {
       this->segment_.checkNotCut();
    }
 
+   // Walks the records from index position `pos` on, erasing each one `gone(record)` says went,
+   // and asks `stop()` after each record: when it says so, the walk ends there and `pos` is where
+   // the next call goes on. True once the walk reached the end. Only inserts move records in the
+   // index, so a walk made of several calls with erases alone in between meets every record once.
+   template <class Gone, class Stop>
+   bool eraseWalk(uint64_t& pos, Gone&& gone, Stop&& stop) {
+      std::atomic<uint64_t>* index = this->indexOf(generation_);
+      typename Base::Scratch held;
+      while (pos < layout().indexCapacity) {
+         const uint64_t at = pos++;
+         const uint64_t entry = index[at].load(std::memory_order_relaxed);
+         if (entry == detail::indexEmpty || entry == detail::indexErased) continue;
+         const uint64_t slot = this->checkedSlot(entry);
+         std::memcpy(static_cast<void*>(&held.record), this->slotRecord(slot), sizeof(R));
+         if (gone(static_cast<const R&>(held.record))) {
+            index[at].store(detail::indexErased, std::memory_order_release);
+            header().recordCount.store(--count_, std::memory_order_release);
+            giveFree(slot);
+            changed(held.record.key());
+         }
+         if (stop()) break;
+      }
+      this->segment_.checkNotCut();
+      return pos >= layout().indexCapacity;
+   }
+
    // Removes the record under `key`; readers hear of the key. False when there was none.
    bool erase(const K& key) {
       const Probe probe = find(key, key.hash());

@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <fstream>
 
 #include <memory>
 #include <stdexcept>
@@ -172,6 +173,32 @@ TEST(Syslog, SystemSinkWritesEveryRecordAtItsSeverity) {
    EXPECT_EQ(systemLogged[0].second, "%SRTE-TEST-REFUSED-4: path 10.0.0.1|7 refused: 100% used");
    EXPECT_EQ(systemLogged[1].first, LOG_DAEMON | LOG_ERR);
    EXPECT_EQ(systemLogged[1].second, "%SRTE-TEST-FAILED-3: table %s failed");
+}
+
+// Where the host has no system log, records are not handed to syslog(3) (which would try to
+// connect again for each one); where its socket is, they are.
+TEST(Syslog, SystemSinkWritesNothingWhereTheHostHasNoSystemLog) {
+   static const Syslog::MessageDef told{"SRTE-TEST-TOLD", Syslog::Severity::notice, "told %d", "",
+                                        ""};
+   const std::string there = ::testing::TempDir() + "srte-test-system-log";
+   std::ofstream(there) << "";
+   systemLogged.clear();
+   Syslog::Log log;
+   {
+      Syslog::SystemSink none("srte-test", &fakeSystemLog, "/nonexistent/srte-test-log");
+      log.sinkIs(&none);
+      log.logf(&told, 1);
+      log.logf(&told, 2);
+   }
+   EXPECT_TRUE(systemLogged.empty());
+   {
+      Syslog::SystemSink present("srte-test", &fakeSystemLog, there.c_str());
+      log.sinkIs(&present);
+      log.logf(&told, 3);
+   }
+   ASSERT_EQ(systemLogged.size(), 1u);
+   EXPECT_EQ(systemLogged[0].second, "%SRTE-TEST-TOLD-5: told 3");
+   std::remove(there.c_str());
 }
 
 } // namespace

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -383,6 +384,63 @@ constexpr uint32_t crashPaths = 100000;
 #endif
 TEST_F(AgentProcessTest, KilledTwentyTimesWhileConvergingItComesBackToWhatAFreshAgentPublishes) {
    crashAndComeBack(*this, router("fresh"), router("crashed"), crashPaths, 20);
+}
+
+// `show restart` in the agent counts what its start wrote to the shared tables: with 100 paths
+// withdrawn and 50 new while it was down, exactly their rows change, and the counts add up to
+// the records its converged line says it wrote and erased.
+TEST_F(AgentProcessTest, ARestartCountsWhatItsStartWroteToTheSharedTables) {
+   const std::string r = router("counts");
+   const std::vector<std::string> args{"agent",     "--router",   r, "--srlb", "100000-899999",
+                                       "--resolve", "16000-19999"};
+   ASSERT_EQ(feed(r, {"--paths", "1000"}), 0);
+   {
+      Process agent(args);
+      ASSERT_TRUE(agent.waitFor("converged: 1000 paths")) << agent.err();
+      kill(agent.pid(), SIGKILL);
+      agent.exitStatus(5s);
+   }
+   ASSERT_EQ(feed(r, {"--paths", "100", "--erase"}), 0);
+   ASSERT_EQ(feed(r, {"--paths", "50", "--first", "5000"}), 0);
+   Process agent(args);
+   ASSERT_TRUE(agent.waitFor("converged: 950 paths")) << agent.err();
+   const std::string text = Agent::ControlClient(r, 10s).ask("show restart");
+
+   // Table name, then adopted, added, changed, rewritten, removed.
+   std::map<std::string, std::vector<uint64_t>> rows;
+   uint64_t changes = 0;
+   std::istringstream lines(text);
+   for (std::string line; std::getline(lines, line);) {
+      const std::regex row(R"(^\s+(\S.*\S)\s+(\d+)\s+(\d+)\s+(\d+)\s+(\d+)\s+(\d+)\s*$)");
+      std::smatch m;
+      if (!std::regex_match(line, m, row)) continue;
+      for (int i = 2; i <= 6; ++i) rows[m[1]].push_back(std::stoull(m[i]));
+      changes += rows[m[1]][1] + rows[m[1]][2] + rows[m[1]][3] + rows[m[1]][4];
+   }
+   ASSERT_EQ(rows.size(), 9u) << text;
+   using Row = std::vector<uint64_t>;
+   EXPECT_EQ(rows["selection input"], (Row{900, 50, 0, 0, 100})) << text;
+   EXPECT_EQ(rows["EcPolicy"], (Row{900, 50, 0, 0, 100})) << text;
+   EXPECT_EQ(rows["policy status"], (Row{900, 50, 0, 0, 100})) << text;
+   EXPECT_EQ(rows["FECs"], (Row{1800, 100, 0, 0, 200})) << text;
+   EXPECT_NE(text.find("Since restart 1: " + std::to_string(changes) + " row changes"),
+             std::string::npos)
+       << text;
+
+   std::smatch m;
+   const std::string err = agent.err();
+   ASSERT_TRUE(
+       std::regex_search(err, m, std::regex(R"(\((\d+) written, (\d+) erased since start)")))
+       << err;
+   uint64_t written = 0, erased = 0;
+   for (const auto& [table, row] : rows) {
+      written += row[1] + row[2] + row[3];
+      erased += row[4];
+   }
+   EXPECT_EQ(written, std::stoull(m[1])) << text << err;
+   EXPECT_EQ(erased, std::stoull(m[2])) << text << err;
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(5s), 0);
 }
 
 TEST_F(AgentProcessTest, ACorruptPublishedTableIsRefusedAndTheAgentStartsAsOnAnEmptyOne) {
