@@ -10,7 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "agent/Host.h"
+#include "agent/Modules.h"
 #include "agent/RouterTablesShm.h"
+#include "agent/RunningConfig.h"
+#include "agent/Script.h"
 
 namespace {
 
@@ -369,6 +373,74 @@ TEST_F(RouterTablesShmTest, ValuesTheRecordsCannotHoldAreReportedNotWritten) {
    ASSERT_EQ(errors.size(), 2u);
    EXPECT_NE(errors[0].find("17 vias"), std::string::npos) << errors[0];
    EXPECT_NE(errors[1].find("longer than 31"), std::string::npos) << errors[1];
+}
+
+// Attached to a router (`srte --router NAME`), every command that changes one of its tables claims
+// the table when the line is read: while another writer holds them all, each line is refused
+// naming its table and the holder, and the session's inputs stay as they were.
+TEST_F(RouterTablesShmTest, AttachedEveryRouterTableCommandIsRefusedBeforeItChangesAnything) {
+   StandaloneRouter other;
+   fill(other);
+   // A segment list as the CLI makes one (labels without an action), for `no static segment-list`.
+   Ipkit::MplsLabelOperation typed;
+   typed.labelIs(Ipkit::MplsStackEntryIndex(0), Ipkit::MplsLabel(16009));
+   other.config->policy(PolicyKey(v4(0x0a000001), Color(7)))
+       ->candidatePath(Preference(200))
+       ->staticSegmentListIs(typed, StaticSegmentList(Weight(1), Index(3)));
+   RouterTablesWriter holder(router_, RouterEntities::of(other));
+   holder.publishAll();
+   ASSERT_TRUE(holder.takeErrors().empty());
+   std::ostringstream out;
+   Agent::HostOptions options;
+   options.router = router_;
+   options.runCore = false;
+   Agent::Host host(out, options);
+   Agent::registerModules(host);
+   const std::string before = Agent::runningConfig(host);
+   ASSERT_NE(before.find("label-range srlb"), std::string::npos) << before; // the holder's state
+
+   const std::vector<std::pair<std::string, std::string>> lines{
+       {"config enabled off", "config"},
+       {"config specified-bsid-only on", "config"},
+       {"config segment-list-sharing off", "config"},
+       {"config discriminator-tie-break on", "config"},
+       {"static policy 10.9.9.9 color 1 bsid 900005", "config-policy"},
+       {"static path 10.9.9.9 color 1 preference 100", "config-policy"},
+       {"static segment-list 10.9.9.9 color 1 preference 100 labels 16001", "config-policy"},
+       {"no static policy 10.0.0.2 color 8", "config-policy"},
+       {"no static path 10.0.0.1 color 7 preference 100", "config-policy"},
+       {"no static segment-list 10.0.0.1 color 7 preference 200 labels 16009", "config-policy"},
+       {"color-dscp 5 dscp 10", "colorDscpMap"},
+       {"no color-dscp 7", "colorDscpMap"},
+       {"label-range test base 20000 size 10", "mpls-labelRange"},
+       {"no label-range srlb", "mpls-labelRange"},
+       {"adjacency 6 via 10.1.1.1 Ethernet1 action pop", "mpls-adjacency"},
+       {"no adjacency 5", "mpls-adjacency"},
+       {"adjacency-ext 10 fec 5 via 10.1.1.1 Ethernet1 action pop", "mpls-adjacencyExt"},
+       {"no adjacency-ext 9", "mpls-adjacencyExt"},
+       {"lfib route 20001 adjacency 5", "mpls-lfibRoute"},
+       {"no lfib route 16001", "mpls-lfibRoute"},
+       {"platform max-label-depth 5", "hardware"},
+       {"no platform max-label-depth", "hardware"},
+       {"counter tunnel 7 packets 1 bytes 1", "tunnelCounters"},
+       {"no counter tunnel 21474836481", "tunnelCounters"},
+   };
+   const std::string holderText = " is written by process " + std::to_string(::getpid());
+   for (const auto& [line, table] : lines) {
+      try {
+         host.execute(line);
+         ADD_FAILURE() << line << ": not refused";
+      } catch (const Agent::ScriptError& e) {
+         EXPECT_NE(std::string(e.what()).find(Vault::Shm::segmentPath(router_, table) + holderText),
+                   std::string::npos)
+             << line << ": " << e.what();
+      }
+   }
+   EXPECT_EQ(Agent::runningConfig(host), before);
+   StandaloneRouter read;
+   RouterTablesWriter reader(router_, RouterEntities::of(read));
+   reader.load();
+   EXPECT_EQ(state(read), state(other));
 }
 
 } // namespace
