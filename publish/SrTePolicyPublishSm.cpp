@@ -176,10 +176,17 @@ void PolicyPublishSm::initializeNumAllocator() {
    numAllocatorConfig_->expiryTimeIs(fecIndexExpiry);
    numAllocatorStatus_ = Mox::make<Kiln::NumAllocatorStatus>();
    numAllocator_ = Mox::make<Kiln::NumAllocator>(numAllocatorConfig_, numAllocatorStatus_, *clock_);
-   // FECs left by an earlier life keep their ids: new ones must not collide with them.
+   // FECs left by an earlier life keep their ids: new ones must not collide with them. Nor with
+   // the ids a surviving status entry holds, whose FECs may be gone (a FEC table lost while the
+   // status survived): that entry's policy programs its FECs under them again, and another
+   // policy given one of them meanwhile would share it.
    for (const auto& [fecId, fec] : in_.srteFwdStatus->fec()) {
       numAllocator_->reserveNumber(static_cast<Kiln::Number>(fecId.index()));
    }
+   in_.status->status().forEach([this](const PolicyKey&, const Mox::Ptr<PolicyStatusEntry>& e) {
+      numAllocator_->reserveNumber(static_cast<Kiln::Number>(e->fecId().index()));
+      numAllocator_->reserveNumber(static_cast<Kiln::Number>(e->nullLabelFecId().index()));
+   });
 }
 
 void PolicyPublishSm::rebuildBindingSidAndPolicyMap() {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <string>
+#include <vector>
 
 #include "core/SrTePolicyMachines.h"
 #include "tests/support/CoreTestRouter.h"
@@ -93,6 +95,47 @@ TEST(PublishThroughCore, RestartKeepsFecIdsAndHoldersWithoutWithdrawingAnything)
    EXPECT_EQ(held->chosen(), b.key);
    EXPECT_EQ(r.fib().fec().size(), 4u);
    EXPECT_FALSE(r.status().fecIdToPolicyKey(fecs[a.key].first));
+}
+
+// A restart that finds the policy status but not its FECs (the FEC table lost while the agent
+// was down): the surviving entries keep their FEC ids and program them again, and a policy new
+// to this life is given ids none of them holds.
+TEST(PublishThroughCore, AfterTheFecsWereLostNoNewPolicyTakesTheIdsTheStatusStillHolds) {
+   Router r;
+   std::vector<PolicyId> ids;
+   for (uint32_t i = 0; i < 6; ++i) {
+      ids.push_back(pathId(("10.0.1." + std::to_string(i + 1)).c_str(), 1, 1));
+      r.bgp->policyInputEntryIs(path(ids.back(), 900010 + i, {16001 + i % 3}));
+   }
+   r.scheduler.runUntilIdle();
+   ASSERT_EQ(r.status().status().size(), 6u);
+
+   r.core->stop();
+   r.core->published().srteFwdStatus->fecDelAll();
+   // Two paths withdrawn and two new ones while it is down.
+   r.bgp->policyInputEntryDel(ids[0]);
+   r.bgp->policyInputEntryDel(ids[1]);
+   for (uint32_t i = 0; i < 2; ++i) {
+      r.bgp->policyInputEntryIs(
+          path(pathId(("10.0.2." + std::to_string(i + 1)).c_str(), 1, 1), 900020 + i, {16002}));
+   }
+   r.core->start();
+   r.scheduler.runUntilIdle();
+
+   ASSERT_EQ(r.status().status().size(), 6u);
+   std::map<Vault::Fib::FecId, PolicyKey> holder;
+   for (const auto& [key, entry] : r.status().status()) {
+      for (const Vault::Fib::FecId& id : {entry->fecId(), entry->nullLabelFecId()}) {
+         const auto [at, fresh] = holder.emplace(id, key);
+         EXPECT_TRUE(fresh) << key.stringValue() << " shares a FEC id with "
+                            << at->second.stringValue();
+         EXPECT_TRUE(r.fib().fec(id)) << key.stringValue();
+         const auto mapped = r.status().fecIdToPolicyKey(id);
+         ASSERT_TRUE(mapped);
+         EXPECT_EQ(*mapped, key);
+      }
+   }
+   EXPECT_EQ(r.fib().fec().size(), 12u);
 }
 
 } // namespace
