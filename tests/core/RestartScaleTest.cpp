@@ -12,22 +12,14 @@
 #include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "tests/support/CoreTestRouter.h"
+#include "tests/support/Sanitizers.h"
 
 using namespace SrTePolicy;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t policyCount = 2000; // the same shape, smaller: sanitizers run ~10x slower
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr uint32_t policyCount = 2000;
-#else
-constexpr uint32_t policyCount = 10000;
-#endif
-#else
-constexpr uint32_t policyCount = 10000;
-#endif
+// The same shape, smaller under the sanitizers.
+constexpr uint32_t policyCount = TestSupport::sizeFor(10000, 2000);
 
 // 30 distinct label stacks shared by every path: tops 16000..16009 resolve through a swap
 // adjacency, 17000..17004 through a push one; the rest of a stack varies.

@@ -32,6 +32,7 @@
 #include "tests/process/Process.h"
 #include "tests/support/PublishedMeaning.h"
 #include "tests/support/PublishedWatch.h"
+#include "tests/support/Sanitizers.h"
 
 namespace {
 
@@ -101,11 +102,7 @@ TEST_F(AgentProcessTest, StopsWithinASecondWhileBusy) {
 }
 
 // Under the sanitizers a third of it takes as long to take in.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t mountedPaths = 100000;
-#else
-constexpr uint32_t mountedPaths = 300000;
-#endif
+constexpr uint32_t mountedPaths = TestSupport::sizeFor(300000, 100000);
 TEST_F(AgentProcessTest, StopsWithinASecondWhileTakingInALargeTable) {
    const std::string r = router("mounting");
    const std::string paths = std::to_string(mountedPaths);
@@ -377,11 +374,7 @@ void crashAndComeBack(AgentProcessTest& test, const std::string& fresh, const st
 
 // 100,000 paths: about 20 s on two cores. The sanitizers make every step three to five times
 // slower: there the same twenty kills land in the convergence of 25,000 paths.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t crashPaths = 25000;
-#else
-constexpr uint32_t crashPaths = 100000;
-#endif
+constexpr uint32_t crashPaths = TestSupport::sizeFor(100000, 25000);
 TEST_F(AgentProcessTest, KilledTwentyTimesWhileConvergingItComesBackToWhatAFreshAgentPublishes) {
    crashAndComeBack(*this, router("fresh"), router("crashed"), crashPaths, 20);
 }

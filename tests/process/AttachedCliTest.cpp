@@ -12,6 +12,7 @@
 #include "agent/RouterTablesShm.h"
 #include "platform/VaultShm.h"
 #include "tests/process/Process.h"
+#include "tests/support/Sanitizers.h"
 
 namespace {
 
@@ -223,11 +224,7 @@ TEST_F(AttachedCliTest, AnAttachedScriptShowsWhatTheInProcessRouterShows) {
 
 // 10,000 paths written by a feeder. The sanitizers make every step three to five times slower:
 // 2,500 there.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t fedPaths = 2500;
-#else
-constexpr uint32_t fedPaths = 10000;
-#endif
+constexpr uint32_t fedPaths = TestSupport::sizeFor(10000, 2500);
 
 // The platform for the feeder's drawn records: the binding-SID block, three adjacencies, LFIB
 // routes for three quarters of the labels they use (16000 to 16399) and a label depth that their
