@@ -17,7 +17,9 @@ class Host;
 
 std::string runningConfig(Host& host);
 
-// One input record as the command that writes it, and the command that deletes it (no newline).
+// One input record as the command that writes it, every field, so that the line replaces a record
+// whole; and the command that deletes it (no newline). What a feeder or a BGP speaker delivers is
+// replayed through them into an in-process srte.
 std::string inputLine(const SrTePolicy::PolicyInputEntry& e);
 std::string noInputLine(const SrTePolicy::PolicyId& id);
 

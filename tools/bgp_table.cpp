@@ -21,7 +21,7 @@
 #include "agent/BgpStatus.h"
 #include "agent/Feed.h"
 #include "agent/InputMirror.h"
-#include "bgp/ScenarioText.h"
+#include "agent/RunningConfig.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ int followChanges(const std::string& router, double seconds) {
          }
          return;
       }
-      const std::string line = SrTeBgp::inputLine(scratch);
+      const std::string line = Agent::inputLine(scratch);
       if (it == copy.end()) {
          copy.emplace(id.stringValue(), line);
          if (!first) ++changed;
@@ -135,9 +135,8 @@ int main(int argc, char** argv) {
       if (records) {
          Reader reader(router, Agent::inputTableName(SrTePolicy::Protocol::bgp));
          std::vector<std::string> lines;
-         reader.forEach([&](const SrTePolicy::PolicyInputEntry& e) {
-            lines.push_back(SrTeBgp::inputLine(e));
-         });
+         reader.forEach(
+             [&](const SrTePolicy::PolicyInputEntry& e) { lines.push_back(Agent::inputLine(e)); });
          std::sort(lines.begin(), lines.end());
          for (const std::string& l : lines) std::cout << l << "\n";
       }

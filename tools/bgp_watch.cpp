@@ -23,9 +23,9 @@
 #include <string>
 #include <thread>
 
+#include "agent/RunningConfig.h"
 #include "attribute.pb.h"
 #include "bgp/PathDecoder.h"
-#include "bgp/ScenarioText.h"
 #include "bgp/SpeakerWatch.h"
 #include "gobgp.grpc.pb.h"
 
@@ -43,10 +43,10 @@ void print(const SrTeBgp::PathDecoding& d, bool scenario) {
    const char* refused = scenario ? "# refused: " : "  refused: ";
    for (const std::string& r : d.reports) std::cout << refused << r << "\n";
    if (d.withdraw && d.id) {
-      std::cout << (scenario ? SrTeBgp::withdrawLine(*d.id) : "withdraw " + d.id->stringValue())
+      std::cout << (scenario ? Agent::noInputLine(*d.id) : "withdraw " + d.id->stringValue())
                 << "\n";
    } else if (d.entry) {
-      std::cout << (scenario ? SrTeBgp::inputLine(*d.entry) : "add " + d.entry->valueToStrep())
+      std::cout << (scenario ? Agent::inputLine(*d.entry) : "add " + d.entry->valueToStrep())
                 << "\n";
    } else {
       std::cout << (scenario ? "# ignored" : "ignored") << "\n";

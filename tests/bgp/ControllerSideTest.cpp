@@ -6,10 +6,10 @@
 
 #include "agent/Host.h"
 #include "agent/Modules.h"
+#include "agent/RunningConfig.h"
 #include "attribute.pb.h"
 #include "bgp/InjectCommand.h"
 #include "bgp/PathDecoder.h"
-#include "bgp/ScenarioText.h"
 #include "gobgp.pb.h"
 
 namespace {
@@ -157,15 +157,15 @@ TEST(ControllerSide, ScenarioLinesReplayTheDecodedRecordWhole) {
       }
       const SrTeBgp::PathDecoding d = SrTeBgp::decodePath(path);
       ASSERT_TRUE(d.entry);
-      host.execute(SrTeBgp::inputLine(*d.entry));
+      host.execute(Agent::inputLine(*d.entry));
       const std::optional<PolicyInputEntry> stored = table()->policyInputEntry(d.entry->key());
-      ASSERT_TRUE(stored) << SrTeBgp::inputLine(*d.entry);
-      EXPECT_EQ(*stored, *d.entry) << SrTeBgp::inputLine(*d.entry);
+      ASSERT_TRUE(stored) << Agent::inputLine(*d.entry);
+      EXPECT_EQ(*stored, *d.entry) << Agent::inputLine(*d.entry);
    }
    EXPECT_EQ(table()->policyInputEntryCount(), 2u);
    const PolicyId first = parse(commands[0]).advert.id;
    EXPECT_EQ(table()->policyInputEntry(first)->bindingSid(), Ipkit::MplsLabel());
-   host.execute(SrTeBgp::withdrawLine(first));
+   host.execute(Agent::noInputLine(first));
    EXPECT_FALSE(table()->policyInputEntry(first));
    EXPECT_EQ(table()->policyInputEntryCount(), 1u);
 }
