@@ -147,9 +147,11 @@ PublishedMirror::PublishedMirror(std::string router, const SrTePolicy::Published
 
 PublishedMirror::~PublishedMirror() = default;
 
-std::vector<PublishedMountReport> PublishedMirror::mount() {
+std::vector<PublishedMountReport> PublishedMirror::mount(const std::function<bool()>& stop) {
    std::vector<PublishedMountReport> reports;
+   bool stopped = false;
    eachSlot(shared_->slots, [&]<class C>(WriterSlot<C>& slot) {
+      if (stopped) return;
       PublishedMountReport report;
       report.table = C::table;
       typename C::Entity& entity = *C::of(tables_);
@@ -161,6 +163,8 @@ std::vector<PublishedMountReport> PublishedMirror::mount() {
          slot.table->forEach([&](const typename C::Record& r) {
             C::apply(entity, r);
             ++report.records;
+            stopped = stop && report.records % 1024 == 0 && stop();
+            return !stopped;
          });
       } catch (const Vault::Shm::WriterBusy& e) {
          // Not ours to take while its writer lives: the core starts without it, and each sync

@@ -65,8 +65,10 @@ class PublishedMirror {
    PublishedMirror& operator=(const PublishedMirror&) = delete;
 
    // Becomes the writer of every table (creating those absent) and fills each entity from its
-   // table. Call before the core starts, on empty entities.
-   std::vector<PublishedMountReport> mount();
+   // table. Call before the core starts, on empty entities. `stop`, when given, is asked every
+   // 1,024 records: when it says so the mount ends there, with the entities part filled and
+   // nothing written, for a process about to end (the reports then say which tables it read).
+   std::vector<PublishedMountReport> mount(const std::function<bool()>& stop = {});
    // Goes on with the current pass (or starts one) to its end: what it wrote. `stop`, when
    // given, is asked every 64 records: when it says so the sync ends there (what it wrote
    // stays written), the pass is still wanted and the next sync goes on from there.

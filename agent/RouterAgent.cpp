@@ -11,9 +11,11 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include "agent/ControlSocket.h"
@@ -91,6 +93,46 @@ void AgentLock::release() {
    ::unlink(path_.c_str());
    ::close(fd_);
    fd_ = -1;
+}
+
+// ---- the end at a stop signal
+
+const EndAtStopSignal::Text* EndAtStopSignal::current_ = nullptr;
+
+EndAtStopSignal::EndAtStopSignal(const std::string& router, std::vector<std::string> files) {
+   auto line = [&](int signo) {
+      return "srte agent: router " + router + " stopped by signal " + std::to_string(signo) + " (" +
+             strsignal(signo) + "), while starting\n";
+   };
+   text_ = {line(SIGTERM), line(SIGINT), std::move(files)};
+   current_ = &text_;
+   struct sigaction action {};
+   action.sa_handler = &EndAtStopSignal::end;
+   sigfillset(&action.sa_mask);
+   ::sigaction(SIGTERM, &action, &oldTerm_);
+   ::sigaction(SIGINT, &action, &oldInt_);
+   // A signal that came while they were blocked is delivered here, and ends the process.
+   sigemptyset(&signals_);
+   sigaddset(&signals_, SIGTERM);
+   sigaddset(&signals_, SIGINT);
+   ::sigprocmask(SIG_UNBLOCK, &signals_, nullptr);
+}
+
+EndAtStopSignal::~EndAtStopSignal() {
+   // Blocked again first: a signal from here on waits for the loop.
+   ::sigprocmask(SIG_BLOCK, &signals_, nullptr);
+   ::sigaction(SIGTERM, &oldTerm_, nullptr);
+   ::sigaction(SIGINT, &oldInt_, nullptr);
+   current_ = nullptr;
+}
+
+// Only what is safe in a handler: unlink, write, _exit.
+void EndAtStopSignal::end(int signo) {
+   const Text& t = *current_;
+   for (const std::string& f : t.files) ::unlink(f.c_str());
+   const std::string& line = signo == SIGINT ? t.interrupt : t.term;
+   [[maybe_unused]] const ssize_t n = ::write(STDERR_FILENO, line.data(), line.size());
+   ::_exit(0);
 }
 
 namespace {
@@ -172,13 +214,23 @@ class RouterAgent {
       err_ << "srte agent: router " << options_.router << ", pid " << ::getpid() << ", started\n"
            << std::flush;
       // What an earlier agent published is in the entities before any machine starts: their
-      // start-up adopts what is still valid and removes the rest.
-      if (mountPublished()) {
-         host_.startAsRestart(); // `show restart` counts what this start did to them
-      } else {
-         host_.start();
+      // start-up adopts what is still valid and removes the rest. Each step looks at the stop
+      // signal; once it came, the loop below ends at once.
+      const bool restart = mountPublished();
+      if (!loop_.stopWanted()) {
+         std::optional<EndAtStopSignal> ending;
+         if (options_.exitOnStop) {
+            ending.emplace(
+                options_.router,
+                std::vector<std::string>{control_->path(), AgentLock::pathOf(options_.router)});
+         }
+         if (restart) {
+            host_.startAsRestart(); // `show restart` counts what this start did to them
+         } else {
+            host_.start();
+         }
       }
-      mountTables();
+      if (!loop_.stopWanted()) mountTables();
       loop_.run();
       err_ << "srte agent: router " << options_.router << " stopped by signal "
            << loop_.stopSignal() << " (" << strsignal(loop_.stopSignal()) << ")\n"
@@ -235,8 +287,15 @@ class RouterAgent {
 
    // True when an earlier agent's tables were there.
    bool mountPublished() {
+      const std::vector<PublishedMountReport> reports =
+          published_.mount([this] { return loop_.stopWanted(); });
+      if (loop_.stopWanted()) {
+         err_ << "srte agent: stopping: published tables left part way, nothing written\n"
+              << std::flush;
+         return false;
+      }
       bool found = false;
-      for (const PublishedMountReport& r : published_.mount()) {
+      for (const PublishedMountReport& r : reports) {
          found = found || (r.found && r.refused.empty());
          if (!r.refused.empty()) {
             err_ << "srte agent: refused published table " << r.table << ": " << r.refused
