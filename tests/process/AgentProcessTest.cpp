@@ -108,10 +108,10 @@ TEST_F(AgentProcessTest, StopsWithinASecondWhileTakingInALargeTable) {
    const std::string paths = std::to_string(mountedPaths);
    ASSERT_EQ(feed(r, {"--paths", paths}), 0);
    Process agent({"agent", "--router", r, "--srlb", "100000-899999"});
-   // Said before the input tables are mounted. Taking 300,000 records in is one step of about
-   // half a second on an idle machine (seconds under load or the sanitizers): it looks at the
-   // signal as it goes. An agent that finished it first took 0.95 s to stop here, idle.
-   ASSERT_TRUE(agent.waitFor("started")) << agent.err();
+   // Taking 300,000 records in is one step of about half a second on an idle machine (seconds
+   // under load or the sanitizers): it looks at the signal as it goes. An agent that finished it
+   // first took 0.95 s to stop here, idle.
+   ASSERT_TRUE(agent.waitFor("taking in policyInput-bgp, " + paths + " records")) << agent.err();
    const auto start = Clock::now();
    kill(agent.pid(), SIGTERM);
    EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
