@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <system_error>
 
@@ -35,6 +37,37 @@ constexpr size_t maxReplyBytes = size_t{1} << 31;
 std::string controlSocketPath(const std::string& router) {
    Vault::Shm::segmentPath(router, "sock"); // the same rule for names as the router's tables
    return "/dev/shm/srte-agent." + router + ".sock";
+}
+
+// ---- status
+
+std::string AgentProgress::text() const {
+   return "taken in " + std::to_string(recordsTakenIn) + " records, " + std::to_string(taskRuns) +
+          " task runs, " + std::to_string(tasksReady) + " tasks ready, " + std::to_string(paths) +
+          " paths held, core " + (coreIdle ? "idle" : "at work") + ", published tables " +
+          (publishedWritten ? "written" : "behind") + "\n";
+}
+
+std::optional<AgentProgress> AgentProgress::parse(const std::string& line) {
+   AgentProgress p;
+   char core[8] = {}, published[8] = {};
+   int end = 0;
+   // %n after the last word: a line cut short anywhere before it is refused.
+   if (std::sscanf(
+           line.c_str(),
+           "taken in %" SCNu64 " records, %" SCNu64 " task runs, %" SCNu64 " tasks ready, %" SCNu64
+           " paths held, core %7[a-z ], published tables %7[a-z]%n",
+           &p.recordsTakenIn, &p.taskRuns, &p.tasksReady, &p.paths, core, published, &end) != 6 ||
+       end == 0) {
+      return std::nullopt;
+   }
+   const std::string rest = line.substr(static_cast<size_t>(end));
+   if (rest != "" && rest != "\n") return std::nullopt;
+   const std::string c = core, w = published;
+   if ((c != "idle" && c != "at work") || (w != "written" && w != "behind")) return std::nullopt;
+   p.coreIdle = c == "idle";
+   p.publishedWritten = w == "written";
+   return p;
 }
 
 // ---- server

@@ -14,8 +14,10 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -77,6 +79,30 @@ class ControlServer {
    int listenFd_ = -1;
    Client next_ = 1;
    std::map<Client, Connection> connections_;
+};
+
+// What `status` tells, and `sync` once it is done: one line,
+//
+//    taken in R records, T task runs, K tasks ready, P paths held, core idle|at work,
+//    published tables written|behind
+//
+// "core idle": no task ready and no timer of the core pending. "published tables written": the
+// shared published tables hold what the core has now (no pass of their writer is under way or
+// due). A process waiting for the agent's outputs asks this rather than reading its error stream,
+// where a converged line comes at most once a second while the input keeps changing.
+struct AgentProgress {
+   uint64_t recordsTakenIn = 0; // from the shared tables since start, written or erased
+   uint64_t taskRuns = 0;
+   uint64_t tasksReady = 0;
+   uint64_t paths = 0; // in the input tables the agent holds
+   bool coreIdle = false;
+   bool publishedWritten = false;
+
+   // Every path held is worked through and what came of it is in shared memory.
+   bool converged() const noexcept { return coreIdle && publishedWritten; }
+   std::string text() const; // the line, with its newline
+   // Nothing for a line that is not one (an agent of an older version says less).
+   static std::optional<AgentProgress> parse(const std::string& line);
 };
 
 // No agent answers for the router (none runs, or it did not answer in time).

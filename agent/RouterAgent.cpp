@@ -478,9 +478,13 @@ class RouterAgent {
 
    std::string progress() const {
       const auto& s = host_.scheduler();
-      return "taken in " + std::to_string(recordsTakenIn()) + " records, " +
-             std::to_string(s.taskRunCount()) + " task runs, " +
-             std::to_string(s.readyTaskCount()) + " tasks ready\n";
+      return AgentProgress{.recordsTakenIn = recordsTakenIn(),
+                           .taskRuns = s.taskRunCount(),
+                           .tasksReady = s.readyTaskCount(),
+                           .paths = paths(),
+                           .coreIdle = coreQuiet(),
+                           .publishedWritten = !published_.syncWanted()}
+          .text();
    }
 
    void serve(ControlServer::Client c, const std::string& request) {

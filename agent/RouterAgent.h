@@ -7,7 +7,8 @@
 //
 //  - at most one agent per router: a lock file under the router's name is held while it runs;
 //  - its control socket (agent/ControlSocket.h), served by the same loop: `sync` takes in every
-//    change written before it and answers once no task is ready; `status` tells the progress;
+//    change written before it and answers once no task is ready; `status` tells the progress and
+//    whether the core is idle and the published tables written (AgentProgress);
 //    `show ...` and `json TABLE` run the agent's own tables; `hello`/`version` name it;
 //  - a table that does not exist yet is looked for again every `mountRetry`, and mounted when its
 //    writer has made it; a table whose segment was removed is dropped with its records, and one

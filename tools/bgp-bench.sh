@@ -1,15 +1,19 @@
 #!/bin/bash
 # Throughput of the BGP adapter and the agent behind it against a plain watcher of the same
 # speaker, in the same run: N policies injected at the controller, timed until the plain watcher
-# (bgp-watch) has seen them all, until the adapter's table holds them all, and until the agent
-# reports them converged. Then the adapter's resident memory per route, and its restart over the
+# (bgp-watch) has seen them all, until the adapter's table holds them all, and until the agent's
+# outputs are converged on them: all N paths held, its core idle and what it published written to
+# shared memory, as its control socket's `status` says when asked (agent-wait). The agent's own
+# converged line, which it prints at most once a second while input keeps coming, is shown beside
+# for comparison only. Then the adapter's resident memory per route, and its restart over the
 # full table (killed, started again: time to synchronised and records written). Run by hand:
 #
 #    tools/bgp-bench.sh BUILD_DIR [N]...     (default: 10000 100000)
 #
 # Each N gets a fresh speaker pair, on ports of its own (BGP 10279, APIs 50261 and 50262 unless
 # GOBGP_PAIR_* say otherwise), so that it can run beside the tests. Completion is polled every
-# 50 ms.
+# 50 ms, the agent's with one short request on one connection. Needs the targets srte, agent-wait,
+# bgp-inject, bgp-watch and bgp-table built.
 set -eu
 export GOBGP_PAIR_BGP_PORT=${GOBGP_PAIR_BGP_PORT:-10279}
 export GOBGP_PAIR_CONTROLLER_API=${GOBGP_PAIR_CONTROLLER_API:-50261}
@@ -47,17 +51,29 @@ if [ "${BGP_BENCH_INSIDE:-}" = 1 ]; then
    rss() { sed -n "s/^$1:[[:space:]]*\([0-9]*\) kB/\1/p" "/proc/$adapter/status"; }
    rss0=$(rss VmRSS) anon0=$(rss RssAnon) shm0=$(rss RssShmem)
    now() { date +%s.%N; }
+   # Before the start: it prints the time of the first status that says converged on N paths.
+   "$build/agent-wait" --router "$router" --paths "$n" --timeout 600 >"$work/agent-wait" &
+   waiter=$!
+   pids+=("$waiter")
    t0=$(now)
    "$build/bgp-inject" --gobgp "$GOBGP_CONTROLLER" "$work/policies"
    t_inject=$(now)
-   t_watch= t_adapter= t_agent=
-   while [ -z "$t_watch" ] || [ -z "$t_adapter" ] || [ -z "$t_agent" ]; do
+   t_watch= t_adapter= t_agent= t_line=
+   while [ -z "$t_watch" ] || [ -z "$t_adapter" ] || [ -z "$t_agent" ] || [ -z "$t_line" ]; do
       [ -z "$t_watch" ] && ! kill -0 "$watcher" 2>/dev/null && t_watch=$(now)
       if [ -z "$t_adapter" ] && [ "$("$build/bgp-table" --router "$router" --status |
          sed -n 's/^recordsHeld //p')" = "$n" ]; then
          t_adapter=$(now)
       fi
-      [ -z "$t_agent" ] && grep -q "converged: $n paths" "$work/agent.log" && t_agent=$(now)
+      if [ -z "$t_agent" ] && ! kill -0 "$waiter" 2>/dev/null; then
+         if ! wait "$waiter"; then
+            echo "N=$n: the agent did not converge; its log:" >&2
+            cat "$work/agent.log" >&2
+            exit 1
+         fi
+         t_agent=$(head -n 1 "$work/agent-wait")
+      fi
+      [ -z "$t_line" ] && grep -q "converged: $n paths" "$work/agent.log" && t_line=$(now)
       sleep 0.05
    done
    rate() { awk -v n="$n" -v t="$1" -v t0="$t0" 'BEGIN { printf "%.0f", n / (t - t0) }'; }
@@ -65,7 +81,8 @@ if [ "${BGP_BENCH_INSIDE:-}" = 1 ]; then
    echo "N=$n injected in $(secs "$t_inject") s;" \
       "plain watcher $(secs "$t_watch") s ($(rate "$t_watch")/s);" \
       "adapter table $(secs "$t_adapter") s ($(rate "$t_adapter")/s);" \
-      "agent converged $(secs "$t_agent") s ($(rate "$t_agent")/s)"
+      "agent converged $(secs "$t_agent") s ($(rate "$t_agent")/s);" \
+      "its converged line $(secs "$t_line") s"
    echo "N=$n adapter RSS +$(($(rss VmRSS) - rss0)) kB" \
       "(anonymous +$(($(rss RssAnon) - anon0)) kB, shared table pages +$(($(rss RssShmem) - shm0)) kB):" \
       "$(((($(rss VmRSS) - rss0) * 1024) / n)) B/route," \

@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <regex>
 #include <set>
@@ -434,6 +435,65 @@ TEST_F(AgentProcessTest, ARestartCountsWhatItsStartWroteToTheSharedTables) {
    EXPECT_EQ(erased, std::stoull(m[2])) << text << err;
    kill(agent.pid(), SIGTERM);
    EXPECT_EQ(agent.exitStatus(5s), 0);
+}
+
+// `status` says converged (the paths held, the core idle, the published tables written) only once
+// the outputs are final: read at that moment, the published tables hold every candidate, and
+// nothing in them changes afterwards. A table taken in whole at mount, then changes to it (500
+// paths more, 100 withdrawn). What a benchmark asks instead of the converged line, which comes at
+// most once a second.
+constexpr uint32_t statusPaths = TestSupport::sizeFor(20000, 5000);
+TEST_F(AgentProcessTest, StatusSaysConvergedOnlyOnceThePublishedTablesAreFinal) {
+   const std::string r = router("status");
+   Process agent({"agent", "--router", r, "--srlb", "100000-899999", "--resolve", "16000-19999"});
+   ASSERT_TRUE(agent.waitFor("converged: 0 paths")) << agent.err();
+   Agent::ControlClient client(r, 10s);
+   // Asks every millisecond until `paths` are held and converged; the answers on the way that
+   // held them all but were not converged yet.
+   auto waitConverged = [&](uint64_t paths) {
+      size_t working = 0;
+      for (const auto end = Clock::now() + 60s; Clock::now() < end;) {
+         const std::string line = client.ask("status");
+         const std::optional<Agent::AgentProgress> p = Agent::AgentProgress::parse(line);
+         if (!p) {
+            ADD_FAILURE() << "not a status: " << line;
+            return working;
+         }
+         if (p->paths == paths && p->converged()) return working;
+         if (p->paths == paths) ++working;
+         std::this_thread::sleep_for(1ms);
+      }
+      ADD_FAILURE() << "not converged on " << paths << " paths: " << agent.err();
+      return working;
+   };
+   auto finalAt = [&](uint64_t paths) {
+      const Meaning now = publishedMeaning(r);
+      SrTePolicy::PublishedTables tables;
+      Agent::PublishedReader reader(r, tables);
+      reader.drain();
+      EXPECT_EQ(tables.policySelectionInput->policyIdEntry().size(), paths);
+      PublishedWatch watch(r);
+      std::this_thread::sleep_for(1500ms);
+      EXPECT_EQ(watch.changedKeys(), 0u) << "the published tables changed after converged";
+      EXPECT_TRUE(publishedMeaning(r) == now) << "the published tables changed after converged";
+   };
+
+   const auto idle = Agent::AgentProgress::parse(client.ask("status"));
+   ASSERT_TRUE(idle);
+   EXPECT_EQ(idle->paths, 0u);
+   EXPECT_TRUE(idle->converged());
+
+   ASSERT_EQ(feed(r, {"--paths", std::to_string(statusPaths)}), 0);
+   EXPECT_GT(waitConverged(statusPaths), 0u) << "the core's work was never seen under way";
+   finalAt(statusPaths);
+
+   ASSERT_EQ(feed(r, {"--paths", "500", "--first", std::to_string(statusPaths)}), 0);
+   ASSERT_EQ(feed(r, {"--paths", "100", "--erase"}), 0);
+   waitConverged(statusPaths + 400);
+   finalAt(statusPaths + 400);
+
+   kill(agent.pid(), SIGTERM);
+   EXPECT_EQ(agent.exitStatus(2s), 0) << agent.err();
 }
 
 TEST_F(AgentProcessTest, ACorruptPublishedTableIsRefusedAndTheAgentStartsAsOnAnEmptyOne) {
