@@ -268,8 +268,19 @@ void ControlClient::send(const std::string& request) {
       const ssize_t n = ::send(fd_, line.data() + done, line.size() - done, MSG_NOSIGNAL);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) {
+         const int e = errno;
+         // An agent that turned the connection away said why before it closed it (too many
+         // connections): that line, when it came, is the answer.
+         char buf[512];
+         for (ssize_t got; (got = ::recv(fd_, buf, sizeof buf, MSG_DONTWAIT)) > 0;) {
+            in_.append(buf, static_cast<size_t>(got));
+         }
+         std::string body;
+         if (in_.rfind("error ", 0) == 0 && in_.find('\n') != std::string::npos) {
+            await(Duration(0), body); // throws AgentRefused
+         }
          throw AgentUnreachable("the agent of router " + router_ +
-                                " went away: " + std::strerror(errno));
+                                " went away: " + std::strerror(e));
       }
       done += static_cast<size_t>(n);
    }
