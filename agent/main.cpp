@@ -8,8 +8,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/Feed.h"
@@ -133,6 +135,27 @@ int runInteractive(Agent::Host& host, bool echo) {
    return Agent::runScript(host, lines, std::cerr, options);
 }
 
+// A count or number of at most 9 digits, digits only.
+bool smallNumber(const std::string& text, uint32_t& out) {
+   if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
+      return false;
+   }
+   out = static_cast<uint32_t>(std::stoul(text));
+   return true;
+}
+
+// FIRST-LAST: a span of labels from 16 (below are reserved) to the largest label.
+std::optional<std::pair<uint32_t, uint32_t>> labelSpan(const std::string& text) {
+   const size_t dash = text.find('-');
+   uint32_t first = 0, last = 0;
+   if (dash == text.npos || !smallNumber(text.substr(0, dash), first) ||
+       !smallNumber(text.substr(dash + 1), last) || first < 16 || last < first ||
+       last > Ipkit::MplsLabel::maxLabel) {
+      return std::nullopt;
+   }
+   return std::make_pair(first, last);
+}
+
 #ifdef SRTE_HAVE_BGP
 int runBgp(int argc, char** argv) {
    SrTeBgp::AdapterOptions options;
@@ -161,11 +184,11 @@ int runBgp(int argc, char** argv) {
       } else if (arg == "--stale-hold") {
          if (!seconds(value, options.staleHold)) return usage("--stale-hold takes seconds");
       } else if (arg == "--capacity") {
-         if (value.empty() || value.size() > 9 ||
-             value.find_first_not_of("0123456789") != value.npos || std::stoul(value) == 0) {
+         uint32_t capacity = 0;
+         if (!smallNumber(value, capacity) || capacity == 0) {
             return usage("--capacity takes a count of records below 10^9");
          }
-         options.capacity = std::stoul(value);
+         options.capacity = capacity;
       } else {
          return usage("unknown option '" + Agent::printable(arg) + "'");
       }
@@ -184,13 +207,6 @@ int runCommand(const std::string& command, int argc, char** argv) {
       std::cerr << "srte " << command << ": " << why << "; try 'srte --help'\n";
       return Agent::exitCannotRun;
    };
-   auto number = [](const std::string& text, uint32_t& out) {
-      if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != text.npos) {
-         return false;
-      }
-      out = static_cast<uint32_t>(std::stoul(text));
-      return true;
-   };
    for (int i = 2; i < argc; ++i) {
       const std::string arg = argv[i];
       if (command == "feed" && arg == "--erase") {
@@ -205,24 +221,10 @@ int runCommand(const std::string& command, int argc, char** argv) {
       const std::string value = argv[++i];
       if (arg == "--router") {
          agent.router = feed.router = value;
-      } else if (command == "agent" && arg == "--srlb") {
-         const size_t dash = value.find('-');
-         uint32_t first = 0, last = 0;
-         if (dash == value.npos || !number(value.substr(0, dash), first) ||
-             !number(value.substr(dash + 1), last) || first < 16 || last < first ||
-             last > Ipkit::MplsLabel::maxLabel) {
-            return usage("--srlb takes FIRST-LAST, labels from 16 to 1048575");
-         }
-         agent.srlb = std::make_pair(first, last);
-      } else if (command == "agent" && arg == "--resolve") {
-         const size_t dash = value.find('-');
-         uint32_t first = 0, last = 0;
-         if (dash == value.npos || !number(value.substr(0, dash), first) ||
-             !number(value.substr(dash + 1), last) || first < 16 || last < first ||
-             last > Ipkit::MplsLabel::maxLabel) {
-            return usage("--resolve takes FIRST-LAST, labels from 16 to 1048575");
-         }
-         agent.resolvedLabels = std::make_pair(first, last);
+      } else if (command == "agent" && (arg == "--srlb" || arg == "--resolve")) {
+         const auto span = labelSpan(value);
+         if (!span) return usage(arg + " takes FIRST-LAST, labels from 16 to 1048575");
+         (arg == "--srlb" ? agent.srlb : agent.resolvedLabels) = span;
       } else if (command == "feed" && arg == "--protocol") {
          auto p = SrTePolicy::sequenceToValue(value);
          if (!p || (*p != SrTePolicy::Protocol::bgp && *p != SrTePolicy::Protocol::staticConfig)) {
@@ -230,13 +232,13 @@ int runCommand(const std::string& command, int argc, char** argv) {
          }
          feed.protocol = *p;
       } else if (command == "feed" && arg == "--paths") {
-         if (!number(value, feed.paths)) return usage("--paths takes a count below 10^9");
+         if (!smallNumber(value, feed.paths)) return usage("--paths takes a count below 10^9");
          havePaths = true;
       } else if (command == "feed" && arg == "--first") {
-         if (!number(value, feed.first)) return usage("--first takes a number below 10^9");
+         if (!smallNumber(value, feed.first)) return usage("--first takes a number below 10^9");
       } else if (command == "feed" && arg == "--seed") {
          uint32_t seed = 0;
-         if (!number(value, seed)) return usage("--seed takes a number below 10^9");
+         if (!smallNumber(value, seed)) return usage("--seed takes a number below 10^9");
          feed.seed = seed;
       } else {
          return usage("unknown option '" + Agent::printable(arg) + "'");

@@ -88,6 +88,24 @@ if(NOT rc EQUAL 0 OR NOT out MATCHES "\"base\": 15000"
   set(failures "${failures}\ninteractive after error: exit ${rc}, stdout [${out}], stderr [${err}]")
 endif()
 
+# The processes' options: a value out of its range is refused with what it takes, before anything
+# is opened (no router is made).
+expect(agent-srlb-order 2 "^$" "^srte agent: --srlb takes FIRST-LAST, labels from 16 to 1048575"
+       ${SRTE} agent --router cli-none --srlb 900-800)
+expect(agent-resolve-reserved 2 "^$" "^srte agent: --resolve takes FIRST-LAST, labels from 16 to"
+       ${SRTE} agent --router cli-none --resolve 15-20)
+expect(agent-srlb-beyond 2 "^$" "^srte agent: --srlb takes FIRST-LAST" ${SRTE} agent --router
+       cli-none --srlb 16-1048576)
+expect(agent-no-value 2 "^$" "^srte agent: '--srlb' needs a value" ${SRTE} agent --router cli-none
+       --srlb)
+expect(feed-paths 2 "^$" "^srte feed: --paths takes a count below 10\\^9" ${SRTE} feed --router
+       cli-none --paths 1000000000)
+expect(feed-no-paths 2 "^$" "^srte feed: --paths N is required" ${SRTE} feed --router cli-none)
+if(EXISTS /dev/shm/srte.cli-none.policyInput-bgp OR EXISTS /dev/shm/srte-agent.cli-none.lock)
+  set(failures "${failures}
+refused options: a table or lock of router cli-none was made")
+endif()
+
 if(failures)
   message(FATAL_ERROR "srte input handling:${failures}")
 endif()
