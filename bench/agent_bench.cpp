@@ -34,6 +34,7 @@
 #include "core/SrTePolicyMachines.h"
 #include "core/SrTePolicyRestartWatch.h"
 #include "platform/VaultShm.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/PublishedWatch.h"
 
 using namespace SrTePolicy;
@@ -60,69 +61,7 @@ size_t statusBytes(pid_t pid, const std::string& field) {
    return 0;
 }
 
-// The srte program, its standard error read through a pipe.
-class Srte {
- public:
-   explicit Srte(std::vector<std::string> args) {
-      int err[2];
-      if (pipe2(err, O_CLOEXEC) != 0) std::abort();
-      std::vector<char*> argv{const_cast<char*>("srte")};
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      pid_ = fork();
-      if (pid_ == 0) {
-         dup2(err[1], STDERR_FILENO);
-         execv(SRTE_PROGRAM, argv.data());
-         _exit(127);
-      }
-      close(err[1]);
-      fd_ = err[0];
-   }
-   ~Srte() {
-      if (!exited_) {
-         kill(pid_, SIGKILL);
-         waitpid(pid_, nullptr, 0);
-      }
-      close(fd_);
-   }
-   pid_t pid() const { return pid_; }
-   // The line holding `text`, empty after `limit`.
-   std::string waitFor(const std::string& text, double limit = 600) {
-      const auto end = Clock::now() + std::chrono::duration<double>(limit);
-      for (;;) {
-         const size_t at = err_.find(text, seen_);
-         const size_t eol = at == std::string::npos ? at : err_.find('\n', at);
-         if (eol != std::string::npos) {
-            const size_t bol = err_.rfind('\n', at);
-            seen_ = eol;
-            return err_.substr(bol == std::string::npos ? 0 : bol + 1, eol - bol - 1);
-         }
-         const int left = static_cast<int>(
-             std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count());
-         pollfd p{fd_, POLLIN, 0};
-         if (left <= 0 || poll(&p, 1, left) <= 0) return {};
-         char buf[4096];
-         const ssize_t n = read(fd_, buf, sizeof buf);
-         if (n <= 0) return {};
-         err_.append(buf, static_cast<size_t>(n));
-      }
-   }
-   int stop(int signal) {
-      kill(pid_, signal);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      exited_ = true;
-      return status;
-   }
-   const std::string& err() const { return err_; }
-
- private:
-   pid_t pid_ = -1;
-   int fd_ = -1;
-   bool exited_ = false;
-   std::string err_;
-   size_t seen_ = 0;
-};
+using Srte = TestSupport::ChildProcess;
 
 double numberBefore(const std::string& line, const std::string& what) {
    const size_t at = line.find(what);
@@ -216,8 +155,10 @@ int main(int argc, char** argv) {
    const auto f0 = Clock::now();
    {
       Srte feed({"feed", "--router", router, "--paths", n});
-      feed.waitFor("never", 3600);
-      feed.stop(0);
+      if (feed.exitStatus(std::chrono::hours(1)) != 0) {
+         std::fprintf(stderr, "the feeder failed: %s\n", feed.err().c_str());
+         return 1;
+      }
    }
    std::printf("shared: feed written       %.3f s\n", since(f0));
    const std::vector<std::string> agentArgs{"agent",         "--router",  router,       "--srlb",
@@ -225,7 +166,8 @@ int main(int argc, char** argv) {
    double cold = 0;
    {
       Srte agent(agentArgs);
-      const std::string line = agent.waitFor("converged: " + n + " paths");
+      const std::string line =
+          agent.lineWith("converged: " + n + " paths", std::chrono::minutes(10));
       if (line.empty()) {
          std::fprintf(stderr, "the agent did not converge: %s\n", agent.err().c_str());
          return 1;
@@ -239,17 +181,20 @@ int main(int argc, char** argv) {
       std::printf("shared: agent memory       %.0f bytes per path own, %.0f in shared tables "
                   "it maps\n",
                   static_cast<double>(anon) / paths, static_cast<double>(shmem) / paths);
-      agent.stop(SIGKILL);
+      kill(agent.pid(), SIGKILL);
+      agent.exitStatus(std::chrono::seconds(30));
    }
    {
       PublishedWatch watch(router);
       Srte agent(agentArgs);
-      const std::string line = agent.waitFor("converged: " + n + " paths");
+      const std::string line =
+          agent.lineWith("converged: " + n + " paths", std::chrono::minutes(10));
       const double restart = numberBefore(line, "s after start");
       std::printf("shared: restart (SIGKILL)  %.3f s, %.2f of the cold start; %.0f records "
                   "written, %zu keys told changed\n",
                   restart, restart / cold, numberBefore(line, "written,"), watch.changedKeys());
-      agent.stop(SIGTERM);
+      kill(agent.pid(), SIGTERM);
+      agent.exitStatus(std::chrono::seconds(30));
    }
    Vault::Shm::removeRouter(router);
    return 0;
