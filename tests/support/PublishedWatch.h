@@ -3,9 +3,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "agent/PublishedRecords.h"
@@ -38,5 +42,23 @@ class PublishedWatch {
  private:
    std::vector<std::function<size_t()>> drains_;
 };
+
+// Per published table of `router`: its record count and a sum of its records' hashes, the same
+// whatever the order. Cheap where comparing by meaning costs seconds (millions of records); two
+// reads agree when every record is there, byte for byte, and no other is.
+inline std::map<std::string, std::pair<size_t, uint64_t>>
+publishedDigest(const std::string& router) {
+   std::map<std::string, std::pair<size_t, uint64_t>> digest;
+   Agent::Published::forEachCodec([&]<class C>(C) {
+      Vault::Shm::Reader<typename C::Key, typename C::Record> reader(router, C::table);
+      auto& [records, sum] = digest[C::table];
+      reader.forEach([&](const typename C::Record& r) {
+         ++records;
+         sum += std::hash<std::string_view>{}(
+             std::string_view(reinterpret_cast<const char*>(&r), sizeof r));
+      });
+   });
+   return digest;
+}
 
 } // namespace TestSupport
