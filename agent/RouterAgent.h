@@ -66,14 +66,16 @@ class AgentLock {
 };
 
 // Ends the process at a stop signal (SIGTERM, SIGINT) while it lives, from the handler: removes
-// `files`, says "srte agent: router R stopped by signal N (NAME), while starting" on the error
-// stream and exits 0. For a step that cannot be cut short and writes nothing another process
-// reads: the core's start changes the agent's own memory only (about 3 s over a million adopted
-// paths). Made while the loop holds the signals blocked: one that came meanwhile ends the process
-// as this begins, one that comes after it ends waits for the loop again.
+// `files`, says "srte agent: router R stopped by signal N (NAME), <during>" on the error stream and
+// exits 0. For a step that cannot be cut short and writes nothing another process reads: the
+// core's start changes the agent's own memory only (about 3 s over a million adopted paths), a
+// `show` of a large table only formats text. Made while the loop holds the signals blocked: one
+// that came meanwhile ends the process as this begins, one that comes after it ends waits for
+// the loop again.
 class EndAtStopSignal {
  public:
-   EndAtStopSignal(const std::string& router, std::vector<std::string> files);
+   EndAtStopSignal(const std::string& router, std::vector<std::string> files,
+                   const std::string& during);
    ~EndAtStopSignal();
    EndAtStopSignal(const EndAtStopSignal&) = delete;
    EndAtStopSignal& operator=(const EndAtStopSignal&) = delete;

@@ -44,7 +44,7 @@ TEST_F(EndAtStopSignalTest, ASignalThatCameBeforeTheStartEndsTheProcessAsItBegin
        {
           blockStopSignals();
           raise(SIGTERM); // pending
-          Agent::EndAtStopSignal ending("r1", files_);
+          Agent::EndAtStopSignal ending("r1", files_, "while starting");
           std::_Exit(3); // not reached
        },
        ::testing::ExitedWithCode(0),
@@ -56,12 +56,12 @@ TEST_F(EndAtStopSignalTest, ASignalDuringTheStartEndsItThere) {
    EXPECT_EXIT(
        {
           blockStopSignals();
-          Agent::EndAtStopSignal ending("r2", files_);
+          Agent::EndAtStopSignal ending("r2", files_, "while answering 'show lfib'");
           kill(getpid(), SIGINT);
           std::_Exit(3); // not reached
        },
        ::testing::ExitedWithCode(0),
-       "srte agent: router r2 stopped by signal 2 \\(Interrupt\\), while starting");
+       "srte agent: router r2 stopped by signal 2 \\(Interrupt\\), while answering 'show lfib'");
    for (const std::string& f : files_) EXPECT_FALSE(exists(f)) << f;
 }
 
@@ -69,7 +69,7 @@ TEST_F(EndAtStopSignalTest, ASignalAfterTheStartWaitsForTheLoopAndTheFilesStay) 
    EXPECT_EXIT(
        {
           blockStopSignals();
-          { Agent::EndAtStopSignal ending("r3", files_); }
+          { Agent::EndAtStopSignal ending("r3", files_, "while starting"); }
           raise(SIGTERM);
           sigset_t pending;
           sigpending(&pending);
