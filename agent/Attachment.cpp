@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
 #include <unordered_set>
 #include <vector>
 
@@ -301,6 +304,13 @@ void Attachment::sync(const char* verb) {
             if (!status) status = std::make_unique<ControlClient>(router_);
             std::string now = status->ask("status");
             while (!now.empty() && now.back() == '\n') now.pop_back();
+            // One line that a terminal does not wrap, so that the next one replaces it.
+            if (const std::optional<AgentProgress> p = AgentProgress::parse(now)) {
+               now = std::to_string(p->recordsTakenIn) + " records taken in, " +
+                     std::to_string(p->tasksReady) + " tasks ready, core " +
+                     (p->coreIdle ? "idle" : "at work") + ", published tables " +
+                     (p->publishedWritten ? "written" : "behind");
+            }
             std::cerr << "\r\033[Kwaiting for the agent: " << now << std::flush;
             shown = true;
          }
