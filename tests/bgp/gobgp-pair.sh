@@ -81,7 +81,10 @@ global() {
   local-address-list = ["$4"]
 EOF
 }
-# neighbor FILE LOCAL PEER PEER_AS [CLUSTER_ID]: with a cluster id, the peer is a reflector client.
+# neighbor FILE LOCAL PEER PEER_AS [CLUSTER_ID [passive]]: with a cluster id, the peer is a
+# reflector client; passive, this side waits for the peer to connect. One side of each session
+# is passive: when both connect at once, each may close the connection it accepted, again and
+# again (a session between reflector and controller once stayed down for a minute so).
 neighbor() {
    cat >>"$1" <<EOF
 
@@ -96,6 +99,7 @@ neighbor() {
   [neighbors.transport.config]
     local-address = "$2"
     remote-port = $bgp_port
+    passive-mode = $([ "${6:-}" = passive ] && echo true || echo false)
   [[neighbors.afi-safis]]
     [neighbors.afi-safis.config]
       afi-safi-name = "ipv4-srpolicy"
@@ -103,7 +107,7 @@ neighbor() {
     [neighbors.afi-safis.config]
       afi-safi-name = "ipv6-srpolicy"
 EOF
-   if [ -n "${5:-}" ]; then
+   if [ -n "${5:-}" ] && [ "$5" != - ]; then
       cat >>"$1" <<EOF
   [neighbors.route-reflector.config]
     route-reflector-client = true
@@ -132,15 +136,15 @@ if [ "$reflector" = 1 ]; then
    global "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1
    neighbor "$dir/controller.toml" 127.0.0.1 127.0.0.3 65000
    global "$dir/reflector.toml" 65000 192.0.2.3 127.0.0.3
-   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.1 65000 192.0.2.3
-   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.2 65000 192.0.2.3
+   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.1 65000 192.0.2.3 passive
+   neighbor "$dir/reflector.toml" 127.0.0.3 127.0.0.2 65000 192.0.2.3 passive
    global "$dir/router.toml" 65000 192.0.2.2 127.0.0.2
    neighbor "$dir/router.toml" 127.0.0.2 127.0.0.3 65000
    start reflector "$reflector_api"
    sessions=("$router_api 127.0.0.3" "$reflector_api 127.0.0.1")
 else
    global "$dir/controller.toml" 65000 192.0.2.1 127.0.0.1
-   neighbor "$dir/controller.toml" 127.0.0.1 127.0.0.2 65001
+   neighbor "$dir/controller.toml" 127.0.0.1 127.0.0.2 65001 - passive
    global "$dir/router.toml" 65001 192.0.2.2 127.0.0.2
    neighbor "$dir/router.toml" 127.0.0.2 127.0.0.1 65000
    sessions=("$router_api 127.0.0.1")
