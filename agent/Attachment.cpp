@@ -306,10 +306,7 @@ void Attachment::sync(const char* verb) {
             while (!now.empty() && now.back() == '\n') now.pop_back();
             // One line that a terminal does not wrap, so that the next one replaces it.
             if (const std::optional<AgentProgress> p = AgentProgress::parse(now)) {
-               now = std::to_string(p->recordsTakenIn) + " records taken in, " +
-                     std::to_string(p->tasksReady) + " tasks ready, core " +
-                     (p->coreIdle ? "idle" : "at work") + ", published tables " +
-                     (p->publishedWritten ? "written" : "behind");
+               now = p->summary();
             }
             std::cerr << "\r\033[Kwaiting for the agent: " << now << std::flush;
             shown = true;

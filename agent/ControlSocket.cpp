@@ -41,11 +41,24 @@ std::string controlSocketPath(const std::string& router) {
 
 // ---- status
 
+namespace {
+
+std::string states(const AgentProgress& p) {
+   return std::string("core ") + (p.coreIdle ? "idle" : "at work") + ", published tables " +
+          (p.publishedWritten ? "written" : "behind");
+}
+
+} // namespace
+
 std::string AgentProgress::text() const {
    return "taken in " + std::to_string(recordsTakenIn) + " records, " + std::to_string(taskRuns) +
           " task runs, " + std::to_string(tasksReady) + " tasks ready, " + std::to_string(paths) +
-          " paths held, core " + (coreIdle ? "idle" : "at work") + ", published tables " +
-          (publishedWritten ? "written" : "behind") + "\n";
+          " paths held, " + states(*this) + "\n";
+}
+
+std::string AgentProgress::summary() const {
+   return std::to_string(recordsTakenIn) + " records taken in, " + std::to_string(tasksReady) +
+          " tasks ready, " + states(*this);
 }
 
 std::optional<AgentProgress> AgentProgress::parse(const std::string& line) {

@@ -101,6 +101,9 @@ struct AgentProgress {
    // Every path held is worked through and what came of it is in shared memory.
    bool converged() const noexcept { return coreIdle && publishedWritten; }
    std::string text() const; // the line, with its newline
+   // What a waiting terminal shows: the records, the work ready and the two states, short enough
+   // not to wrap.
+   std::string summary() const;
    // Nothing for a line that is not one (an agent of an older version says less).
    static std::optional<AgentProgress> parse(const std::string& line);
 };
