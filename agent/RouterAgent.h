@@ -71,7 +71,7 @@ class AgentLock {
 // core's start changes the agent's own memory only (about 3 s over a million adopted paths), a
 // `show` of a large table only formats text. Made while the loop holds the signals blocked: one
 // that came meanwhile ends the process as this begins, one that comes after it ends waits for
-// the loop again.
+// the loop again. One lives at a time: the handler reads the newest.
 class EndAtStopSignal {
  public:
    EndAtStopSignal(const std::string& router, std::vector<std::string> files,
